@@ -1,0 +1,216 @@
+/**
+ * The admin client library of the session server: records, operations, release requests, trace callback.
+ *
+ * Valid C11 and C++. Rules that hold for every declaration below:
+ *
+ *  1. A context and a handle are opaque. A context is made for the locations of one server instance; handles are
+ *     made from it and released before it is shut down. After olm_dsess_admin_shutdown a new context can be made.
+ *  2. A status of 0 is success. Any other value is an identifier of the utility's message catalogue that says what
+ *     went wrong and what to do; its low byte is never 0, so it is a failing exit status too.
+ *  3. No operation ends the process or throws. A null handle, context or required argument is answered with a status.
+ *  4. Text is NUL-terminated UTF-8. What comes from a server is passed on as it came: whoever shows it makes it
+ *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC.
+ *  5. What the caller passes in stays the caller's and is only read. The URL list and the SSL settings given to
+ *     olm_dsess_admin_initialize must stay valid until the context is shut down.
+ *  6. Out-parameters are filled only on success. What they then point to is the library's until it is handed back
+ *     with olm_dsess_admin_free, once, by nothing else.
+ *  7. Calls are made from one thread, one at a time. The trace function is called from inside them, on that thread.
+ *  8. A request that only reads may be sent to several locations in turn. One that changes something is sent on only
+ *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that.
+ */
+#ifndef OLM_DSESS_ADMIN_H
+#define OLM_DSESS_ADMIN_H
+
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define OLM_DSESS_ADMIN_API __attribute__((visibility("default")))
+#define OLM_DSESS_ADMIN_PRINTF(formatIndex, firstArgument) __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define OLM_DSESS_ADMIN_API
+#define OLM_DSESS_ADMIN_PRINTF(formatIndex, firstArgument)
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** A counted list of strings. `values` is null when `count` is 0. */
+typedef struct olm_dsess_admin_mv_string_t {
+    int32_t count;
+    char** values;
+} olm_dsess_admin_mv_string_t;
+
+/** How connections are secured. All zero and null: plain HTTP URLs, nothing to check. */
+typedef struct olm_dsess_admin_ssl_info_t {
+    /** Distinguished names, one of which the server's certificate must bear; empty: its host name is checked. */
+    olm_dsess_admin_mv_string_t server_dns;
+    /** Path of a PKCS#12 or PEM file with the client's identity and the trusted CA certificates. */
+    char* keyfile;
+    /** Path of the file whose first line is the key file's password. */
+    char* keyfile_stash;
+    /** Friendly name of the identity (PKCS#12) or its common name (PEM); null: the only identity there is. */
+    char* keyfile_label;
+    /** 1: only FIPS-approved cryptography, or nothing is sent. */
+    int32_t fips_enabled;
+} olm_dsess_admin_ssl_info_t;
+
+/** Who asks. Sent with every server operation; any field may be null. */
+typedef struct olm_dsess_admin_sec_info_t {
+    const char* user_name;
+    const char* reserved;
+    /** Made anew by the caller at each login; equal for all requests of one login. */
+    const char* login_id;
+    const char* password;
+} olm_dsess_admin_sec_info_t;
+
+/** A realm and the names of its replica sets, in the server's order. */
+typedef struct olm_dsess_admin_realm_t {
+    char* name;
+    int32_t replica_set_count;
+    char** replica_set_names;
+} olm_dsess_admin_realm_t;
+
+/** The cluster's key. The record lies in the caller's storage; the text does not. */
+typedef struct olm_dsess_admin_cluster_t {
+    char* key_label;
+    /** When the current key was made. */
+    int32_t key_time;
+    /** When the key before it was made; 0: there is none. */
+    int32_t second_time;
+} olm_dsess_admin_cluster_t;
+
+/** A member of a replica set and when the server last heard from it. */
+typedef struct olm_dsess_admin_replica_set_record_t {
+    char* name;
+    int32_t time;
+} olm_dsess_admin_replica_set_record_t;
+
+/** Selects sessions of one realm by one value of one selector. */
+typedef struct olm_dsess_admin_session_query_t {
+    const char* realm;
+    /** The two catalogue texts that name the selector: by user or by session. */
+    const char* selector_text1;
+    const char* selector_text2;
+    /** One value: a user name (in a listing a pattern, with * and ?) or a session identifier. */
+    olm_dsess_admin_mv_string_t value_list;
+    int32_t reserved1;
+    int32_t reserved2;
+} olm_dsess_admin_session_query_t;
+
+/** One session. */
+typedef struct olm_dsess_admin_session_t {
+    /** The session's identifier, as the session selector takes it. */
+    char* first_text;
+    /** The user's name. */
+    char* second_text;
+    /** When the session was created or last refreshed. */
+    int32_t time;
+} olm_dsess_admin_session_t;
+
+/** What olm_dsess_admin_free releases. */
+enum {
+    /** The realm array of olm_dsess_admin_get_cluster_info. */
+    OLM_DSESS_ADMIN_FREE_REALMS = 2,
+    /** The array of olm_dsess_admin_get_replica_set_info. */
+    OLM_DSESS_ADMIN_FREE_REPLICA_SET = 3,
+    /** The array of olm_dsess_admin_list_sessions. */
+    OLM_DSESS_ADMIN_FREE_SESSIONS = 4,
+    /** What a cluster record points to. */
+    OLM_DSESS_ADMIN_FREE_CLUSTER = 5
+};
+
+/** A release request. */
+typedef struct olm_dsess_admin_free_info_t {
+    /** One of OLM_DSESS_ADMIN_FREE_*. */
+    int32_t kind;
+    /** The count that the fetching operation gave; 1 for a cluster record. */
+    int32_t count;
+    /** The address given as out-parameter: of the array pointer, or of the cluster record. */
+    void* result;
+} olm_dsess_admin_free_info_t;
+
+/**
+ * Takes one diagnostic message of the library, printf-like. Levels: 0, what an administrator must see at once; 1,
+ * each location tried and why it failed; 3 and up, requests and answers, without passwords.
+ */
+typedef void (*olm_dsess_admin_trace_fn)(int32_t level, const char* format, ...) OLM_DSESS_ADMIN_PRINTF(2, 3);
+
+/** The utility's own trace function, exported by it under this name and passed to olm_dsess_admin_initialize. */
+OLM_DSESS_ADMIN_API void olmdsess_admin_client_trace(int32_t level, const char* format, ...)
+    OLM_DSESS_ADMIN_PRINTF(2, 3);
+
+/**
+ * Makes a context: checks the arguments and loads the key file. No server needs to be up.
+ *
+ * timeout: seconds, 0 or more; bounds getting a connection (over all locations together) and silence afterwards,
+ *   not a long answer that keeps flowing. 0: the library's default, 30 seconds.
+ * server_urls: one URL per location, tried in order; the one that last answered is tried first.
+ * ssl_info: required, also for plain HTTP.
+ * trace: may be null.
+ * context: receives the context, null on failure.
+ */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_initialize(int32_t timeout, const olm_dsess_admin_mv_string_t* server_urls,
+                                                        const olm_dsess_admin_ssl_info_t* ssl_info,
+                                                        olm_dsess_admin_trace_fn trace, void** context);
+
+/** Makes a handle from a context. The handle is null on failure. */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_create_handle(void* context, void** handle);
+
+/** Releases a handle and sets it to null. Null arguments are accepted. */
+OLM_DSESS_ADMIN_API void olm_dsess_admin_release_handle(void* context, void** handle);
+
+/** Shuts a context down, with every handle still made from it, and sets it to null. Null is accepted. */
+OLM_DSESS_ADMIN_API void olm_dsess_admin_shutdown(void** context);
+
+/** Fetches the realms (release: OLM_DSESS_ADMIN_FREE_REALMS) and the key (OLM_DSESS_ADMIN_FREE_CLUSTER). */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                              int32_t* realm_count, olm_dsess_admin_realm_t** realms,
+                                                              olm_dsess_admin_cluster_t* cluster);
+
+/** Fetches the members of a replica set (release: OLM_DSESS_ADMIN_FREE_REPLICA_SET unless the array is null). */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_get_replica_set_info(void* handle,
+                                                                  const olm_dsess_admin_sec_info_t* sec_info,
+                                                                  const char* replica_set_name, int32_t* count,
+                                                                  olm_dsess_admin_replica_set_record_t** records);
+
+/** Changes the cluster's key and gives the state afterwards (release: OLM_DSESS_ADMIN_FREE_CLUSTER). */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_generate_new_key(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                              olm_dsess_admin_cluster_t* cluster);
+
+/**
+ * Lists sessions (release: OLM_DSESS_ADMIN_FREE_SESSIONS unless the array is null).
+ *
+ * max: the most records wanted, -1 for all.
+ * total: receives how many sessions match; count: how many of them the array holds.
+ */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                           const olm_dsess_admin_session_query_t* query, int32_t max,
+                                                           int32_t* total, int32_t* count,
+                                                           olm_dsess_admin_session_t** sessions);
+
+/** Ends the sessions selected. */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_terminate_sessions(void* handle,
+                                                                const olm_dsess_admin_sec_info_t* sec_info,
+                                                                const olm_dsess_admin_session_query_t* query);
+
+/** Makes the sessions selected fresh: their time becomes the server's present time. */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_refresh_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                              const olm_dsess_admin_session_query_t* query);
+
+/** Reads the server's trace level. */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                             int32_t* level);
+
+/** Sets the server's trace level. The server decides which levels are valid. */
+OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                             int32_t level);
+
+/** Releases one result. Null, and a result that holds nothing, are accepted. */
+OLM_DSESS_ADMIN_API void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

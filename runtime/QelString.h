@@ -1,0 +1,55 @@
+/// A string of bytes, NUL-terminated, with the conversions that text undergoes on its way in and out.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+class QelStringRef;
+
+class QelString {
+  public:
+    /// What becomes of the bytes that a string is made from.
+    enum Mode : int {
+        /// They are taken as they are: program literals, words of a line already converted.
+        kBytes = 0,
+        /// From the locale's encoding to UTF-8: text typed by the user. Bytes that are no text in that encoding stay.
+        kFromLocale = 1,
+        /// From UTF-8 to the locale's encoding, with what could drive a terminal made visible: C0 controls except tab
+        /// and one final line feed, DEL and invalid bytes become \xNN; C1 controls, line separators, bidirectional
+        /// controls, and characters that the encoding lacks, become \u{NNNN}.
+        kForDisplay = 2,
+    };
+
+    QelString() = default;
+    /// Null counts as empty. Throws std::bad_alloc.
+    explicit QelString(const char* text, Mode mode = kBytes);
+    explicit QelString(std::string_view text, Mode mode = kBytes);
+    explicit QelString(const QelStringRef& ref);
+    QelString(const QelString&) = default;
+    QelString(QelString&&) noexcept = default;
+    QelString& operator=(const QelString&) = default;
+    QelString& operator=(QelString&&) noexcept = default;
+    virtual ~QelString() = default;
+
+    /// Replaces the content. Returns 0 or kStatusNoMemory, which leaves the content as it was. Null counts as empty.
+    std::uint32_t set(const char* text, Mode mode = kBytes) noexcept;
+    /// Throws std::bad_alloc.
+    void append(std::string_view text);
+    void clear() noexcept { m_text.clear(); }
+
+    /// The bytes, NUL-terminated; valid until the string changes.
+    const char* data() const noexcept { return m_text.c_str(); }
+    std::size_t length() const noexcept { return m_text.size(); }
+    bool empty() const noexcept { return m_text.empty(); }
+    std::string_view view() const noexcept { return m_text; }
+
+    /// 32-bit FNV-1a over the bytes (draft-eastlake-fnv).
+    std::uint32_t hash() const noexcept;
+    /// Compares bytes: less than, equal to or greater than 0.
+    int compare(const QelString& other) const noexcept;
+
+  private:
+    std::string m_text;
+};

@@ -1,0 +1,38 @@
+/// The message catalogue: texts by identifier, shown through one place.
+#pragma once
+
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <span>
+#include <string>
+#include <string_view>
+
+/// One message of the table in qel_messages.def.
+struct QelMessage {
+    std::uint32_t identifier;
+    const char* name;   ///< its constant in qel_messages.h
+    bool isFailure;     ///< shown with its identifier in front
+    const char* kinds;  ///< of its arguments: s text, d signed 32-bit integer, e system error number
+    const char* text;   ///< English, with the identifier in front for a failure
+};
+
+/// Prepares the catalogue: takes the locale from the environment (LC_CTYPE of the C locale falls back to C.UTF-8),
+/// binds the translations, remembers the program's name for the service log. Call once, first. `flags` is 0.
+void qelmsg_init(const char* programPath, int flags);
+
+/// Writes a message, translated, filled with its arguments, without a line feed of its own. Text arguments may be null
+/// (shown as empty). An identifier that the table lacks is shown as such.
+void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...);
+
+/// The untranslated text of a message, or null when the table lacks it. `status` receives 0 or non-zero; may be null.
+const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* status);
+
+/// The whole table.
+std::span<const QelMessage> qel_msg_table();
+
+/// A message as qel_fprintf would write it, with arguments from a list. Throws std::bad_alloc.
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list arguments);
+
+/// The name of the running program, as qelmsg_init learned it.
+const char* qel_msg_program_name();
