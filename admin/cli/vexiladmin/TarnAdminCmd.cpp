@@ -1,0 +1,52 @@
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+/// Whether a word of a line is a beginning of a keyword. A missing word is none.
+bool abbreviates(const char* word, std::string_view keyword) {
+    return word != nullptr && *word != '\0' && keyword.starts_with(word);
+}
+
+}  // namespace
+
+TarnAdminCmd::TarnAdminCmd(const char* format) : m_format(format) {
+    m_formatTokens.set(format);
+}
+
+MatchResult TarnAdminCmd::matchCmd(TarnAdminCmdTokens const& words) const {
+    const std::int32_t patternCount = m_formatTokens.tokens();
+    if (words.tokens() > patternCount) {
+        return MatchNone;
+    }
+    MatchResult grade = MatchExact;
+    for (std::int32_t i = 0; i < patternCount; ++i) {
+        const std::string_view pattern = m_formatTokens[i];
+        if (pattern.find('<') != std::string_view::npos) {
+            if (words[i] == nullptr) {
+                return MatchIncomplete;
+            }
+        } else if (pattern.find('[') != std::string_view::npos) {
+            return matchTail(words, i, grade);
+        } else if (!abbreviates(words[i], pattern)) {
+            return i == 0 ? MatchNone : MatchIncomplete;
+        } else if (std::strlen(words[i]) < pattern.length()) {
+            grade = MatchAbbreviated;
+        }
+    }
+    return words.tokens() == patternCount ? grade : MatchIncomplete;
+}
+
+MatchResult TarnAdminCmd::matchTail(TarnAdminCmdTokens const& words, std::int32_t tail, MatchResult grade) const {
+    const std::int32_t patternCount = m_formatTokens.tokens();
+    const bool keywordAndValue = patternCount - tail == 2;
+    if (!keywordAndValue || words.tokens() == tail) {
+        return grade;
+    }
+    if (words.tokens() != patternCount) {
+        return MatchIncomplete;
+    }
+    return abbreviates(words[tail], m_formatTokens[tail] + 1) ? grade : MatchNone;
+}

@@ -1,0 +1,71 @@
+#include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
+
+#include <cstdio>
+#include <new>
+
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+
+TarnAdminCmdRegistry::~TarnAdminCmdRegistry() {
+    shutdown();
+}
+
+std::uint32_t TarnAdminCmdRegistry::registerCmd(TarnAdminCmd* command) {
+    CmdNode* node = new (std::nothrow) CmdNode{command, m_head};
+    if (node == nullptr) {
+        qel_fprintf(stderr, kStatusNoMemory);
+        return kStatusNoMemory;
+    }
+    m_head = node;
+    return 0;
+}
+
+TarnAdminCmd* TarnAdminCmdRegistry::locateCmd(TarnAdminCmdTokens const& words) const {
+    MatchResult best = MatchNone;
+    TarnAdminCmd* candidate = nullptr;
+    int fits = 0;
+    for (const CmdNode* node = m_head; node != nullptr; node = node->next) {
+        const MatchResult grade = node->command->matchCmd(words);
+        if (grade == MatchExact) {
+            return node->command;
+        }
+        if (grade == MatchAbbreviated) {
+            candidate = node->command;
+            ++fits;
+        }
+        if (grade < best) {
+            best = grade;
+        }
+    }
+    if (fits == 1) {
+        return candidate;
+    }
+    list(words, best);
+    return nullptr;
+}
+
+void TarnAdminCmdRegistry::list(TarnAdminCmdTokens const& words, MatchResult best) const {
+    qel_fprintf(stdout, kMsgListingHeading);
+    std::fputs(" ", stdout);
+    for (std::int32_t i = 0; i < words.tokens(); ++i) {
+        std::printf("%s ", words[i]);
+    }
+    std::fputs("\n", stdout);
+    qel_fprintf(stdout, best == MatchAbbreviated ? kMsgListingAmbiguous : kMsgListingIncomplete);
+    std::fputs("\n", stdout);
+    for (const CmdNode* node = m_head; node != nullptr; node = node->next) {
+        if (best == MatchNone || node->command->matchCmd(words) == best) {
+            std::printf("    %s\n", node->command->format());
+        }
+    }
+}
+
+std::uint32_t TarnAdminCmdRegistry::shutdown() {
+    while (m_head != nullptr) {
+        CmdNode* node = m_head;
+        m_head = node->next;
+        delete node->command;
+        delete node;
+    }
+    return 0;
+}

@@ -1,0 +1,29 @@
+/// The words of one line, between blanks, tabs and line feeds. There is no quoting: no word holds a blank.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+class TarnAdminCmdTokens {
+  public:
+    /// Words beyond this many are dropped; no command takes nearly as many, so such a line still matches none.
+    static constexpr std::int32_t kMaxTokens = 128;
+
+    TarnAdminCmdTokens() = default;
+    TarnAdminCmdTokens(const TarnAdminCmdTokens&) = delete;
+    TarnAdminCmdTokens& operator=(const TarnAdminCmdTokens&) = delete;
+    ~TarnAdminCmdTokens();
+
+    /// Replaces the words by those of `text`. Returns 0 or, with the message written and no words left,
+    /// kStatusNoMemory.
+    std::uint32_t set(const char* text);
+
+    std::int32_t tokens() const { return m_count; }
+    /// The word at an index, or null when there is none. Valid until the next set.
+    const char* operator[](std::int32_t index) const;
+
+  private:
+    std::int32_t m_count = 0;
+    std::array<char*, kMaxTokens> m_tokens;
+    char* m_buffer = nullptr;
+};

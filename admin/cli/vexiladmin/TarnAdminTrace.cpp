@@ -1,0 +1,26 @@
+#include "admin/cli/vexiladmin/TarnAdminTrace.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include "runtime/QelString.h"
+
+std::int32_t g_debugLevel = 0;
+
+void olmdsess_admin_client_trace(std::int32_t level, const char* format, ...) {
+    if (g_debugLevel < level) {
+        return;
+    }
+    char buffer[4096];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(buffer, sizeof(buffer), format, arguments);
+    va_end(arguments);
+    if (length < 0) {
+        return;
+    }
+    QelString line;
+    if (line.set(buffer, QelString::kForDisplay) == 0) {
+        std::fputs(line.data(), stdout);
+    }
+}

@@ -1,0 +1,9 @@
+/// The utility's trace: olmdsess_admin_client_trace, declared in olm_dsess_admin.h, and the level that filters it.
+#pragma once
+
+#include <cstdint>
+
+#include "admin/client-interface/olm_dsess_admin.h"
+
+/// Trace lines of this level and below are shown. Set once, at start-up.
+extern std::int32_t g_debugLevel;

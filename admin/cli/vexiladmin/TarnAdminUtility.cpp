@@ -1,0 +1,308 @@
+#include "admin/cli/vexiladmin/TarnAdminUtility.h"
+
+#include <editline/readline.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "admin/cli/vexiladmin/TarnAdminTrace.h"
+#include "admin/cli/vexiladmin/commands/RefusedValue.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminKeyChange.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminKeyShow.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminListInstances.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminLogin.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminRealmList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminRealmShow.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetShow.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessRefresh.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessRefreshAll.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminate.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminateAll.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSetInstance.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminTraceGet.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminTraceSet.h"
+#include "runtime/QelCmdLine.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+#include "runtime/qel_path.h"
+#include "runtime/qel_strtol.h"
+
+const QelString TarnAdminUtility::m_commandOption("command");
+const QelString TarnAdminUtility::m_fileOption("file");
+const QelString TarnAdminUtility::m_interactiveOption("interactive");
+const QelString TarnAdminUtility::m_helpOption("help");
+const QelString TarnAdminUtility::m_prompt("vexiladmin> ");
+const QelString TarnAdminUtility::m_debugEnvName("VEXILADMIN_DEBUG");
+
+namespace {
+
+constexpr char kConfigFileName[] = "vexilclicfg.conf";
+/// A longer line of a command file is taken in pieces, each as a line of its own.
+constexpr int kLineBufferSize = 4096;
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using File = std::unique_ptr<std::FILE, FileCloser>;
+
+struct TextFreer {
+    void operator()(char* text) const { std::free(text); }
+};
+using EditorLine = std::unique_ptr<char, TextFreer>;
+
+/// Creates a command and registers it; `created`, unless null, then points at it.
+template <class Command, class... Argument>
+std::uint32_t addCommand(TarnAdminCmdRegistry& registry, Command** created, Argument... argument) {
+    std::unique_ptr<Command> command;
+    try {
+        command = std::make_unique<Command>(argument...);
+    } catch (const std::bad_alloc&) {
+        qel_fprintf(stderr, kStatusNoMemory);
+        return kStatusNoMemory;
+    }
+    const std::uint32_t status = registry.registerCmd(command.get());
+    if (status != 0) {
+        return status;
+    }
+    if (created != nullptr) {
+        *created = command.get();
+    }
+    command.release();
+    return 0;
+}
+
+template <class... Command>
+std::uint32_t addCommands(TarnAdminCmdRegistry& registry) {
+    std::uint32_t status = 0;
+    static_cast<void>((((status = addCommand<Command>(registry, nullptr)) == 0) && ...));
+    return status;
+}
+
+/// Shows a status as a message on a line of its own, after all results.
+void printStatus(std::uint32_t status) {
+    std::fflush(stdout);
+    qel_fprintf(stderr, status);
+    std::fputs("\n", stderr);
+}
+
+std::uint32_t printUsage(const QelCmdLine& cmdLine) {
+    QelStringRef name;
+    cmdLine.getCmdName(&name);
+    qel_fprintf(stdout, kMsgUsage, QelString(name).data());
+    return 0;
+}
+
+std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
+    const auto& invalid = cmdLine.invalidOptions();
+    if (invalid.size() == 0) {
+        return 0;
+    }
+    printUsage(cmdLine);
+    for (const auto& option : invalid) {
+        qel_fprintf(stdout, kMsgUnknownOption, option.key.data());
+        std::fputs("\n", stdout);
+    }
+    return kStatusUnknownName;
+}
+
+bool endsInput(const char* line) {
+    return strcasecmp(line, "exit") == 0 || strcasecmp(line, "quit") == 0;
+}
+
+}  // namespace
+
+TarnAdminUtility::~TarnAdminUtility() {
+    shutdown();
+}
+
+std::uint32_t TarnAdminUtility::initialize() {
+    shutdown();
+    QelString path = qel_get_path(kPathConfiguration);
+    path.append(kConfigFileName);
+    std::uint32_t status = TarnAdminConfig::initialize(path.data(), true);
+    if (status == 0) {
+        status = setDebugLevel();
+    }
+    if (status == 0) {
+        status = registerCommands();
+    }
+    if (status == 0) {
+        status = m_setInstanceCmd->initialize();
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminUtility::shutdown() {
+    m_loginCmd = nullptr;
+    m_setInstanceCmd = nullptr;
+    return m_cmdRegistry.shutdown();
+}
+
+std::uint32_t TarnAdminUtility::setDebugLevel() {
+    const char* value = std::getenv(m_debugEnvName.data());
+    if (value == nullptr || qel_strtol(value, 10, &g_debugLevel) == 0) {
+        return 0;
+    }
+    qel_fprintf(stderr, kMsgInvalidNumber, value, m_debugEnvName.data(), m_debugEnvName.data());
+    return kStatusInvalidNumber;
+}
+
+// The latest registered is listed first, so the order here is that of the listing, reversed.
+std::uint32_t TarnAdminUtility::registerCommands() {
+    TarnAdminConfig* config = this;
+    std::uint32_t status = addCommands<TarnAdminReplicaSetList, TarnAdminReplicaSetShow, TarnAdminRealmList,
+                                       TarnAdminRealmShow, TarnAdminKeyShow, TarnAdminKeyChange, TarnAdminSessList,
+                                       TarnAdminSessTerminate, TarnAdminSessTerminateAll, TarnAdminSessRefresh,
+                                       TarnAdminSessRefreshAll, TarnAdminTraceSet, TarnAdminTraceGet>(m_cmdRegistry);
+    if (status == 0) {
+        status = addCommand<TarnAdminListInstances>(m_cmdRegistry, nullptr, config);
+    }
+    if (status == 0) {
+        status = addCommand(m_cmdRegistry, &m_loginCmd);
+    }
+    if (status == 0) {
+        status = addCommand(m_cmdRegistry, &m_setInstanceCmd, config);
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
+    QelCmdLine cmdLine;
+    if (const std::uint32_t status = cmdLine.initialize(argc, argv); status != 0) {
+        qel_fprintf(stderr, status);
+        return status;
+    }
+    if (cmdLine.findOption(m_helpOption, nullptr) == 0) {
+        printUsage(cmdLine);
+        qel_fprintf(stdout, kMsgUsageOptions);
+        return 0;
+    }
+    for (const QelString* option : {&m_commandOption, &m_fileOption, &m_interactiveOption}) {
+        cmdLine.validated(option->view());
+    }
+    if (const std::uint32_t status = refuseInvalidOptions(cmdLine); status != 0) {
+        return status;
+    }
+    bool ran = false;
+    if (const std::uint32_t status = runArguments(argc, argv, ran); status != 0) {
+        return status;
+    }
+    QelStringRef interactive;
+    if (cmdLine.findOption(m_interactiveOption, &interactive) != 0) {
+        return ran ? 0 : processInteractiveMode();
+    }
+    switch (interactive.empty() ? '\0' : std::toupper(static_cast<unsigned char>(interactive.data()[0]))) {
+        case 'Y':
+            return processInteractiveMode();
+        case 'N':
+            return 0;
+        default:
+            return refuseValue(m_interactiveOption.data());
+    }
+}
+
+std::uint32_t TarnAdminUtility::runArguments(int argc, char** argv, bool& ran) {
+    for (int i = 0; i + 1 < argc; ++i) {
+        if (argv[i][0] != '-') {
+            continue;
+        }
+        std::uint32_t status = 0;
+        if (m_fileOption.view() == argv[i] + 1) {
+            status = processCmdFile(argv[++i]);
+        } else if (m_commandOption.view() == argv[i] + 1) {
+            status = processCmd(argv[++i]);
+        } else {
+            continue;
+        }
+        if (status != 0) {
+            return status;
+        }
+        ran = true;
+    }
+    return 0;
+}
+
+std::uint32_t TarnAdminUtility::processCmd(const char* text) {
+    olmdsess_admin_client_trace(3, "Processing the command: %s\n", text);
+    QelString line;
+    TarnAdminCmdTokens words;
+    std::uint32_t status = line.set(text, QelString::kFromLocale);
+    if (status == 0) {
+        status = words.set(line.data());
+    }
+    if (status != 0) {
+        qel_fprintf(stderr, status);
+        return status;
+    }
+    TarnAdminCmd* command = m_cmdRegistry.locateCmd(words);
+    if (command == nullptr) {
+        return kStatusNoCommand;
+    }
+    try {
+        status = command->executeCmd(m_setInstanceCmd->handle(), m_loginCmd->secInfo(), words);
+    } catch (const std::bad_alloc&) {
+        status = kStatusNoMemory;
+    }
+    if (status != 0) {
+        printStatus(status);
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminUtility::processLine(char* line) {
+    if (line == nullptr || line[0] == '\0' || line[0] == '#') {
+        return 0;
+    }
+    std::size_t length = std::strlen(line);
+    while (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\r')) {
+        line[--length] = '\0';
+    }
+    if (endsInput(line)) {
+        return kStatusEndOfInput;
+    }
+    return length == 0 ? 0 : processCmd(line);
+}
+
+std::uint32_t TarnAdminUtility::processInteractiveMode() {
+    while (const EditorLine line{readline(m_prompt.data())}) {
+        const std::uint32_t status = processLine(line.get());
+        add_history(line.get());
+        if (status == kStatusEndOfInput) {
+            return 0;
+        }
+    }
+    std::fputs("\n", stdout);
+    return 0;
+}
+
+std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
+    const File file(std::fopen(path, "r"));
+    if (file == nullptr) {
+        const int error = errno;
+        std::fflush(stdout);
+        qel_fprintf(stderr, kMsgCommandFileOpen, path, error);
+        return kStatusCommandFile;
+    }
+    // What is no regular file may be standard input under another name, from which a login reads its password.
+    struct stat info {};
+    if (fstat(fileno(file.get()), &info) == 0 && !S_ISREG(info.st_mode)) {
+        std::setvbuf(file.get(), nullptr, _IONBF, 0);
+    }
+    char line[kLineBufferSize];
+    while (std::fgets(line, sizeof(line), file.get()) != nullptr) {
+        const std::uint32_t status = processLine(line);
+        if (status != 0) {
+            return status == kStatusEndOfInput ? 0 : status;
+        }
+    }
+    return 0;
+}

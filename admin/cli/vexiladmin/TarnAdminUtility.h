@@ -1,0 +1,52 @@
+/// The utility: its configuration, its commands, and the ways in which lines reach them.
+#pragma once
+
+#include <cstdint>
+
+#include "admin/cli/common/TarnAdminConfig.h"
+#include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
+#include "runtime/QelString.h"
+
+class TarnAdminLogin;
+class TarnAdminSetInstance;
+
+class TarnAdminUtility : public TarnAdminConfig {
+  public:
+    TarnAdminUtility() = default;
+    ~TarnAdminUtility();
+
+    /// Loads the configuration, sets the debug level, registers the commands and selects the default instance. Returns
+    /// 0 or the status of the first failure; what was set up until then goes with the object.
+    std::uint32_t initialize();
+    /// Releases the commands and with them the client handle. Always 0.
+    std::uint32_t shutdown();
+    /// Does what the program's arguments ask for. Only after a successful initialize. Returns the exit status.
+    std::uint32_t run(int argc, char** argv);
+
+  private:
+    std::uint32_t setDebugLevel();
+    std::uint32_t registerCommands();
+    /// The -command and -file options, in order, up to the first failure. `ran` receives whether there was any.
+    std::uint32_t runArguments(int argc, char** argv, bool& ran);
+
+    /// Runs one command text. A failure's message is written before its status is returned.
+    std::uint32_t processCmd(const char* text);
+    /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
+    /// kStatusEndOfInput. Cuts the line end off in place.
+    std::uint32_t processLine(char* line);
+    /// Runs lines from the prompt until they end. Always 0.
+    std::uint32_t processInteractiveMode();
+    /// Runs the lines of a file up to its end, an exit line or the first failure.
+    std::uint32_t processCmdFile(const char* path);
+
+    static const QelString m_commandOption;
+    static const QelString m_fileOption;
+    static const QelString m_interactiveOption;
+    static const QelString m_helpOption;
+    static const QelString m_prompt;
+    static const QelString m_debugEnvName;
+
+    TarnAdminCmdRegistry m_cmdRegistry;
+    TarnAdminLogin* m_loginCmd = nullptr;
+    TarnAdminSetInstance* m_setInstanceCmd = nullptr;
+};
