@@ -1,0 +1,49 @@
+/// The cluster information, as the commands that read it fetch, walk and release it.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+#include "admin/client-interface/olm_dsess_admin.h"
+
+/// Releases what a filled cluster record points to.
+class ClusterRelease {
+  public:
+    explicit ClusterRelease(olm_dsess_admin_cluster_t& cluster) : m_cluster(cluster) {}
+    ClusterRelease(const ClusterRelease&) = delete;
+    ClusterRelease& operator=(const ClusterRelease&) = delete;
+    ~ClusterRelease();
+
+  private:
+    olm_dsess_admin_cluster_t& m_cluster;
+};
+
+/// The realms and the cluster record of one command; a successful fetch is released, realms first, with the object.
+class ClusterInfo {
+  public:
+    ClusterInfo() = default;
+    ClusterInfo(const ClusterInfo&) = delete;
+    ClusterInfo& operator=(const ClusterInfo&) = delete;
+    ~ClusterInfo();
+
+    /// Returns 0 or the library's status, after which there is nothing to read. Call once.
+    std::uint32_t fetch(void* handle, olm_dsess_admin_sec_info_t const& secInfo);
+
+    /// As the library counted them: 0 or less means none.
+    std::int32_t realmCount() const { return m_realmCount; }
+    std::span<const olm_dsess_admin_realm_t> realms() const;
+    const olm_dsess_admin_cluster_t& cluster() const { return m_cluster; }
+
+  private:
+    bool m_fetched = false;
+    std::int32_t m_realmCount = 0;
+    olm_dsess_admin_realm_t* m_realms = nullptr;
+    olm_dsess_admin_cluster_t m_cluster{};
+};
+
+/// Prints the names of a realm's replica sets, indented, one a line.
+void printReplicaSets(const olm_dsess_admin_realm_t& realm);
+
+/// Prints the replica sets of every realm that has exactly this name, or says that there is none. Returns 0 or the
+/// status of the fetch.
+std::uint32_t showReplicaSets(void* handle, olm_dsess_admin_sec_info_t const& secInfo, const char* realmName);

@@ -1,0 +1,16 @@
+/// key show: the cluster's key.
+#pragma once
+
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+#include "runtime/QelString.h"
+
+class TarnAdminKeyShow : public TarnAdminCmd {
+  public:
+    TarnAdminKeyShow();
+
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+  private:
+    static const QelString m_cmdFormat;
+};

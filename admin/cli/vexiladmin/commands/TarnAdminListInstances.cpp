@@ -1,0 +1,16 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminListInstances.h"
+
+#include <cstdio>
+
+const QelString TarnAdminListInstances::m_cmdFormat("instances list");
+
+TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
+    : TarnAdminCmd(m_cmdFormat.data()), m_config(config) {}
+
+std::uint32_t TarnAdminListInstances::executeCmd(void* const& /*handle*/, olm_dsess_admin_sec_info_t const& /*secInfo*/,
+                                                 TarnAdminCmdTokens const& /*tokens*/) {
+    for (const auto& instance : m_config->instanceTable()) {
+        std::printf("%s\n", instance.key.data());
+    }
+    return 0;
+}

@@ -1,0 +1,83 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminLogin.h"
+
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
+#include "admin/cli/vexiladmin/commands/HiddenInput.h"
+#include "runtime/qel_base64.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+#include "runtime/qel_random.h"
+#include "runtime/qel_uuid.h"
+
+const QelString TarnAdminLogin::m_cmdFormat("login <user> [password]");
+const QelString TarnAdminLogin::m_anonUserName("anonymous");
+
+namespace {
+
+void showPasswordPrompt() {
+    qel_fprintf(stdout, kMsgPasswordPrompt);
+    std::fflush(stdout);
+}
+
+}  // namespace
+
+TarnAdminLogin::TarnAdminLogin() : TarnAdminCmd(m_cmdFormat.data()), m_userName(m_anonUserName) {
+    m_secInfo.user_name = m_userName.data();
+}
+
+std::uint32_t TarnAdminLogin::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& /*secInfo*/,
+                                         TarnAdminCmdTokens const& tokens) {
+    QelString userName(tokens[1]);
+    QelString password;
+    std::uint32_t status = tokens.tokens() == 3 ? password.set(tokens[2]) : promptForPassword(password);
+    if (status != 0) {
+        return status;
+    }
+    QelString loginId;
+    if (status = makeLoginId(loginId); status != 0) {
+        return status;
+    }
+    olmdsess_admin_client_trace(3, "TarnAdminLogin (%s: %s) - %s\n", userName.data(), password.data(), loginId.data());
+
+    m_userName = std::move(userName);
+    m_password = std::move(password);
+    m_loginId = std::move(loginId);
+    m_secInfo = {m_userName.data(), nullptr, m_loginId.data(), m_password.data()};
+    return ClusterInfo().fetch(handle, m_secInfo);
+}
+
+std::uint32_t TarnAdminLogin::makeLoginId(QelString& loginId) {
+    unsigned char random[64];
+    std::uint32_t status = qel_get_random_bytes(random, sizeof(random));
+    if (status != 0) {
+        return status;
+    }
+    char encoded[89];
+    qel_base64_std_encode(random, sizeof(random), encoded, sizeof(encoded));
+    loginId = QelString(encoded);
+    const qel_uuid_t uuid = qel_uuid_create(&status);
+    if (status != 0) {
+        return status;
+    }
+    char* text = qel_uuid_to_string(uuid, &status);
+    if (status != 0) {
+        return status;
+    }
+    loginId.append(text);
+    qel_uuid_string_free(&text, &status);
+    return 0;
+}
+
+std::uint32_t TarnAdminLogin::promptForPassword(QelString& password) {
+    showPasswordPrompt();
+    HiddenInput input(showPasswordPrompt);
+    char line[1024];
+    const bool read = input.readLine(line, sizeof(line));
+    std::fputs("\n", stdout);
+    const std::uint32_t status = read ? password.set(line, QelString::kFromLocale) : kStatusNoPassword;
+    explicit_bzero(line, sizeof(line));
+    return status;
+}

@@ -1,0 +1,28 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminRealmList.h"
+
+#include <cstdio>
+
+#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
+#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+
+const QelString TarnAdminRealmList::m_cmdFormat("realm list");
+
+TarnAdminRealmList::TarnAdminRealmList() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                             TarnAdminCmdTokens const& /*tokens*/) {
+    ClusterInfo info;
+    if (const std::uint32_t status = info.fetch(handle, secInfo); status != 0) {
+        return status;
+    }
+    if (info.realmCount() == 0) {
+        qel_fprintf(stdout, kMsgNoRealms);
+        std::fputs("\n", stdout);
+    }
+    for (const olm_dsess_admin_realm_t& realm : info.realms()) {
+        std::printf("%s\n", recordText(realm.name).data());
+    }
+    return 0;
+}

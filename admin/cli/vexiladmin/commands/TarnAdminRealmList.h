@@ -1,0 +1,16 @@
+/// realm list: the names of all realms.
+#pragma once
+
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+#include "runtime/QelString.h"
+
+class TarnAdminRealmList : public TarnAdminCmd {
+  public:
+    TarnAdminRealmList();
+
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+  private:
+    static const QelString m_cmdFormat;
+};

@@ -1,0 +1,26 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetList.h"
+
+#include <cstdio>
+
+#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
+#include "admin/cli/vexiladmin/commands/RecordText.h"
+
+const QelString TarnAdminReplicaSetList::m_cmdFormat("replica set list [-realm <realm>]");
+
+TarnAdminReplicaSetList::TarnAdminReplicaSetList() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminReplicaSetList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                                  TarnAdminCmdTokens const& tokens) {
+    if (tokens.tokens() == 5) {
+        return showReplicaSets(handle, secInfo, tokens[4]);
+    }
+    ClusterInfo info;
+    if (const std::uint32_t status = info.fetch(handle, secInfo); status != 0) {
+        return status;
+    }
+    for (const olm_dsess_admin_realm_t& realm : info.realms()) {
+        std::printf("%s:\n", recordText(realm.name).data());
+        printReplicaSets(realm);
+    }
+    return 0;
+}

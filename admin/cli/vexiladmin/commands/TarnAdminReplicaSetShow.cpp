@@ -1,0 +1,33 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetShow.h"
+
+#include <cstdio>
+
+#include "admin/cli/vexiladmin/commands/FetchedRecords.h"
+#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/commands/TimeText.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+
+const QelString TarnAdminReplicaSetShow::m_cmdFormat("replica set show <replica-set-name>");
+
+TarnAdminReplicaSetShow::TarnAdminReplicaSetShow() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminReplicaSetShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                                  TarnAdminCmdTokens const& tokens) {
+    FetchedRecords<olm_dsess_admin_replica_set_record_t, OLM_DSESS_ADMIN_FREE_REPLICA_SET> members;
+    const std::uint32_t status =
+        members.fetch([&](std::int32_t* count, olm_dsess_admin_replica_set_record_t** records) {
+            return olm_dsess_admin_get_replica_set_info(handle, &secInfo, tokens[3], count, records);
+        });
+    if (status != 0) {
+        return status;
+    }
+    if (members.count() == 0) {
+        qel_fprintf(stdout, kMsgNoReplicaSetRecords);
+    }
+    for (const olm_dsess_admin_replica_set_record_t& member : members.records()) {
+        qel_fprintf(stdout, kMsgReplicaSetRecord, recordText(member.name).data(), TimeText(member.time).data());
+    }
+    std::fputs("\n", stdout);
+    return 0;
+}

@@ -1,0 +1,60 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminSessList.h"
+
+#include <cstdio>
+
+#include "admin/cli/vexiladmin/commands/FetchedRecords.h"
+#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/commands/RefusedValue.h"
+#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/commands/TimeText.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+#include "runtime/qel_strtol.h"
+
+namespace {
+
+constexpr std::int32_t kNoLimit = -1;
+
+using Sessions = FetchedRecords<olm_dsess_admin_session_t, OLM_DSESS_ADMIN_FREE_SESSIONS>;
+
+void printSessions(const Sessions& sessions, std::int32_t total) {
+    qel_fprintf(stdout, kMsgSessionsHeading, total, sessions.count());
+    std::fputs("\n", stdout);
+    for (const olm_dsess_admin_session_t& session : sessions.records()) {
+        qel_fprintf(stdout, kMsgSession, recordText(session.second_text).data(), TimeText(session.time).data(),
+                    recordText(session.first_text).data());
+        std::fputs("\n", stdout);
+    }
+    if (sessions.count() == 0) {
+        qel_fprintf(stdout, kMsgNoSessions);
+        std::fputs("\n", stdout);
+    }
+}
+
+}  // namespace
+
+const QelString TarnAdminSessList::m_cmdFormat("session list -realm <realm-name> <pattern> <max>");
+
+TarnAdminSessList::TarnAdminSessList() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminSessList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                            TarnAdminCmdTokens const& tokens) {
+    SessionQuery query(tokens[3], tokens[4]);
+    if (const std::uint32_t status = query.select(SessionSelector::kUser); status != 0) {
+        return status;
+    }
+    std::int32_t max = 0;
+    if (qel_strtol(tokens[5], 10, &max) != 0 || max < 0) {
+        return refuseValue("max");
+    }
+    Sessions sessions;
+    std::int32_t total = 0;
+    const std::uint32_t status = sessions.fetch([&](std::int32_t* count, olm_dsess_admin_session_t** records) {
+        return olm_dsess_admin_list_sessions(handle, &secInfo, query.record(), max == 0 ? kNoLimit : max, &total, count,
+                                             records);
+    });
+    if (status == 0) {
+        printSessions(sessions, total);
+    }
+    return status;
+}

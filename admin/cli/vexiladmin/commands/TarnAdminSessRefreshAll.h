@@ -1,0 +1,16 @@
+/// session refresh all_sessions: makes every session of a user fresh.
+#pragma once
+
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+#include "runtime/QelString.h"
+
+class TarnAdminSessRefreshAll : public TarnAdminCmd {
+  public:
+    TarnAdminSessRefreshAll();
+
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+  private:
+    static const QelString m_cmdFormat;
+};

@@ -1,0 +1,16 @@
+/// session terminate session: ends one session.
+#pragma once
+
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+#include "runtime/QelString.h"
+
+class TarnAdminSessTerminate : public TarnAdminCmd {
+  public:
+    TarnAdminSessTerminate();
+
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+  private:
+    static const QelString m_cmdFormat;
+};

@@ -1,0 +1,12 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminateAll.h"
+
+#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+
+const QelString TarnAdminSessTerminateAll::m_cmdFormat("session terminate all_sessions <username> -realm <realm-name>");
+
+TarnAdminSessTerminateAll::TarnAdminSessTerminateAll() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminSessTerminateAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                                    TarnAdminCmdTokens const& tokens) {
+    return actOnSessions(SessionSelector::kUser, olm_dsess_admin_terminate_sessions, handle, secInfo, tokens);
+}

@@ -1,0 +1,16 @@
+/// session terminate all_sessions: ends every session of a user.
+#pragma once
+
+#include "admin/cli/vexiladmin/TarnAdminCmd.h"
+#include "runtime/QelString.h"
+
+class TarnAdminSessTerminateAll : public TarnAdminCmd {
+  public:
+    TarnAdminSessTerminateAll();
+
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+  private:
+    static const QelString m_cmdFormat;
+};

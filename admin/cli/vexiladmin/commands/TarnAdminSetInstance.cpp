@@ -1,0 +1,48 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminSetInstance.h"
+
+#include <cstdio>
+
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+
+const QelString TarnAdminSetInstance::m_cmdFormat("set instance <instance>");
+
+TarnAdminSetInstance::TarnAdminSetInstance(TarnAdminConfig* config)
+    : TarnAdminCmd(m_cmdFormat.data()), m_config(config) {}
+
+TarnAdminSetInstance::~TarnAdminSetInstance() {
+    clearHandles();
+}
+
+std::uint32_t TarnAdminSetInstance::initialize() {
+    return initializeHandles(nullptr);
+}
+
+std::uint32_t TarnAdminSetInstance::executeCmd(void* const& /*handle*/, olm_dsess_admin_sec_info_t const& /*secInfo*/,
+                                               TarnAdminCmdTokens const& tokens) {
+    return initializeHandles(tokens[2]);
+}
+
+std::uint32_t TarnAdminSetInstance::initializeHandles(const char* instance) {
+    clearHandles();
+    const TarnAdminConfig::ServerURLs* urls = m_config->serverURLs(instance);
+    if (urls == nullptr) {
+        std::fflush(stdout);
+        qel_fprintf(stderr, kMsgUnknownInstance, instance != nullptr ? instance : m_config->defaultInstance().data());
+        return kStatusUnknownName;
+    }
+    const std::uint32_t status = olm_dsess_admin_initialize(m_config->timeout(), urls, &m_config->sslInfo(),
+                                                            olmdsess_admin_client_trace, &m_context);
+    return status != 0 ? status : olm_dsess_admin_create_handle(m_context, &m_handle);
+}
+
+void TarnAdminSetInstance::clearHandles() {
+    if (m_handle != nullptr) {
+        olm_dsess_admin_release_handle(m_context, &m_handle);
+        m_handle = nullptr;
+    }
+    if (m_context != nullptr) {
+        olm_dsess_admin_shutdown(&m_context);
+        m_context = nullptr;
+    }
+}

@@ -1,0 +1,21 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminTraceGet.h"
+
+#include <cstdio>
+
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
+
+const QelString TarnAdminTraceGet::m_cmdFormat("trace get");
+
+TarnAdminTraceGet::TarnAdminTraceGet() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminTraceGet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                            TarnAdminCmdTokens const& /*tokens*/) {
+    std::int32_t level = 0;
+    if (const std::uint32_t status = olm_dsess_admin_get_trace_level(handle, &secInfo, &level); status != 0) {
+        return status;
+    }
+    qel_fprintf(stdout, kMsgTraceLevel, level);
+    std::fputs("\n", stdout);
+    return 0;
+}

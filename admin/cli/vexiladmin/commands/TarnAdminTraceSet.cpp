@@ -1,0 +1,17 @@
+#include "admin/cli/vexiladmin/commands/TarnAdminTraceSet.h"
+
+#include "admin/cli/vexiladmin/commands/RefusedValue.h"
+#include "runtime/qel_strtol.h"
+
+const QelString TarnAdminTraceSet::m_cmdFormat("trace set <level>");
+
+TarnAdminTraceSet::TarnAdminTraceSet() : TarnAdminCmd(m_cmdFormat.data()) {}
+
+std::uint32_t TarnAdminTraceSet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                            TarnAdminCmdTokens const& tokens) {
+    std::int32_t level = 0;
+    if (qel_strtol(tokens[2], 10, &level) != 0) {
+        return refuseValue("level");
+    }
+    return olm_dsess_admin_set_trace_level(handle, &secInfo, level);
+}
