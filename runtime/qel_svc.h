@@ -1,5 +1,10 @@
 /// The service log: failures that must not go to standard error. Syslog by default; the file named by QEL_SVC_LOG,
-/// appended, when that is set. One line an entry: time, program and process, text with its inserts.
+/// appended (mode 0600 when made anew), when that is set and not empty. One line an entry, in English, so that it can
+/// be searched whatever the locale:
+///
+///     2026-01-31T08:15:00Z vexiladmin[4711] client TarnAdminConfig.cpp:42 38C5209F Stanza [tarn] of ...
+///
+/// Syslog adds time, program and process itself.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +18,9 @@ inline constexpr std::uint32_t kSvcConfiguration = 3;
 inline constexpr std::uint32_t kSvcError = 32;
 inline constexpr std::uint32_t kSvcErrorExit = 64;
 
-/// Writes one entry: the message with its inserts, a final line feed dropped and controls made visible. `insertFormat`
-/// names the inserts that follow ("%s%s%s", "" for none); they must be those of the message. `file` and `line` are the
-/// source position, kept in the entry. Never fails: an entry that cannot be written is lost.
+/// Writes one entry: the message with its inserts, final line feeds dropped and controls made visible. `insertFormat`
+/// names the inserts that follow ("%s%d", "" for none; an error number is %d); when they are not those of the message,
+/// it is written without. `file` and `line` are the source position. Never fails: an entry that cannot be written is
+/// lost.
 void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, const char* insertFormat,
                              std::uint32_t component, std::uint32_t severity, std::uint32_t identifier, ...) noexcept;

@@ -1,0 +1,221 @@
+#include "runtime/QelString.h"
+
+#include <iconv.h>
+#include <langinfo.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <optional>
+
+#include "runtime/QelStringRef.h"
+#include "runtime/qel_messages.h"
+
+namespace {
+
+/// Converts between two encodings (iconv(3)).
+class Converter {
+  public:
+    Converter(const char* to, const char* from) noexcept : m_descriptor(iconv_open(to, from)) {}
+    Converter(const Converter&) = delete;
+    Converter& operator=(const Converter&) = delete;
+    ~Converter() {
+        if (isOpen()) {
+            iconv_close(m_descriptor);
+        }
+    }
+
+    /// Appends `text`, converted up to the first character that cannot be. Returns how many bytes of it that took.
+    std::size_t append(std::string_view text, std::string& out) {
+        if (!isOpen()) {
+            return 0;
+        }
+        char* from = const_cast<char*>(text.data());
+        std::size_t left = text.size();
+        while (left > 0 && (step(&from, &left, out) || errno == E2BIG)) {
+        }
+        step(nullptr, nullptr, out);  // some encodings hold back a character that the next may combine with
+        return text.size() - left;
+    }
+
+  private:
+    bool isOpen() const noexcept { return m_descriptor != reinterpret_cast<iconv_t>(-1); }
+
+    bool step(char** from, std::size_t* left, std::string& out) {
+        std::array<char, 256> buffer;
+        char* to = buffer.data();
+        std::size_t room = buffer.size();
+        const bool converted = iconv(m_descriptor, from, left, &to, &room) != static_cast<std::size_t>(-1);
+        const int error = errno;
+        out.append(buffer.data(), to);
+        errno = error;
+        return converted;
+    }
+
+    iconv_t m_descriptor;
+};
+
+/// The locale's encoding, or null when text is left in UTF-8: in an UTF-8 locale, and in the C locale, whose ASCII says
+/// nothing about what the terminal shows.
+const char* foreignEncoding() {
+    const char* codeset = nl_langinfo(CODESET);
+    return std::strcmp(codeset, "UTF-8") == 0 || std::strcmp(codeset, "ANSI_X3.4-1968") == 0 ? nullptr : codeset;
+}
+
+std::string fromLocale(std::string_view text) {
+    const char* encoding = foreignEncoding();
+    if (encoding == nullptr) {
+        return std::string(text);
+    }
+    Converter converter("UTF-8", encoding);
+    std::string out;
+    while (!text.empty()) {
+        text.remove_prefix(converter.append(text, out));
+        if (!text.empty()) {
+            out += text.front();
+            text.remove_prefix(1);
+        }
+    }
+    return out;
+}
+
+/// Bytes that are shown as they are: printable ASCII and tab.
+constexpr auto kPlain = [] {
+    std::array<bool, 256> plain{};
+    for (std::size_t byte = 0x20; byte < 0x7F; ++byte) {
+        plain[byte] = true;
+    }
+    plain['\t'] = true;
+    return plain;
+}();
+
+std::size_t plainPrefix(std::string_view text) {
+    std::size_t length = 0;
+    while (length < text.size() && kPlain[static_cast<unsigned char>(text[length])]) {
+        ++length;
+    }
+    return length;
+}
+
+/// The character that a text begins with; length 0 when its first byte begins none that is well-formed (Unicode
+/// Standard, table 3-7).
+struct Character {
+    std::uint32_t codePoint = 0;
+    std::size_t length = 0;
+};
+
+Character decode(std::string_view text) {
+    const auto lead = static_cast<unsigned char>(text.front());
+    const std::size_t length = lead < 0x80   ? 1
+                               : lead < 0xC2 ? 0
+                               : lead < 0xE0 ? 2
+                               : lead < 0xF0 ? 3
+                               : lead < 0xF5 ? 4
+                                             : 0;
+    if (length < 2 || text.size() < length) {
+        return {lead, length == 1 ? 1U : 0U};
+    }
+    std::uint32_t codePoint = lead & (0x7FU >> length);
+    for (const char byte : text.substr(1, length - 1)) {
+        if ((byte & 0xC0) != 0x80) {
+            return {};
+        }
+        codePoint = codePoint << 6 | (byte & 0x3FU);
+    }
+    const bool overlong = (length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000);
+    const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
+    return overlong || surrogate || codePoint > 0x10FFFF ? Character{} : Character{codePoint, length};
+}
+
+/// Controls beyond ASCII: C1, line separators, and what reorders the text around it.
+bool isControl(std::uint32_t codePoint) {
+    return (codePoint >= 0x80 && codePoint <= 0x9F) || codePoint == 0x61C || codePoint == 0x200E ||
+           codePoint == 0x200F || (codePoint >= 0x2028 && codePoint <= 0x202E) ||
+           (codePoint >= 0x2066 && codePoint <= 0x2069);
+}
+
+void appendEscape(const char* format, unsigned value, std::string& out) {
+    std::array<char, 16> escape;
+    const int length = std::snprintf(escape.data(), escape.size(), format, value);
+    out.append(escape.data(), static_cast<std::size_t>(length));
+}
+
+std::string forDisplay(std::string_view text) {
+    std::string out(text.substr(0, plainPrefix(text)));
+    text.remove_prefix(out.size());
+    if (text.empty() || text == "\n") {
+        return out += text;
+    }
+    const char* encoding = foreignEncoding();
+    std::optional<Converter> converter;
+    if (encoding != nullptr) {
+        converter.emplace(encoding, "UTF-8");
+    }
+    while (!text.empty() && text != "\n") {
+        const Character character = decode(text);
+        const std::string_view bytes = text.substr(0, character.length == 0 ? 1 : character.length);
+        if (character.length < 2) {
+            appendEscape("\\x%02X", static_cast<unsigned char>(text.front()), out);
+        } else if (isControl(character.codePoint) || (converter && converter->append(bytes, out) != bytes.size())) {
+            appendEscape("\\u{%04X}", character.codePoint, out);
+        } else if (!converter) {
+            out += bytes;
+        }
+        text.remove_prefix(bytes.size());
+        const std::size_t plain = plainPrefix(text);
+        out += text.substr(0, plain);
+        text.remove_prefix(plain);
+    }
+    return out += text;
+}
+
+std::string convert(std::string_view text, QelString::Mode mode) {
+    switch (mode) {
+        case QelString::kFromLocale:
+            return fromLocale(text);
+        case QelString::kForDisplay:
+            return forDisplay(text);
+        case QelString::kBytes:
+            break;
+    }
+    return std::string(text);
+}
+
+std::string_view orEmpty(const char* text) {
+    return text == nullptr ? std::string_view() : std::string_view(text);
+}
+
+}  // namespace
+
+QelString::QelString(const char* text, Mode mode) : m_text(convert(orEmpty(text), mode)) {}
+
+QelString::QelString(std::string_view text, Mode mode) : m_text(convert(text, mode)) {}
+
+QelString::QelString(const QelStringRef& ref) : m_text(ref.view()) {}
+
+std::uint32_t QelString::set(const char* text, Mode mode) noexcept {
+    try {
+        m_text = convert(orEmpty(text), mode);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return kStatusNoMemory;
+    }
+}
+
+void QelString::append(std::string_view text) {
+    m_text.append(text);
+}
+
+std::uint32_t QelString::hash() const noexcept {
+    std::uint32_t hash = 0x811C9DC5;
+    for (const char byte : m_text) {
+        hash = (hash ^ static_cast<unsigned char>(byte)) * 0x01000193;
+    }
+    return hash;
+}
+
+int QelString::compare(const QelString& other) const noexcept {
+    return m_text.compare(other.m_text);
+}

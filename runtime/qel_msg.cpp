@@ -1,0 +1,185 @@
+#include "runtime/qel_msg.h"
+
+#include <libintl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <clocale>
+#include <cstring>
+#include <new>
+
+#include "runtime/qel_messages.h"
+
+namespace {
+
+constexpr const char* kTextDomain = "vexiladmin";
+constexpr std::size_t kIdentifierLength = sizeof "38C50000 " - 1;
+constexpr std::size_t kMaxArguments = 9;
+
+constexpr auto kTable = [] {
+#define QEL_FAILURE(name, identifier, kinds, text) QelMessage{0x##identifier, #name, true, kinds, #identifier " " text},
+#define QEL_TEXT(name, identifier, kinds, text) QelMessage{0x##identifier, #name, false, kinds, text},
+    std::array table{
+#include "runtime/qel_messages.def"
+    };
+#undef QEL_TEXT
+#undef QEL_FAILURE
+    std::sort(table.begin(), table.end(),
+              [](const QelMessage& left, const QelMessage& right) { return left.identifier < right.identifier; });
+    return table;
+}();
+
+std::string g_programName = program_invocation_short_name;
+
+enum class Language { kLocale, kEnglish };
+
+const QelMessage* find(std::uint32_t identifier) {
+    const auto* found =
+        std::lower_bound(kTable.begin(), kTable.end(), identifier,
+                         [](const QelMessage& message, std::uint32_t wanted) { return message.identifier < wanted; });
+    return found != kTable.end() && found->identifier == identifier ? found : nullptr;
+}
+
+struct Argument {
+    char conversion = 's';  // the placeholder that takes it
+    std::string_view text;
+    std::string made;  // what `text` looks at unless the caller gave it
+};
+
+using Arguments = std::array<Argument, kMaxArguments>;
+
+std::string systemErrorText(int error, Language language) {
+    std::array<char, 64> buffer;
+    const char* text = language == Language::kEnglish ? strerrordesc_np(error) : nullptr;
+    if (text == nullptr) {
+        text = strerror_r(error, buffer.data(), buffer.size());
+    }
+    return std::string(text) + " (" + std::to_string(error) + ")";
+}
+
+std::span<const Argument> fetch(const char* kinds, std::va_list list, Language language, Arguments& arguments) {
+    std::size_t count = 0;
+    for (; kinds[count] != '\0' && count < arguments.size(); ++count) {
+        Argument& argument = arguments[count];
+        if (kinds[count] == 's') {
+            const char* text = va_arg(list, const char*);
+            argument.text = text == nullptr ? "" : text;
+            continue;
+        }
+        const int number = va_arg(list, int);
+        if (kinds[count] == 'e') {
+            argument.made = systemErrorText(number, language);
+        } else {
+            argument.conversion = 'd';
+            argument.made = std::to_string(number);
+        }
+        argument.text = argument.made;
+    }
+    return {arguments.data(), count};
+}
+
+/// Appends `text` with its placeholders filled in. Returns whether they take every argument and nothing else; if not,
+/// part of it has been appended.
+bool expand(std::string_view text, std::span<const Argument> arguments, std::string& out) {
+    unsigned taken = 0;  // a bit for each argument
+    std::size_t next = 0;
+    for (;;) {
+        const std::size_t percent = text.find('%');
+        out += text.substr(0, percent);
+        if (percent == std::string_view::npos) {
+            return taken == (1U << arguments.size()) - 1;
+        }
+        text.remove_prefix(percent + 1);
+        if (text.starts_with('%')) {
+            out += '%';
+            text.remove_prefix(1);
+            continue;
+        }
+        std::size_t index = next;
+        if (text.size() > 1 && text[0] >= '1' && text[0] <= '9' && text[1] == '$') {
+            index = static_cast<std::size_t>(text[0] - '1');
+            text.remove_prefix(2);
+        } else {
+            ++next;
+        }
+        if (index >= arguments.size() || !text.starts_with(arguments[index].conversion)) {
+            return false;
+        }
+        out += arguments[index].text;
+        taken |= 1U << index;
+        text.remove_prefix(1);
+    }
+}
+
+std::string format(std::uint32_t identifier, std::va_list list, Language language) {
+    const QelMessage* message = find(identifier);
+    if (message == nullptr) {
+        std::array<char, kIdentifierLength + 1> shown;
+        std::snprintf(shown.data(), shown.size(), "%08X ", identifier);
+        return shown.data() + std::string("The catalogue has no text for this status.");
+    }
+    Arguments storage;
+    const std::span<const Argument> arguments = fetch(message->kinds, list, language, storage);
+    const std::size_t prefix = message->isFailure ? kIdentifierLength : 0;
+    const char* english = message->text + prefix;
+    std::string out(message->text, prefix);
+    if (language == Language::kLocale && expand(dgettext(kTextDomain, english), arguments, out)) {
+        return out;
+    }
+    out.resize(prefix);
+    expand(english, arguments, out);
+    return out;
+}
+
+}  // namespace
+
+void qelmsg_init(const char* programPath, int /*flags*/) {
+    std::setlocale(LC_ALL, "");
+    const std::string_view characters = std::setlocale(LC_CTYPE, nullptr);
+    if (characters == "C" || characters == "POSIX") {
+        std::setlocale(LC_CTYPE, "C.UTF-8");
+    }
+    bindtextdomain(kTextDomain, VEXIL_LOCALEDIR);
+    if (programPath != nullptr) {
+        const std::string_view path(programPath);
+        g_programName = path.substr(path.rfind('/') + 1);
+    }
+}
+
+void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
+    std::va_list arguments;
+    va_start(arguments, identifier);
+    try {
+        const std::string text = qel_msg_vformat(identifier, arguments);
+        std::fwrite(text.data(), 1, text.size(), stream);
+    } catch (const std::bad_alloc&) {
+        const char* text = qel_msg_get_default_msg(identifier, nullptr);
+        std::fputs(text == nullptr ? "" : text, stream);
+    }
+    va_end(arguments);
+}
+
+const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* status) {
+    const QelMessage* message = find(identifier);
+    if (status != nullptr) {
+        *status = message == nullptr ? kStatusUnknownName : 0;
+    }
+    return message == nullptr ? nullptr : message->text;
+}
+
+std::span<const QelMessage> qel_msg_table() {
+    return kTable;
+}
+
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list arguments) {
+    return format(identifier, arguments, Language::kLocale);
+}
+
+std::string qel_msg_vformat_default(std::uint32_t identifier, std::va_list arguments) {
+    return format(identifier, arguments, Language::kEnglish);
+}
+
+const char* qel_msg_program_name() {
+    return g_programName.c_str();
+}

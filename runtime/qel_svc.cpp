@@ -1,0 +1,88 @@
+#include "runtime/qel_svc.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdarg>
+#include <cstdlib>
+#include <ctime>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "runtime/QelFileDescriptor.h"
+#include "runtime/QelString.h"
+#include "runtime/qel_msg.h"
+
+namespace {
+
+bool insertsFit(std::uint32_t identifier, std::string_view insertFormat) {
+    for (const QelMessage& message : qel_msg_table()) {
+        if (message.identifier == identifier) {
+            std::string expected;
+            for (const char kind : std::string_view(message.kinds)) {
+                expected += kind == 's' ? "%s" : "%d";
+            }
+            return insertFormat == expected;
+        }
+    }
+    return true;  // such a message takes none
+}
+
+std::string entryText(std::uint32_t identifier, std::string_view insertFormat, std::va_list inserts) {
+    std::string text = insertsFit(identifier, insertFormat) ? qel_msg_vformat_default(identifier, inserts)
+                                                            : qel_msg_get_default_msg(identifier, nullptr);
+    text.erase(text.find_last_not_of('\n') + 1);
+    return text;
+}
+
+std::string timeText() {
+    const std::time_t now = std::time(nullptr);
+    std::tm utc{};
+    gmtime_r(&now, &utc);
+    std::array<char, sizeof "2026-01-31T08:15:00Z" + 8> text;
+    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
+}
+
+void appendToFile(const char* path, std::string_view line) {
+    // Opened anew, standard error would have a position of its own, and later output would overwrite the entry.
+    const bool isStandardError = std::string_view(path) == "/dev/stderr";
+    const QelFileDescriptor file(isStandardError
+                                     ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
+                                     : open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600));
+    // One write, so that the entries of processes that share the file do not mix.
+    [[maybe_unused]] const ssize_t written = write(file.get(), line.data(), line.size());
+}
+
+void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint32_t severity, std::string_view text) {
+    const std::string entry = std::string(handle == QelSvcHandle::kClient ? "client " : "deployment ")
+                                  .append(file.substr(file.rfind('/') + 1))
+                                  .append(":" + std::to_string(line) + " ")
+                                  .append(text);
+    const QelString visible(entry, QelString::kForDisplay);
+    const char* path = std::getenv("QEL_SVC_LOG");
+    const char* program = qel_msg_program_name();
+    if (path == nullptr || *path == '\0') {
+        openlog(program, LOG_PID, LOG_USER);
+        syslog(severity == kSvcErrorExit ? LOG_CRIT : LOG_ERR, "%s", visible.data());
+        return;
+    }
+    appendToFile(path, timeText() + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n");
+}
+
+}  // namespace
+
+void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, const char* insertFormat,
+                             std::uint32_t /*component*/, std::uint32_t severity, std::uint32_t identifier,
+                             ...) noexcept {
+    std::va_list inserts;
+    va_start(inserts, identifier);
+    try {
+        writeEntry(handle, file, line, severity, entryText(identifier, insertFormat, inserts));
+    } catch (const std::bad_alloc&) {
+        // The entry is lost.
+    }
+    va_end(inserts);
+}
