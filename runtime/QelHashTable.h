@@ -63,7 +63,7 @@ class QelHashTable {
     std::uint32_t setUp(std::uint32_t bucketCount) noexcept {
         clear();
         m_owns = true;
-        m_buckets = static_cast<Node**>(std::calloc(bucketCount, sizeof(Node*)));
+        m_buckets = static_cast<Node**>(std::calloc(bucketCount, sizeof(void*)));
         if (m_buckets == nullptr) {
             return kStatusNoMemory;
         }
@@ -78,12 +78,12 @@ class QelHashTable {
             return kStatusNoMemory;
         }
         Node** head = &m_buckets[bucketOf(key->hash(), m_bucketCount)];
-        Node* node = new (std::nothrow) Node{*head, key.get(), value.get()};
+        Node* node = new (std::nothrow) Node{*head, nullptr, nullptr};
         if (node == nullptr) {
             return kStatusNoMemory;
         }
-        key.release();
-        value.release();
+        node->key = key.release();
+        node->value = value.release();
         *head = node;
         ++m_entryCount;
         return 0;

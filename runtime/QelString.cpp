@@ -41,7 +41,7 @@ class Converter {
     }
 
   private:
-    bool isOpen() const noexcept { return m_descriptor != reinterpret_cast<iconv_t>(-1); }
+    bool isOpen() const noexcept { return reinterpret_cast<std::intptr_t>(m_descriptor) != -1; }
 
     bool step(char** from, std::size_t* left, std::string& out) {
         std::array<char, 256> buffer;

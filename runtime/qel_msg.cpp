@@ -60,7 +60,7 @@ std::string systemErrorText(int error, Language language) {
 
 std::span<const Argument> fetch(const char* kinds, std::va_list list, Language language, Arguments& arguments) {
     std::size_t count = 0;
-    for (; kinds[count] != '\0' && count < arguments.size(); ++count) {
+    for (; count < arguments.size() && kinds[count] != '\0'; ++count) {
         Argument& argument = arguments[count];
         if (kinds[count] == 's') {
             const char* text = va_arg(list, const char*);

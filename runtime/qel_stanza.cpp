@@ -19,20 +19,19 @@ namespace {
 
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
 
+constexpr const char* kBlanks = " \t\r";
+
 std::string_view withoutBlanks(std::string_view text) {
-    const std::size_t begin = text.find_first_not_of(" \t");
+    const std::size_t begin = text.find_first_not_of(kBlanks);
     return begin == std::string_view::npos ? std::string_view()
-                                           : text.substr(begin, text.find_last_not_of(" \t") - begin + 1);
+                                           : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
-/// Takes the first line off a text, without its line end.
+/// Takes the first line off a text, without its line feed.
 std::string_view takeLine(std::string_view& text) {
     const std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
+    const std::string_view line = text.substr(0, end);
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    if (line.ends_with('\r')) {
-        line.remove_suffix(1);
-    }
     return line;
 }
 
@@ -101,7 +100,7 @@ struct qelStanzaFile {
     std::vector<std::string_view> stanzas;
     std::vector<Entry> entries;
     std::string_view wanted;
-    std::size_t position = 0;
+    std::size_t position = std::string::npos;
 };
 
 namespace {
@@ -186,7 +185,7 @@ qelStanzaFile* qelStzFileOpen(const char* path, std::uint32_t* status) noexcept 
 std::uint32_t qelStzMoveStanza(qelStanzaFile* file, const char* stanza) noexcept {
     const auto found = std::find(file->stanzas.begin(), file->stanzas.end(), stanza);
     if (found == file->stanzas.end()) {
-        file->position = file->entries.size();
+        file->position = std::string::npos;
         return kStatusEntryMissing;
     }
     file->wanted = *found;

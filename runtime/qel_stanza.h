@@ -1,9 +1,10 @@
 /// The stanza file reader: named stanzas of ordered name and value entries.
 ///
-/// `[name]` opens a stanza; `name = value` is an entry, blanks around name and value removed; a name alone is an entry
-/// without a value; `#` or `;` in the first non-blank column is a comment. CRLF line ends and a UTF-8 byte order mark
-/// are accepted, and no line is too long. A stanza that appears twice continues. An unclosed `[`, an empty name, an
-/// entry before any stanza or a NUL byte makes the file malformed.
+/// `[name]` opens a stanza; `name = value` is an entry; a name alone is an entry without a value; `#` or `;` in the
+/// first non-blank column is a comment. Blanks (space, tab, carriage return) around names and values are no part of
+/// them. A UTF-8 byte order mark is accepted, and no line is too long. A stanza that appears twice continues. A line
+/// that begins with `[` and does not end in `]`, an empty name, an entry before any stanza or a NUL byte makes the file
+/// malformed.
 #pragma once
 
 #include <cstddef>

@@ -1,0 +1,42 @@
+/// Fixtures of the runtime's tests.
+#pragma once
+
+#include <climits>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+/// While one lives, operator new fails, from its `granted`-th call on.
+struct FailingNew {
+    explicit FailingNew(int granted = 0) { left = granted; }
+    FailingNew(const FailingNew&) = delete;
+    FailingNew& operator=(const FailingNew&) = delete;
+    ~FailingNew() { left = INT_MAX; }
+
+    static inline int left = INT_MAX;
+};
+
+/// A new folder, removed with all it holds.
+class TempFolder {
+  public:
+    TempFolder() : m_path(mkdtemp((std::filesystem::temp_directory_path() / "vexil-XXXXXX").string().data())) {}
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder() { std::filesystem::remove_all(m_path); }
+
+    std::string operator/(const char* name) const { return m_path / name; }
+
+  private:
+    std::filesystem::path m_path;
+};
+
+inline std::string readFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+inline void writeFile(const std::string& path, std::string_view content) {
+    std::ofstream(path, std::ios::binary) << content;
+}
