@@ -1,0 +1,379 @@
+#include "admin/client/HttpTransport.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <string_view>
+
+#include "admin/protocol/protocol.h"
+
+namespace {
+
+bool equalsIgnoringCase(std::string_view left, std::string_view right) {
+    return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
+}
+
+std::string_view withoutBlanks(std::string_view text) {
+    const char* const blanks = " \t\r\n";
+    const std::size_t first = text.find_first_not_of(blanks);
+    return first == std::string_view::npos ? std::string_view()
+                                           : text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+/// What happens to one request on its way: filled by libcurl's callbacks.
+class Exchange {
+  public:
+    Exchange(bool once, const AttemptLimits& limits) : m_once(once), m_limits(limits) {}
+
+    /// The connection is there and the request is about to be sent, perhaps for another time.
+    bool onConnected() {
+        if (m_sent && m_once) {
+            return false;
+        }
+        m_sent = true;
+        return true;
+    }
+
+    bool onHeader(std::string_view line) {
+        m_headBytes += line.size();
+        if (m_headBytes > kMaxHeadBytes) {
+            return refuse("its head is too long");
+        }
+        if (m_inBody) {
+            return true;  // a trailer
+        }
+        if (line.substr(0, 5) == "HTTP/") {
+            // "HTTP/1.1 200 OK"; an interim answer (1xx) is followed by another one.
+            const std::size_t blank = line.find(' ');
+            m_status = 0;
+            m_isJson = false;
+            if (blank != std::string_view::npos) {
+                std::from_chars(line.data() + blank + 1, line.data() + line.size(), m_status);
+            }
+            return true;
+        }
+        const std::size_t colon = line.find(':');
+        if (colon == std::string_view::npos) {
+            return withoutBlanks(line).empty() && m_status >= 200 ? onHeadComplete() : true;
+        }
+        return onField(withoutBlanks(line.substr(0, colon)), withoutBlanks(line.substr(colon + 1)));
+    }
+
+    bool onBody(const char* bytes, std::size_t count) {
+        if (text.size() + count > protocol::kMaxAnswerBytes) {
+            return refuse("it is too long");
+        }
+        text.append(bytes, count);
+        m_lastByte = Clock::now();
+        m_windowBytes += static_cast<long>(count);
+        return true;
+    }
+
+    /// When the exchange has to end unless something more comes.
+    Clock::time_point deadline() {
+        if (!m_inBody) {
+            return m_sent ? m_limits.answered : m_limits.connected;
+        }
+        const auto now = Clock::now();
+        if (now >= m_windowStart + m_limits.silence && m_windowBytes >= leastBytesPerWindow()) {
+            m_windowStart = now;
+            m_windowBytes = 0;
+        }
+        const auto windowEnd = m_windowStart + m_limits.silence;
+        const auto silenceEnd = m_lastByte + m_limits.silence;
+        return m_windowBytes < leastBytesPerWindow() ? std::min(windowEnd, silenceEnd) : silenceEnd;
+    }
+
+    bool sent() const { return m_sent; }
+    bool begun() const { return m_headBytes > 0; }
+    bool inBody() const { return m_inBody; }
+    int status() const { return m_status; }
+    Clock::duration flowed() const { return m_inBody ? m_lastByte - m_bodyStart : Clock::duration::zero(); }
+    /// Why a callback refused what came, or empty.
+    const std::string& refusal() const { return m_refusal; }
+    bool outOfMemory = false;
+    AnswerText text;
+    char error[CURL_ERROR_SIZE] = "";
+
+  private:
+    bool refuse(std::string why) {
+        m_refusal = std::move(why);
+        return false;
+    }
+
+    bool onField(std::string_view name, std::string_view value) {
+        if (equalsIgnoringCase(name, "Content-Type")) {
+            m_isJson = equalsIgnoringCase(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
+        } else if (equalsIgnoringCase(name, "Content-Encoding") && !equalsIgnoringCase(value, "identity")) {
+            m_isEncoded = true;
+        } else if (equalsIgnoringCase(name, "Transfer-Encoding") && !equalsIgnoringCase(value, "chunked")) {
+            m_isEncoded = true;
+        }
+        return true;
+    }
+
+    bool onHeadComplete() {
+        if (m_status != 200) {
+            return refuse("HTTP status " + std::to_string(m_status));
+        }
+        if (m_isEncoded) {
+            return refuse("it is compressed");
+        }
+        if (!m_isJson) {
+            return refuse("its type is not application/json");
+        }
+        m_inBody = true;
+        m_bodyStart = m_windowStart = m_lastByte = Clock::now();
+        return true;
+    }
+
+    long leastBytesPerWindow() const {
+        return kLeastBytesPerSecond * std::chrono::duration_cast<std::chrono::milliseconds>(m_limits.silence).count() /
+               1000;
+    }
+
+    const bool m_once;
+    const AttemptLimits m_limits;
+    bool m_sent = false;
+    bool m_inBody = false;
+    bool m_isJson = false;
+    bool m_isEncoded = false;
+    int m_status = 0;
+    std::size_t m_headBytes = 0;
+    Clock::time_point m_bodyStart;
+    Clock::time_point m_windowStart;
+    Clock::time_point m_lastByte;
+    long m_windowBytes = 0;
+    std::string m_refusal;
+};
+
+/// Runs a callback's body: false, or memory that ran out, ends the transfer.
+template <class Body>
+bool guarded(void* exchange, Body body) noexcept {
+    try {
+        return body(*static_cast<Exchange*>(exchange));
+    } catch (const std::bad_alloc&) {
+        static_cast<Exchange*>(exchange)->outOfMemory = true;
+        return false;
+    }
+}
+
+int connectedCallback(void* exchange, char*, char*, int, int) {
+    return guarded(exchange, [](Exchange& it) { return it.onConnected(); }) ? CURL_PREREQFUNC_OK
+                                                                            : CURL_PREREQFUNC_ABORT;
+}
+
+std::size_t headerCallback(char* line, std::size_t, std::size_t length, void* exchange) {
+    return guarded(exchange, [&](Exchange& it) { return it.onHeader({line, length}); }) ? length : 0;
+}
+
+std::size_t bodyCallback(char* bytes, std::size_t, std::size_t count, void* exchange) {
+    // A count other than the one given ends the transfer, also for the empty piece that libcurl may pass.
+    return guarded(exchange, [&](Exchange& it) { return it.onBody(bytes, count); }) ? count : count + 1;
+}
+
+template <class Value>
+void set(CURL* easy, CURLoption option, Value value) {
+    if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) {
+        throw std::bad_alloc();
+    }
+}
+
+long milliseconds(Clock::duration duration) {
+    const auto count = std::chrono::ceil<std::chrono::milliseconds>(duration).count();
+    return static_cast<long>(std::clamp<decltype(count)>(count, 0, std::numeric_limits<int>::max()));
+}
+
+/// Lends the easy handle to the multi handle. Taking it back closes a connection that is not at rest.
+class Transfer {
+  public:
+    Transfer(CURLM* multi, CURL* easy) : m_multi(multi), m_easy(easy) {
+        if (curl_multi_add_handle(m_multi, m_easy) != CURLM_OK) {
+            throw std::bad_alloc();
+        }
+    }
+    ~Transfer() { curl_multi_remove_handle(m_multi, m_easy); }
+    Transfer(const Transfer&) = delete;
+    Transfer& operator=(const Transfer&) = delete;
+
+    /// Runs until libcurl is done, or until the exchange's deadline.
+    CURLcode run(Exchange& exchange) {
+        for (;;) {
+            int running = 0;
+            int queued = 0;
+            if (curl_multi_perform(m_multi, &running) != CURLM_OK) {
+                return CURLE_OUT_OF_MEMORY;
+            }
+            if (const CURLMsg* message = curl_multi_info_read(m_multi, &queued)) {
+                return message->data.result;
+            }
+            const auto deadline = exchange.deadline();
+            const auto now = Clock::now();
+            if (now >= deadline) {
+                return CURLE_OPERATION_TIMEDOUT;
+            }
+            curl_multi_poll(m_multi, nullptr, 0, static_cast<int>(milliseconds(deadline - now)), nullptr);
+        }
+    }
+
+  private:
+    CURLM* m_multi;
+    CURL* m_easy;
+};
+
+Attempt failed(AttemptFailure failure, std::string cause) {
+    Attempt attempt;
+    attempt.failure = failure;
+    attempt.cause = std::move(cause);
+    return attempt;
+}
+
+Attempt notUnderstood(const std::string& why) {
+    return failed(AttemptFailure::kNotUnderstood, "answer not understood: " + why);
+}
+
+std::string timeoutCause(CURL* easy, const Exchange& exchange) {
+    if (exchange.inBody()) {
+        return "the rest of the answer did not come in time";
+    }
+    if (exchange.sent()) {
+        return "no answer in time";
+    }
+    curl_off_t lookedUp = 0;
+    curl_off_t connected = 0;
+    curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookedUp);
+    curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connected);
+    return lookedUp == 0    ? "name lookup failed: no answer in time"
+           : connected == 0 ? "no connection in time"
+                            : "no TLS handshake in time";
+}
+
+std::string systemCause(CURL* easy, const char* otherwise) {
+    long number = 0;
+    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
+    if (number == ECONNREFUSED) {
+        return "connection refused";
+    }
+    return number == 0 ? otherwise : std::string(otherwise) + ": " + std::strerror(static_cast<int>(number));
+}
+
+Attempt httpStatusFailure(int status, const std::string& why) {
+    if (status >= 400 && status < 600) {
+        return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, why);
+    }
+    return notUnderstood(why);  // a redirection, for one, which no session server sends
+}
+
+/// What libcurl's result means.
+Attempt judge(CURL* easy, CURLcode code, const Exchange& exchange) {
+    if (!exchange.refusal().empty()) {
+        return exchange.inBody() || exchange.status() == 200 ? notUnderstood(exchange.refusal())
+                                                             : httpStatusFailure(exchange.status(), exchange.refusal());
+    }
+    switch (code) {
+        case CURLE_OK:
+            return {};
+        case CURLE_COULDNT_RESOLVE_HOST:
+            return failed(AttemptFailure::kUnreachable, "name lookup failed");
+        case CURLE_URL_MALFORMAT:
+        case CURLE_LOGIN_DENIED:
+            return failed(AttemptFailure::kUnreachable, "this is not a usable URL");
+        case CURLE_COULDNT_CONNECT:
+            return failed(AttemptFailure::kUnreachable, systemCause(easy, "no connection"));
+        case CURLE_OPERATION_TIMEDOUT:
+            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange));
+        default:
+            break;
+    }
+    if (exchange.begun()) {
+        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? "it was cut short"
+                                                                                    : exchange.error);
+    }
+    if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
+        return exchange.sent() ? notUnderstood("it is not HTTP/1.1")
+                               : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
+    }
+    return exchange.sent()
+               ? failed(AttemptFailure::kUnreachable, systemCause(easy, "the connection ended before an answer"))
+               : failed(AttemptFailure::kTls, exchange.error);
+}
+
+}  // namespace
+
+HttpTransport::CurlLibrary::CurlLibrary() {
+    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+        throw std::bad_alloc();
+    }
+}
+
+HttpTransport::CurlLibrary::~CurlLibrary() {
+    curl_global_cleanup();
+}
+
+HttpTransport::HttpTransport() : m_multi(curl_multi_init()), m_easy(curl_easy_init()) {
+    for (const char* header : {"Content-Type: application/json", "Accept: application/json", "Expect:"}) {
+        curl_slist* longer = curl_slist_append(m_headers.get(), header);
+        if (longer == nullptr) {
+            throw std::bad_alloc();
+        }
+        static_cast<void>(m_headers.release());
+        m_headers.reset(longer);
+    }
+    if (m_multi == nullptr || m_easy == nullptr) {
+        throw std::bad_alloc();
+    }
+    curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, 1L);
+    CURL* easy = m_easy.get();
+    set(easy, CURLOPT_POST, 1L);
+    set(easy, CURLOPT_HTTPHEADER, m_headers.get());
+    set(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    set(easy, CURLOPT_HTTP09_ALLOWED, 0L);
+    set(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    set(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    set(easy, CURLOPT_PROXY, "");  // empty: none, whatever the environment says
+    set(easy, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
+    set(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(protocol::kMaxAnswerBytes));
+    set(easy, CURLOPT_BUFFERSIZE, 128L * 1024);
+    // A name lookup that hangs is left behind rather than waited for.
+    set(easy, CURLOPT_QUICK_EXIT, 1L);
+    set(easy, CURLOPT_PREREQFUNCTION, connectedCallback);
+    set(easy, CURLOPT_HEADERFUNCTION, headerCallback);
+    set(easy, CURLOPT_WRITEFUNCTION, bodyCallback);
+}
+
+HttpTransport::~HttpTransport() = default;
+
+Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) {
+    Exchange exchange(once, limits);
+    CURL* easy = m_easy.get();
+    set(easy, CURLOPT_URL, url.c_str());
+    set(easy, CURLOPT_POSTFIELDS, body.data());
+    set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
+    set(easy, CURLOPT_FRESH_CONNECT, once ? 1L : 0L);
+    // For libcurl to divide between several addresses of one name; 0 would mean its own default.
+    set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.connected - Clock::now())));
+    set(easy, CURLOPT_PREREQDATA, &exchange);
+    set(easy, CURLOPT_HEADERDATA, &exchange);
+    set(easy, CURLOPT_WRITEDATA, &exchange);
+    set(easy, CURLOPT_ERRORBUFFER, exchange.error);
+
+    const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
+    set(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
+    set(easy, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
+    if (exchange.outOfMemory || code == CURLE_OUT_OF_MEMORY) {
+        throw std::bad_alloc();
+    }
+    Attempt attempt = judge(easy, code, exchange);
+    attempt.sent = exchange.sent();
+    attempt.flowed = exchange.flowed();
+    if (attempt.failure == AttemptFailure::kNone) {
+        exchange.text.append('\0');
+        attempt.text = std::move(exchange.text);
+    }
+    return attempt;
+}

@@ -1,0 +1,79 @@
+/// One attempt to have a request answered by one location, over HTTP/1.1 (RFC 9112).
+#pragma once
+
+#include <curl/curl.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "admin/client/ResultBlock.h"
+#include "admin/client/SecretBuffer.h"
+
+using Clock = std::chrono::steady_clock;
+
+/// What an attempt failed of.
+enum class AttemptFailure {
+    kNone,
+    kUnreachable,    ///< no name, no connection, or one that ended before an answer began
+    kTimedOut,       ///< too slow, at whatever stage
+    kTls,            ///< no secure connection, or our certificate was refused
+    kRefused,        ///< HTTP status 4xx: the server did not take the request
+    kFailed,         ///< HTTP status 5xx
+    kNotUnderstood,  ///< what came is not an answer
+};
+
+struct Attempt {
+    AttemptFailure failure = AttemptFailure::kNone;
+    std::string cause;         ///< in words, when it failed
+    bool sent = false;         ///< whether any of the request can have reached a server
+    AnswerText text;           ///< the answer, with a NUL at its end, when it did not fail
+    Clock::duration flowed{};  ///< how long the answer flowed, which counts for nobody's waiting
+};
+
+/// When to give up.
+struct AttemptLimits {
+    Clock::time_point connected;  ///< no connection, with TLS, by then
+    Clock::time_point answered;   ///< no complete head of an answer by then
+    /// A body that brings nothing for so long, or less than kLeastBytesPerSecond over so long, has stopped.
+    Clock::duration silence;
+};
+
+inline constexpr long kLeastBytesPerSecond = 1024;
+inline constexpr std::size_t kMaxHeadBytes = 64 * 1024;
+
+/// Keeps the connection of the last answer for the next request.
+class HttpTransport {
+  public:
+    /// Throws std::bad_alloc.
+    HttpTransport();
+    ~HttpTransport();
+    HttpTransport(const HttpTransport&) = delete;
+    HttpTransport& operator=(const HttpTransport&) = delete;
+
+    /// Posts `body` to `url`. `once`: uses a connection of its own, on which the request is sent at most once;
+    /// otherwise a kept connection that turns out to be closed is made anew. Throws std::bad_alloc; the request may
+    /// then have been sent.
+    Attempt post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits);
+
+  private:
+    struct MultiDeleter {
+        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+    };
+    struct EasyDeleter {
+        void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
+    };
+    struct ListDeleter {
+        void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+    };
+    /// libcurl counts how often it is set up.
+    struct CurlLibrary {
+        CurlLibrary();
+        ~CurlLibrary();
+    };
+
+    CurlLibrary m_library;
+    std::unique_ptr<CURLM, MultiDeleter> m_multi;  // holds the connection
+    std::unique_ptr<CURL, EasyDeleter> m_easy;
+    std::unique_ptr<curl_slist, ListDeleter> m_headers;
+};

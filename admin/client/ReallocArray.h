@@ -1,0 +1,67 @@
+/// An array of plain elements that grows by realloc: a large one is remapped by the C library, never copied, so that
+/// growing needs no second copy of it in memory.
+#pragma once
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <type_traits>
+
+struct FreeDeleter {
+    void operator()(void* block) const noexcept { std::free(block); }
+};
+
+/// `headerBytes` are kept free in front of the first element for whoever takes the block over.
+template <class Element, std::size_t headerBytes = 0>
+class ReallocArray {
+    static_assert(std::is_trivially_copyable_v<Element>);
+    static_assert(headerBytes % alignof(Element) == 0);
+
+  public:
+    /// Throws std::bad_alloc; the array is then as it was.
+    void append(const Element* elements, std::size_t count) {
+        if (count > m_capacity - m_size) {
+            std::size_t wanted = m_capacity < kFirstCapacity ? kFirstCapacity : 2 * m_capacity;
+            reallocate(wanted > m_size + count ? wanted : m_size + count);
+        }
+        std::memcpy(data() + m_size, elements, count * sizeof(Element));
+        m_size += count;
+    }
+    void append(const Element& element) { append(&element, 1); }
+
+    /// Gives back what growing took in advance. Keeps at least the header.
+    void trim() {
+        if (m_size < m_capacity) {
+            reallocate(m_size);
+        }
+    }
+
+    std::size_t size() const { return m_size; }
+    Element* data() { return reinterpret_cast<Element*>(m_block.get() + headerBytes); }
+
+    /// The block from its header on, to be released with free(); the array is empty afterwards.
+    void* release() {
+        m_size = m_capacity = 0;
+        return m_block.release();
+    }
+
+  private:
+    static constexpr std::size_t kFirstCapacity = 16;
+
+    void reallocate(std::size_t capacity) {
+        // Never 0 bytes: what realloc returns for those says nothing about success.
+        void* block = std::realloc(m_block.get(), headerBytes + capacity * sizeof(Element) + 1);
+        if (block == nullptr) {
+            throw std::bad_alloc();
+        }
+        static_cast<void>(m_block.release());
+        m_block.reset(static_cast<char*>(block));
+        m_capacity = capacity;
+    }
+
+    std::unique_ptr<char, FreeDeleter> m_block;
+    std::size_t m_size = 0;
+    std::size_t m_capacity = 0;
+};

@@ -1,0 +1,24 @@
+#include "admin/client/ResultBlock.h"
+
+#include <cstring>
+
+char* makeTextResult(std::int32_t kind, const char* text) {
+    RecordList<char> copy;
+    copy.append(text, std::strlen(text) + 1);
+    AnswerText noText;
+    NameList noNames;
+    return makeResult(kind, copy, noText, noNames);
+}
+
+void releaseResult(std::int32_t kind, void* records) {
+    if (records == nullptr) {
+        return;
+    }
+    auto* header = static_cast<ResultHeader*>(records) - 1;
+    if (header->kind != kind) {
+        return;
+    }
+    std::free(header->text);
+    std::free(header->names);
+    std::free(header);
+}

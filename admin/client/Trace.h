@@ -1,0 +1,27 @@
+/// The caller's trace function, with everything it needs to be called safely.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "admin/client-interface/olm_dsess_admin.h"
+
+inline constexpr std::int32_t kTraceAlways = 0;   ///< what an administrator must see at once
+inline constexpr std::int32_t kTraceFailure = 1;  ///< each location tried and why it failed
+inline constexpr std::int32_t kTraceFlow = 2;     ///< which location answered
+inline constexpr std::int32_t kTraceMessage = 3;  ///< requests and answers, without passwords
+
+/// Passes on whole lines. The text is never a format: it may come from a server.
+class Trace {
+  public:
+    explicit Trace(olm_dsess_admin_trace_fn function) : m_function(function) {}
+
+    void line(std::int32_t level, const std::string& text) const {
+        if (m_function != nullptr) {
+            m_function(level, "%s\n", text.c_str());
+        }
+    }
+
+  private:
+    olm_dsess_admin_trace_fn m_function;
+};

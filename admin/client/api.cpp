@@ -1,0 +1,291 @@
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "admin/client-interface/olm_dsess_admin.h"
+#include "admin/client/Client.h"
+#include "admin/protocol/protocol.h"
+#include "runtime/qel_messages.h"
+
+namespace {
+
+// The selector texts of the catalogue: what names a selector to this library.
+namespace catalogue {
+#define QEL_FAILURE(name, identifier, kinds, text)
+#define QEL_TEXT(name, identifier, kinds, text) inline constexpr char name[] = text;
+#include "runtime/qel_messages.def"
+#undef QEL_TEXT
+#undef QEL_FAILURE
+}  // namespace catalogue
+
+namespace field = protocol::field;
+namespace method = protocol::method;
+
+constexpr Operation kClusterGet{method::kClusterGet, AnswerShape::kCluster, false};
+constexpr Operation kReplicaSetGet{method::kReplicaSetGet, AnswerShape::kReplicaSet, false};
+constexpr Operation kKeyChange{method::kKeyChange, AnswerShape::kKey, true};
+constexpr Operation kSessionList{method::kSessionList, AnswerShape::kSessions, false};
+constexpr Operation kSessionTerminate{method::kSessionTerminate, AnswerShape::kCount, true};
+constexpr Operation kSessionRefresh{method::kSessionRefresh, AnswerShape::kCount, true};
+constexpr Operation kTraceGet{method::kTraceGet, AnswerShape::kLevel, false};
+constexpr Operation kTraceSet{method::kTraceSet, AnswerShape::kLevel, true};
+
+struct Handle {
+    Client& client;
+};
+
+struct Context {
+    Client client;
+    std::vector<std::unique_ptr<Handle>> handles;
+};
+
+/// The contexts there are: an address that is not one of theirs, or of their handles, is refused instead of followed.
+std::vector<std::unique_ptr<Context>>& contexts() {
+    static auto* const all = new std::vector<std::unique_ptr<Context>>;
+    return *all;
+}
+
+Context* findContext(const void* address) {
+    for (const auto& context : contexts()) {
+        if (context.get() == address) {
+            return context.get();
+        }
+    }
+    return nullptr;
+}
+
+Client* findClient(const void* handleAddress) {
+    for (const auto& context : contexts()) {
+        for (const auto& handle : context->handles) {
+            if (handle.get() == handleAddress) {
+                return &handle->client;
+            }
+        }
+    }
+    return nullptr;
+}
+
+/// No exception leaves the library.
+template <class Body>
+std::uint32_t guarded(Body body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return kStatusNoMemory;
+    } catch (...) {
+        return kStatusServerFailed;
+    }
+}
+
+/// Performs an operation after the checks that all of them share; `take` moves the answer into the caller's storage.
+template <class Take>
+std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, bool argumentsGiven,
+                      const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
+    return guarded([&]() -> std::uint32_t {
+        Client* client = findClient(handle);
+        if (client == nullptr) {
+            return kStatusNoHandle;
+        }
+        if (security == nullptr || !argumentsGiven) {
+            return kStatusInvalidArgument;
+        }
+        Answer answer;
+        const std::uint32_t status = client->perform(operation, *security, parameters, answer);
+        if (status == 0) {
+            take(answer);
+        }
+        return status;
+    });
+}
+
+void ignoreAnswer(const Answer&) {}
+
+/// The selector's name on the wire, null when the query names none or lacks something.
+const char* selectorOf(const olm_dsess_admin_session_query_t* query) {
+    if (query == nullptr || query->realm == nullptr || query->selector_text1 == nullptr ||
+        query->selector_text2 == nullptr || query->value_list.count != 1 || query->value_list.values == nullptr ||
+        query->value_list.values[0] == nullptr) {
+        return nullptr;
+    }
+    const auto names = [query](const char* text1, const char* text2) {
+        return std::strcmp(query->selector_text1, text1) == 0 && std::strcmp(query->selector_text2, text2) == 0;
+    };
+    return names(catalogue::kMsgUserSelector1, catalogue::kMsgUserSelector2)         ? protocol::selector::kUser
+           : names(catalogue::kMsgSessionSelector1, catalogue::kMsgSessionSelector2) ? protocol::selector::kSession
+                                                                                     : nullptr;
+}
+
+std::uint32_t changeSessions(void* handle, const olm_dsess_admin_sec_info_t* security,
+                             const olm_dsess_admin_session_query_t* query, const Operation& operation) {
+    const char* selector = selectorOf(query);
+    if (selector == nullptr) {
+        return perform(handle, security, false, operation, {}, ignoreAnswer);
+    }
+    return perform(
+        handle, security, true, operation,
+        {{field::kRealm, query->realm}, {field::kSelector, selector}, {field::kValue, query->value_list.values[0]}},
+        ignoreAnswer);
+}
+
+/// The key outlives the other results of its answer, so its label gets a block of its own. Throws std::bad_alloc.
+olm_dsess_admin_cluster_t clusterResult(const Answer& answer) {
+    olm_dsess_admin_cluster_t cluster = answer.key;
+    cluster.key_label = makeTextResult(OLM_DSESS_ADMIN_FREE_CLUSTER, answer.key.key_label);
+    return cluster;
+}
+
+/// A URL without user name and password: they are neither sent nor shown.
+std::string withoutUserInfo(const std::string& url) {
+    const std::size_t scheme = url.find("://");
+    const std::size_t host = scheme == std::string::npos ? 0 : scheme + 3;
+    const std::size_t at = url.substr(0, url.find_first_of("/?#", host)).rfind('@');
+    return at == std::string::npos || at < host ? url : url.substr(0, host) + url.substr(at + 1);
+}
+
+bool isList(const olm_dsess_admin_mv_string_t& list) {
+    return list.count == 0 ||
+           (list.count > 0 && list.values != nullptr &&
+            std::all_of(list.values, list.values + list.count, [](const char* text) { return text != nullptr; }));
+}
+
+}  // namespace
+
+std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_admin_mv_string_t* server_urls,
+                                         const olm_dsess_admin_ssl_info_t* ssl_info, olm_dsess_admin_trace_fn trace,
+                                         void** context) {
+    return guarded([&]() -> std::uint32_t {
+        if (context == nullptr) {
+            return kStatusInvalidArgument;
+        }
+        *context = nullptr;
+        if (timeout < 0 || server_urls == nullptr || !isList(*server_urls) || ssl_info == nullptr ||
+            !isList(ssl_info->server_dns)) {
+            return kStatusInvalidArgument;
+        }
+        std::vector<std::string> urls;
+        for (std::int32_t index = 0; index < server_urls->count; ++index) {
+            urls.push_back(withoutUserInfo(server_urls->values[index]));
+        }
+        contexts().emplace_back(new Context{Client(timeout, std::move(urls), Trace(trace)), {}});
+        *context = contexts().back().get();
+        return 0;
+    });
+}
+
+std::uint32_t olm_dsess_admin_create_handle(void* context, void** handle) {
+    return guarded([&]() -> std::uint32_t {
+        if (handle == nullptr) {
+            return kStatusInvalidArgument;
+        }
+        *handle = nullptr;
+        Context* owner = findContext(context);
+        if (owner == nullptr) {
+            return kStatusInvalidArgument;
+        }
+        owner->handles.emplace_back(new Handle{owner->client});
+        *handle = owner->handles.back().get();
+        return 0;
+    });
+}
+
+void olm_dsess_admin_release_handle(void* context, void** handle) {
+    Context* owner = findContext(context);
+    if (handle == nullptr) {
+        return;
+    }
+    if (owner != nullptr) {
+        std::erase_if(owner->handles, [&](const auto& candidate) { return candidate.get() == *handle; });
+    }
+    *handle = nullptr;
+}
+
+void olm_dsess_admin_shutdown(void** context) {
+    if (context != nullptr) {
+        std::erase_if(contexts(), [&](const auto& candidate) { return candidate.get() == *context; });
+        *context = nullptr;
+    }
+}
+
+std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                               std::int32_t* realm_count, olm_dsess_admin_realm_t** realms,
+                                               olm_dsess_admin_cluster_t* cluster) {
+    const bool given = realm_count != nullptr && realms != nullptr && cluster != nullptr;
+    return perform(handle, sec_info, given, kClusterGet, {}, [&](Answer& answer) {
+        const olm_dsess_admin_cluster_t key = clusterResult(answer);
+        *realms = makeResult(OLM_DSESS_ADMIN_FREE_REALMS, answer.realms, answer.text, answer.replicaSetNames);
+        *realm_count = answer.count;
+        *cluster = key;
+    });
+}
+
+std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                   const char* replica_set_name, std::int32_t* count,
+                                                   olm_dsess_admin_replica_set_record_t** records) {
+    const bool given = replica_set_name != nullptr && count != nullptr && records != nullptr;
+    return perform(
+        handle, sec_info, given, kReplicaSetGet, {{field::kReplicaSet, replica_set_name}}, [&](Answer& answer) {
+            *records =
+                makeResult(OLM_DSESS_ADMIN_FREE_REPLICA_SET, answer.members, answer.text, answer.replicaSetNames);
+            *count = answer.count;
+        });
+}
+
+std::uint32_t olm_dsess_admin_generate_new_key(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                               olm_dsess_admin_cluster_t* cluster) {
+    return perform(handle, sec_info, cluster != nullptr, kKeyChange, {},
+                   [&](Answer& answer) { *cluster = clusterResult(answer); });
+}
+
+std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                            const olm_dsess_admin_session_query_t* query, std::int32_t max,
+                                            std::int32_t* total, std::int32_t* count,
+                                            olm_dsess_admin_session_t** sessions) {
+    const char* selector = selectorOf(query);
+    if (selector == nullptr || max < -1 || total == nullptr || count == nullptr || sessions == nullptr) {
+        return perform(handle, sec_info, false, kSessionList, {}, ignoreAnswer);
+    }
+    return perform(handle, sec_info, true, kSessionList,
+                   {{field::kRealm, query->realm},
+                    {field::kSelector, selector},
+                    {field::kValue, query->value_list.values[0]},
+                    {field::kMax, max}},
+                   [&](Answer& answer) {
+                       *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.text,
+                                              answer.replicaSetNames);
+                       *total = answer.total;
+                       *count = answer.count;
+                   });
+}
+
+std::uint32_t olm_dsess_admin_terminate_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                                 const olm_dsess_admin_session_query_t* query) {
+    return changeSessions(handle, sec_info, query, kSessionTerminate);
+}
+
+std::uint32_t olm_dsess_admin_refresh_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                               const olm_dsess_admin_session_query_t* query) {
+    return changeSessions(handle, sec_info, query, kSessionRefresh);
+}
+
+std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                              std::int32_t* level) {
+    return perform(handle, sec_info, level != nullptr, kTraceGet, {}, [&](Answer& answer) { *level = answer.level; });
+}
+
+std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
+                                              std::int32_t level) {
+    return perform(handle, sec_info, true, kTraceSet, {{field::kLevel, level}}, ignoreAnswer);
+}
+
+void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {
+    if (free_info == nullptr || free_info->result == nullptr) {
+        return;
+    }
+    // A cluster record begins with its label, so that both cases are the address of a pointer.
+    void** records = static_cast<void**>(free_info->result);
+    releaseResult(free_info->kind, *records);
+    *records = nullptr;
+}
