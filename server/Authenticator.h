@@ -1,0 +1,85 @@
+/// Who a request comes from.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "server/Store.h"
+
+namespace dsessd {
+
+/// What a request says about its sender. `password` is NUL-terminated; null: none.
+struct Credentials {
+    std::string_view user;
+    const char* password = nullptr;
+    std::string_view loginId;
+};
+
+/// Verifies administrators' passwords.
+///
+/// A hash is made to be slow, so what was verified is remembered for a while: by a keyed digest of user, login
+/// identifier, password and the stored hash, hence only for requests that bring all of them again, and no longer than
+/// the administrator stays as he was. An unknown name costs as much as a wrong password. Few hashes are computed at a
+/// time and few requests may wait for one, so that bad logins by the thousand leave the rest of the server free.
+class Authenticator {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Limits {
+        unsigned hashesAtOnce = 2;
+        unsigned waiting = 48;
+        std::size_t remembered = 1024;
+        Clock::duration rememberFor = std::chrono::minutes(5);
+    };
+
+    enum class Outcome {
+        verified,    ///< by its password, just now
+        remembered,  ///< verified a while ago
+        refused,
+        busy,  ///< too many are waiting to be verified
+    };
+    struct Verdict {
+        Outcome outcome = Outcome::refused;
+        Role role = Role::read;
+    };
+
+    Authenticator();
+    explicit Authenticator(const Limits& limits);
+
+    /// Safe to call from several threads, each with a store of its own.
+    Verdict verify(Store& store, const Credentials& credentials);
+
+    /// How many hashes were computed since the start.
+    std::uint64_t hashCount() const;
+
+  private:
+    using Digest = std::array<unsigned char, 32>;
+
+    Digest digestOf(const Credentials& credentials, std::string_view passwordHash) const;
+    bool remembers(const Digest& digest);
+    void remember(const Digest& digest);
+    /// Nothing: too many are waiting.
+    std::optional<bool> matches(const char* password, const std::string& hash);
+
+    const Limits limits_;
+    std::array<unsigned char, 32> key_{};
+    /// What the password given for an unknown name is compared with.
+    std::string dummyHash_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable hashDone_;
+    unsigned hashing_ = 0;
+    unsigned waiting_ = 0;
+    std::uint64_t hashCount_ = 0;
+    std::map<Digest, Clock::time_point> expiries_;
+    std::deque<Digest> oldestFirst_;
+};
+
+}  // namespace dsessd

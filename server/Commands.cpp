@@ -1,0 +1,183 @@
+#include "server/Commands.h"
+
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+
+#include "server/Authenticator.h"
+#include "server/HttpServer.h"
+#include "server/Loader.h"
+#include "server/Log.h"
+#include "server/Password.h"
+
+namespace dsessd {
+
+namespace {
+
+/// SIGTERM and SIGINT as a descriptor to wait for. Made before any thread, so that all threads leave them alone.
+Descriptor stopSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    Descriptor fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (fd.get() < 0)
+        throw std::runtime_error(std::string("no descriptor for signals: ") + std::strerror(errno));
+    return fd;
+}
+
+/// A connection may need four descriptors: its own and those of a store.
+void allowManyDescriptors() {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
+std::string readyLine(const ServeOptions& options, const Listener& listener) {
+    std::string line = "dsessd: listening on ";
+    line += options.tls.certificate.empty() ? "http://" : "https://";
+    line += listener.address() + "/ for instances ";
+    for (const std::string& instance : options.instances)
+        line += (&instance == &options.instances.front() ? "" : ", ") + instance;
+    return line;
+}
+
+}  // namespace
+
+int serve(const ServeOptions& options) {
+    std::signal(SIGPIPE, SIG_IGN);
+    const Descriptor stop = stopSignals();
+    allowManyDescriptors();
+    Log log(STDERR_FILENO);
+    StorePool stores(options.data);
+    log.setLevel(stores.take()->traceLevel());
+    Authenticator authenticator;
+    Service service(stores, authenticator, log, options.anonymous);
+    const SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
+    HttpServer server(service, log, options.instances, tls.get(), HttpLimits{});
+    const Listener listener(options.listen);
+
+    const std::string ready = readyLine(options, listener);
+    std::cout << ready << std::endl;
+    log.write(Topic::notice, ready.substr(ready.find("listening")));
+    server.run(listener, stop.get());
+    log.write(Topic::notice, "stopped");
+    return 0;
+}
+
+namespace {
+
+/// Shows on a terminal how far a load is, a few times a second.
+class ProgressLine {
+  public:
+    explicit ProgressLine(std::uint64_t totalBytes) : total_(totalBytes) {}
+    ~ProgressLine() {
+        if (shown_)
+            std::cerr << "\r\033[K" << std::flush;
+    }
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+
+    void show(std::uint64_t bytes, const LoadCounts& counts) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < next_)
+            return;
+        next_ = now + std::chrono::milliseconds(250);
+        shown_ = true;
+        std::cerr << "\r\033[Kloading: ";
+        if (total_ != 0)
+            std::cerr << bytes * 100 / total_ << "%, ";
+        std::cerr << counts.sessions << " sessions" << std::flush;
+    }
+
+  private:
+    std::uint64_t total_;
+    bool shown_ = false;
+    std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+};
+
+std::uint64_t sizeOf(const std::string& path) {
+    struct stat info {};
+    return path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)
+               ? static_cast<std::uint64_t>(info.st_size)
+               : 0;
+}
+
+}  // namespace
+
+int load(const LoadOptions& options) {
+    std::ifstream file;
+    if (options.source != "-") {
+        file.open(options.source, std::ios::binary);
+        if (!file)
+            throw std::runtime_error(options.source + " cannot be read: " + std::strerror(errno));
+    }
+    std::istream& input = options.source == "-" ? std::cin : file;
+    const auto store = Store::open(options.data, Store::IfMissing::create);
+    ProgressLine line(sizeOf(options.source));
+    LoadProgress progress;
+    if (::isatty(STDERR_FILENO) == 1)
+        progress = [&](std::uint64_t bytes, const LoadCounts& counts) { line.show(bytes, counts); };
+    LoadCounts counts;
+    try {
+        counts = loadCluster(input, *store, presentTime(), progress);
+    } catch (const LoadError& error) {
+        throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
+                                 "; nothing was loaded");
+    }
+    std::cout << "dsessd: loaded " << counts.realms << " realms, " << counts.replicaSets << " replica sets, "
+              << counts.members << " members, " << counts.keys << " keys and " << counts.sessions << " sessions"
+              << std::endl;
+    return 0;
+}
+
+namespace {
+
+void addAdministrator(const AdminOptions& options) {
+    if (options.name.empty() || options.name.size() > kMaxNameBytes || !isCleanUtf8(options.name) ||
+        options.name == kAnonymousUser)
+        throw std::runtime_error("'" + harmless(options.name) + "' cannot be an administrator's name");
+    const auto store = Store::open(options.data, Store::IfMissing::create);
+    SecretString password(kMaxPasswordBytes);
+    std::string problem;
+    if (!readNewPassword(options.name, password, problem))
+        throw std::runtime_error(problem);
+    const std::string hash = hashPassword(password.c_str());
+    if (hash.empty())
+        throw std::runtime_error("the system's crypt library makes no yescrypt hash");
+    const bool isNew = store->putAdministrator({options.name, hash, options.role});
+    std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
+              << (options.role == Role::read ? ", may read" : ", may change") << std::endl;
+}
+
+}  // namespace
+
+int administrate(const AdminOptions& options) {
+    if (options.action == AdminOptions::Action::add) {
+        addAdministrator(options);
+        return 0;
+    }
+    const auto store = Store::open(options.data, Store::IfMissing::fail);
+    if (options.action == AdminOptions::Action::list) {
+        for (const Administrator& administrator : store->administrators())
+            std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
+        return 0;
+    }
+    if (!store->removeAdministrator(options.name))
+        throw std::runtime_error("there is no administrator " + harmless(options.name));
+    std::cout << "dsessd: administrator " << harmless(options.name) << " removed" << std::endl;
+    return 0;
+}
+
+}  // namespace dsessd

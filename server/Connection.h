@@ -1,0 +1,99 @@
+/// One client's connection, plain or TLS, as the HTTP layer's stream. Every wait has an end.
+#pragma once
+
+#include <httplib.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <string>
+
+#include "server/Descriptor.h"
+#include "server/Tls.h"
+
+namespace dsessd {
+
+struct ConnectionLimits {
+    using Duration = std::chrono::milliseconds;
+    /// From a request's first byte to its last, however it drips in; also for a TLS handshake.
+    Duration request{10'000};
+    /// Between requests, and before the first.
+    Duration idle{30'000};
+    /// A write that makes no progress at all.
+    Duration stall{10'000};
+    /// An answer may take this long and a second more for each `bytesPerSecond` taken.
+    Duration answer{30'000};
+    std::size_t bytesPerSecond = 256 * 1024;
+    /// A request with its head, in bytes.
+    std::size_t requestBytes = 96 * 1024;
+};
+
+class Connection final : public httplib::Stream {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    /// `tls`: null for a plain connection.
+    Connection(Descriptor socket, SSL_CTX* tls, const ConnectionLimits& limits);
+    ~Connection() override;
+
+    /// The TLS handshake; true at once on a plain connection.
+    bool handshake();
+    /// Waits for a request to begin. False: none comes.
+    bool awaitRequest();
+    /// Ends the connection so that the client still gets what was written: says that no more comes, then reads what the
+    /// client is sending until it stops, for a while.
+    void closeGently();
+    /// May be called from another thread: ends whatever this connection waits for.
+    void cutOff();
+    /// For any thread: since when the connection has been open for a request, or an unfinished one has been coming in;
+    /// the clock's epoch while it is not the client that is waited for.
+    Clock::time_point waitingSince() const;
+    /// For any thread: whether it waits between two requests.
+    bool idle() const { return idle_.load(); }
+
+    /// The status of HTTP that says why reading was given up; 0: it was not. What is written afterwards goes nowhere,
+    /// since the request was not understood as it was meant.
+    int refusal() const { return refusal_; }
+    /// Writes an answer without a body in place of the one that was refused.
+    void writeRefusal();
+
+    const SSL* ssl() const { return ssl_.get(); }
+
+    bool is_readable() const override { return true; }
+    bool is_writable() const override { return refusal_ == 0; }
+    ssize_t read(char* bytes, std::size_t size) override;
+    ssize_t write(const char* bytes, std::size_t size) override;
+    void get_remote_ip_and_port(std::string& ip, int& port) const override;
+    void get_local_ip_and_port(std::string& ip, int& port) const override;
+    socket_t socket() const override { return socket_.get(); }
+
+  private:
+    bool wait(short events, Clock::time_point deadline);
+    /// Result of a read or write of the socket or of TLS: bytes, 0 at the end, -1 at a failure or when time is up.
+    ssize_t receive(char* bytes, std::size_t size, Clock::time_point deadline);
+    ssize_t send(const char* bytes, std::size_t size, Clock::time_point deadline);
+    bool awaitTls(int result, Clock::time_point deadline);
+
+    Descriptor socket_;
+    Ssl ssl_;
+    const ConnectionLimits limits_;
+    std::string peerHost_;
+    int peerPort_ = 0;
+
+    std::array<char, 16 * 1024> buffer_{};
+    std::size_t at_ = 0;
+    std::size_t end_ = 0;
+    bool timedOut_ = false;
+
+    Clock::time_point requestDeadline_;
+    std::size_t requestBytes_ = 0;
+    Clock::time_point answerStart_;
+    std::size_t answerBytes_ = 0;
+    int refusal_ = 0;
+
+    std::atomic<Clock::time_point> began_ = Clock::now();
+    std::atomic<bool> reading_ = false;
+    std::atomic<bool> idle_ = false;
+};
+
+}  // namespace dsessd

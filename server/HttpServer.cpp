@@ -1,0 +1,258 @@
+#include "server/HttpServer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <optional>
+#include <thread>
+
+#include "admin/protocol/protocol.h"
+
+namespace dsessd {
+
+namespace {
+
+constexpr char kBusyAnswer[] = "HTTP/1.1 503 Service Unavailable\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+
+bool isJson(const std::string& contentType) {
+    const std::string type = contentType.substr(0, contentType.find_first_of("; \t"));
+    return ::strcasecmp(type.c_str(), protocol::kContentType) == 0;
+}
+
+bool isChunked(const httplib::Request& request) {
+    return request.has_header("Transfer-Encoding");
+}
+
+/// Nothing: not a length.
+std::optional<std::size_t> contentLength(const httplib::Request& request) {
+    const std::string text = request.get_header_value("Content-Length");
+    std::size_t length = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), length);
+    if (parsed.ec == std::errc::result_out_of_range)
+        return SIZE_MAX;
+    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size())
+        return std::nullopt;
+    return length;
+}
+
+/// Whether request and client can disagree about where the body ends.
+bool isFramingClear(const httplib::Request& request) {
+    if (isChunked(request))
+        return request.get_header_value_count("Transfer-Encoding") == 1 && !request.has_header("Content-Length") &&
+               ::strcasecmp(request.get_header_value("Transfer-Encoding").c_str(), "chunked") == 0;
+    return !request.has_header("Content-Length") ||
+           (request.get_header_value_count("Content-Length") == 1 && contentLength(request).has_value());
+}
+
+}  // namespace
+
+HttpServer::HttpServer(Service& service, Log& log, std::vector<std::string> instances, SSL_CTX* tls,
+                       const HttpLimits& limits)
+    : service_(service), log_(log), tls_(tls), limits_(limits) {
+    for (const std::string& instance : instances)
+        for (const char* path : {protocol::kServicePath, protocol::kProxyServicePath})
+            paths_.push_back("/" + instance + path);
+    keep_alive_timeout_sec_ = std::chrono::duration_cast<std::chrono::seconds>(limits.connection.idle).count();
+    keep_alive_max_count_ = 1'000'000;
+    set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+        const int refusal = refusalOf(request);
+        if (refusal == 0)
+            return HandlerResponse::Unhandled;
+        response.status = refusal;
+        return HandlerResponse::Handled;
+    });
+    set_expect_100_continue_handler([this](const httplib::Request& request, httplib::Response& response) {
+        const int refusal = refusalOf(request);
+        if (refusal == 0)
+            return 100;
+        response.status = refusal;
+        return refusal;
+    });
+    set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+        log_.write(Topic::failure, "a request ended in an unexpected exception");
+        response.status = 500;
+    });
+    Post(".*", [this](const httplib::Request& request, httplib::Response& response,
+                      const httplib::ContentReader& readBody) { answer(request, response, readBody); });
+}
+
+int HttpServer::refusalOf(const httplib::Request& request) const {
+    if (!isFramingClear(request))
+        return 400;
+    if (std::find(paths_.begin(), paths_.end(), request.path) == paths_.end())
+        return 404;
+    if (request.method != "POST")
+        return 405;
+    if (!isJson(request.get_header_value("Content-Type")) || request.has_header("Content-Encoding"))
+        return 415;
+    if (!isChunked(request) && contentLength(request).value_or(0) > protocol::kMaxRequestBytes)
+        return 413;
+    return 0;
+}
+
+void HttpServer::admit(httplib::Request& request, const Connection& connection, bool& close) const {
+    request.ssl = connection.ssl();
+    // The library would compress, and answer in parts, when asked to.
+    request.headers.erase("Accept-Encoding");
+    request.ranges.clear();
+    if (refusalOf(request) == 0 && !isChunked(request))
+        return;
+    // Of a body that is not read to its end something is left over that is no request.
+    request.headers.erase("Connection");
+    request.set_header("Connection", "close");
+    close = true;
+}
+
+void HttpServer::answer(const httplib::Request& request, httplib::Response& response,
+                        const httplib::ContentReader& readBody) {
+    SecretString body(protocol::kMaxRequestBytes);
+    bool tooLong = false;
+    const auto take = [&](const char* bytes, std::size_t size) {
+        tooLong = !body.append({bytes, size});
+        return !tooLong;
+    };
+    const bool hasBody = isChunked(request) || request.has_header("Content-Length");
+    if (hasBody && !readBody(take)) {
+        response.status = tooLong ? 413 : 400;
+        return;
+    }
+    const Peer peer{request.remote_addr + ":" + std::to_string(request.remote_port), peerSubject(request.ssl)};
+    Answer answer = service_.handle(body, peer);
+    response.status = answer.httpStatus;
+    sendRest(response, std::move(answer));
+}
+
+void HttpServer::sendRest(httplib::Response& response, Answer answer) {
+    if (!answer.rest) {
+        response.set_content(answer.text, protocol::kContentType);
+        return;
+    }
+    const auto shared = std::make_shared<Answer>(std::move(answer));
+    response.set_chunked_content_provider(protocol::kContentType, [this, shared](std::size_t, httplib::DataSink& sink) {
+        try {
+            if (shared->text.empty()) {
+                sink.done();
+                return true;
+            }
+            const bool sent = sink.write(shared->text.data(), shared->text.size());
+            if (sent)
+                shared->text = shared->rest->next();
+            return sent;
+        } catch (const SqliteError& failure) {
+            log_.write(Topic::failure, std::string("a listing broke off: ") + failure.what());
+            return false;
+        }
+    });
+}
+
+void HttpServer::run(const Listener& listener, int stopFd) {
+    // The library ends chunked answers early while it believes that nothing listens.
+    svr_sock_ = listener.fd();
+    std::array<pollfd, 2> ready{{{stopFd, POLLIN, 0}, {listener.fd(), POLLIN, 0}}};
+    while (ready[0].revents == 0) {
+        if (::poll(ready.data(), ready.size(), -1) > 0 && ready[1].revents != 0)
+            acceptOne(listener.fd());
+    }
+    drain();
+}
+
+bool HttpServer::makeRoom(std::unique_lock<std::mutex>& lock) {
+    if (threads_ < limits_.connections)
+        return true;
+    constexpr Connection::Clock::time_point kNotWaiting{};
+    Connection* longest = nullptr;
+    Connection::Clock::time_point earliest;
+    for (Connection* candidate : connections_) {
+        const auto since = candidate->waitingSince();
+        if (since != kNotWaiting && (longest == nullptr || since < earliest)) {
+            longest = candidate;
+            earliest = since;
+        }
+    }
+    if (longest == nullptr)
+        return false;
+    longest->cutOff();
+    return ended_.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads_ < limits_.connections; });
+}
+
+void HttpServer::acceptOne(int listeningFd) {
+    Descriptor socket(::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (socket.get() < 0) {
+        if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+            log_.write(Topic::failure, std::string("cannot take a connection: ") + std::strerror(errno));
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        }
+        return;
+    }
+    std::unique_lock lock(mutex_);
+    if (!makeRoom(lock)) {
+        if (!std::exchange(saturated_, true))
+            log_.write(Topic::failure, "busy with " + std::to_string(threads_) + " connections, more are refused");
+        if (tls_ == nullptr)
+            ::send(socket.get(), kBusyAnswer, sizeof kBusyAnswer - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        return;
+    }
+    saturated_ = false;
+    try {
+        std::thread([this, owned = std::move(socket)]() mutable { converse(std::move(owned)); }).detach();
+        ++threads_;
+    } catch (const std::system_error& error) {
+        log_.write(Topic::failure, std::string("cannot start a thread for a connection: ") + error.what());
+    }
+}
+
+void HttpServer::converse(Descriptor socket) {
+    try {
+        Connection connection(std::move(socket), tls_, limits_.connection);
+        std::unique_lock lock(mutex_);
+        const auto entry = connections_.insert(connections_.end(), &connection);
+        lock.unlock();
+        serveRequests(connection);
+        lock.lock();
+        connections_.erase(entry);
+    } catch (const std::exception& error) {
+        log_.write(Topic::failure, std::string("a connection ended in failure: ") + error.what());
+    }
+    const std::lock_guard lock(mutex_);
+    --threads_;
+    ended_.notify_all();
+}
+
+void HttpServer::serveRequests(Connection& connection) {
+    if (!connection.handshake()) {
+        log_.write(Topic::audit, "TLS handshake failed: " + lastTlsError());
+        return;
+    }
+    bool close = false;
+    while (!close && !stopping_ && connection.awaitRequest()) {
+        const bool lastOne = stopping_;
+        const bool answered =
+            process_request(connection, lastOne, close, [&](httplib::Request& r) { admit(r, connection, close); });
+        close = close || lastOne || !answered;
+    }
+    if (connection.refusal() != 0)
+        connection.writeRefusal();
+    if (close)
+        connection.closeGently();
+}
+
+void HttpServer::drain() {
+    std::unique_lock lock(mutex_);
+    stopping_ = true;
+    const auto deadline = Connection::Clock::now() + limits_.drain;
+    const auto cutOffUnless = [&](bool inProgress) {
+        for (Connection* connection : connections_)
+            if (!inProgress || connection->idle())
+                connection->cutOff();
+    };
+    while (threads_ != 0) {
+        cutOffUnless(Connection::Clock::now() < deadline);
+        ended_.wait_for(lock, std::chrono::milliseconds(50));
+    }
+}
+
+}  // namespace dsessd

@@ -1,0 +1,39 @@
+/// The server's log: standard error, one line an entry, such as
+/// `2026-11-24T12:00:00.123Z audit changed: key.change by root from 127.0.0.1:50312`.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string_view>
+
+namespace dsessd {
+
+/// What an entry is about. The trace level decides which topics are written.
+enum class Topic {
+    failure,  ///< level 0: what an administrator has to look into
+    notice,   ///< level 0: start and stop
+    audit,    ///< level 1: who changed what, logins, refused identities
+    request,  ///< level 2: every request with method, user, outcome and duration
+    detail,   ///< level 3: the requests' parameters; connections
+};
+
+/// Safe to use from several threads.
+class Log {
+  public:
+    static constexpr int kMaxLevel = 9;
+
+    /// `fd` stays the caller's.
+    explicit Log(int fd) : fd_(fd) {}
+
+    void setLevel(int level) { level_ = level; }
+    bool wants(Topic topic) const;
+    /// `text` is one line: callers pass what came from outside through harmless() first.
+    void write(Topic topic, std::string_view text);
+
+  private:
+    int fd_;
+    std::atomic<int> level_ = 0;
+    std::mutex mutex_;
+};
+
+}  // namespace dsessd

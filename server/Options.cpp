@@ -1,0 +1,109 @@
+#include "server/Options.h"
+
+#include <CLI/CLI.hpp>
+#include <map>
+
+namespace dsessd {
+
+namespace {
+
+constexpr int kUsageStatus = 2;
+
+std::string checkName(const std::string& name) {
+    const bool plain = name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
+                       std::string::npos;
+    return plain && !name.empty() ? "" : "takes letters, digits, '.', '_' and '-', not '" + name + "'";
+}
+
+void addData(CLI::App& command, std::string& data) {
+    command.add_option("--data", data, "The data file (SQLite)")->required()->type_name("FILE");
+}
+
+void describeServe(CLI::App& serve, ServeOptions& options) {
+    static const std::map<std::string, Anonymous> kAnonymous{{"none", Anonymous::none}, {"read", Anonymous::read}};
+    serve.add_option("--listen", options.listen, "Where to listen; port 0 lets the system pick one")
+        ->required()
+        ->type_name("HOST:PORT");
+    addData(serve, options.data);
+    serve.add_option("--instance", options.instances, "Names of the server instances, all of one cluster")
+        ->required()
+        ->type_name("NAME")
+        ->check(CLI::Validator(checkName, ""));
+    serve.add_option("--anonymous", options.anonymous, "What may be done without a login: none (default) or read")
+        ->transform(CLI::Transformer(kAnonymous).description(""))
+        ->type_name("");
+    auto* certificate =
+        serve.add_option("--tls-cert", options.tls.certificate, "The server's certificate and chain (PEM)")
+            ->type_name("FILE");
+    auto* key = serve.add_option("--tls-key", options.tls.key, "Its private key (PEM)")->type_name("FILE");
+    certificate->needs(key);
+    key->needs(certificate);
+    serve
+        .add_option("--client-ca", options.tls.clientAuthorities,
+                    "Clients need a certificate from one of these authorities (PEM)")
+        ->type_name("FILE")
+        ->needs(certificate);
+}
+
+void describeAdmin(CLI::App& admin, AdminOptions& options) {
+    static const std::map<std::string, Role> kRoles{{"read", Role::read}, {"change", Role::change}};
+    admin.require_subcommand(1);
+    const auto addAction = [&](const char* word, const char* text, AdminOptions::Action action) {
+        CLI::App* command = admin.add_subcommand(word, text);
+        if (action != AdminOptions::Action::list)
+            command->add_option("name", options.name, "The administrator's name")->required()->type_name("");
+        addData(*command, options.data);
+        command->callback([&options, action] { options.action = action; });
+        return command;
+    };
+    CLI::App* add =
+        addAction("add", "Add an administrator, or change one's password and role", AdminOptions::Action::add);
+    add->add_option("--role", options.role, "What he may do: read or change (default)")
+        ->transform(CLI::Transformer(kRoles).description(""))
+        ->type_name("");
+    add->footer(
+        "The password is asked for twice when standard input is a terminal, else it is the first line\n"
+        "of standard input. A data file that does not exist is made.");
+    addAction("remove", "Remove an administrator", AdminOptions::Action::remove);
+    addAction("list", "List the administrators and their roles", AdminOptions::Action::list);
+}
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) {
+    ServeOptions serveOptions;
+    LoadOptions loadOptions;
+    AdminOptions adminOptions;
+    CLI::App app(
+        "The reference session server. It keeps a cluster's realms, replica sets, sessions and key in\n"
+        "one file and answers administrators over HTTP or HTTPS. dsessd(8) has the details.",
+        "dsessd");
+    app.set_version_flag("--version", "dsessd " DSESSD_VERSION);
+    app.require_subcommand(1);
+    app.footer(
+        "A first cluster:\n"
+        "  dsessd load --data cluster.db cluster.json\n"
+        "  dsessd admin add root --data cluster.db\n"
+        "  dsessd serve --listen 127.0.0.1:8080 --data cluster.db --instance blue");
+
+    CLI::App* serve = app.add_subcommand("serve", "Serve a cluster until SIGTERM or SIGINT");
+    describeServe(*serve, serveOptions);
+    CLI::App* load = app.add_subcommand("load", "Replace a cluster's contents by those of a JSON file");
+    addData(*load, loadOptions.data);
+    load->add_option("source", loadOptions.source, "The JSON file; - is standard input")->required()->type_name("FILE");
+    load->footer("A data file that does not exist is made. Administrators and the trace level stay.");
+    describeAdmin(*app.add_subcommand("admin", "Manage administrators"), adminOptions);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return EndWith{app.exit(error) == 0 ? 0 : kUsageStatus};
+    }
+    if (serve->parsed())
+        return serveOptions;
+    if (load->parsed())
+        return loadOptions;
+    return adminOptions;
+}
+
+}  // namespace dsessd

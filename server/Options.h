@@ -1,0 +1,47 @@
+/// The command line.
+#pragma once
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "server/Service.h"
+#include "server/Store.h"
+#include "server/Tls.h"
+
+namespace dsessd {
+
+struct ServeOptions {
+    std::string listen;
+    std::string data;
+    std::vector<std::string> instances;
+    Anonymous anonymous = Anonymous::none;
+    /// Plain HTTP when the certificate is empty.
+    TlsFiles tls;
+};
+
+struct LoadOptions {
+    std::string data;
+    /// `-`: standard input.
+    std::string source;
+};
+
+struct AdminOptions {
+    enum class Action { add, remove, list };
+    Action action = Action::list;
+    std::string data;
+    std::string name;
+    Role role = Role::change;
+};
+
+/// The command line was dealt with (help, version) or is wrong: what is left is to end with this status.
+struct EndWith {
+    int status;
+};
+
+using Options = std::variant<EndWith, ServeOptions, LoadOptions, AdminOptions>;
+
+/// Help and version go to standard output, complaints to standard error.
+Options parseOptions(int argc, char** argv);
+
+}  // namespace dsessd

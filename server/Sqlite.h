@@ -1,0 +1,97 @@
+/// Owners for SQLite's handles. Every failure is a SqliteError.
+#pragma once
+
+#include <sqlite3.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace dsessd {
+
+class SqliteError : public std::runtime_error {
+  public:
+    SqliteError(int code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    /// The primary result code (https://sqlite.org/rescode.html).
+    int code() const { return code_ & 0xFF; }
+
+  private:
+    int code_;
+};
+
+/// One connection. Used by one thread at a time.
+class Database {
+  public:
+    Database(const std::string& path, int openFlags);
+
+    void execute(const char* sql);
+    std::int64_t queryInteger(const char* sql);
+    int changes() const { return sqlite3_changes(handle_.get()); }
+    sqlite3* handle() const { return handle_.get(); }
+
+  private:
+    struct Closer {
+        void operator()(sqlite3* handle) const { sqlite3_close_v2(handle); }
+    };
+    std::unique_ptr<sqlite3, Closer> handle_;
+};
+
+/// A prepared statement. Run it through a Query.
+class Statement {
+  public:
+    Statement(const Database& database, const char* sql);
+
+  private:
+    friend class Query;
+    struct Finalizer {
+        void operator()(sqlite3_stmt* handle) const { sqlite3_finalize(handle); }
+    };
+    std::unique_ptr<sqlite3_stmt, Finalizer> handle_;
+};
+
+/// One run of a statement: parameters in order, then step() for each row. The statement is reset when the run goes.
+class Query {
+  public:
+    template <typename... Parameters>
+    explicit Query(const Statement& statement, const Parameters&... parameters) : handle_(statement.handle_.get()) {
+        int index = 0;
+        (bind(++index, parameters), ...);
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+    ~Query() { sqlite3_reset(handle_); }
+
+    /// False: no more rows.
+    bool step();
+    /// Valid until the next step.
+    std::string_view text(int column) const;
+    std::int64_t integer(int column) const { return sqlite3_column_int64(handle_, column); }
+    std::int32_t integer32(int column) const { return sqlite3_column_int(handle_, column); }
+
+  private:
+    void bind(int index, std::int64_t value);
+    /// The text must outlive the run.
+    void bind(int index, std::string_view value);
+
+    sqlite3_stmt* handle_;
+};
+
+/// A transaction, undone unless committed.
+class Transaction {
+  public:
+    enum class Kind { read, write };
+    Transaction(Database& database, Kind kind);
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    ~Transaction();
+
+    void commit();
+
+  private:
+    Database& database_;
+    bool open_ = true;
+};
+
+}  // namespace dsessd

@@ -1,0 +1,181 @@
+/// The cluster's lasting state in one SQLite file: realms, replica sets, members, sessions, keys, settings and
+/// administrators. Several processes may use one file at a time (write-ahead log): a server, `dsessd load`, `dsessd
+/// admin`. What a function that changes something has returned from is on the disk (synchronous=FULL).
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "server/Sqlite.h"
+
+namespace dsessd {
+
+/// The file cannot be used; the text is one line for people and names the file.
+class StoreError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+/// Seconds since 1970-01-01 00:00:00 UTC, as they go over the wire.
+using Seconds = std::int32_t;
+Seconds presentTime();
+
+/// The longest name, identifier or label that is stored, in bytes.
+inline constexpr std::size_t kMaxNameBytes = 1024;
+
+struct Realm {
+    std::string name;
+    std::vector<std::string> replicaSets;
+};
+
+struct Key {
+    std::string label;
+    Seconds time = 0;
+    /// When the key before it was made; 0: there was none.
+    Seconds previousTime = 0;
+};
+
+struct ClusterState {
+    std::vector<Realm> realms;
+    Key key;
+};
+
+struct Member {
+    std::string name;
+    Seconds lastContact = 0;
+};
+
+/// Valid until the listing's next step.
+struct SessionRow {
+    std::string_view id;
+    std::string_view user;
+    Seconds time = 0;
+};
+
+/// By what sessions are selected.
+enum class Selector { user, session };
+
+enum class Role { read, change };
+/// `read` or `change`.
+const char* nameOf(Role role);
+
+struct Administrator {
+    std::string name;
+    /// As crypt(5) writes it.
+    std::string passwordHash;
+    Role role = Role::read;
+};
+
+/// One connection to the file with its prepared statements. Used by one thread at a time.
+class Store {
+  public:
+    /// What open() does when there is no such file.
+    enum class IfMissing { fail, create };
+    static std::unique_ptr<Store> open(const std::string& path, IfMissing ifMissing);
+    ~Store();
+
+    ClusterState cluster();
+    /// Nothing: no replica set of this name.
+    std::optional<std::vector<Member>> members(std::string_view replicaSet);
+
+    /// The sessions of a realm whose user (or identifier) matches a pattern, sorted by user, time and identifier, read
+    /// one by one. They come from one state of the file, whatever changes meanwhile.
+    class SessionListing {
+      public:
+        ~SessionListing();
+        std::int32_t total() const { return total_; }
+        std::int32_t count() const { return count_; }
+        /// False: no more.
+        bool next(SessionRow& row);
+
+      private:
+        friend class Store;
+        SessionListing(Store& store, std::int64_t realm, Selector selector, std::string_view pattern, std::int32_t max);
+        Transaction transaction_;
+        std::string glob_;
+        std::int32_t total_ = 0;
+        std::int32_t count_ = 0;
+        std::optional<Query> rows_;
+    };
+    /// At most one listing of a store at a time. `pattern`: `*` any characters, `?` one character, all else literally.
+    /// `max`: the most that are wanted, -1 for all. Null: no such realm.
+    std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
+                                                 std::int32_t max);
+
+    /// The number of sessions changed. Nothing: no such realm.
+    std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value);
+    std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value, Seconds now);
+    /// Makes a new key the current one.
+    Key changeKey(Seconds now);
+
+    int traceLevel();
+    void setTraceLevel(int level);
+
+    std::optional<Administrator> administrator(std::string_view name);
+    std::vector<Administrator> administrators();
+    /// Adds an administrator or changes the one of this name; says whether it is new.
+    bool putAdministrator(const Administrator& administrator);
+    /// False: there is none of this name.
+    bool removeAdministrator(std::string_view name);
+
+    /// Replaces the cluster's contents (administrators and the trace level stay) in one transaction, undone unless
+    /// committed. Parts may come before the whole they belong to; numbers tie them together.
+    class Replacement {
+      public:
+        explicit Replacement(Store& store);
+        /// These four return false when there is such a name already.
+        bool addRealm(std::int64_t number, std::string_view name);
+        bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name);
+        bool addMember(std::int64_t replicaSet, const Member& member);
+        bool addSession(std::int64_t realm, const SessionRow& session);
+        /// The last one added is the current one. False: there is such a label already.
+        bool addKey(std::string_view label, Seconds time);
+        /// Makes a first key when none was added.
+        void commit();
+
+      private:
+        Store& store_;
+        Transaction transaction_;
+    };
+
+  private:
+    struct Statements;
+    explicit Store(Database database);
+    std::optional<std::int64_t> realmNumber(std::string_view name);
+    Key currentKey();
+
+    Database database_;
+    std::unique_ptr<Statements> statements_;
+};
+
+/// The pattern `*`/`?` as an SQL GLOB pattern, in which `[` is special too.
+std::string globOf(std::string_view pattern);
+
+/// Connections to one file, opened as they are needed; those handed back are kept for the next, up to a few.
+class StorePool {
+  public:
+    explicit StorePool(std::string path) : path_(std::move(path)) {}
+
+    struct Returner {
+        StorePool* pool;
+        void operator()(Store* store) const { pool->giveBack(store); }
+    };
+    using Lease = std::unique_ptr<Store, Returner>;
+    /// The pool must outlive the lease. Throws StoreError.
+    Lease take();
+
+  private:
+    void giveBack(Store* store);
+
+    std::string path_;
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<Store>> idle_;
+};
+
+}  // namespace dsessd

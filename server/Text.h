@@ -1,0 +1,39 @@
+/// Small helpers for text that comes from outside.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace dsessd {
+
+/// Whether `text` is well-formed UTF-8 (RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF) without
+/// NUL.
+bool isCleanUtf8(std::string_view text);
+
+/// `text` fit for one line of a log: control characters (C0, DEL, C1) and bytes that are no UTF-8 come out as `\xNN`,
+/// and what is longer than `maxBytes` ends in an ellipsis.
+std::string harmless(std::string_view text, std::size_t maxBytes = 256);
+
+/// A string for a secret. Its bytes are overwritten when it goes; its room is reserved at once, so that growing leaves
+/// no copy behind.
+class SecretString {
+  public:
+    explicit SecretString(std::size_t capacity) { text_.reserve(capacity); }
+    SecretString(const SecretString&) = delete;
+    SecretString& operator=(const SecretString&) = delete;
+    ~SecretString() { wipe(); }
+
+    /// Appends unless that would exceed the room reserved; says whether it did.
+    bool append(std::string_view more);
+    void wipe();
+    /// Drops the last byte. Must not be empty.
+    void popBack();
+    std::string_view view() const { return text_; }
+    char* data() { return text_.data(); }
+    const char* c_str() const { return text_.c_str(); }
+
+  private:
+    std::string text_;
+};
+
+}  // namespace dsessd

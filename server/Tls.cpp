@@ -1,0 +1,74 @@
+#include "server/Tls.h"
+
+#include <openssl/err.h>
+#include <openssl/x509.h>
+
+#include <array>
+#include <stdexcept>
+
+namespace dsessd {
+
+namespace {
+
+int noPassphrase(char*, int, int, void*) {
+    return -1;
+}
+
+void require(bool done, const std::string& file, const char* what) {
+    if (!done)
+        throw std::runtime_error(std::string(what) + " " + file + " cannot be used: " + lastTlsError());
+}
+
+}  // namespace
+
+std::string lastTlsError() {
+    std::array<char, 256> text{};
+    const unsigned long code = ERR_peek_last_error();
+    ERR_clear_error();
+    if (code == 0)
+        return "unknown cause";
+    if (const char* reason = ERR_reason_error_string(code))
+        return reason;
+    ERR_error_string_n(code, text.data(), text.size());
+    return text.data();
+}
+
+SslContext makeTlsContext(const TlsFiles& files) {
+    SslContext context(SSL_CTX_new(TLS_server_method()));
+    if (!context)
+        throw std::runtime_error("TLS is not available: " + lastTlsError());
+    SSL_CTX* raw = context.get();
+    SSL_CTX_set_min_proto_version(raw, TLS1_2_VERSION);
+    SSL_CTX_set_options(raw, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
+    SSL_CTX_set_num_tickets(raw, 0);
+    SSL_CTX_set_session_cache_mode(raw, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_mode(raw, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    SSL_CTX_set_default_passwd_cb(raw, noPassphrase);
+    require(SSL_CTX_use_certificate_chain_file(raw, files.certificate.c_str()) == 1, files.certificate,
+            "the certificate");
+    require(SSL_CTX_use_PrivateKey_file(raw, files.key.c_str(), SSL_FILETYPE_PEM) == 1, files.key, "the private key");
+    require(SSL_CTX_check_private_key(raw) == 1, files.key, "the private key");
+    if (!files.clientAuthorities.empty()) {
+        const char* path = files.clientAuthorities.c_str();
+        STACK_OF(X509_NAME)* names = SSL_load_client_CA_file(path);
+        require(names != nullptr && SSL_CTX_load_verify_file(raw, path) == 1, files.clientAuthorities,
+                "the file of client authorities");
+        SSL_CTX_set_client_CA_list(raw, names);
+        SSL_CTX_set_verify(raw, SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT, nullptr);
+    }
+    return context;
+}
+
+std::string peerSubject(const SSL* ssl) {
+    if (ssl == nullptr)
+        return {};
+    const X509* certificate = SSL_get0_peer_certificate(ssl);
+    if (certificate == nullptr)
+        return {};
+    char* text = X509_NAME_oneline(X509_get_subject_name(certificate), nullptr, 0);
+    std::string subject = text == nullptr ? "" : text;
+    OPENSSL_free(text);
+    return subject;
+}
+
+}  // namespace dsessd

@@ -1,0 +1,25 @@
+#include <exception>
+#include <iostream>
+
+#include "server/Commands.h"
+#include "server/Options.h"
+
+namespace {
+
+struct Run {
+    int operator()(const dsessd::EndWith& end) const { return end.status; }
+    int operator()(const dsessd::ServeOptions& options) const { return dsessd::serve(options); }
+    int operator()(const dsessd::LoadOptions& options) const { return dsessd::load(options); }
+    int operator()(const dsessd::AdminOptions& options) const { return dsessd::administrate(options); }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return std::visit(Run{}, dsessd::parseOptions(argc, argv));
+    } catch (const std::exception& error) {
+        std::cerr << "dsessd: " << error.what() << std::endl;
+        return 1;
+    }
+}
