@@ -28,6 +28,12 @@ sigset_t setOf(const int* signals, std::size_t count) {
     return set;
 }
 
+bool isPending(int signal) {
+    sigset_t pending;
+    sigpending(&pending);
+    return sigismember(&pending, signal) != 0;
+}
+
 }  // namespace
 
 HiddenInput::HiddenInput(void (*showPrompt)()) : m_showPrompt(showPrompt) {
@@ -82,7 +88,7 @@ int HiddenInput::readByte() {
         const int ready = ppoll(&input, 1, nullptr, &m_savedMask);
         const int error = errno;
         handleSignals();
-        if (ready > 0) {
+        if (ready > 0 && !stoppedInBackground(SIGTTIN)) {
             return std::getc(stdin);
         }
         if (ready < 0 && error != EINTR) {
@@ -92,23 +98,28 @@ int HiddenInput::readByte() {
 }
 
 void HiddenInput::handleSignals() {
+    bool interrupted = false;
     for (std::size_t i = 0; i < kSignalCount; ++i) {
         if (g_caught[i] == 0) {
             continue;
         }
         g_caught[i] = 0;
-        if (kSignals[i] == SIGCONT) {
-            echoOff();
-            m_showPrompt();
-        } else {
+        interrupted = true;
+        if (kSignals[i] != SIGCONT) {
             takeCourse(i);
         }
+    }
+    // A SIGCONT that still waits comes here next, after any other that came while the program was stopped: a stopped
+    // program that is killed must not first want its terminal back.
+    if (interrupted && m_isTerminal && !isPending(SIGCONT) && !stoppedInBackground(SIGTTOU)) {
+        echoOff();
+        m_showPrompt();
     }
 }
 
 void HiddenInput::takeCourse(std::size_t signal) {
-    echoOn();
-    if (m_isTerminal) {
+    if (m_echoIsOff && !isInBackground()) {
+        echoOn();
         // Whatever comes next, a shell's prompt or the one here, begins on a fresh line.
         std::fputs("\n", stdout);
         std::fflush(stdout);
@@ -119,7 +130,20 @@ void HiddenInput::takeCourse(std::size_t signal) {
     sigprocmask(SIG_UNBLOCK, &single, nullptr);
     sigprocmask(SIG_BLOCK, &single, nullptr);
     install(signal);
-    echoOff();
+}
+
+bool HiddenInput::isInBackground() const {
+    const pid_t foreground = m_isTerminal ? tcgetpgrp(STDIN_FILENO) : 0;
+    return foreground > 0 && foreground != getpgrp();
+}
+
+// The terminal would send these signals too, but then again and again while others stay blocked.
+bool HiddenInput::stoppedInBackground(int signal) const {
+    if (!isInBackground()) {
+        return false;
+    }
+    raise(signal);
+    return isPending(SIGCONT);
 }
 
 void HiddenInput::install(std::size_t signal) {
@@ -137,12 +161,13 @@ void HiddenInput::echoOff() {
     if (m_isTerminal) {
         termios terminal = m_savedTerminal;
         terminal.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
-        tcsetattr(STDIN_FILENO, TCSANOW, &terminal);
+        m_echoIsOff = tcsetattr(STDIN_FILENO, TCSANOW, &terminal) == 0;
     }
 }
 
 void HiddenInput::echoOn() {
-    if (m_isTerminal) {
+    if (m_echoIsOff) {
         tcsetattr(STDIN_FILENO, TCSANOW, &m_savedTerminal);
+        m_echoIsOff = false;
     }
 }

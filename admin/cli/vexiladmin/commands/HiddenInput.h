@@ -2,7 +2,8 @@
 ///
 /// No signal may leave the echo off, and none may be lost. So signals are blocked but for the waits for input; one that
 /// comes during a wait gives the terminal back, takes its usual course, and, if the program is still there, the
-/// terminal is taken again. After a stop, when the program continues, the prompt is shown again.
+/// terminal is taken again and the prompt shown again. A stopped program that continues in the background stops once
+/// more instead: the terminal is not its own until it is brought to the foreground.
 #pragma once
 
 #include <termios.h>
@@ -29,12 +30,17 @@ class HiddenInput {
     int readByte();
     void handleSignals();
     void takeCourse(std::size_t signal);
+    /// Whether the terminal belongs to another process group, such as the shell's.
+    bool isInBackground() const;
+    /// In the background, stops the program by this signal. Returns whether it did, and has been continued.
+    bool stoppedInBackground(int signal) const;
     void echoOff();
     void echoOn();
     void install(std::size_t signal);
 
     void (*m_showPrompt)();
     bool m_isTerminal;
+    bool m_echoIsOff = false;
     termios m_savedTerminal;
     sigset_t m_savedMask;
     struct sigaction m_savedActions[kSignalCount];
