@@ -112,7 +112,7 @@ TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
                          {"The file %s is malformed at line %d: %s.\n", "%s %s %s"},
                          {"The server's trace level is %d.", "%s"},
                          {"Key %s, made %s. There is no key before it.", "%s, %3$s"},
-                         {"The cluster has no realms.", "%s"},
+                         {"The cluster has no realms.", "%s%s%s%s%s%s%s%s%s%s"},
                          {"%s  last contact %s\n", "%2$s"},
                          {"The file %s cannot be opened: %s.\n", "%1$s %n %2$s"},
                          {"Sessions that match: %d, shown: %d. User, time, session identifier:", "%d %d %"},

@@ -97,6 +97,7 @@ TEST_F(StanzaFile, WalksAStanzaAndItsContinuationsInFileOrder) {
         EXPECT_EQ(walk(file.get(), "b"), "");
         EXPECT_EQ(qelStzMoveStanza(file.get(), "b"), 0U);
         for (const char* absent : {"A", "", "ab"}) {
+            EXPECT_EQ(qelStzMoveStanza(file.get(), "a"), 0U);
             EXPECT_NE(qelStzMoveStanza(file.get(), absent), 0U);
             EXPECT_EQ(walk(file.get(), absent), "");
         }
