@@ -1,0 +1,47 @@
+/// What every line of a command file costs before a server is asked, and what every line of a listing costs after.
+
+#include <benchmark/benchmark.h>
+
+#include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
+#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminRealmList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminRealmShow.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessList.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminate.h"
+#include "admin/cli/vexiladmin/commands/TimeText.h"
+
+namespace {
+
+void findCommand(benchmark::State& state) {
+    TarnAdminCmdRegistry registry;
+    registry.registerCmd(new TarnAdminReplicaSetList);
+    registry.registerCmd(new TarnAdminRealmList);
+    registry.registerCmd(new TarnAdminRealmShow);
+    registry.registerCmd(new TarnAdminSessList);
+    registry.registerCmd(new TarnAdminSessTerminate);
+    TarnAdminCmdTokens words;
+    for (auto _ : state) {
+        words.set("session terminate session 0123456789abcdef -realm east");
+        benchmark::DoNotOptimize(registry.locateCmd(words));
+    }
+}
+BENCHMARK(findCommand);
+
+void showText(benchmark::State& state, const char* text) {
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(recordText(text).data());
+    }
+}
+BENCHMARK_CAPTURE(showText, ascii, "0123456789abcdef0123456789abcdef");
+BENCHMARK_CAPTURE(showText, accents, "Jos\u00e9 Mart\u00ednez \u674e\u4f1f");
+BENCHMARK_CAPTURE(showText, hostile, "\x1b[31mred\x1b[0m\u202e");
+
+void showTime(benchmark::State& state) {
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(TimeText(1'790'000'000).data());
+    }
+}
+BENCHMARK(showTime);
+
+}  // namespace
