@@ -20,7 +20,7 @@ inline constexpr std::uint32_t kSvcErrorExit = 64;
 
 /// Writes one entry: the message with its inserts, final line feeds dropped and controls made visible. `insertFormat`
 /// names the inserts that follow ("%s%d", "" for none; an error number is %d); when they are not those of the message,
-/// it is written without. `file` and `line` are the source position. Never fails: an entry that cannot be written is
-/// lost.
+/// it is written without. `file` and `line` are the source position. `severity` becomes syslog's (error, critical);
+/// `component` is not shown. Never fails: an entry that cannot be written is lost.
 void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, const char* insertFormat,
                              std::uint32_t component, std::uint32_t severity, std::uint32_t identifier, ...) noexcept;
