@@ -69,10 +69,13 @@ std::string_view contents(const SecretBuffer& buffer) {
 
 }  // namespace
 
-Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, Trace trace)
+Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
+               const olm_dsess_admin_ssl_info_t& tlsSettings, Trace trace)
     : m_timeout(std::chrono::seconds(timeoutSeconds == 0 ? kDefaultTimeoutSeconds : timeoutSeconds)),
       m_urls(std::move(urls)),
-      m_trace(trace) {}
+      m_trace(trace),
+      m_tlsPolicy(tlsSettings, trace),
+      m_transport(m_tlsPolicy) {}
 
 std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                               std::span<const RequestParameter> parameters, Answer& answer) {

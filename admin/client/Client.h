@@ -33,8 +33,9 @@ struct Operation {
 ///    is kStatusNoLocation.
 class Client {
   public:
-    /// Throws std::bad_alloc.
-    Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, Trace trace);
+    /// Throws TlsProblem, std::bad_alloc, and std::runtime_error when libcurl lacks something that is needed.
+    Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, const olm_dsess_admin_ssl_info_t& tlsSettings,
+           Trace trace);
 
     /// Carries an operation out and fills `answer` on success. Returns a status. Throws std::bad_alloc, but never when
     /// an operation that changes something may have been carried out.
@@ -60,6 +61,7 @@ class Client {
     const Clock::duration m_timeout;
     std::vector<std::string> m_urls;  // the one that last answered first
     const Trace m_trace;
+    TlsPolicy m_tlsPolicy;
     HttpTransport m_transport;
     std::int32_t m_lastId = 0;
 };

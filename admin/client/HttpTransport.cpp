@@ -8,11 +8,16 @@
 #include <cstring>
 #include <limits>
 #include <new>
+#include <stdexcept>
 #include <string_view>
 
 #include "admin/protocol/protocol.h"
 
 namespace {
+
+constexpr char kCutShort[] = "it was cut short";
+constexpr char kNoConnection[] = "no connection";
+constexpr char kTooLong[] = "it is too long";
 
 bool equalsIgnoringCase(std::string_view left, std::string_view right) {
     return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
@@ -25,10 +30,30 @@ std::string_view withoutBlanks(std::string_view text) {
                                            : text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+Attempt failed(AttemptFailure failure, std::string cause) {
+    Attempt attempt;
+    attempt.failure = failure;
+    attempt.cause = std::move(cause);
+    return attempt;
+}
+
+Attempt notUnderstood(const std::string& why) {
+    return failed(AttemptFailure::kNotUnderstood, "answer not understood: " + why);
+}
+
+Attempt httpStatusFailure(int status) {
+    const std::string cause = "HTTP status " + std::to_string(status);
+    if (status >= 400 && status < 600) {
+        return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, cause);
+    }
+    return notUnderstood(cause);  // a redirection, for one, which no session server sends
+}
+
 /// What happens to one request on its way: filled by libcurl's callbacks.
 class Exchange {
   public:
-    Exchange(bool once, const AttemptLimits& limits) : m_once(once), m_limits(limits) {}
+    Exchange(const std::string& url, bool once, const AttemptLimits& limits)
+        : secure(equalsIgnoringCase(std::string_view(url).substr(0, 6), "https:")), m_once(once), m_limits(limits) {}
 
     /// The connection is there and the request is about to be sent, perhaps for another time.
     bool onConnected() {
@@ -42,7 +67,7 @@ class Exchange {
     bool onHeader(std::string_view line) {
         m_headBytes += line.size();
         if (m_headBytes > kMaxHeadBytes) {
-            return refuse("its head is too long");
+            return refuse(notUnderstood("its head is too long"));
         }
         if (m_inBody) {
             return true;  // a trailer
@@ -66,7 +91,7 @@ class Exchange {
 
     bool onBody(const char* bytes, std::size_t count) {
         if (text.size() + count > protocol::kMaxAnswerBytes) {
-            return refuse("it is too long");
+            return refuse(notUnderstood(kTooLong));
         }
         text.append(bytes, count);
         m_lastByte = Clock::now();
@@ -92,17 +117,18 @@ class Exchange {
     bool sent() const { return m_sent; }
     bool begun() const { return m_headBytes > 0; }
     bool inBody() const { return m_inBody; }
-    int status() const { return m_status; }
-    Clock::duration flowed() const { return m_inBody ? m_lastByte - m_bodyStart : Clock::duration::zero(); }
-    /// Why a callback refused what came, or empty.
-    const std::string& refusal() const { return m_refusal; }
+    Clock::duration flowed() const { return m_windowStart - m_bodyStart; }
+    /// Why a callback refused what came; no failure when none did.
+    Attempt takeRefusal() { return std::move(m_refusal); }
+    bool refused() const { return m_refusal.failure != AttemptFailure::kNone; }
+    const bool secure;
     bool outOfMemory = false;
     AnswerText text;
     char error[CURL_ERROR_SIZE] = "";
 
   private:
-    bool refuse(std::string why) {
-        m_refusal = std::move(why);
+    bool refuse(Attempt refusal) {
+        m_refusal = std::move(refusal);
         return false;
     }
 
@@ -119,13 +145,13 @@ class Exchange {
 
     bool onHeadComplete() {
         if (m_status != 200) {
-            return refuse("HTTP status " + std::to_string(m_status));
+            return refuse(httpStatusFailure(m_status));
         }
         if (m_isEncoded) {
-            return refuse("it is compressed");
+            return refuse(notUnderstood("it is compressed"));
         }
         if (!m_isJson) {
-            return refuse("its type is not application/json");
+            return refuse(notUnderstood("its type is not application/json"));
         }
         m_inBody = true;
         m_bodyStart = m_windowStart = m_lastByte = Clock::now();
@@ -149,7 +175,7 @@ class Exchange {
     Clock::time_point m_windowStart;
     Clock::time_point m_lastByte;
     long m_windowBytes = 0;
-    std::string m_refusal;
+    Attempt m_refusal;
 };
 
 /// Runs a callback's body: false, or memory that ran out, ends the transfer.
@@ -177,10 +203,19 @@ std::size_t bodyCallback(char* bytes, std::size_t, std::size_t count, void* exch
     return guarded(exchange, [&](Exchange& it) { return it.onBody(bytes, count); }) ? count : count + 1;
 }
 
+CURLcode tlsCallback(CURL*, void* context, void* policy) {
+    return static_cast<TlsPolicy*>(policy)->configure(static_cast<SSL_CTX*>(context)) ? CURLE_OK
+                                                                                      : CURLE_SSL_CERTPROBLEM;
+}
+
 template <class Value>
 void set(CURL* easy, CURLoption option, Value value) {
-    if (curl_easy_setopt(easy, option, value) == CURLE_OUT_OF_MEMORY) {
+    const CURLcode code = curl_easy_setopt(easy, option, value);
+    if (code == CURLE_OUT_OF_MEMORY) {
         throw std::bad_alloc();
+    }
+    if (code != CURLE_OK) {
+        throw std::runtime_error(curl_easy_strerror(code));
     }
 }
 
@@ -226,18 +261,7 @@ class Transfer {
     CURL* m_easy;
 };
 
-Attempt failed(AttemptFailure failure, std::string cause) {
-    Attempt attempt;
-    attempt.failure = failure;
-    attempt.cause = std::move(cause);
-    return attempt;
-}
-
-Attempt notUnderstood(const std::string& why) {
-    return failed(AttemptFailure::kNotUnderstood, "answer not understood: " + why);
-}
-
-std::string timeoutCause(CURL* easy, const Exchange& exchange) {
+std::string timeoutCause(CURL* easy, const Exchange& exchange, const TlsPolicy& policy) {
     if (exchange.inBody()) {
         return "the rest of the answer did not come in time";
     }
@@ -245,62 +269,92 @@ std::string timeoutCause(CURL* easy, const Exchange& exchange) {
         return "no answer in time";
     }
     curl_off_t lookedUp = 0;
-    curl_off_t connected = 0;
     curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookedUp);
-    curl_easy_getinfo(easy, CURLINFO_CONNECT_TIME_T, &connected);
-    return lookedUp == 0    ? "name lookup failed: no answer in time"
-           : connected == 0 ? "no connection in time"
-                            : "no TLS handshake in time";
+    return policy.handshakeBegun() ? "no TLS handshake in time"
+           : lookedUp == 0         ? "name lookup failed: no answer in time"
+                                   : "no connection in time";
+}
+
+int systemError(CURL* easy) {
+    long number = 0;
+    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
+    return static_cast<int>(number);
 }
 
 std::string systemCause(CURL* easy, const char* otherwise) {
-    long number = 0;
-    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
+    const int number = systemError(easy);
     if (number == ECONNREFUSED) {
         return "connection refused";
     }
-    return number == 0 ? otherwise : std::string(otherwise) + ": " + std::strerror(static_cast<int>(number));
+    return number == 0 ? otherwise : std::string(otherwise) + ": " + std::strerror(number);
 }
 
-Attempt httpStatusFailure(int status, const std::string& why) {
-    if (status >= 400 && status < 600) {
-        return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, why);
+/// Why no secure connection came about, or empty when it is not of that.
+std::string tlsCause(CURLcode code, const Exchange& exchange, const TlsPolicy& policy) {
+    if (!policy.certificateProblem().empty()) {
+        return "the server's certificate " + policy.certificateProblem();
     }
-    return notUnderstood(why);  // a redirection, for one, which no session server sends
+    if (policy.certificateAlert() != nullptr) {
+        return std::string("our certificate was refused: ") + policy.certificateAlert() +
+               (policy.hasIdentity() ? "" : ", and the key file holds none");
+    }
+    if (exchange.sent()) {
+        return {};
+    }
+    switch (code) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+            return std::string("the server's certificate: ") + exchange.error;
+        case CURLE_COULDNT_CONNECT:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_ENGINE_NOTFOUND:
+        case CURLE_SSL_ENGINE_SETFAILED:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_USE_SSL_FAILED:
+            return std::string("no TLS connection: ") + exchange.error;
+        default:
+            return {};
+    }
 }
 
 /// What libcurl's result means.
-Attempt judge(CURL* easy, CURLcode code, const Exchange& exchange) {
-    if (!exchange.refusal().empty()) {
-        return exchange.inBody() || exchange.status() == 200 ? notUnderstood(exchange.refusal())
-                                                             : httpStatusFailure(exchange.status(), exchange.refusal());
+Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& policy) {
+    if (exchange.refused()) {
+        return exchange.takeRefusal();
     }
     switch (code) {
         case CURLE_OK:
-            return {};
+            return exchange.inBody() ? Attempt() : notUnderstood(kCutShort);
         case CURLE_COULDNT_RESOLVE_HOST:
             return failed(AttemptFailure::kUnreachable, "name lookup failed");
         case CURLE_URL_MALFORMAT:
         case CURLE_LOGIN_DENIED:
             return failed(AttemptFailure::kUnreachable, "this is not a usable URL");
         case CURLE_COULDNT_CONNECT:
-            return failed(AttemptFailure::kUnreachable, systemCause(easy, "no connection"));
+            if (exchange.secure && systemError(easy) == ECONNRESET) {
+                break;  // as the same reset a moment later, in the handshake
+            }
+            return failed(AttemptFailure::kUnreachable, systemCause(easy, kNoConnection));
         case CURLE_OPERATION_TIMEDOUT:
-            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange));
+            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange, policy));
+        case CURLE_FILESIZE_EXCEEDED:
+            return notUnderstood(kTooLong);
         default:
             break;
     }
     if (exchange.begun()) {
-        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? "it was cut short"
-                                                                                    : exchange.error);
+        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? kCutShort : exchange.error);
+    }
+    if (std::string cause = tlsCause(code, exchange, policy); !cause.empty()) {
+        return failed(AttemptFailure::kTls, std::move(cause));
     }
     if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
         return exchange.sent() ? notUnderstood("it is not HTTP/1.1")
                                : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
     }
-    return exchange.sent()
-               ? failed(AttemptFailure::kUnreachable, systemCause(easy, "the connection ended before an answer"))
-               : failed(AttemptFailure::kTls, exchange.error);
+    return failed(AttemptFailure::kUnreachable,
+                  systemCause(easy, exchange.sent() ? "the connection ended before an answer" : kNoConnection));
 }
 
 }  // namespace
@@ -315,7 +369,8 @@ HttpTransport::CurlLibrary::~CurlLibrary() {
     curl_global_cleanup();
 }
 
-HttpTransport::HttpTransport() : m_multi(curl_multi_init()), m_easy(curl_easy_init()) {
+HttpTransport::HttpTransport(TlsPolicy& policy)
+    : m_policy(policy), m_multi(curl_multi_init()), m_easy(curl_easy_init()) {
     for (const char* header : {"Content-Type: application/json", "Accept: application/json", "Expect:"}) {
         curl_slist* longer = curl_slist_append(m_headers.get(), header);
         if (longer == nullptr) {
@@ -339,6 +394,16 @@ HttpTransport::HttpTransport() : m_multi(curl_multi_init()), m_easy(curl_easy_in
     set(easy, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
     set(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(protocol::kMaxAnswerBytes));
     set(easy, CURLOPT_BUFFERSIZE, 128L * 1024);
+    set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+    set(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+    set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+    set(easy, CURLOPT_SSL_VERIFYHOST, policy.namesServers() ? 0L : 2L);
+    if (policy.hasOwnAnchors()) {
+        set(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
+        set(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+    }
+    set(easy, CURLOPT_SSL_CTX_FUNCTION, tlsCallback);
+    set(easy, CURLOPT_SSL_CTX_DATA, &policy);
     // A name lookup that hangs is left behind rather than waited for.
     set(easy, CURLOPT_QUICK_EXIT, 1L);
     set(easy, CURLOPT_PREREQFUNCTION, connectedCallback);
@@ -349,7 +414,7 @@ HttpTransport::HttpTransport() : m_multi(curl_multi_init()), m_easy(curl_easy_in
 HttpTransport::~HttpTransport() = default;
 
 Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) {
-    Exchange exchange(once, limits);
+    Exchange exchange(url, once, limits);
     CURL* easy = m_easy.get();
     set(easy, CURLOPT_URL, url.c_str());
     set(easy, CURLOPT_POSTFIELDS, body.data());
@@ -361,6 +426,7 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
     set(easy, CURLOPT_HEADERDATA, &exchange);
     set(easy, CURLOPT_WRITEDATA, &exchange);
     set(easy, CURLOPT_ERRORBUFFER, exchange.error);
+    m_policy.beginAttempt();
 
     const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
     set(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
@@ -368,8 +434,9 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
     if (exchange.outOfMemory || code == CURLE_OUT_OF_MEMORY) {
         throw std::bad_alloc();
     }
-    Attempt attempt = judge(easy, code, exchange);
-    attempt.sent = exchange.sent();
+    Attempt attempt = judge(easy, code, exchange, m_policy);
+    // A server that turns our certificate down reads no request.
+    attempt.sent = exchange.sent() && attempt.failure != AttemptFailure::kTls;
     attempt.flowed = exchange.flowed();
     if (attempt.failure == AttemptFailure::kNone) {
         exchange.text.append('\0');

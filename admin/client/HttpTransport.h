@@ -9,6 +9,7 @@
 
 #include "admin/client/ResultBlock.h"
 #include "admin/client/SecretBuffer.h"
+#include "admin/client/TlsPolicy.h"
 
 using Clock = std::chrono::steady_clock;
 
@@ -28,7 +29,7 @@ struct Attempt {
     std::string cause;         ///< in words, when it failed
     bool sent = false;         ///< whether any of the request can have reached a server
     AnswerText text;           ///< the answer, with a NUL at its end, when it did not fail
-    Clock::duration flowed{};  ///< how long the answer flowed, which counts for nobody's waiting
+    Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
 };
 
 /// When to give up.
@@ -45,8 +46,8 @@ inline constexpr std::size_t kMaxHeadBytes = 64 * 1024;
 /// Keeps the connection of the last answer for the next request.
 class HttpTransport {
   public:
-    /// Throws std::bad_alloc.
-    HttpTransport();
+    /// The policy is kept. Throws std::bad_alloc, std::runtime_error when libcurl lacks something that is needed.
+    explicit HttpTransport(TlsPolicy& policy);
     ~HttpTransport();
     HttpTransport(const HttpTransport&) = delete;
     HttpTransport& operator=(const HttpTransport&) = delete;
@@ -72,6 +73,7 @@ class HttpTransport {
         ~CurlLibrary();
     };
 
+    TlsPolicy& m_policy;
     CurlLibrary m_library;
     std::unique_ptr<CURLM, MultiDeleter> m_multi;  // holds the connection
     std::unique_ptr<CURL, EasyDeleter> m_easy;

@@ -2,11 +2,13 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/Client.h"
+#include "admin/client/TlsProblem.h"
 #include "admin/protocol/protocol.h"
 #include "runtime/qel_messages.h"
 
@@ -169,7 +171,15 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
         for (std::int32_t index = 0; index < server_urls->count; ++index) {
             urls.push_back(withoutUserInfo(server_urls->values[index]));
         }
-        contexts().emplace_back(new Context{Client(timeout, std::move(urls), Trace(trace)), {}});
+        try {
+            contexts().emplace_back(new Context{Client(timeout, std::move(urls), *ssl_info, Trace(trace)), {}});
+        } catch (const TlsProblem& problem) {
+            Trace(trace).line(kTraceAlways, problem.text);
+            return problem.status;
+        } catch (const std::runtime_error& error) {
+            Trace(trace).line(kTraceAlways, error.what());
+            return kStatusTlsFailure;
+        }
         *context = contexts().back().get();
         return 0;
     });

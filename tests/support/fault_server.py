@@ -38,6 +38,7 @@ import struct
 import sys
 import threading
 import time
+import warnings
 
 KEY = {"label": "key-1", "time": 1700000000, "previousTime": 0}
 RESULTS = {
@@ -124,6 +125,7 @@ class FaultServer:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         if version:
             context.set_ciphers("ALL@SECLEVEL=0")
+            warnings.simplefilter("ignore", DeprecationWarning)  # old versions are the point
             context.minimum_version = ssl.TLSVersion.TLSv1
             context.maximum_version = {"1.1": ssl.TLSVersion.TLSv1_1, "1.2": ssl.TLSVersion.TLSv1_2}[version]
         context.load_cert_chain(cert, key)
@@ -147,6 +149,7 @@ class FaultServer:
             except OSError:
                 return
             self.connections += 1
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
 
     def _serve(self, connection):
@@ -219,7 +222,8 @@ class FaultServer:
         body = good_answer(request)
         start = head(body)
         if self.behaviour == "drip" and self.argument == "head":
-            drip(connection, start)
+            drip(connection, start + body)
+            return True
         connection.sendall(start[:20])
         if self._cut(connection, "head"):
             return False

@@ -1,0 +1,28 @@
+/// The client's key file: its identity and the CA certificates it trusts.
+///
+/// PKCS#12 (RFC 7292): an identity is a private key and its certificate; its label is their friendly name. PEM (RFC
+/// 7468): one private key and its certificate; its label is the certificate's common name. In both, further CA
+/// certificates, and certificates that sign themselves, are trusted. A file without a private key holds trusted
+/// certificates only.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "admin/client/openssl_ptr.h"
+
+struct KeyFile {
+    PrivateKeyPtr key;           ///< null: no identity
+    CertificatePtr certificate;  ///< of the key
+    std::vector<CertificatePtr> trusted;
+};
+
+/// Reads a key file and chooses its identity.
+///
+/// stashPath: a file whose first line is the password; null: none. It has to be a regular file, not a link, that
+/// belongs
+///   to this user or root and gives nobody else any permission.
+/// label: of the identity; null: the only one there is.
+///
+/// Throws TlsProblem with kStatusKeyFile, or std::bad_alloc.
+KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label);

@@ -1,0 +1,196 @@
+#include "admin/client/TlsPolicy.h"
+
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <openssl/x509_vfy.h>
+
+#include <algorithm>
+#include <new>
+#include <set>
+
+#include "admin/client/TlsProblem.h"
+#include "runtime/qel_messages.h"
+
+namespace {
+
+constexpr int kExpiryWarningDays = 30;
+
+/// Where a context keeps the policy it was made for.
+int policyIndex() {
+    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+    return index;
+}
+
+bool isCertificateAlert(int description) {
+    switch (description) {
+        case SSL_AD_BAD_CERTIFICATE:
+        case SSL_AD_UNSUPPORTED_CERTIFICATE:
+        case SSL_AD_CERTIFICATE_REVOKED:
+        case SSL_AD_CERTIFICATE_EXPIRED:
+        case SSL_AD_CERTIFICATE_UNKNOWN:
+        case SSL_AD_UNKNOWN_CA:
+            return true;
+        default:
+            return false;
+    }
+}
+
+StorePtr makeStore(const std::vector<CertificatePtr>& certificates) {
+    StorePtr store(X509_STORE_new());
+    if (store == nullptr) {
+        throw std::bad_alloc();
+    }
+    for (const CertificatePtr& certificate : certificates) {
+        if (X509_STORE_add_cert(store.get(), certificate.get()) != 1) {
+            throw std::bad_alloc();
+        }
+    }
+    // Every certificate of the file is trusted, also one that another CA has signed.
+    X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+    return store;
+}
+
+std::string timeText(const ASN1_TIME* time) {
+    const BioPtr bio(BIO_new(BIO_s_mem()));
+    char* text = nullptr;
+    if (bio == nullptr || ASN1_TIME_print(bio.get(), time) != 1) {
+        return "an unknown day";
+    }
+    const long length = BIO_get_mem_data(bio.get(), &text);
+    return {text, static_cast<std::size_t>(length)};
+}
+
+}  // namespace
+
+TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace) : m_trace(trace) {
+    if (settings.fips_enabled != 0) {
+        m_fips.emplace();
+    }
+    for (std::int32_t index = 0; index < settings.server_dns.count; ++index) {
+        const char* text = settings.server_dns.values[index];
+        const std::optional<DistinguishedName> name = parseDistinguishedName(text);
+        if (!name) {
+            throw TlsProblem{kStatusKeyFile, "the server name (server-dns) " + std::string(text) +
+                                                 " cannot be read; write it like /C=DE/O=Example/CN=node1"};
+        }
+        m_serverNames.push_back(*name);
+    }
+    if (settings.keyfile != nullptr) {
+        m_keyFile = loadKeyFile(settings.keyfile, settings.keyfile_stash, settings.keyfile_label);
+        if (!m_keyFile.trusted.empty()) {
+            m_anchors = makeStore(m_keyFile.trusted);
+        }
+        const std::string whose = std::string("of the key file ") + settings.keyfile;
+        if (hasIdentity()) {
+            watchExpiry(whose.c_str(), m_keyFile.certificate.get());
+        }
+        for (const CertificatePtr& certificate : m_keyFile.trusted) {
+            watchExpiry(whose.c_str(), certificate.get());
+        }
+    }
+    if (m_fips) {
+        m_fips->enable();
+    }
+}
+
+void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
+    static std::set<std::string> mentioned;
+    int days = 0;
+    int seconds = 0;
+    const ASN1_TIME* end = X509_get0_notAfter(certificate);
+    if (ASN1_TIME_diff(&days, &seconds, nullptr, end) != 1 || days >= kExpiryWarningDays) {
+        return;
+    }
+    const std::string text = "the certificate " + subjectText(certificate) + " " + whose +
+                             (days < 0 || seconds < 0 ? " ended on " : " ends on ") + timeText(end);
+    if (mentioned.insert(text).second) {
+        m_trace.line(kTraceFailure, text);
+    }
+}
+
+bool TlsPolicy::configure(SSL_CTX* context) {
+    // libcurl would write the keys of every connection to the file that SSLKEYLOGFILE names.
+    SSL_CTX_set_keylog_callback(context, nullptr);
+    // A resumed session would skip the check of the server's name; no certificate is asked for behind a request's back.
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_post_handshake_auth(context, 0);
+    SSL_CTX_set_cert_verify_callback(context, verifyCallback, this);
+    SSL_CTX_set_info_callback(context, infoCallback);
+    SSL_CTX_set_cert_cb(context, askedCallback, this);
+    if (SSL_CTX_set_ex_data(context, policyIndex(), this) != 1) {
+        return false;
+    }
+    if (m_anchors != nullptr) {
+        SSL_CTX_set1_cert_store(context, m_anchors.get());
+    }
+    return !hasIdentity() || (SSL_CTX_use_certificate(context, m_keyFile.certificate.get()) == 1 &&
+                              SSL_CTX_use_PrivateKey(context, m_keyFile.key.get()) == 1);
+}
+
+void TlsPolicy::beginAttempt() {
+    m_certificateProblem.clear();
+    m_certificateAlert = nullptr;
+    m_certificateAsked = false;
+    m_handshakeBegun = false;
+}
+
+int TlsPolicy::verifyCallback(X509_STORE_CTX* chain, void* policy) {
+    try {
+        if (static_cast<TlsPolicy*>(policy)->verify(chain)) {
+            return 1;
+        }
+    } catch (const std::bad_alloc&) {
+        X509_STORE_CTX_set_error(chain, X509_V_ERR_OUT_OF_MEM);
+    }
+    if (X509_STORE_CTX_get_error(chain) == X509_V_OK) {
+        X509_STORE_CTX_set_error(chain, X509_V_ERR_UNSPECIFIED);
+    }
+    return 0;
+}
+
+bool TlsPolicy::verify(X509_STORE_CTX* chain) {
+    const X509* server = X509_STORE_CTX_get0_cert(chain);
+    if (X509_verify_cert(chain) != 1) {
+        const X509* culprit = X509_STORE_CTX_get_current_cert(chain);
+        m_certificateProblem = subjectText(culprit == nullptr ? server : culprit) + ": " +
+                               X509_verify_cert_error_string(X509_STORE_CTX_get_error(chain));
+        return false;
+    }
+    if (namesServers()) {
+        const std::optional<DistinguishedName> name = subjectName(server);
+        if (!name || std::find(m_serverNames.begin(), m_serverNames.end(), *name) == m_serverNames.end()) {
+            m_certificateProblem = subjectText(server) + ": this name is not on the list (server-dns)";
+            X509_STORE_CTX_set_error(chain, X509_V_ERR_APPLICATION_VERIFICATION);
+            return false;
+        }
+    }
+    const STACK_OF(X509)* certificates = X509_STORE_CTX_get0_chain(chain);
+    for (int index = 0; index < sk_X509_num(certificates); ++index) {
+        watchExpiry("of the server", sk_X509_value(certificates, index));
+    }
+    return true;
+}
+
+int TlsPolicy::askedCallback(SSL*, void* policy) {
+    static_cast<TlsPolicy*>(policy)->m_certificateAsked = true;
+    return 1;
+}
+
+void TlsPolicy::infoCallback(const SSL* connection, int where, int value) {
+    auto* policy = static_cast<TlsPolicy*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), policyIndex()));
+    policy->m_handshakeBegun = policy->m_handshakeBegun || (where & SSL_CB_HANDSHAKE_START) != 0;
+    if ((where & SSL_CB_READ_ALERT) != SSL_CB_READ_ALERT) {
+        return;
+    }
+    const int description = value & 0xFF;
+    // Before TLS 1.3 there is no alert of its own for a certificate that was asked for and did not come.
+    const bool lacksCertificate = description == SSL_AD_CERTIFICATE_REQUIRED ||
+                                  (description == SSL_AD_HANDSHAKE_FAILURE && policy->m_certificateAsked &&
+                                   !policy->hasIdentity() && SSL_is_init_finished(connection) == 0);
+    if (lacksCertificate) {
+        policy->m_certificateAlert = "a certificate is required";
+    } else if (isCertificateAlert(description)) {
+        policy->m_certificateAlert = SSL_alert_desc_string_long(value);
+    }
+}

@@ -1,0 +1,56 @@
+/// What a TLS connection has to be like: whom we trust, who we are, who the server may be.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "admin/client-interface/olm_dsess_admin.h"
+#include "admin/client/DistinguishedName.h"
+#include "admin/client/FipsMode.h"
+#include "admin/client/KeyFile.h"
+#include "admin/client/Trace.h"
+
+/// Outlives every connection made with it.
+class TlsPolicy {
+  public:
+    /// Loads what the settings name. Throws TlsProblem, std::bad_alloc.
+    TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace);
+
+    /// Whether the certificates of the key file, rather than the system's, are the ones trusted.
+    bool hasOwnAnchors() const { return m_anchors != nullptr; }
+    /// Whether the server is known by its certificate's subject rather than by its host name.
+    bool namesServers() const { return !m_serverNames.empty(); }
+    bool hasIdentity() const { return m_keyFile.key != nullptr; }
+
+    /// Prepares a context for one connection. False when OpenSSL does not take what it is given.
+    bool configure(SSL_CTX* context);
+
+    /// Forgets what was found so far.
+    void beginAttempt();
+    bool handshakeBegun() const { return m_handshakeBegun; }
+    /// What is wrong with the server's certificate, or empty.
+    const std::string& certificateProblem() const { return m_certificateProblem; }
+    /// The alert by which the server turned our certificate down, or null. It is given while the server judges the
+    /// handshake, so that a request sent behind our part of it was not read.
+    const char* certificateAlert() const { return m_certificateAlert; }
+
+  private:
+    static int verifyCallback(X509_STORE_CTX* chain, void* policy);
+    static int askedCallback(SSL* connection, void* policy);
+    static void infoCallback(const SSL* connection, int where, int value);
+    bool verify(X509_STORE_CTX* chain);
+    /// Mentions a certificate that ends soon.
+    void watchExpiry(const char* whose, const X509* certificate) const;
+
+    const Trace m_trace;
+    std::optional<FipsMode> m_fips;
+    KeyFile m_keyFile;
+    StorePtr m_anchors;
+    std::vector<DistinguishedName> m_serverNames;
+    std::string m_certificateProblem;
+    const char* m_certificateAlert = nullptr;
+    bool m_certificateAsked = false;
+    bool m_handshakeBegun = false;
+};

@@ -1,0 +1,28 @@
+/// Owners of OpenSSL's objects, and what its error queue says.
+#pragma once
+
+#include <openssl/bio.h>
+#include <openssl/evp.h>
+#include <openssl/pkcs12.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <memory>
+
+template <auto function>
+struct OpensslDeleter {
+    template <class Object>
+    void operator()(Object* object) const noexcept {
+        function(object);
+    }
+};
+
+using BioPtr = std::unique_ptr<BIO, OpensslDeleter<BIO_free_all>>;
+using CertificatePtr = std::unique_ptr<X509, OpensslDeleter<X509_free>>;
+using PrivateKeyPtr = std::unique_ptr<EVP_PKEY, OpensslDeleter<EVP_PKEY_free>>;
+using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
+using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
+using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;
+using Pkcs12Ptr = std::unique_ptr<PKCS12, OpensslDeleter<PKCS12_free>>;
+using Pkcs8Ptr = std::unique_ptr<PKCS8_PRIV_KEY_INFO, OpensslDeleter<PKCS8_PRIV_KEY_INFO_free>>;
