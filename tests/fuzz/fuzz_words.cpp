@@ -76,7 +76,7 @@ void requireWords(const std::string& text) {
         REQUIRE(*words[index] != '\0' && std::strpbrk(words[index], " \t\n") == nullptr);
         together += words[index];
     }
-    std::string bare = text.c_str();
+    std::string bare = text.substr(0, text.find('\0'));
     bare.erase(
         std::remove_if(bare.begin(), bare.end(), [](char byte) { return std::strchr(" \t\n", byte) != nullptr; }),
         bare.end());
