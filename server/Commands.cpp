@@ -66,12 +66,12 @@ int serve(const ServeOptions& options) {
     Service service(stores, authenticator, log, options.anonymous);
     const SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
     HttpServer server(service, log, options.instances, tls.get(), HttpLimits{});
-    const Listener listener(options.listen);
+    Listener listener(options.listen);
 
     const std::string ready = readyLine(options, listener);
     std::cout << ready << std::endl;
     log.write(Topic::notice, ready.substr(ready.find("listening")));
-    server.run(listener, stop.get());
+    server.run(std::move(listener), stop.get());
     log.write(Topic::notice, "stopped");
     return 0;
 }
@@ -125,19 +125,19 @@ int load(const LoadOptions& options) {
     }
     std::istream& input = options.source == "-" ? std::cin : file;
     const auto store = Store::open(options.data, Store::IfMissing::create);
-    ProgressLine line(sizeOf(options.source));
-    LoadProgress progress;
-    if (::isatty(STDERR_FILENO) == 1)
-        progress = [&](std::uint64_t bytes, const LoadCounts& counts) { line.show(bytes, counts); };
     LoadCounts counts;
     try {
+        ProgressLine line(sizeOf(options.source));
+        LoadProgress progress;
+        if (::isatty(STDERR_FILENO) == 1)
+            progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
         counts = loadCluster(input, *store, presentTime(), progress);
     } catch (const LoadError& error) {
         throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
                                  "; nothing was loaded");
     }
-    std::cout << "dsessd: loaded " << counts.realms << " realms, " << counts.replicaSets << " replica sets, "
-              << counts.members << " members, " << counts.keys << " keys and " << counts.sessions << " sessions"
+    std::cout << "dsessd: loaded realms: " << counts.realms << ", replica sets: " << counts.replicaSets
+              << ", members: " << counts.members << ", keys: " << counts.keys << ", sessions: " << counts.sessions
               << std::endl;
     return 0;
 }

@@ -38,7 +38,7 @@ Connection::Connection(Descriptor socket, SSL_CTX* tls, const ConnectionLimits& 
     if (tls != nullptr) {
         ssl_.reset(SSL_new(tls));
         if (!ssl_ || SSL_set_fd(ssl_.get(), socket_.get()) != 1)
-            throw std::runtime_error("TLS: " + lastTlsError());
+            throw std::runtime_error("TLS: " + tlsError());
     }
 }
 

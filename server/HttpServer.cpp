@@ -56,8 +56,6 @@ HttpServer::HttpServer(Service& service, Log& log, std::vector<std::string> inst
     for (const std::string& instance : instances)
         for (const char* path : {protocol::kServicePath, protocol::kProxyServicePath})
             paths_.push_back("/" + instance + path);
-    keep_alive_timeout_sec_ = std::chrono::duration_cast<std::chrono::seconds>(limits.connection.idle).count();
-    keep_alive_max_count_ = 1'000'000;
     set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         const int refusal = refusalOf(request);
         if (refusal == 0)
@@ -72,6 +70,9 @@ HttpServer::HttpServer(Service& service, Log& log, std::vector<std::string> inst
         response.status = refusal;
         return refusal;
     });
+    // The library would promise to keep connections open that end here.
+    set_post_routing_handler(
+        [](const httplib::Request&, httplib::Response& response) { response.headers.erase("Keep-Alive"); });
     set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
         log_.write(Topic::failure, "a request ended in an unexpected exception");
         response.status = 500;
@@ -149,7 +150,7 @@ void HttpServer::sendRest(httplib::Response& response, Answer answer) {
     });
 }
 
-void HttpServer::run(const Listener& listener, int stopFd) {
+void HttpServer::run(Listener listener, int stopFd) {
     // The library ends chunked answers early while it believes that nothing listens.
     svr_sock_ = listener.fd();
     std::array<pollfd, 2> ready{{{stopFd, POLLIN, 0}, {listener.fd(), POLLIN, 0}}};
@@ -157,6 +158,7 @@ void HttpServer::run(const Listener& listener, int stopFd) {
         if (::poll(ready.data(), ready.size(), -1) > 0 && ready[1].revents != 0)
             acceptOne(listener.fd());
     }
+    listener.close();
     drain();
 }
 
@@ -224,15 +226,18 @@ void HttpServer::converse(Descriptor socket) {
 
 void HttpServer::serveRequests(Connection& connection) {
     if (!connection.handshake()) {
-        log_.write(Topic::audit, "TLS handshake failed: " + lastTlsError());
+        log_.write(Topic::audit, "TLS handshake failed: " + tlsError());
         return;
     }
     bool close = false;
     while (!close && !stopping_ && connection.awaitRequest()) {
         const bool lastOne = stopping_;
-        const bool answered =
-            process_request(connection, lastOne, close, [&](httplib::Request& r) { admit(r, connection, close); });
-        close = close || lastOne || !answered;
+        bool understood = false;
+        const bool answered = process_request(connection, lastOne, close, [&](httplib::Request& request) {
+            understood = true;
+            admit(request, connection, close);
+        });
+        close = close || lastOne || !understood || !answered;
     }
     if (connection.refusal() != 0)
         connection.writeRefusal();

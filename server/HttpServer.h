@@ -36,7 +36,7 @@ class HttpServer : private httplib::Server {
     HttpServer(Service& service, Log& log, std::vector<std::string> instances, SSL_CTX* tls, const HttpLimits& limits);
 
     /// Serves until `stopFd` is readable, then finishes what is in progress.
-    void run(const Listener& listener, int stopFd);
+    void run(Listener listener, int stopFd);
 
   private:
     using Connections = std::list<Connection*>;

@@ -15,6 +15,8 @@ class Listener {
   public:
     explicit Listener(std::string_view hostAndPort);
     int fd() const { return socket_.get(); }
+    /// Takes no more connections.
+    void close() { socket_ = Descriptor(); }
     /// `HOST:PORT` as given, with the port in use.
     const std::string& address() const { return address_; }
 

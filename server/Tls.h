@@ -31,11 +31,11 @@ using Ssl = std::unique_ptr<SSL, SslFree>;
 /// std::runtime_error with one line that names the file at fault.
 SslContext makeTlsContext(const TlsFiles& files);
 
-/// Subject of the certificate that the peer has shown and that was verified, such as `/C=DE/O=Example/CN=root`; empty
+/// Subject of the certificate that the peer has shown and that was verified, such as `C=DE,O=Example,CN=desk`; empty
 /// when it has shown none.
 std::string peerSubject(const SSL* ssl);
 
-/// OpenSSL's newest error as text; its queue is empty afterwards.
-std::string lastTlsError();
+/// What OpenSSL's first error since the queue was cleared was about; the queue is empty afterwards.
+std::string tlsError();
 
 }  // namespace dsessd
