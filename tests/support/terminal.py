@@ -1,0 +1,111 @@
+"""A pseudo-terminal with a small shell on it, which runs one program in the foreground and takes the terminal back when
+it stops."""
+
+import fcntl
+import os
+import resource
+import select
+import signal
+import termios
+import time
+
+PATIENCE = 10
+
+
+class Terminal:
+    def __init__(self, arguments, env, job_control=True):
+        self.master, self.slave = os.openpty()
+        self.shown = ''
+        report, self.report = os.pipe()[::-1]
+        ready, started = os.pipe()
+        self.shell = os.fork()
+        if self.shell == 0:
+            try:
+                self._lead(report, started, arguments, env, job_control)
+            finally:
+                os._exit(1)
+        os.close(report)
+        os.close(started)
+        os.read(ready, 1)  # closed when the program is executed
+        os.close(ready)
+        self.events = os.read(self.report, 1000).decode().split()
+        self.pid = int(self.event())
+
+    def _lead(self, report, started, arguments, env, job_control):
+        os.setsid()
+        fcntl.ioctl(self.slave, termios.TIOCSCTTY, 0)
+        for descriptor in (0, 1, 2):
+            os.dup2(self.slave, descriptor)
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+        program = os.fork()
+        if program == 0:
+            if job_control:
+                os.setpgid(0, 0)
+                os.tcsetpgrp(0, os.getpid())
+            for number in (signal.SIGTTOU, signal.SIGPIPE, signal.SIGINT):
+                signal.signal(number, signal.SIG_DFL)
+            os.execve(arguments[0], arguments, env)
+        os.close(started)
+        signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
+        os.write(report, b'%d\n' % program)
+        while True:
+            _, status = os.waitpid(program, os.WUNTRACED)
+            if not os.WIFSTOPPED(status):
+                os.write(report, b'%d\n' % status)
+                os._exit(0)
+            os.tcsetpgrp(0, os.getpgrp())
+            os.write(report, b'stopped\n')
+
+    def close(self):
+        os.kill(self.shell, signal.SIGKILL)
+        os.waitpid(self.shell, 0)
+        for descriptor in (self.master, self.slave, self.report):
+            os.close(descriptor)
+
+    def foreground(self):
+        """What the shell's fg does."""
+        os.kill(self.shell, signal.SIGUSR1)
+
+    def type(self, text):
+        os.write(self.master, text.encode())
+
+    def echoes(self):
+        return bool(termios.tcgetattr(self.master)[3] & termios.ECHO)
+
+    def event(self):
+        """What the shell reports next, if anything: that the program stopped, or its wait status."""
+        if not self.events and select.select([self.report], [], [], 0)[0]:
+            self.events = os.read(self.report, 1000).decode().split()
+        return self.events.pop(0) if self.events else None
+
+    def stop(self):
+        """Waits until the program has stopped and the shell has the terminal."""
+        self.until(lambda: self.event() == 'stopped', 'stop')
+
+    def until(self, condition, what):
+        """Waits for a condition, reading what the program writes meanwhile."""
+        deadline = time.monotonic() + PATIENCE
+        while not condition():
+            if time.monotonic() > deadline:
+                raise AssertionError(f'no {what} within {PATIENCE} s; shown since: {self.shown!r}')
+            self._read(0.001)
+
+    def _read(self, seconds):
+        if select.select([self.master], [], [], seconds)[0]:
+            self.shown += os.read(self.master, 65536).decode(errors='replace')
+
+    def see(self, text):
+        """Waits until the text is shown, and returns what was shown up to its end since the last such time."""
+        self.until(lambda: text in self.shown, repr(text))
+        seen, self.shown = self.shown.split(text, 1)
+        return seen + text
+
+    def ended(self):
+        """Waits for the end. Returns the negative signal number or the exit status, and the rest of what was shown."""
+        status = []
+        self.until(lambda: status.append(self.event()) or status[-1], 'end')
+        while select.select([self.master], [], [], 0)[0]:
+            self._read(0)
+        rest, self.shown = self.shown, ''
+        return os.waitstatus_to_exitcode(int(status[-1])), rest
