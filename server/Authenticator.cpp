@@ -52,7 +52,7 @@ Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, st
     SecretString joined(room);
     for (const std::string_view part : parts) {
         joined.append(part);
-        joined.append(std::string_view("", 1));
+        joined.append({"\0", 1});
     }
     Digest digest{};
     unsigned length = 0;

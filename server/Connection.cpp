@@ -16,7 +16,7 @@ namespace dsessd {
 
 namespace {
 
-constexpr std::size_t kDiscardAtMost = 1024 * 1024;
+constexpr std::size_t kDiscardAtMost = 1'000'000;
 constexpr std::chrono::seconds kDiscardFor{2};
 
 }  // namespace
@@ -54,9 +54,9 @@ bool Connection::wait(short events, Clock::time_point deadline) {
             return false;
         }
         pollfd ready{socket_.get(), events, 0};
-        reading_ = (events & POLLIN) != 0;
+        waitingFor_ = (events & POLLIN) != 0 ? Waiting::toRead : Waiting::toWrite;
         const int count = ::poll(&ready, 1, static_cast<int>(std::min<long>(left, INT_MAX)));
-        reading_ = false;
+        waitingFor_ = Waiting::no;
         if (count > 0)
             return true;
         if (count < 0 && errno != EINTR)
@@ -146,12 +146,12 @@ bool Connection::awaitRequest() {
     return true;
 }
 
-Connection::Clock::time_point Connection::waitingSince() const {
-    return reading_ ? began_.load() : Clock::time_point{};
-}
-
 void Connection::cutOff() {
     ::shutdown(socket_.get(), SHUT_RDWR);
+}
+
+void Connection::stopReading() {
+    ::shutdown(socket_.get(), SHUT_RD);
 }
 
 void Connection::writeRefusal() {

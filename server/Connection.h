@@ -23,9 +23,9 @@ struct ConnectionLimits {
     Duration stall{10'000};
     /// An answer may take this long and a second more for each `bytesPerSecond` taken.
     Duration answer{30'000};
-    std::size_t bytesPerSecond = 256 * 1024;
+    std::size_t bytesPerSecond = 250'000;
     /// A request with its head, in bytes.
-    std::size_t requestBytes = 96 * 1024;
+    std::size_t requestBytes = 100'000;
 };
 
 class Connection final : public httplib::Stream {
@@ -43,13 +43,19 @@ class Connection final : public httplib::Stream {
     /// Ends the connection so that the client still gets what was written: says that no more comes, then reads what the
     /// client is sending until it stops, for a while.
     void closeGently();
-    /// May be called from another thread: ends whatever this connection waits for.
+
+    // For any thread:
+    enum class Waiting { no, toRead, toWrite };
+    /// Whether it is the client that is waited for.
+    Waiting waiting() const { return waitingFor_; }
+    /// When the present request began, or the wait for one.
+    Clock::time_point began() const { return began_; }
+    /// Whether it waits between two requests.
+    bool idle() const { return idle_; }
+    /// Ends whatever is waited for.
     void cutOff();
-    /// For any thread: since when the connection has been open for a request, or an unfinished one has been coming in;
-    /// the clock's epoch while it is not the client that is waited for.
-    Clock::time_point waitingSince() const;
-    /// For any thread: whether it waits between two requests.
-    bool idle() const { return idle_.load(); }
+    /// Lets a request that has arrived be answered, and no other arrive.
+    void stopReading();
 
     /// The status of HTTP that says why reading was given up; 0: it was not. What is written afterwards goes nowhere,
     /// since the request was not understood as it was meant.
@@ -80,7 +86,7 @@ class Connection final : public httplib::Stream {
     std::string peerHost_;
     int peerPort_ = 0;
 
-    std::array<char, 16 * 1024> buffer_{};
+    std::array<char, 16'384> buffer_{};
     std::size_t at_ = 0;
     std::size_t end_ = 0;
     bool timedOut_ = false;
@@ -92,7 +98,7 @@ class Connection final : public httplib::Stream {
     int refusal_ = 0;
 
     std::atomic<Clock::time_point> began_ = Clock::now();
-    std::atomic<bool> reading_ = false;
+    std::atomic<Waiting> waitingFor_ = Waiting::no;
     std::atomic<bool> idle_ = false;
 };
 

@@ -50,7 +50,7 @@ bool isFramingClear(const httplib::Request& request) {
 
 }  // namespace
 
-HttpServer::HttpServer(Service& service, Log& log, std::vector<std::string> instances, SSL_CTX* tls,
+HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SSL_CTX* tls,
                        const HttpLimits& limits)
     : service_(service), log_(log), tls_(tls), limits_(limits) {
     for (const std::string& instance : instances)
@@ -73,7 +73,7 @@ HttpServer::HttpServer(Service& service, Log& log, std::vector<std::string> inst
     // The library would promise to keep connections open that end here.
     set_post_routing_handler(
         [](const httplib::Request&, httplib::Response& response) { response.headers.erase("Keep-Alive"); });
-    set_exception_handler([this](const httplib::Request&, httplib::Response& response, std::exception_ptr) {
+    set_exception_handler([this](const httplib::Request&, httplib::Response& response, const std::exception_ptr&) {
         log_.write(Topic::failure, "a request ended in an unexpected exception");
         response.status = 500;
     });
@@ -162,19 +162,21 @@ void HttpServer::run(Listener listener, int stopFd) {
     drain();
 }
 
+Connection* HttpServer::longestWaiting(Connection::Waiting kind) const {
+    Connection* longest = nullptr;
+    for (Connection* candidate : connections_)
+        if (candidate->waiting() == kind && (longest == nullptr || candidate->began() < longest->began()))
+            longest = candidate;
+    return longest;
+}
+
 bool HttpServer::makeRoom(std::unique_lock<std::mutex>& lock) {
     if (threads_ < limits_.connections)
         return true;
-    constexpr Connection::Clock::time_point kNotWaiting{};
-    Connection* longest = nullptr;
-    Connection::Clock::time_point earliest;
-    for (Connection* candidate : connections_) {
-        const auto since = candidate->waitingSince();
-        if (since != kNotWaiting && (longest == nullptr || since < earliest)) {
-            longest = candidate;
-            earliest = since;
-        }
-    }
+    // Whoever is slow to take an answer is more likely to be honest than whoever is slow to ask.
+    Connection* longest = longestWaiting(Connection::Waiting::toRead);
+    if (longest == nullptr)
+        longest = longestWaiting(Connection::Waiting::toWrite);
     if (longest == nullptr)
         return false;
     longest->cutOff();
@@ -249,13 +251,14 @@ void HttpServer::drain() {
     std::unique_lock lock(mutex_);
     stopping_ = true;
     const auto deadline = Connection::Clock::now() + limits_.drain;
-    const auto cutOffUnless = [&](bool inProgress) {
-        for (Connection* connection : connections_)
-            if (!inProgress || connection->idle())
-                connection->cutOff();
-    };
     while (threads_ != 0) {
-        cutOffUnless(Connection::Clock::now() < deadline);
+        const bool patient = Connection::Clock::now() < deadline;
+        for (Connection* connection : connections_) {
+            if (!patient)
+                connection->cutOff();
+            else if (connection->idle())
+                connection->stopReading();
+        }
         ended_.wait_for(lock, std::chrono::milliseconds(50));
     }
 }

@@ -33,7 +33,8 @@ struct HttpLimits {
 class HttpServer : private httplib::Server {
   public:
     /// `tls`: null for plain HTTP. All arguments but the names must outlive the server.
-    HttpServer(Service& service, Log& log, std::vector<std::string> instances, SSL_CTX* tls, const HttpLimits& limits);
+    HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SSL_CTX* tls,
+               const HttpLimits& limits);
 
     /// Serves until `stopFd` is readable, then finishes what is in progress.
     void run(Listener listener, int stopFd);
@@ -45,6 +46,7 @@ class HttpServer : private httplib::Server {
     void converse(Descriptor socket);
     void serveRequests(Connection& connection);
     void drain();
+    Connection* longestWaiting(Connection::Waiting kind) const;
     bool makeRoom(std::unique_lock<std::mutex>& lock);
 
     /// The status of HTTP that a request is refused with before its body is read; 0: it is not.

@@ -55,7 +55,7 @@ class CountingStream {
     }
 
     std::istream& input_;
-    std::vector<char> buffer_ = std::vector<char>(64 * 1024);
+    std::vector<char> buffer_ = std::vector<char>(65'536);
     std::size_t at_ = 0;
     std::size_t end_ = 0;
     std::size_t before_ = 0;

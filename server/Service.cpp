@@ -20,7 +20,9 @@ namespace method = protocol::method;
 using rapidjson::Value;
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-constexpr std::size_t kPieceBytes = 64 * 1024;
+constexpr std::size_t kPieceBytes = 65'536;
+
+constexpr std::chrono::seconds kWaitForChange{10};
 
 /// Why a request is not done; thrown by whatever finds out.
 struct Refusal {
@@ -36,6 +38,10 @@ struct Refusal {
 
 [[noreturn]] void refuseForm(int errorCode, const char* message, int httpStatus = 200) {
     throw Refusal{errorCode, error::kInvalidRequest, message, httpStatus};
+}
+
+[[noreturn]] void refuseForNow(const char* message) {
+    throw Refusal{code::kInternalError, error::kServerFailure, message, 503};
 }
 
 std::string_view viewOf(const Value& value) {
@@ -313,7 +319,9 @@ Answer Service::answer(SecretString& request, Call& call) {
 
     beginAnswer(call.result, call.id, field::kResult);
     if (call.method->changes) {
-        const std::lock_guard lock(changing_);
+        const std::unique_lock lock(changing_, kWaitForChange);
+        if (!lock)
+            refuseForNow("Other changes take too long; try again.");
         (this->*call.method->run)(call);
     } else {
         (this->*call.method->run)(call);
@@ -344,7 +352,7 @@ void Service::identify(Call& call) {
             log_.write(Topic::audit, "identity refused: " + call.who());
             refuse(error::kIdentityRefused, "The user is unknown or the password is wrong.");
         case Authenticator::Outcome::busy:
-            throw Refusal{code::kInternalError, error::kServerFailure, "Too many logins at a time; try again.", 503};
+            refuseForNow("Too many logins at a time; try again.");
     }
     call.role = verdict.role;
 }

@@ -91,7 +91,7 @@ class Service {
     Log& log_;
     Anonymous anonymous_;
     /// One change at a time; without it, connections of one process would wait for each other by polling.
-    std::mutex changing_;
+    std::timed_mutex changing_;
 };
 
 }  // namespace dsessd
