@@ -48,6 +48,7 @@ class Terminal:
             os.execve(arguments[0], arguments, env)
         os.close(started)
         signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
+        signal.signal(signal.SIGUSR2, lambda *_: (os.tcsetpgrp(0, os.getpgrp()), os.write(report, b'taken\n')))
         os.write(report, b'%d\n' % program)
         while True:
             _, status = os.waitpid(program, os.WUNTRACED)
@@ -62,6 +63,11 @@ class Terminal:
         os.waitpid(self.shell, 0)
         for descriptor in (self.master, self.slave, self.report):
             os.close(descriptor)
+
+    def take(self):
+        """Gives the terminal to the shell while the program goes on."""
+        os.kill(self.shell, signal.SIGUSR2)
+        self.until(lambda: self.event() == 'taken', 'change of hands')
 
     def foreground(self):
         """What the shell's fg does."""

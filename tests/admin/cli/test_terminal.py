@@ -116,6 +116,10 @@ class Signals(OnTerminal):
                 self.assertTrue(terminal.echoes())
             terminal.foreground()
             self.asks(terminal)
+        os.kill(terminal.pid, signal.SIGSTOP)
+        terminal.stop()
+        terminal.foreground()
+        self.assertEqual(self.asks(terminal), '')
         terminal.type('secret\n')
         self.assertEqual((terminal.ended(), terminal.echoes()), ((0, '\r\n'), True))
         self.assertEqual(self.requests(), ['get_cluster_info bob secret'])
@@ -129,6 +133,20 @@ class Signals(OnTerminal):
                 os.kill(terminal.pid, number)
                 os.kill(terminal.pid, signal.SIGCONT)
                 self.assertEqual(terminal.ended()[0], -number)
+
+    def test_a_program_that_lost_the_terminal_stops_before_it_reads_and_can_be_killed(self):
+        for number in (signal.SIGTERM, None):
+            terminal = self.at_password()
+            terminal.take()
+            terminal.type('secret\n')
+            terminal.stop()
+            if number is None:
+                terminal.foreground()
+            else:
+                os.kill(terminal.pid, number)
+                os.kill(terminal.pid, signal.SIGCONT)
+            self.assertEqual(terminal.ended()[0], -(number or 0))
+        self.assertEqual(self.requests(), ['get_cluster_info bob secret'])
 
     def test_a_stop_without_effect_shows_the_prompt_again(self):
         terminal = self.terminal('-command', 'login bob', job_control=False)

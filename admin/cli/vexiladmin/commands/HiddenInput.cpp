@@ -54,12 +54,6 @@ HiddenInput::~HiddenInput() {
         sigaction(kSignals[i], &m_savedActions[i], nullptr);
     }
     sigprocmask(SIG_SETMASK, &m_savedMask, nullptr);
-    // One that came together with the last byte.
-    for (std::size_t i = 0; i < kSignalCount; ++i) {
-        if (g_caught[i] != 0) {
-            raise(kSignals[i]);
-        }
-    }
 }
 
 bool HiddenInput::readLine(char* buffer, std::size_t size) {
@@ -87,6 +81,9 @@ int HiddenInput::readByte() {
         pollfd input{STDIN_FILENO, POLLIN, 0};
         const int ready = ppoll(&input, 1, nullptr, &m_savedMask);
         const int error = errno;
+        // Input that is ready keeps signals waiting.
+        const timespec noTime{};
+        ppoll(nullptr, 0, &noTime, &m_savedMask);
         handleSignals();
         if (ready > 0 && !stoppedInBackground(SIGTTIN)) {
             return std::getc(stdin);
