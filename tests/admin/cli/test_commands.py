@@ -170,6 +170,8 @@ class Commands(Case):
         (self.dir / 'cmds').write_bytes('session list -realm grün * 0\n'.encode('iso-8859-1'))
         self.check('-file', 'cmds', **latin)
         self.check(stdin='session list -realm grün * 0\n', **{**latin, 'out': latin['out'] + '\n'})
+        del latin['calls'], latin['out']
+        self.assertRegex(self.run_utility('-command', 'login bob', stdin='grün\n', **latin).calls[2], ',gr%C3%BCn$')
 
 
 if __name__ == '__main__':
