@@ -76,7 +76,7 @@ std::uint32_t addCommand(TarnAdminCmdRegistry& registry, Command** created, Argu
     if (created != nullptr) {
         *created = command.get();
     }
-    command.release();
+    static_cast<void>(command.release());
     return 0;
 }
 
