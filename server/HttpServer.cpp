@@ -171,16 +171,19 @@ Connection* HttpServer::longestWaiting(Connection::Waiting kind) const {
 }
 
 bool HttpServer::makeRoom(std::unique_lock<std::mutex>& lock) {
-    if (threads_ < limits_.connections)
-        return true;
-    // Whoever is slow to take an answer is more likely to be honest than whoever is slow to ask.
-    Connection* longest = longestWaiting(Connection::Waiting::toRead);
-    if (longest == nullptr)
-        longest = longestWaiting(Connection::Waiting::toWrite);
-    if (longest == nullptr)
-        return false;
-    longest->cutOff();
-    return ended_.wait_for(lock, std::chrono::milliseconds(500), [&] { return threads_ < limits_.connections; });
+    const auto deadline = Connection::Clock::now() + limits_.room;
+    while (threads_ >= limits_.connections) {
+        if (Connection::Clock::now() > deadline)
+            return false;
+        // Whoever is slow to take an answer is more likely to be honest than whoever is slow to ask.
+        Connection* longest = longestWaiting(Connection::Waiting::toRead);
+        if (longest == nullptr)
+            longest = longestWaiting(Connection::Waiting::toWrite);
+        if (longest != nullptr)
+            longest->cutOff();
+        ended_.wait_for(lock, std::chrono::milliseconds(10));
+    }
+    return true;
 }
 
 void HttpServer::acceptOne(int listeningFd) {

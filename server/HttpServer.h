@@ -24,8 +24,10 @@ namespace dsessd {
 struct HttpLimits {
     ConnectionLimits connection;
     /// Connections at a time, each with its thread. When there are as many, the one that has waited longest for its
-    /// client makes room; when the server itself is busy with all of them, a new one gets status 503.
+    /// client makes room; when the server itself stays busy with all of them, a new one gets status 503.
     std::size_t connections = 200;
+    /// How long a new connection waits for room.
+    std::chrono::milliseconds room{2'000};
     /// How long requests in progress may take to finish when the server is stopped.
     std::chrono::milliseconds drain{10'000};
 };

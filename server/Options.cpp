@@ -29,9 +29,9 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
         ->required()
         ->type_name("NAME")
         ->check(CLI::Validator(checkName, ""));
-    serve.add_option("--anonymous", options.anonymous, "What may be done without a login: none (default) or read")
+    serve.add_option("--anonymous", options.anonymous, "What may be done without a login; none unless given")
         ->transform(CLI::Transformer(kAnonymous).description(""))
-        ->type_name("");
+        ->type_name("none|read");
     auto* certificate =
         serve.add_option("--tls-cert", options.tls.certificate, "The server's certificate and chain (PEM)")
             ->type_name("FILE");
@@ -58,9 +58,9 @@ void describeAdmin(CLI::App& admin, AdminOptions& options) {
     };
     CLI::App* add =
         addAction("add", "Add an administrator, or change one's password and role", AdminOptions::Action::add);
-    add->add_option("--role", options.role, "What he may do: read or change (default)")
+    add->add_option("--role", options.role, "What the administrator may do; change unless given")
         ->transform(CLI::Transformer(kRoles).description(""))
-        ->type_name("");
+        ->type_name("read|change");
     add->footer(
         "The password is asked for twice when standard input is a terminal, else it is the first line\n"
         "of standard input. A data file that does not exist is made.");
@@ -80,12 +80,6 @@ Options parseOptions(int argc, char** argv) {
         "dsessd");
     app.set_version_flag("--version", "dsessd " DSESSD_VERSION);
     app.require_subcommand(1);
-    app.footer(
-        "A first cluster:\n"
-        "  dsessd load --data cluster.db cluster.json\n"
-        "  dsessd admin add root --data cluster.db\n"
-        "  dsessd serve --listen 127.0.0.1:8080 --data cluster.db --instance blue");
-
     CLI::App* serve = app.add_subcommand("serve", "Serve a cluster until SIGTERM or SIGINT");
     describeServe(*serve, serveOptions);
     CLI::App* load = app.add_subcommand("load", "Replace a cluster's contents by those of a JSON file");
@@ -93,6 +87,15 @@ Options parseOptions(int argc, char** argv) {
     load->add_option("source", loadOptions.source, "The JSON file; - is standard input")->required()->type_name("FILE");
     load->footer("A data file that does not exist is made. Administrators and the trace level stay.");
     describeAdmin(*app.add_subcommand("admin", "Manage administrators"), adminOptions);
+    // After the subcommands, which would take it over.
+    app.footer(
+        "A first cluster:\n"
+        "  dsessd load --data cluster.db cluster.json\n"
+        "  dsessd admin add root --data cluster.db\n"
+        "  dsessd serve --listen 127.0.0.1:8080 --data cluster.db --instance blue");
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("dsessd: ") + error.what() + "; 'dsessd --help' says more\n";
+    });
 
     try {
         app.parse(argc, argv);
