@@ -232,6 +232,7 @@ void HttpServer::converse(Descriptor socket) {
 void HttpServer::serveRequests(Connection& connection) {
     if (!connection.handshake()) {
         log_.write(Topic::audit, "TLS handshake failed: " + tlsError());
+        connection.closeGently();  // a reset would take the alert that says why with it
         return;
     }
     bool close = false;
