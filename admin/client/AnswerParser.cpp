@@ -377,6 +377,9 @@ void linkReplicaSetNames(Answer& answer) {
 }  // namespace
 
 std::string parseAnswer(AnswerShape shape, std::int32_t requestId, Answer& answer) {
+    if (answer.text.size() < 2) {
+        return "it is empty";
+    }
     constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
     AnswerHandler handler(shape, requestId, answer);
     rapidjson::InsituStringStream stream(answer.text.data());

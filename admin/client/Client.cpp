@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <new>
 #include <optional>
 
 #include "admin/client/text.h"
@@ -124,7 +123,7 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
 }
 
 Attempt Client::tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits,
-                            Answer& answer) try {
+                            Answer& answer) {
     answer = Answer();
     Attempt attempt = m_transport.post(url, request.body, request.operation.changes, limits);
     if (attempt.failure != AttemptFailure::kNone) {
@@ -137,14 +136,6 @@ Attempt Client::tryLocation(const std::string& url, const Request& request, cons
         attempt.failure = AttemptFailure::kNotUnderstood;
         attempt.cause = "answer not understood: " + problem;
     }
-    return attempt;
-} catch (const std::bad_alloc&) {
-    if (!request.operation.changes) {
-        throw;
-    }
-    Attempt attempt;
-    attempt.failure = AttemptFailure::kNotUnderstood;
-    attempt.sent = true;
     return attempt;
 }
 

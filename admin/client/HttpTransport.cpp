@@ -135,10 +135,10 @@ class Exchange {
     bool onField(std::string_view name, std::string_view value) {
         if (equalsIgnoringCase(name, "Content-Type")) {
             m_isJson = equalsIgnoringCase(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
-        } else if (equalsIgnoringCase(name, "Content-Encoding") && !equalsIgnoringCase(value, "identity")) {
-            m_isEncoded = true;
-        } else if (equalsIgnoringCase(name, "Transfer-Encoding") && !equalsIgnoringCase(value, "chunked")) {
-            m_isEncoded = true;
+        } else if (equalsIgnoringCase(name, "Content-Encoding")) {
+            m_isEncoded = m_isEncoded || !equalsIgnoringCase(value, "identity");
+        } else if (equalsIgnoringCase(name, "Transfer-Encoding")) {
+            m_isEncoded = m_isEncoded || !equalsIgnoringCase(value, "chunked");
         }
         return true;
     }
@@ -384,6 +384,7 @@ HttpTransport::HttpTransport(TlsPolicy& policy)
     }
     curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, 1L);
     CURL* easy = m_easy.get();
+    // CURLOPT_NOSIGNAL stays off, so that libcurl keeps SIGPIPE from the process while it writes.
     set(easy, CURLOPT_POST, 1L);
     set(easy, CURLOPT_HTTPHEADER, m_headers.get());
     set(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
@@ -414,12 +415,24 @@ HttpTransport::HttpTransport(TlsPolicy& policy)
 HttpTransport::~HttpTransport() = default;
 
 Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) {
-    Exchange exchange(url, once, limits);
+    bool fresh = once;
+    Attempt attempt = postOn(fresh, url, body, limits);
+    if (!fresh && attempt.failure == AttemptFailure::kUnreachable && attempt.sent) {
+        // The server closed the kept connection just when it was to be used again.
+        fresh = true;
+        attempt = postOn(fresh, url, body, limits);
+    }
+    return attempt;
+}
+
+Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretBuffer& body,
+                              const AttemptLimits& limits) {
+    Exchange exchange(url, fresh, limits);
     CURL* easy = m_easy.get();
     set(easy, CURLOPT_URL, url.c_str());
     set(easy, CURLOPT_POSTFIELDS, body.data());
     set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    set(easy, CURLOPT_FRESH_CONNECT, once ? 1L : 0L);
+    set(easy, CURLOPT_FRESH_CONNECT, fresh ? 1L : 0L);
     // For libcurl to divide between several addresses of one name; 0 would mean its own default.
     set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.connected - Clock::now())));
     set(easy, CURLOPT_PREREQDATA, &exchange);
@@ -434,6 +447,9 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
     if (exchange.outOfMemory || code == CURLE_OUT_OF_MEMORY) {
         throw std::bad_alloc();
     }
+    long connectionsMade = 0;
+    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connectionsMade);
+    fresh = connectionsMade > 0;
     Attempt attempt = judge(easy, code, exchange, m_policy);
     // A server that turns our certificate down reads no request.
     attempt.sent = exchange.sent() && attempt.failure != AttemptFailure::kTls;

@@ -41,7 +41,7 @@ struct AttemptLimits {
 };
 
 inline constexpr long kLeastBytesPerSecond = 1024;
-inline constexpr std::size_t kMaxHeadBytes = 64 * 1024;
+inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 
 /// Keeps the connection of the last answer for the next request.
 class HttpTransport {
@@ -72,6 +72,9 @@ class HttpTransport {
         CurlLibrary();
         ~CurlLibrary();
     };
+
+    /// Posts on a connection of its own when `fresh` is set; sets it when there was no kept connection either.
+    Attempt postOn(bool& fresh, const std::string& url, const SecretBuffer& body, const AttemptLimits& limits);
 
     TlsPolicy& m_policy;
     CurlLibrary m_library;

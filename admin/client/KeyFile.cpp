@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr std::size_t kMaxFileBytes = 1024 * 1024;
+constexpr std::size_t kMaxFileBytes = std::size_t{1024} * 1024;
 
 [[noreturn]] void fail(const std::string& text) {
     ERR_clear_error();

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <type_traits>
+#include <utility>
 
 struct FreeDeleter {
     void operator()(void* block) const noexcept { std::free(block); }
@@ -20,6 +21,18 @@ class ReallocArray {
     static_assert(headerBytes % alignof(Element) == 0);
 
   public:
+    ReallocArray() = default;
+    ReallocArray(ReallocArray&& other) noexcept
+        : m_block(std::move(other.m_block)),
+          m_size(std::exchange(other.m_size, 0)),
+          m_capacity(std::exchange(other.m_capacity, 0)) {}
+    ReallocArray& operator=(ReallocArray&& other) noexcept {
+        m_block = std::move(other.m_block);
+        m_size = std::exchange(other.m_size, 0);
+        m_capacity = std::exchange(other.m_capacity, 0);
+        return *this;
+    }
+
     /// Throws std::bad_alloc; the array is then as it was.
     void append(const Element* elements, std::size_t count) {
         if (count > m_capacity - m_size) {

@@ -2,6 +2,8 @@
 
 #include <rapidjson/writer.h>
 
+#include <string_view>
+
 #include "admin/protocol/protocol.h"
 
 namespace {
@@ -16,8 +18,12 @@ struct SecretStream {
 
 using Writer = rapidjson::Writer<SecretStream>;
 
+void writeKey(Writer& writer, std::string_view name) {
+    writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+}
+
 void writeText(Writer& writer, const char* name, const char* value) {
-    writer.Key(name);
+    writeKey(writer, name);
     if (value == nullptr) {
         writer.Null();
     } else {
@@ -26,7 +32,7 @@ void writeText(Writer& writer, const char* name, const char* value) {
 }
 
 void writeSecurity(Writer& writer, const olm_dsess_admin_sec_info_t& security) {
-    writer.Key(protocol::field::kSecurity);
+    writeKey(writer, protocol::field::kSecurity);
     writer.StartObject();
     writeText(writer, protocol::field::kUser, security.user_name);
     writeText(writer, protocol::field::kPassword, security.password);
@@ -42,15 +48,15 @@ SecretBuffer writeRequest(std::int32_t id, const char* method, const olm_dsess_a
     Writer writer(stream);
     writer.StartObject();
     writeText(writer, protocol::field::kJsonRpc, protocol::field::kVersion);
-    writer.Key(protocol::field::kId);
+    writeKey(writer, protocol::field::kId);
     writer.Int(id);
     writeText(writer, protocol::field::kMethod, method);
-    writer.Key(protocol::field::kParams);
+    writeKey(writer, protocol::field::kParams);
     writer.StartObject();
     writeSecurity(writer, security);
     for (const RequestParameter& parameter : parameters) {
         if (const auto* number = std::get_if<std::int32_t>(&parameter.value)) {
-            writer.Key(parameter.name);
+            writeKey(writer, parameter.name);
             writer.Int(*number);
         } else {
             writeText(writer, parameter.name, std::get<const char*>(parameter.value));

@@ -10,15 +10,16 @@ char* makeTextResult(std::int32_t kind, const char* text) {
     return makeResult(kind, copy, noText, noNames);
 }
 
-void releaseResult(std::int32_t kind, void* records) {
-    if (records == nullptr) {
-        return;
+bool releaseResult(std::int32_t kind, void* records) {
+    if (records == nullptr || kind < OLM_DSESS_ADMIN_FREE_REALMS || kind > OLM_DSESS_ADMIN_FREE_CLUSTER) {
+        return false;
     }
     auto* header = static_cast<ResultHeader*>(records) - 1;
     if (header->kind != kind) {
-        return;
+        return false;
     }
     std::free(header->text);
     std::free(header->names);
     std::free(header);
+    return true;
 }

@@ -36,5 +36,5 @@ Record* makeResult(std::int32_t kind, RecordList<Record>& records, AnswerText& t
 /// A text of its own, to be released as a result of the given kind. Throws std::bad_alloc.
 char* makeTextResult(std::int32_t kind, const char* text);
 
-/// Releases the result whose first record lies at `records`. Null, and a result of another kind, are left alone.
-void releaseResult(std::int32_t kind, void* records);
+/// Releases the result whose first record lies at `records`. Null, and a result of another kind, are left alone: false.
+bool releaseResult(std::int32_t kind, void* records);

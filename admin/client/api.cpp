@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -70,15 +69,13 @@ Client* findClient(const void* handleAddress) {
     return nullptr;
 }
 
-/// No exception leaves the library.
+/// No exception leaves the library; one that is not expected becomes `otherwise`.
 template <class Body>
-std::uint32_t guarded(Body body) noexcept {
+std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
     try {
         return body();
-    } catch (const std::bad_alloc&) {
-        return kStatusNoMemory;
     } catch (...) {
-        return kStatusServerFailed;
+        return otherwise;
     }
 }
 
@@ -86,7 +83,8 @@ std::uint32_t guarded(Body body) noexcept {
 template <class Take>
 std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, bool argumentsGiven,
                       const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
-    return guarded([&]() -> std::uint32_t {
+    // Whatever memory ran out for, a change may have been carried out before.
+    return guarded(operation.changes ? kStatusOutcomeUnknown : kStatusNoMemory, [&]() -> std::uint32_t {
         Client* client = findClient(handle);
         if (client == nullptr) {
             return kStatusNoHandle;
@@ -158,7 +156,7 @@ bool isList(const olm_dsess_admin_mv_string_t& list) {
 std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_admin_mv_string_t* server_urls,
                                          const olm_dsess_admin_ssl_info_t* ssl_info, olm_dsess_admin_trace_fn trace,
                                          void** context) {
-    return guarded([&]() -> std::uint32_t {
+    return guarded(kStatusNoMemory, [&]() -> std::uint32_t {
         if (context == nullptr) {
             return kStatusInvalidArgument;
         }
@@ -167,10 +165,8 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
             !isList(ssl_info->server_dns)) {
             return kStatusInvalidArgument;
         }
-        std::vector<std::string> urls;
-        for (std::int32_t index = 0; index < server_urls->count; ++index) {
-            urls.push_back(withoutUserInfo(server_urls->values[index]));
-        }
+        std::vector<std::string> urls(server_urls->values, server_urls->values + server_urls->count);
+        std::transform(urls.begin(), urls.end(), urls.begin(), withoutUserInfo);
         try {
             contexts().emplace_back(new Context{Client(timeout, std::move(urls), *ssl_info, Trace(trace)), {}});
         } catch (const TlsProblem& problem) {
@@ -186,7 +182,7 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
 }
 
 std::uint32_t olm_dsess_admin_create_handle(void* context, void** handle) {
-    return guarded([&]() -> std::uint32_t {
+    return guarded(kStatusNoMemory, [&]() -> std::uint32_t {
         if (handle == nullptr) {
             return kStatusInvalidArgument;
         }
@@ -296,6 +292,7 @@ void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {
     }
     // A cluster record begins with its label, so that both cases are the address of a pointer.
     void** records = static_cast<void**>(free_info->result);
-    releaseResult(free_info->kind, *records);
-    *records = nullptr;
+    if (releaseResult(free_info->kind, *records)) {
+        *records = nullptr;
+    }
 }

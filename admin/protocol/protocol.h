@@ -91,8 +91,8 @@ inline constexpr int kServiceError = -32000;
 }  // namespace code
 
 /// A server reads no request longer than this.
-inline constexpr std::size_t kMaxRequestBytes = 64 * 1024;
+inline constexpr std::size_t kMaxRequestBytes = std::size_t{64} * 1024;
 /// A client reads no answer longer than this.
-inline constexpr std::size_t kMaxAnswerBytes = 256 * 1024 * 1024;
+inline constexpr std::size_t kMaxAnswerBytes = std::size_t{256} * 1024 * 1024;
 
 }  // namespace protocol

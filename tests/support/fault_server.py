@@ -14,6 +14,8 @@ A mode may begin with "tls:" (TLS with the certificate given), "tls1.2:" or "tls
     good               answers every method
     close-after        the same, but closes the kept connection after each answer
     slow=S             the same, S seconds late
+    flow=S             the same, but the body takes S seconds, without ever stopping
+    flow-stall=S       the same, and stops there
     answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id
     status=N           HTTP status N, empty
     refuse             nothing listens
@@ -247,6 +249,19 @@ class FaultServer:
     def _do_slow(self, connection, request):
         time.sleep(float(self.argument))
         return self._do_good(connection, request)
+
+    def _do_flow(self, connection, request):
+        body = good_answer(request)
+        connection.sendall(head(b"", length=False) + body)
+        end = time.monotonic() + float(self.argument)
+        while time.monotonic() < end:
+            connection.sendall(b" " * 1024)
+            time.sleep(0.05)
+        return False
+
+    def _do_flow_stall(self, connection, request):
+        self._do_flow(connection, request)
+        time.sleep(3600)
 
     def _do_answer(self, connection, request):
         with open(self.argument, "rb") as file:
