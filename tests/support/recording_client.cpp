@@ -1,7 +1,7 @@
 /// An admin client library that talks to no server: it records every call and plays a script.
 ///
 /// RECORDING_LOG names the file that each call is appended to, one a line: the operation, what it was given, pointers
-/// by name (ctx1, handle1; "stray" for one that is not alive), null as ~, other bytes than letters, digits and
+/// by name (ctx1, handle1), null as ~, other bytes than letters, digits and
 /// -._/:*@+= as %XX.
 ///
 /// RECORDING_SCRIPT names a file of answers, one a line: an operation without its prefix, then fields name=value with
@@ -36,10 +36,10 @@
 namespace {
 
 using Texts = std::vector<std::string>;
+using Query = const olm_dsess_admin_session_query_t*;
+using SecInfo = const olm_dsess_admin_sec_info_t*;
 
-std::string number(std::int32_t number) {
-    return std::to_string(number);
-}
+using std::to_string;
 
 std::int32_t number(const std::string& text) {
     return static_cast<std::int32_t>(std::stol(text));
@@ -109,37 +109,29 @@ struct Result {
 };
 std::map<std::int32_t, Result> g_results;  // by the kind of their release
 
-std::map<const void*, std::string> g_names;  // contexts and handles that are alive
-int g_contexts = 0;
-int g_handles = 0;
-
 olm_dsess_admin_trace_fn g_trace = nullptr;
 const olm_dsess_admin_mv_string_t* g_urls = nullptr;
 const olm_dsess_admin_ssl_info_t* g_ssl = nullptr;
 std::string g_settings;
 
+// A context or handle is its name.
 std::string nameOf(const void* pointer) {
-    const auto found = g_names.find(pointer);
-    return pointer == nullptr ? "~" : found == g_names.end() ? "stray" : found->second;
+    return pointer == nullptr ? "~" : *static_cast<const std::string*>(pointer);
 }
 
-void* create(const char* kind, int index) {
-    void* made = std::malloc(1);
-    g_names[made] = kind + number(index);
-    return made;
+void* create(const char* kind, int& count) {
+    return new std::string(kind + to_string(++count));
 }
 
 void destroy(void* pointer) {
-    if (g_names.erase(pointer) > 0) {
-        std::free(pointer);
-    }
+    delete static_cast<std::string*>(pointer);
 }
 
 std::string settings() {
     return "urls=" + encoded(g_urls->values, g_urls->count) +
            " dns=" + encoded(g_ssl->server_dns.values, g_ssl->server_dns.count) +
            " keyfile=" + encoded(g_ssl->keyfile) + " stash=" + encoded(g_ssl->keyfile_stash) +
-           " label=" + encoded(g_ssl->keyfile_label) + " fips=" + number(g_ssl->fips_enabled);
+           " label=" + encoded(g_ssl->keyfile_label) + " fips=" + to_string(g_ssl->fips_enabled);
 }
 
 std::map<std::string, std::deque<Texts>> readScript() {
@@ -163,7 +155,7 @@ class Call {
             answers.pop_front();
         }
     }
-    Call(const char* operation, const void* handle, const olm_dsess_admin_sec_info_t* sec) : Call(operation) {
+    Call(const char* operation, const void* handle, SecInfo sec) : Call(operation) {
         with(nameOf(handle) + " sec=" + encoded(sec->user_name) + "," + encoded(sec->reserved) + "," +
              encoded(sec->login_id) + "," + encoded(sec->password));
     }
@@ -171,13 +163,13 @@ class Call {
         m_line += " " + text;
         return *this;
     }
-    Call& with(const olm_dsess_admin_session_query_t* query) {
+    Call& with(Query query) {
         // The value list is longer than its count: a null ends it.
         const olm_dsess_admin_mv_string_t& list = query->value_list;
         return with("realm=" + encoded(query->realm) + " by=" + encoded(query->selector_text1) + "," +
-                    encoded(query->selector_text2) + " values=" + number(list.count) +
-                    encoded(list.values, list.count + 1) + " reserved=" + number(query->reserved1) + "," +
-                    number(query->reserved2));
+                    encoded(query->selector_text2) + " values=" + to_string(list.count) +
+                    encoded(list.values, list.count + 1) + " reserved=" + to_string(query->reserved1) + "," +
+                    to_string(query->reserved2));
     }
     Texts all(const std::string& name) const {
         Texts values;
@@ -193,7 +185,7 @@ class Call {
         return values.empty() ? absent : values.back();
     }
     std::int32_t value(const std::string& name, std::int32_t absent = 0) const {
-        return number(field(name, number(absent)));
+        return number(field(name, to_string(absent)));
     }
     /// Records the call, plays its trace lines, fills `out` with garbage on failure, returns the status.
     template <class... Out>
@@ -256,10 +248,11 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
     g_trace = trace;
     const bool exported = reinterpret_cast<void*>(trace) == dlsym(RTLD_DEFAULT, "olmdsess_admin_client_trace");
     Call call("initialize");
-    call.with("timeout=" + number(timeout)).with(g_settings).with(exported ? "trace=exported" : "trace=other");
+    call.with("timeout=" + to_string(timeout)).with(g_settings).with(exported ? "trace=exported" : "trace=other");
     const std::uint32_t status = call.with("context=" + nameOf(*context)).play();
     if (status == 0 || call.value("context") != 0) {
-        *context = create("ctx", ++g_contexts);
+        static int count = 0;
+        *context = create("ctx", count);
     }
     return status;
 }
@@ -268,7 +261,8 @@ std::uint32_t olm_dsess_admin_create_handle(void* context, void** handle) {
     Call call("create_handle");
     const std::uint32_t status = call.with(nameOf(context)).with("handle=" + nameOf(*handle)).play();
     if (status == 0 || call.value("handle") != 0) {
-        *handle = create("handle", ++g_handles);
+        static int count = 0;
+        *handle = create("handle", count);
     }
     return status;
 }
@@ -283,7 +277,7 @@ void olm_dsess_admin_shutdown(void** context) {
     destroy(*context);
 }
 
-std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_admin_sec_info_t* sec, std::int32_t* count,
+std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, SecInfo sec, std::int32_t* count,
                                                olm_dsess_admin_realm_t** realms, olm_dsess_admin_cluster_t* cluster) {
     Call call("get_cluster_info", handle, sec);
     const std::uint32_t status = call.play(count, realms, cluster);
@@ -294,8 +288,7 @@ std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_adm
     return status;
 }
 
-std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                                   const char* name, std::int32_t* count,
+std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, SecInfo sec, const char* name, std::int32_t* count,
                                                    olm_dsess_admin_replica_set_record_t** records) {
     Call call("get_replica_set_info", handle, sec);
     const std::uint32_t status = call.with(encoded(name)).play(count, records);
@@ -307,8 +300,7 @@ std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess
     return status;
 }
 
-std::uint32_t olm_dsess_admin_generate_new_key(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                               olm_dsess_admin_cluster_t* cluster) {
+std::uint32_t olm_dsess_admin_generate_new_key(void* handle, SecInfo sec, olm_dsess_admin_cluster_t* cluster) {
     Call call("generate_new_key", handle, sec);
     const std::uint32_t status = call.play(cluster);
     if (status == 0) {
@@ -317,12 +309,11 @@ std::uint32_t olm_dsess_admin_generate_new_key(void* handle, const olm_dsess_adm
     return status;
 }
 
-std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                            const olm_dsess_admin_session_query_t* query, std::int32_t max,
+std::uint32_t olm_dsess_admin_list_sessions(void* handle, SecInfo sec, Query query, std::int32_t max,
                                             std::int32_t* total, std::int32_t* count,
                                             olm_dsess_admin_session_t** sessions) {
     Call call("list_sessions", handle, sec);
-    const std::uint32_t status = call.with(query).with("max=" + number(max)).play(total, count, sessions);
+    const std::uint32_t status = call.with(query).with("max=" + to_string(max)).play(total, count, sessions);
     if (status == 0) {
         give(call, "session", OLM_DSESS_ADMIN_FREE_SESSIONS, count, sessions, [](Result& result, const Texts& fields) {
             return olm_dsess_admin_session_t{result.text(fields[0]), result.text(fields[1]), number(fields[2])};
@@ -332,18 +323,15 @@ std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_
     return status;
 }
 
-std::uint32_t olm_dsess_admin_terminate_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                                 const olm_dsess_admin_session_query_t* query) {
+std::uint32_t olm_dsess_admin_terminate_sessions(void* handle, SecInfo sec, Query query) {
     return Call("terminate_sessions", handle, sec).with(query).play();
 }
 
-std::uint32_t olm_dsess_admin_refresh_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                               const olm_dsess_admin_session_query_t* query) {
+std::uint32_t olm_dsess_admin_refresh_sessions(void* handle, SecInfo sec, Query query) {
     return Call("refresh_sessions", handle, sec).with(query).play();
 }
 
-std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec,
-                                              std::int32_t* level) {
+std::uint32_t olm_dsess_admin_get_trace_level(void* handle, SecInfo sec, std::int32_t* level) {
     Call call("get_trace_level", handle, sec);
     const std::uint32_t status = call.play(level);
     if (status == 0) {
@@ -352,8 +340,8 @@ std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admi
     return status;
 }
 
-std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec, std::int32_t level) {
-    return Call("set_trace_level", handle, sec).with(number(level)).play();
+std::uint32_t olm_dsess_admin_set_trace_level(void* handle, SecInfo sec, std::int32_t level) {
+    return Call("set_trace_level", handle, sec).with(to_string(level)).play();
 }
 
 void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* info) {
@@ -362,7 +350,10 @@ void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* info) {
                      (info->kind == OLM_DSESS_ADMIN_FREE_CLUSTER ||
                       *static_cast<const void* const*>(info->result) == found->second.array);
     Call call("free");
-    call.with("kind=" + number(info->kind)).with("count=" + number(info->count)).with(own ? "own" : "stray").play();
+    call.with("kind=" + to_string(info->kind))
+        .with("count=" + to_string(info->count))
+        .with(own ? "own" : "stray")
+        .play();
     if (own) {
         found->second.release();
         g_results.erase(found);

@@ -98,20 +98,23 @@ class Terminal:
             self._read(0.001)
 
     def _read(self, seconds):
-        if select.select([self.master], [], [], seconds)[0]:
-            self.shown += os.read(self.master, 65536).decode(errors='replace')
+        """Reads what is shown within the time. Returns whether there was anything."""
+        if not select.select([self.master], [], [], seconds)[0]:
+            return False
+        self.shown += os.read(self.master, 65536).decode(errors='replace')
+        return True
 
     def see(self, text):
-        """Waits until the text is shown, and returns what was shown up to its end since the last such time."""
+        """Waits until the text is shown, and returns what was shown before it since the last such time."""
         self.until(lambda: text in self.shown, repr(text))
         seen, self.shown = self.shown.split(text, 1)
-        return seen + text
+        return seen
 
     def ended(self):
         """Waits for the end. Returns the negative signal number or the exit status, and the rest of what was shown."""
         status = []
         self.until(lambda: status.append(self.event()) or status[-1], 'end')
-        while select.select([self.master], [], [], 0)[0]:
-            self._read(0)
+        while self._read(0):
+            pass
         rest, self.shown = self.shown, ''
         return os.waitstatus_to_exitcode(int(status[-1])), rest

@@ -32,7 +32,7 @@ def end(number=1):
 def read_table():
     messages = {}
     pattern = r'^QEL_(FAILURE|TEXT)\(\w+, ([0-9A-F]{8}), "(\w*)",\s*((?:"(?:[^"\\]|\\.)*"\s*)+)\)'
-    for kind, identifier, kinds, text in re.findall(pattern, TABLE.read_text(), re.M):
+    for kind, identifier, kinds, text in re.findall(pattern, TABLE.read_text(encoding='utf-8'), re.M):
         text = ''.join(ast.literal_eval(piece) for piece in re.findall(r'"(?:[^"\\]|\\.)*"', text))
         messages[int(identifier, 16)] = (kinds, (identifier + ' ' if kind == 'FAILURE' else '') + text)
     return messages
@@ -88,13 +88,13 @@ class Case(unittest.TestCase):
             (self.dir / 'vexilclicfg.conf').write_bytes(config.encode(errors='surrogateescape'))
         inherited = {name: value for name, value in os.environ.items()
                      if not re.match(r'LC_|LANG|QEL_|VEXILADMIN_|TZ$', name)}
-        return {**inherited, 'LC_ALL': 'C.UTF-8', 'TZ': 'Asia/Tokyo', 'LD_LIBRARY_PATH': RECORDING_DIR,
+        return {**inherited, 'LC_ALL': 'C.UTF-8', 'TERM': 'dumb', 'TZ': 'Asia/Tokyo', 'LD_LIBRARY_PATH': RECORDING_DIR,
                 'QEL_CONFIG_DIR': str(self.dir), 'QEL_SVC_LOG': str(self.dir / 'service.log'),
                 'RECORDING_SCRIPT': str(self.dir / 'script'), 'RECORDING_LOG': str(self.dir / 'calls'), **env}
 
     def recorded(self, name):
         path = self.dir / name
-        return path.read_text().splitlines() if path.exists() else []
+        return path.read_text(encoding='utf-8').splitlines() if path.exists() else []
 
     def run_utility(self, *arguments, stdin='', merge=False, encoding='utf-8', **kwargs):
         process = subprocess.run(

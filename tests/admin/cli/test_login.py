@@ -28,7 +28,7 @@ class Login(Case):
     def test_an_identity_stays_until_the_next_login_and_is_new_each_time(self):
         bob, again, eve = 'bob,~,id1,secret', 'bob,~,id2,secret', 'eve,~,id3,50%25s'
         self.check(*commands('realm list', 'login bob secret', 'k s', 'l bob secret', 'k s', 'login eve 50%s', 'k s'),
-                   out=re.sub('^', msg(0x38C5213B) + '\n', (msg(0x38C52142, 'key', '1970-01-01-00:00:00 UTC') + '\n') * 3),
+                   out=f'{msg(0x38C5213B)}\n' + f'{msg(0x38C52142, "key", "1970-01-01-00:00:00 UTC")}\n' * 3,
                    calls=fetch('anonymous,~,~,~') + fetch(bob) * 2 + fetch(again) * 2 + fetch(eve) * 2)
         self.check(*commands('login bob secret', 'set instance green', 'realm show x'), out=msg(0x38C52136) + '\n',
                    calls=start() + fetch(bob) + end() + start('green', 2) + fetch(bob, 'handle2') + end(2), whole=True)

@@ -100,7 +100,7 @@ class Shell(Case):
         self.check_table([
             ('foo', PATTERNS), ('REALM LIST', PATTERNS), ('realms', PATTERNS), ('trace get now', PATTERNS[4:5]),
             ('session terminate', session), ('s t', PATTERNS[:1] + session), ('session list -realm e *', session),
-            ('trace set', PATTERNS[3:5]), ('login', PATTERNS[1:2]), ('login a b c', PATTERNS),
+            ('trace set', PATTERNS[3:5]), ('realm show', PATTERNS[12:14]), ('login', PATTERNS[1:2]), ('login a b c', PATTERNS),
             ('replica set list -realm', PATTERNS[14:]), ('replica set list -zone east', PATTERNS),
             ('realm list\r', PATTERNS[12:14]), ('"realm list"', PATTERNS), ('%s%n', PATTERNS), ('re', PATTERNS[12:]),
         ], lambda line, nearest: self.check('-command', line, out=listing(line, nearest), status=0x38C52099))

@@ -6,86 +6,11 @@
 
 #include "admin/cli/common/TarnAdminConfig.h"
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
+#include "admin/cli/vexiladmin/commands/TarnAdminTraceGet.h"
 #include "runtime/qel_messages.h"
 #include "tests/runtime/Support.h"
 
 namespace {
-
-class Command : public TarnAdminCmd {
-  public:
-    using TarnAdminCmd::TarnAdminCmd;
-    std::uint32_t executeCmd(void* const&, olm_dsess_admin_sec_info_t const&, TarnAdminCmdTokens const&) override {
-        return 0;
-    }
-};
-
-TEST(Tokens, AreTheWordsBetweenBlanksTabsAndLineFeeds) {
-    TarnAdminCmdTokens words;
-    EXPECT_EQ(words[0], nullptr);
-    EXPECT_EQ(words.set("  realm\t\tlist \n"), 0U);
-    EXPECT_EQ(words.tokens(), 2);
-    EXPECT_STREQ(words[0], "realm");
-    EXPECT_STREQ(words[1], "list");
-    EXPECT_EQ(words[2], nullptr);
-    EXPECT_EQ(words[-1], nullptr);
-    EXPECT_EQ(words.set("list\r"), 0U);
-    EXPECT_EQ(words.tokens(), 1);
-    EXPECT_STREQ(words[0], "list\r");
-    EXPECT_EQ(words.set(" \t "), 0U);
-    EXPECT_EQ(words[0], nullptr);
-    std::string many;
-    for (int i = 0; i < 500; ++i) {
-        many += " " + std::to_string(i);
-    }
-    EXPECT_EQ(words.set(many.c_str()), 0U);
-    EXPECT_EQ(words.tokens(), TarnAdminCmdTokens::kMaxTokens);
-    EXPECT_STREQ(words[TarnAdminCmdTokens::kMaxTokens - 1], "127");
-}
-
-TEST(Match, GradesHowWellALineFitsAPattern) {
-    const char* const replicaSetList = "replica set list [-realm <realm>]";
-    const char* const login = "login <user> [password]";
-    const char* const sessionList = "session list -realm <realm-name> <pattern> <max>";
-    const struct {
-        const char* line;
-        const char* pattern;
-        MatchResult grade;
-    } cases[] = {
-        {"replica set list", replicaSetList, MatchExact},
-        {"rep set l", replicaSetList, MatchAbbreviated},
-        {"replica set list -r east", replicaSetList, MatchExact},
-        {"rep set list -realm -realm", replicaSetList, MatchAbbreviated},
-        {"replica set list -realm", replicaSetList, MatchIncomplete},
-        {"replica set list -zone east", replicaSetList, MatchNone},
-        {"replica set list -realms east", replicaSetList, MatchNone},
-        {"replica set list -realm east west", replicaSetList, MatchNone},
-        {"replica set", replicaSetList, MatchIncomplete},
-        {"replica set show -realm east", replicaSetList, MatchIncomplete},
-        {"realm show", "realm show <realm-name>", MatchIncomplete},
-        {"realm list", "realm show <realm-name>", MatchIncomplete},
-        {"realm show [x]", "realm show <realm-name>", MatchExact},
-        {"realms", "realm list", MatchNone},
-        {"realm listing", "realm list", MatchIncomplete},
-        {"REALM LIST", "realm list", MatchNone},
-        {"login bob", login, MatchExact},
-        {"login bob secret", login, MatchExact},
-        {"l bob", login, MatchAbbreviated},
-        {"login", login, MatchIncomplete},
-        {"login bob secret more", login, MatchNone},
-        {"session list -r east * 10", sessionList, MatchAbbreviated},
-        {"session list east -realm * 10", sessionList, MatchIncomplete},
-        {"trace get now", "trace get", MatchNone},
-        {"tr set 5", "trace set <level>", MatchAbbreviated},
-        {"set instance -realm", "set instance <instance>", MatchExact},
-        {"", "realm list", MatchNone},
-        {"", login, MatchNone},
-    };
-    for (const auto& [line, pattern, grade] : cases) {
-        TarnAdminCmdTokens words;
-        words.set(line);
-        EXPECT_EQ(Command(pattern).matchCmd(words), grade) << line << " against " << pattern;
-    }
-}
 
 class Config : public testing::Test {
   protected:
@@ -153,8 +78,7 @@ TEST_F(Config, ThatFindsNoMemorySaysSoAndKeepsNothingHalfMade) {
 
 TEST(Registry, LeavesACommandThatItCannotTakeToItsOwner) {
     TarnAdminCmdRegistry registry;
-    EXPECT_EQ(registry.shutdown(), 0U);
-    Command command("realm list");
+    TarnAdminTraceGet command;
     const FailingNew failing;
     EXPECT_EQ(registry.registerCmd(&command), kStatusNoMemory);
 }
