@@ -60,6 +60,14 @@ class Prompt(OnTerminal):
         self.assertEqual((status, rest[-1:], terminal.echoes()), (0, '\n', True))
         self.assertEqual(self.requests(), ['get_cluster_info anonymous ~'] * 3)
 
+    def test_lines_may_be_typed_ahead_of_a_password(self):
+        for ending in '\n\r':
+            terminal = self.terminal()
+            self.asks(terminal, PROMPT)
+            terminal.type(ending.join(('login bob', 'pass word', 'realm show x', 'exit', '')))
+            self.assertEqual(terminal.ended()[0], 0)
+            self.assertEqual(self.requests(), ['get_cluster_info bob pass%20word'] * 2)
+
     def test_a_login_that_got_no_password_leaves_the_former_identity(self):
         terminal = self.terminal()
         for typed in ('login carol old\n', 'login bob\n', '\x04', 'realm show x\n'):

@@ -64,7 +64,7 @@ bool HiddenInput::readLine(char* buffer, std::size_t size) {
     if (byte == EOF) {
         return false;
     }
-    for (; byte != EOF && byte != '\n'; byte = readByte()) {
+    for (; byte != EOF && !endsLine(byte); byte = readByte()) {
         if (length + 1 < size) {
             buffer[length++] = static_cast<char>(byte);
         }
@@ -74,6 +74,11 @@ bool HiddenInput::readLine(char* buffer, std::size_t size) {
         return false;
     }
     return true;
+}
+
+// The line editor has the terminal turn line feeds into carriage returns, and so they stand in what was typed ahead.
+bool HiddenInput::endsLine(int byte) const {
+    return byte == '\n' || (m_isTerminal && byte == '\r');
 }
 
 int HiddenInput::readByte() {

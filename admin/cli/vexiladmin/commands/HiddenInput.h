@@ -27,6 +27,7 @@ class HiddenInput {
     static constexpr std::size_t kSignalCount = sizeof(kSignals) / sizeof(kSignals[0]);
 
   private:
+    bool endsLine(int byte) const;
     int readByte();
     void handleSignals();
     void takeCourse(std::size_t signal);
