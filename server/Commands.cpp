@@ -132,6 +132,8 @@ int load(const LoadOptions& options) {
         if (::isatty(STDERR_FILENO) == 1)
             progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
         counts = loadCluster(input, *store, presentTime(), progress);
+    } catch (const SqliteError& error) {
+        throw StoreError(options.data + " cannot be used: " + error.what() + "; nothing was loaded");
     } catch (const LoadError& error) {
         throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
                                  "; nothing was loaded");
@@ -161,23 +163,29 @@ void addAdministrator(const AdminOptions& options) {
               << (options.role == Role::read ? ", may read" : ", may change") << std::endl;
 }
 
-}  // namespace
-
-int administrate(const AdminOptions& options) {
-    if (options.action == AdminOptions::Action::add) {
-        addAdministrator(options);
-        return 0;
-    }
-    const auto store = Store::open(options.data, Store::IfMissing::fail);
-    if (options.action == AdminOptions::Action::list) {
-        for (const Administrator& administrator : store->administrators())
-            std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
-        return 0;
-    }
-    if (!store->removeAdministrator(options.name))
+void removeAdministrator(const AdminOptions& options) {
+    if (!Store::open(options.data, Store::IfMissing::fail)->removeAdministrator(options.name))
         throw std::runtime_error("there is no administrator " + harmless(options.name));
     std::cout << "dsessd: administrator " << harmless(options.name) << " removed" << std::endl;
+}
+
+void listAdministrators(const AdminOptions& options) {
+    for (const Administrator& administrator : Store::open(options.data, Store::IfMissing::fail)->administrators())
+        std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
+}
+
+}  // namespace
+
+int administrate(const AdminOptions& options) try {
+    if (options.action == AdminOptions::Action::add)
+        addAdministrator(options);
+    else if (options.action == AdminOptions::Action::remove)
+        removeAdministrator(options);
+    else
+        listAdministrators(options);
     return 0;
+} catch (const SqliteError& error) {
+    throw StoreError(options.data + " cannot be used: " + error.what());
 }
 
 }  // namespace dsessd

@@ -39,7 +39,7 @@ std::optional<std::size_t> contentLength(const httplib::Request& request) {
     return length;
 }
 
-/// Whether request and client can disagree about where the body ends.
+/// Whether there is one way only to tell where the body ends.
 bool isFramingClear(const httplib::Request& request) {
     if (isChunked(request))
         return request.get_header_value_count("Transfer-Encoding") == 1 && !request.has_header("Content-Length") &&
@@ -124,10 +124,10 @@ void HttpServer::answer(const httplib::Request& request, httplib::Response& resp
     const Peer peer{request.remote_addr + ":" + std::to_string(request.remote_port), peerSubject(request.ssl)};
     Answer answer = service_.handle(body, peer);
     response.status = answer.httpStatus;
-    sendRest(response, std::move(answer));
+    send(response, std::move(answer));
 }
 
-void HttpServer::sendRest(httplib::Response& response, Answer answer) {
+void HttpServer::send(httplib::Response& response, Answer answer) {
     if (!answer.rest) {
         response.set_content(answer.text, protocol::kContentType);
         return;
@@ -212,15 +212,21 @@ void HttpServer::acceptOne(int listeningFd) {
     }
 }
 
+HttpServer::Enrolment::Enrolment(HttpServer& server, Connection& connection) : server_(server) {
+    const std::lock_guard lock(server.mutex_);
+    entry_ = server.connections_.insert(server.connections_.end(), &connection);
+}
+
+HttpServer::Enrolment::~Enrolment() {
+    const std::lock_guard lock(server_.mutex_);
+    server_.connections_.erase(entry_);
+}
+
 void HttpServer::converse(Descriptor socket) {
     try {
         Connection connection(std::move(socket), tls_, limits_.connection);
-        std::unique_lock lock(mutex_);
-        const auto entry = connections_.insert(connections_.end(), &connection);
-        lock.unlock();
+        const Enrolment enrolment(*this, connection);
         serveRequests(connection);
-        lock.lock();
-        connections_.erase(entry);
     } catch (const std::exception& error) {
         log_.write(Topic::failure, std::string("a connection ended in failure: ") + error.what());
     }

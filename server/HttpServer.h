@@ -44,6 +44,19 @@ class HttpServer : private httplib::Server {
   private:
     using Connections = std::list<Connection*>;
 
+    /// Keeps a connection in `connections_`.
+    class Enrolment {
+      public:
+        Enrolment(HttpServer& server, Connection& connection);
+        Enrolment(const Enrolment&) = delete;
+        Enrolment& operator=(const Enrolment&) = delete;
+        ~Enrolment();
+
+      private:
+        HttpServer& server_;
+        Connections::iterator entry_;
+    };
+
     void acceptOne(int listeningFd);
     void converse(Descriptor socket);
     void serveRequests(Connection& connection);
@@ -55,7 +68,7 @@ class HttpServer : private httplib::Server {
     int refusalOf(const httplib::Request& request) const;
     void admit(httplib::Request& request, const Connection& connection, bool& close) const;
     void answer(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& readBody);
-    void sendRest(httplib::Response& response, Answer answer);
+    void send(httplib::Response& response, Answer answer);
 
     Service& service_;
     Log& log_;

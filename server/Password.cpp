@@ -95,11 +95,11 @@ class SilentTerminal {
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         silent.c_lflag |= ECHONL;
         if (known_)
-            tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
+            tcsetattr(STDIN_FILENO, TCSADRAIN, &silent);
     }
     void restore() const {
         if (known_)
-            tcsetattr(STDIN_FILENO, TCSAFLUSH, &before_);
+            tcsetattr(STDIN_FILENO, TCSADRAIN, &before_);
     }
 
   private:

@@ -88,6 +88,7 @@ TEST_F(AuthenticatorTest, TurnsAwayWhoWouldWaitTooLongButNotWhoIsRemembered) {
     ASSERT_EQ(verify(authenticator, "root", "SECRET"), Outcome::verified);
     std::atomic<int> busy = 0;
     std::vector<std::thread> attackers;
+    attackers.reserve(12);
     for (int i = 0; i < 12; ++i)
         attackers.emplace_back([&] {
             const auto store = file_.open();
