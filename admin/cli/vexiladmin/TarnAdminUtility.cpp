@@ -3,6 +3,7 @@
 #include <editline/readline.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <cerrno>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "admin/cli/vexiladmin/TarnAdminTrace.h"
 #include "admin/cli/vexiladmin/commands/RefusedValue.h"
@@ -57,7 +59,20 @@ using File = std::unique_ptr<std::FILE, FileCloser>;
 struct TextFreer {
     void operator()(char* text) const { std::free(text); }
 };
-using EditorLine = std::unique_ptr<char, TextFreer>;
+using Line = std::unique_ptr<char, TextFreer>;
+
+/// A line of standard input, or null at its end. The line editor is for terminals: elsewhere it would drop bytes that
+/// are no characters of the locale, and so make another name of a name.
+Line readInputLine(const char* prompt, bool edit) {
+    if (edit) {
+        return Line(readline(prompt));
+    }
+    char* text = nullptr;
+    std::size_t capacity = 0;
+    const bool read = getline(&text, &capacity, stdin) >= 0;
+    Line line(text);
+    return read ? std::move(line) : nullptr;
+}
 
 /// Creates a command and registers it; `created`, unless null, then points at it.
 template <class Command, class... Argument>
@@ -273,9 +288,12 @@ std::uint32_t TarnAdminUtility::processLine(char* line) {
 }
 
 std::uint32_t TarnAdminUtility::processInteractiveMode() {
-    while (const EditorLine line{readline(m_prompt.data())}) {
+    const bool edit = isatty(STDIN_FILENO) != 0;
+    while (const Line line = readInputLine(m_prompt.data(), edit)) {
         const std::uint32_t status = processLine(line.get());
-        add_history(line.get());
+        if (edit) {
+            add_history(line.get());
+        }
         if (status == kStatusEndOfInput) {
             return 0;
         }

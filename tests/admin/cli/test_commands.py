@@ -109,6 +109,8 @@ class Commands(Case):
         self.check_table([(f'session {verb} {what} {value} -realm east', '', '', [query(operation, 'east', by, value)])
                           for verb, operation in (('terminate', 'terminate_sessions'), ('refresh', 'refresh_sessions'))
                           for what, by, value in (('all_sessions', BY_USER, 'bob'), ('session', BY_SESSION, 's-1'))], self.prints)
+        self.check(stdin='session terminate all_sessions Ren\udce9 -realm e', out='\n',
+                   calls=[query('terminate_sessions', 'e', BY_USER, 'Ren%E9')])
         self.check('-command', 'ses t a -realm -r -realm', calls=[query('terminate_sessions', '-realm', BY_USER, '-realm')])
 
     def test_trace_level(self):
