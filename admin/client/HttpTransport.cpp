@@ -1,10 +1,13 @@
 #include "admin/client/HttpTransport.h"
 
+#include <malloc.h>
+#include <openssl/crypto.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -224,6 +227,22 @@ long milliseconds(Clock::duration duration) {
     return static_cast<long>(std::clamp<decltype(count)>(count, 0, std::numeric_limits<int>::max()));
 }
 
+void wipingFree(void* block) {
+    if (block != nullptr) {
+        OPENSSL_cleanse(block, malloc_usable_size(block));
+        std::free(block);
+    }
+}
+
+void* wipingRealloc(void* block, std::size_t size) {
+    void* larger = std::malloc(size);
+    if (larger != nullptr && block != nullptr) {
+        std::memcpy(larger, block, std::min(size, malloc_usable_size(block)));
+        wipingFree(block);
+    }
+    return larger;
+}
+
 /// Lends the easy handle to the multi handle. Taking it back closes a connection that is not at rest.
 class Transfer {
   public:
@@ -360,7 +379,9 @@ Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& po
 }  // namespace
 
 HttpTransport::CurlLibrary::CurlLibrary() {
-    if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
+    // libcurl copies a request to put it behind its head.
+    if (curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, wipingFree, wipingRealloc, strdup, std::calloc) !=
+        CURLE_OK) {
         throw std::bad_alloc();
     }
 }

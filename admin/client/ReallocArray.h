@@ -35,6 +35,9 @@ class ReallocArray {
 
     /// Throws std::bad_alloc; the array is then as it was.
     void append(const Element* elements, std::size_t count) {
+        if (count == 0) {
+            return;  // perhaps without any storage to copy to
+        }
         if (count > m_capacity - m_size) {
             std::size_t wanted = m_capacity < kFirstCapacity ? kFirstCapacity : 2 * m_capacity;
             reallocate(wanted > m_size + count ? wanted : m_size + count);

@@ -11,7 +11,7 @@ char* makeTextResult(std::int32_t kind, const char* text) {
 }
 
 bool releaseResult(std::int32_t kind, void* records) {
-    if (records == nullptr || kind < OLM_DSESS_ADMIN_FREE_REALMS || kind > OLM_DSESS_ADMIN_FREE_CLUSTER) {
+    if (records == nullptr) {
         return false;
     }
     auto* header = static_cast<ResultHeader*>(records) - 1;

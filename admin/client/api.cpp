@@ -287,7 +287,8 @@ std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admi
 }
 
 void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {
-    if (free_info == nullptr || free_info->result == nullptr) {
+    if (free_info == nullptr || free_info->result == nullptr || free_info->kind < OLM_DSESS_ADMIN_FREE_REALMS ||
+        free_info->kind > OLM_DSESS_ADMIN_FREE_CLUSTER) {
         return;
     }
     // A cluster record begins with its label, so that both cases are the address of a pointer.
