@@ -13,9 +13,10 @@ namespace dsessd {
 
 Authenticator::Authenticator() : Authenticator(Limits{}) {}
 
-Authenticator::Authenticator(const Limits& limits) : limits_(limits), dummyHash_(hashPassword("")) {
-    if (RAND_bytes(key_.data(), static_cast<int>(key_.size())) != 1 || dummyHash_.empty())
+Authenticator::Authenticator(const Limits& limits) : m_limits(limits), m_dummyHash(hashPassword("")) {
+    if (RAND_bytes(m_key.data(), static_cast<int>(m_key.size())) != 1 || m_dummyHash.empty()) {
         throw std::runtime_error("no random bytes, or no yescrypt in the system's crypt library");
+    }
 }
 
 Authenticator::Verdict Authenticator::verify(Store& store, const Credentials& credentials) {
@@ -25,30 +26,34 @@ Authenticator::Verdict Authenticator::verify(Store& store, const Credentials& cr
     Digest digest{};
     if (possible) {
         digest = digestOf(credentials, administrator->passwordHash);
-        if (remembers(digest))
-            return {Outcome::remembered, administrator->role};
+        if (remembers(digest)) {
+            return {Outcome::kRemembered, administrator->role};
+        }
     }
     const auto matched =
-        possible ? matches(credentials.password, administrator->passwordHash) : matches("-", dummyHash_);
-    if (!matched)
-        return {Outcome::busy, {}};
-    if (!possible || !*matched)
-        return {Outcome::refused, {}};
+        possible ? matches(credentials.password, administrator->passwordHash) : matches("-", m_dummyHash);
+    if (!matched) {
+        return {Outcome::kBusy, {}};
+    }
+    if (!possible || !*matched) {
+        return {Outcome::kRefused, {}};
+    }
     remember(digest);
-    return {Outcome::verified, administrator->role};
+    return {Outcome::kVerified, administrator->role};
 }
 
 std::uint64_t Authenticator::hashCount() const {
-    const std::lock_guard lock(mutex_);
-    return hashCount_;
+    const std::lock_guard lock(m_mutex);
+    return m_hashCount;
 }
 
 Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, std::string_view passwordHash) const {
     const std::array<std::string_view, 4> parts{credentials.user, credentials.loginId, credentials.password,
                                                 passwordHash};
     std::size_t room = 0;
-    for (const std::string_view part : parts)
+    for (const std::string_view part : parts) {
         room += part.size() + 1;
+    }
     SecretString joined(room);
     for (const std::string_view part : parts) {
         joined.append(part);
@@ -56,45 +61,47 @@ Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, st
     }
     Digest digest{};
     unsigned length = 0;
-    HMAC(EVP_sha256(), key_.data(), static_cast<int>(key_.size()),
+    HMAC(EVP_sha256(), m_key.data(), static_cast<int>(m_key.size()),
          reinterpret_cast<const unsigned char*>(joined.view().data()), joined.view().size(), digest.data(), &length);
     return digest;
 }
 
 bool Authenticator::remembers(const Digest& digest) {
-    const std::lock_guard lock(mutex_);
-    const auto found = expiries_.find(digest);
-    return found != expiries_.end() && Clock::now() < found->second;
+    const std::lock_guard lock(m_mutex);
+    const auto found = m_expiries.find(digest);
+    return found != m_expiries.end() && Clock::now() < found->second;
 }
 
 void Authenticator::remember(const Digest& digest) {
-    const std::lock_guard lock(mutex_);
-    if (!expiries_.insert_or_assign(digest, Clock::now() + limits_.rememberFor).second)
+    const std::lock_guard lock(m_mutex);
+    if (!m_expiries.insert_or_assign(digest, Clock::now() + m_limits.rememberFor).second) {
         return;
-    oldestFirst_.push_back(digest);
-    if (oldestFirst_.size() > limits_.remembered) {
-        expiries_.erase(oldestFirst_.front());
-        oldestFirst_.pop_front();
+    }
+    m_oldestFirst.push_back(digest);
+    if (m_oldestFirst.size() > m_limits.remembered) {
+        m_expiries.erase(m_oldestFirst.front());
+        m_oldestFirst.pop_front();
     }
 }
 
 std::optional<bool> Authenticator::matches(const char* password, const std::string& hash) {
     {
-        std::unique_lock lock(mutex_);
-        if (hashing_ == limits_.hashesAtOnce && waiting_ == limits_.waiting)
+        std::unique_lock lock(m_mutex);
+        if (m_hashing == m_limits.hashesAtOnce && m_waiting == m_limits.waiting) {
             return std::nullopt;
-        ++waiting_;
-        hashDone_.wait(lock, [&] { return hashing_ < limits_.hashesAtOnce; });
-        --waiting_;
-        ++hashing_;
-        ++hashCount_;
+        }
+        ++m_waiting;
+        m_hashDone.wait(lock, [&] { return m_hashing < m_limits.hashesAtOnce; });
+        --m_waiting;
+        ++m_hashing;
+        ++m_hashCount;
     }
     const bool matched = passwordMatches(password, hash);
     {
-        const std::lock_guard lock(mutex_);
-        --hashing_;
+        const std::lock_guard lock(m_mutex);
+        --m_hashing;
     }
-    hashDone_.notify_one();
+    m_hashDone.notify_one();
     return matched;
 }
 

@@ -40,14 +40,14 @@ class Authenticator {
     };
 
     enum class Outcome {
-        verified,    ///< by its password, just now
-        remembered,  ///< verified a while ago
-        refused,
-        busy,  ///< too many are waiting to be verified
+        kVerified,    ///< by its password, just now
+        kRemembered,  ///< verified a while ago
+        kRefused,
+        kBusy,  ///< too many are waiting to be verified
     };
     struct Verdict {
-        Outcome outcome = Outcome::refused;
-        Role role = Role::read;
+        Outcome outcome = Outcome::kRefused;
+        Role role = Role::kRead;
     };
 
     Authenticator();
@@ -68,18 +68,18 @@ class Authenticator {
     /// Nothing: too many are waiting.
     std::optional<bool> matches(const char* password, const std::string& hash);
 
-    const Limits limits_;
-    std::array<unsigned char, 32> key_{};
+    const Limits m_limits;
+    std::array<unsigned char, 32> m_key{};
     /// What the password given for an unknown name is compared with.
-    std::string dummyHash_;
+    std::string m_dummyHash;
 
-    mutable std::mutex mutex_;
-    std::condition_variable hashDone_;
-    unsigned hashing_ = 0;
-    unsigned waiting_ = 0;
-    std::uint64_t hashCount_ = 0;
-    std::map<Digest, Clock::time_point> expiries_;
-    std::deque<Digest> oldestFirst_;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_hashDone;
+    unsigned m_hashing = 0;
+    unsigned m_waiting = 0;
+    std::uint64_t m_hashCount = 0;
+    std::map<Digest, Clock::time_point> m_expiries;
+    std::deque<Digest> m_oldestFirst;
 };
 
 }  // namespace dsessd

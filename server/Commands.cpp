@@ -30,8 +30,9 @@ Descriptor stopSignals() {
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     Descriptor fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (fd.get() < 0)
+    if (fd.get() < 0) {
         throw std::runtime_error(std::string("no descriptor for signals: ") + std::strerror(errno));
+    }
     return fd;
 }
 
@@ -48,8 +49,9 @@ std::string readyLine(const ServeOptions& options, const Listener& listener) {
     std::string line = "dsessd: listening on ";
     line += options.tls.certificate.empty() ? "http://" : "https://";
     line += listener.address() + "/ for instances ";
-    for (const std::string& instance : options.instances)
+    for (const std::string& instance : options.instances) {
         line += (&instance == &options.instances.front() ? "" : ", ") + instance;
+    }
     return line;
 }
 
@@ -70,9 +72,9 @@ int serve(const ServeOptions& options) {
 
     const std::string ready = readyLine(options, listener);
     std::cout << ready << std::endl;
-    log.write(Topic::notice, ready.substr(ready.find("listening")));
+    log.write(Topic::kNotice, ready.substr(ready.find("listening")));
     server.run(std::move(listener), stop.get());
-    log.write(Topic::notice, "stopped");
+    log.write(Topic::kNotice, "stopped");
     return 0;
 }
 
@@ -81,30 +83,33 @@ namespace {
 /// Shows on a terminal how far a load is, a few times a second.
 class ProgressLine {
   public:
-    explicit ProgressLine(std::uint64_t totalBytes) : total_(totalBytes) {}
+    explicit ProgressLine(std::uint64_t totalBytes) : m_total(totalBytes) {}
     ~ProgressLine() {
-        if (shown_)
+        if (m_shown) {
             std::cerr << "\r\033[K" << std::flush;
+        }
     }
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
     void show(std::uint64_t bytes, const LoadCounts& counts) {
         const auto now = std::chrono::steady_clock::now();
-        if (now < next_)
+        if (now < m_next) {
             return;
-        next_ = now + std::chrono::milliseconds(250);
-        shown_ = true;
+        }
+        m_next = now + std::chrono::milliseconds(250);
+        m_shown = true;
         std::cerr << "\r\033[Kloading: ";
-        if (total_ != 0)
-            std::cerr << bytes * 100 / total_ << "%, ";
+        if (m_total != 0) {
+            std::cerr << bytes * 100 / m_total << "%, ";
+        }
         std::cerr << counts.sessions << " sessions" << std::flush;
     }
 
   private:
-    std::uint64_t total_;
-    bool shown_ = false;
-    std::chrono::steady_clock::time_point next_ = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    std::uint64_t m_total;
+    bool m_shown = false;
+    std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
 };
 
 std::uint64_t sizeOf(const std::string& path) {
@@ -120,17 +125,19 @@ int load(const LoadOptions& options) {
     std::ifstream file;
     if (options.source != "-") {
         file.open(options.source, std::ios::binary);
-        if (!file)
+        if (!file) {
             throw std::runtime_error(options.source + " cannot be read: " + std::strerror(errno));
+        }
     }
     std::istream& input = options.source == "-" ? std::cin : file;
-    const auto store = Store::open(options.data, Store::IfMissing::create);
+    const auto store = Store::open(options.data, Store::IfMissing::kCreate);
     LoadCounts counts;
     try {
         ProgressLine line(sizeOf(options.source));
         LoadProgress progress;
-        if (::isatty(STDERR_FILENO) == 1)
+        if (::isatty(STDERR_FILENO) == 1) {
             progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
+        }
         counts = loadCluster(input, *store, presentTime(), progress);
     } catch (const SqliteError& error) {
         throw StoreError(options.data + " cannot be used: " + error.what() + "; nothing was loaded");
@@ -148,41 +155,47 @@ namespace {
 
 void addAdministrator(const AdminOptions& options) {
     if (options.name.empty() || options.name.size() > kMaxNameBytes || !isCleanUtf8(options.name) ||
-        options.name == kAnonymousUser)
+        options.name == kAnonymousUser) {
         throw std::runtime_error("'" + harmless(options.name) + "' cannot be an administrator's name");
-    const auto store = Store::open(options.data, Store::IfMissing::create);
+    }
+    const auto store = Store::open(options.data, Store::IfMissing::kCreate);
     SecretString password(kMaxPasswordBytes);
     std::string problem;
-    if (!readNewPassword(options.name, password, problem))
+    if (!readNewPassword(options.name, password, problem)) {
         throw std::runtime_error(problem);
+    }
     const std::string hash = hashPassword(password.c_str());
-    if (hash.empty())
+    if (hash.empty()) {
         throw std::runtime_error("the system's crypt library makes no yescrypt hash");
+    }
     const bool isNew = store->putAdministrator({options.name, hash, options.role});
     std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
-              << (options.role == Role::read ? ", may read" : ", may change") << std::endl;
+              << (options.role == Role::kRead ? ", may read" : ", may change") << std::endl;
 }
 
 void removeAdministrator(const AdminOptions& options) {
-    if (!Store::open(options.data, Store::IfMissing::fail)->removeAdministrator(options.name))
+    if (!Store::open(options.data, Store::IfMissing::kFail)->removeAdministrator(options.name)) {
         throw std::runtime_error("there is no administrator " + harmless(options.name));
+    }
     std::cout << "dsessd: administrator " << harmless(options.name) << " removed" << std::endl;
 }
 
 void listAdministrators(const AdminOptions& options) {
-    for (const Administrator& administrator : Store::open(options.data, Store::IfMissing::fail)->administrators())
+    for (const Administrator& administrator : Store::open(options.data, Store::IfMissing::kFail)->administrators()) {
         std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
+    }
 }
 
 }  // namespace
 
 int administrate(const AdminOptions& options) try {
-    if (options.action == AdminOptions::Action::add)
+    if (options.action == AdminOptions::Action::kAdd) {
         addAdministrator(options);
-    else if (options.action == AdminOptions::Action::remove)
+    } else if (options.action == AdminOptions::Action::kRemove) {
         removeAdministrator(options);
-    else
+    } else {
         listAdministrators(options);
+    }
     return 0;
 } catch (const SqliteError& error) {
     throw StoreError(options.data + " cannot be used: " + error.what());

@@ -45,13 +45,13 @@ class Connection final : public httplib::Stream {
     void closeGently();
 
     // For any thread:
-    enum class Waiting { no, toRead, toWrite };
+    enum class Waiting { kNo, kToRead, kToWrite };
     /// Whether it is the client that is waited for.
-    Waiting waiting() const { return waitingFor_; }
+    Waiting waiting() const { return m_waitingFor; }
     /// When the present request began, or the wait for one.
-    Clock::time_point began() const { return began_; }
+    Clock::time_point began() const { return m_began; }
     /// Whether it waits between two requests.
-    bool idle() const { return idle_; }
+    bool idle() const { return m_idle; }
     /// Ends whatever is waited for.
     void cutOff();
     /// Lets a request that has arrived be answered, and no other arrive.
@@ -59,19 +59,19 @@ class Connection final : public httplib::Stream {
 
     /// The status of HTTP that says why reading was given up; 0: it was not. What is written afterwards goes nowhere,
     /// since the request was not understood as it was meant.
-    int refusal() const { return refusal_; }
+    int refusal() const { return m_refusal; }
     /// Writes an answer without a body in place of the one that was refused.
     void writeRefusal();
 
-    const SSL* ssl() const { return ssl_.get(); }
+    const SSL* ssl() const { return m_ssl.get(); }
 
     bool is_readable() const override { return true; }
-    bool is_writable() const override { return refusal_ == 0; }
+    bool is_writable() const override { return m_refusal == 0; }
     ssize_t read(char* bytes, std::size_t size) override;
     ssize_t write(const char* bytes, std::size_t size) override;
     void get_remote_ip_and_port(std::string& ip, int& port) const override;
     void get_local_ip_and_port(std::string& ip, int& port) const override;
-    socket_t socket() const override { return socket_.get(); }
+    socket_t socket() const override { return m_socket.get(); }
 
   private:
     bool wait(short events, Clock::time_point deadline);
@@ -80,26 +80,26 @@ class Connection final : public httplib::Stream {
     ssize_t send(const char* bytes, std::size_t size, Clock::time_point deadline);
     bool awaitTls(int result, Clock::time_point deadline);
 
-    Descriptor socket_;
-    Ssl ssl_;
-    const ConnectionLimits limits_;
-    std::string peerHost_;
-    int peerPort_ = 0;
+    Descriptor m_socket;
+    Ssl m_ssl;
+    const ConnectionLimits m_limits;
+    std::string m_peerHost;
+    int m_peerPort = 0;
 
-    std::array<char, 16'384> buffer_{};
-    std::size_t at_ = 0;
-    std::size_t end_ = 0;
-    bool timedOut_ = false;
+    std::array<char, 16'384> m_buffer{};
+    std::size_t m_at = 0;
+    std::size_t m_end = 0;
+    bool m_timedOut = false;
 
-    Clock::time_point requestDeadline_;
-    std::size_t requestBytes_ = 0;
-    Clock::time_point answerStart_;
-    std::size_t answerBytes_ = 0;
-    int refusal_ = 0;
+    Clock::time_point m_requestDeadline;
+    std::size_t m_requestBytes = 0;
+    Clock::time_point m_answerStart;
+    std::size_t m_answerBytes = 0;
+    int m_refusal = 0;
 
-    std::atomic<Clock::time_point> began_ = Clock::now();
-    std::atomic<Waiting> waitingFor_ = Waiting::no;
-    std::atomic<bool> idle_ = false;
+    std::atomic<Clock::time_point> m_began = Clock::now();
+    std::atomic<Waiting> m_waitingFor = Waiting::kNo;
+    std::atomic<bool> m_idle = false;
 };
 
 }  // namespace dsessd

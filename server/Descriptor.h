@@ -9,20 +9,21 @@ namespace dsessd {
 
 class Descriptor {
   public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(Descriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    explicit Descriptor(int fd = -1) : m_fd(fd) {}
+    Descriptor(Descriptor&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
+        std::swap(m_fd, other.m_fd);
         return *this;
     }
     ~Descriptor() {
-        if (fd_ >= 0)
-            ::close(fd_);
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
     }
-    int get() const { return fd_; }
+    int get() const { return m_fd; }
 
   private:
-    int fd_;
+    int m_fd;
 };
 
 }  // namespace dsessd

@@ -32,18 +32,21 @@ std::optional<std::size_t> contentLength(const httplib::Request& request) {
     const std::string text = request.get_header_value("Content-Length");
     std::size_t length = 0;
     const auto parsed = std::from_chars(text.data(), text.data() + text.size(), length);
-    if (parsed.ec == std::errc::result_out_of_range)
+    if (parsed.ec == std::errc::result_out_of_range) {
         return SIZE_MAX;
-    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size())
+    }
+    if (parsed.ec != std::errc() || parsed.ptr != text.data() + text.size()) {
         return std::nullopt;
+    }
     return length;
 }
 
 /// Whether there is one way only to tell where the body ends.
 bool isFramingClear(const httplib::Request& request) {
-    if (isChunked(request))
+    if (isChunked(request)) {
         return request.get_header_value_count("Transfer-Encoding") == 1 && !request.has_header("Content-Length") &&
                ::strcasecmp(request.get_header_value("Transfer-Encoding").c_str(), "chunked") == 0;
+    }
     return !request.has_header("Content-Length") ||
            (request.get_header_value_count("Content-Length") == 1 && contentLength(request).has_value());
 }
@@ -52,21 +55,25 @@ bool isFramingClear(const httplib::Request& request) {
 
 HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SSL_CTX* tls,
                        const HttpLimits& limits)
-    : service_(service), log_(log), tls_(tls), limits_(limits) {
-    for (const std::string& instance : instances)
-        for (const char* path : {protocol::kServicePath, protocol::kProxyServicePath})
-            paths_.push_back("/" + instance + path);
+    : m_service(service), m_log(log), m_tls(tls), m_limits(limits) {
+    for (const std::string& instance : instances) {
+        for (const char* path : {protocol::kServicePath, protocol::kProxyServicePath}) {
+            m_paths.push_back("/" + instance + path);
+        }
+    }
     set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
         const int refusal = refusalOf(request);
-        if (refusal == 0)
+        if (refusal == 0) {
             return HandlerResponse::Unhandled;
+        }
         response.status = refusal;
         return HandlerResponse::Handled;
     });
     set_expect_100_continue_handler([this](const httplib::Request& request, httplib::Response& response) {
         const int refusal = refusalOf(request);
-        if (refusal == 0)
+        if (refusal == 0) {
             return 100;
+        }
         response.status = refusal;
         return refusal;
     });
@@ -74,7 +81,7 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
     set_post_routing_handler(
         [](const httplib::Request&, httplib::Response& response) { response.headers.erase("Keep-Alive"); });
     set_exception_handler([this](const httplib::Request&, httplib::Response& response, const std::exception_ptr&) {
-        log_.write(Topic::failure, "a request ended in an unexpected exception");
+        m_log.write(Topic::kFailure, "a request ended in an unexpected exception");
         response.status = 500;
     });
     Post(".*", [this](const httplib::Request& request, httplib::Response& response,
@@ -82,16 +89,21 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
 }
 
 int HttpServer::refusalOf(const httplib::Request& request) const {
-    if (!isFramingClear(request))
+    if (!isFramingClear(request)) {
         return 400;
-    if (std::find(paths_.begin(), paths_.end(), request.path) == paths_.end())
+    }
+    if (std::find(m_paths.begin(), m_paths.end(), request.path) == m_paths.end()) {
         return 404;
-    if (request.method != "POST")
+    }
+    if (request.method != "POST") {
         return 405;
-    if (!isJson(request.get_header_value("Content-Type")) || request.has_header("Content-Encoding"))
+    }
+    if (!isJson(request.get_header_value("Content-Type")) || request.has_header("Content-Encoding")) {
         return 415;
-    if (!isChunked(request) && contentLength(request).value_or(0) > protocol::kMaxRequestBytes)
+    }
+    if (!isChunked(request) && contentLength(request).value_or(0) > protocol::kMaxRequestBytes) {
         return 413;
+    }
     return 0;
 }
 
@@ -100,8 +112,9 @@ void HttpServer::admit(httplib::Request& request, const Connection& connection, 
     // The library would compress, and answer in parts, when asked to.
     request.headers.erase("Accept-Encoding");
     request.ranges.clear();
-    if (refusalOf(request) == 0 && !isChunked(request))
+    if (refusalOf(request) == 0 && !isChunked(request)) {
         return;
+    }
     // Of a body that is not read to its end something is left over that is no request.
     request.headers.erase("Connection");
     request.set_header("Connection", "close");
@@ -122,7 +135,7 @@ void HttpServer::answer(const httplib::Request& request, httplib::Response& resp
         return;
     }
     const Peer peer{request.remote_addr + ":" + std::to_string(request.remote_port), peerSubject(request.ssl)};
-    Answer answer = service_.handle(body, peer);
+    Answer answer = m_service.handle(body, peer);
     response.status = answer.httpStatus;
     send(response, std::move(answer));
 }
@@ -140,11 +153,12 @@ void HttpServer::send(httplib::Response& response, Answer answer) {
                 return true;
             }
             const bool sent = sink.write(shared->text.data(), shared->text.size());
-            if (sent)
+            if (sent) {
                 shared->text = shared->rest->next();
+            }
             return sent;
         } catch (const SqliteError& failure) {
-            log_.write(Topic::failure, std::string("a listing broke off: ") + failure.what());
+            m_log.write(Topic::kFailure, std::string("a listing broke off: ") + failure.what());
             return false;
         }
     });
@@ -155,8 +169,9 @@ void HttpServer::run(Listener listener, int stopFd) {
     svr_sock_ = listener.fd();
     std::array<pollfd, 2> ready{{{stopFd, POLLIN, 0}, {listener.fd(), POLLIN, 0}}};
     while (ready[0].revents == 0) {
-        if (::poll(ready.data(), ready.size(), -1) > 0 && ready[1].revents != 0)
+        if (::poll(ready.data(), ready.size(), -1) > 0 && ready[1].revents != 0) {
             acceptOne(listener.fd());
+        }
     }
     listener.close();
     drain();
@@ -164,24 +179,29 @@ void HttpServer::run(Listener listener, int stopFd) {
 
 Connection* HttpServer::longestWaiting(Connection::Waiting kind) const {
     Connection* longest = nullptr;
-    for (Connection* candidate : connections_)
-        if (candidate->waiting() == kind && (longest == nullptr || candidate->began() < longest->began()))
+    for (Connection* candidate : m_connections) {
+        if (candidate->waiting() == kind && (longest == nullptr || candidate->began() < longest->began())) {
             longest = candidate;
+        }
+    }
     return longest;
 }
 
 bool HttpServer::makeRoom(std::unique_lock<std::mutex>& lock) {
-    const auto deadline = Connection::Clock::now() + limits_.room;
-    while (threads_ >= limits_.connections) {
-        if (Connection::Clock::now() > deadline)
+    const auto deadline = Connection::Clock::now() + m_limits.room;
+    while (m_threads >= m_limits.connections) {
+        if (Connection::Clock::now() > deadline) {
             return false;
+        }
         // Whoever is slow to take an answer is more likely to be honest than whoever is slow to ask.
-        Connection* longest = longestWaiting(Connection::Waiting::toRead);
-        if (longest == nullptr)
-            longest = longestWaiting(Connection::Waiting::toWrite);
-        if (longest != nullptr)
+        Connection* longest = longestWaiting(Connection::Waiting::kToRead);
+        if (longest == nullptr) {
+            longest = longestWaiting(Connection::Waiting::kToWrite);
+        }
+        if (longest != nullptr) {
             longest->cutOff();
-        ended_.wait_for(lock, std::chrono::milliseconds(10));
+        }
+        m_ended.wait_for(lock, std::chrono::milliseconds(10));
     }
     return true;
 }
@@ -190,60 +210,62 @@ void HttpServer::acceptOne(int listeningFd) {
     Descriptor socket(::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (socket.get() < 0) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-            log_.write(Topic::failure, std::string("cannot take a connection: ") + std::strerror(errno));
+            m_log.write(Topic::kFailure, std::string("cannot take a connection: ") + std::strerror(errno));
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         }
         return;
     }
-    std::unique_lock lock(mutex_);
+    std::unique_lock lock(m_mutex);
     if (!makeRoom(lock)) {
-        if (!std::exchange(saturated_, true))
-            log_.write(Topic::failure, "busy with " + std::to_string(threads_) + " connections, more are refused");
-        if (tls_ == nullptr)
+        if (!std::exchange(m_saturated, true)) {
+            m_log.write(Topic::kFailure, "busy with " + std::to_string(m_threads) + " connections, more are refused");
+        }
+        if (m_tls == nullptr) {
             ::send(socket.get(), kBusyAnswer, sizeof kBusyAnswer - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
         return;
     }
-    saturated_ = false;
+    m_saturated = false;
     try {
         std::thread([this, owned = std::move(socket)]() mutable { converse(std::move(owned)); }).detach();
-        ++threads_;
+        ++m_threads;
     } catch (const std::system_error& error) {
-        log_.write(Topic::failure, std::string("cannot start a thread for a connection: ") + error.what());
+        m_log.write(Topic::kFailure, std::string("cannot start a thread for a connection: ") + error.what());
     }
 }
 
-HttpServer::Enrolment::Enrolment(HttpServer& server, Connection& connection) : server_(server) {
-    const std::lock_guard lock(server.mutex_);
-    entry_ = server.connections_.insert(server.connections_.end(), &connection);
+HttpServer::Enrolment::Enrolment(HttpServer& server, Connection& connection) : m_server(server) {
+    const std::lock_guard lock(server.m_mutex);
+    m_entry = server.m_connections.insert(server.m_connections.end(), &connection);
 }
 
 HttpServer::Enrolment::~Enrolment() {
-    const std::lock_guard lock(server_.mutex_);
-    server_.connections_.erase(entry_);
+    const std::lock_guard lock(m_server.m_mutex);
+    m_server.m_connections.erase(m_entry);
 }
 
 void HttpServer::converse(Descriptor socket) {
     try {
-        Connection connection(std::move(socket), tls_, limits_.connection);
+        Connection connection(std::move(socket), m_tls, m_limits.connection);
         const Enrolment enrolment(*this, connection);
         serveRequests(connection);
     } catch (const std::exception& error) {
-        log_.write(Topic::failure, std::string("a connection ended in failure: ") + error.what());
+        m_log.write(Topic::kFailure, std::string("a connection ended in failure: ") + error.what());
     }
-    const std::lock_guard lock(mutex_);
-    --threads_;
-    ended_.notify_all();
+    const std::lock_guard lock(m_mutex);
+    --m_threads;
+    m_ended.notify_all();
 }
 
 void HttpServer::serveRequests(Connection& connection) {
     if (!connection.handshake()) {
-        log_.write(Topic::audit, "TLS handshake failed: " + tlsError());
+        m_log.write(Topic::kAudit, "TLS handshake failed: " + tlsError());
         connection.closeGently();  // a reset would take the alert that says why with it
         return;
     }
     bool close = false;
-    while (!close && !stopping_ && connection.awaitRequest()) {
-        const bool lastOne = stopping_;
+    while (!close && !m_stopping && connection.awaitRequest()) {
+        const bool lastOne = m_stopping;
         bool understood = false;
         const bool answered = process_request(connection, lastOne, close, [&](httplib::Request& request) {
             understood = true;
@@ -251,25 +273,28 @@ void HttpServer::serveRequests(Connection& connection) {
         });
         close = close || lastOne || !understood || !answered;
     }
-    if (connection.refusal() != 0)
+    if (connection.refusal() != 0) {
         connection.writeRefusal();
-    if (close)
+    }
+    if (close) {
         connection.closeGently();
+    }
 }
 
 void HttpServer::drain() {
-    std::unique_lock lock(mutex_);
-    stopping_ = true;
-    const auto deadline = Connection::Clock::now() + limits_.drain;
-    while (threads_ != 0) {
+    std::unique_lock lock(m_mutex);
+    m_stopping = true;
+    const auto deadline = Connection::Clock::now() + m_limits.drain;
+    while (m_threads != 0) {
         const bool patient = Connection::Clock::now() < deadline;
-        for (Connection* connection : connections_) {
-            if (!patient)
+        for (Connection* connection : m_connections) {
+            if (!patient) {
                 connection->cutOff();
-            else if (connection->idle())
+            } else if (connection->idle()) {
                 connection->stopReading();
+            }
         }
-        ended_.wait_for(lock, std::chrono::milliseconds(50));
+        m_ended.wait_for(lock, std::chrono::milliseconds(50));
     }
 }
 

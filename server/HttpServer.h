@@ -44,7 +44,7 @@ class HttpServer : private httplib::Server {
   private:
     using Connections = std::list<Connection*>;
 
-    /// Keeps a connection in `connections_`.
+    /// Keeps a connection in `m_connections`.
     class Enrolment {
       public:
         Enrolment(HttpServer& server, Connection& connection);
@@ -53,8 +53,8 @@ class HttpServer : private httplib::Server {
         ~Enrolment();
 
       private:
-        HttpServer& server_;
-        Connections::iterator entry_;
+        HttpServer& m_server;
+        Connections::iterator m_entry;
     };
 
     void acceptOne(int listeningFd);
@@ -70,20 +70,20 @@ class HttpServer : private httplib::Server {
     void answer(const httplib::Request& request, httplib::Response& response, const httplib::ContentReader& readBody);
     void send(httplib::Response& response, Answer answer);
 
-    Service& service_;
-    Log& log_;
-    std::vector<std::string> paths_;
-    SSL_CTX* tls_;
-    const HttpLimits limits_;
+    Service& m_service;
+    Log& m_log;
+    std::vector<std::string> m_paths;
+    SSL_CTX* m_tls;
+    const HttpLimits m_limits;
 
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    /// Threads of connections, those that have not entered `connections_` yet included.
-    std::size_t threads_ = 0;
-    Connections connections_;
-    std::atomic<bool> stopping_ = false;
+    std::mutex m_mutex;
+    std::condition_variable m_ended;
+    /// Threads of connections, those that have not entered `m_connections` yet included.
+    std::size_t m_threads = 0;
+    Connections m_connections;
+    std::atomic<bool> m_stopping = false;
     /// Whether connections are being refused, so that the log says it once.
-    bool saturated_ = false;
+    bool m_saturated = false;
 };
 
 }  // namespace dsessd

@@ -17,45 +17,45 @@ using rapidjson::SizeType;
 /// Passes the parser's events on to a document and stops the parser at what is not accepted.
 class StrictHandler {
   public:
-    explicit StrictHandler(rapidjson::Document& document) : document_(document) {}
+    explicit StrictHandler(rapidjson::Document& document) : m_document(document) {}
 
-    bool Null() { return document_.Null(); }
-    bool Bool(bool value) { return document_.Bool(value); }
-    bool Int(int value) { return document_.Int(value); }
-    bool Uint(unsigned value) { return document_.Uint(value); }
-    bool Int64(int64_t value) { return document_.Int64(value); }
-    bool Uint64(uint64_t value) { return document_.Uint64(value); }
-    bool Double(double value) { return document_.Double(value); }
+    bool Null() { return m_document.Null(); }
+    bool Bool(bool value) { return m_document.Bool(value); }
+    bool Int(int value) { return m_document.Int(value); }
+    bool Uint(unsigned value) { return m_document.Uint(value); }
+    bool Int64(int64_t value) { return m_document.Int64(value); }
+    bool Uint64(uint64_t value) { return m_document.Uint64(value); }
+    bool Double(double value) { return m_document.Double(value); }
     bool RawNumber(const char*, SizeType, bool) { return false; }
     bool String(const char* text, SizeType length, bool copy) {
-        return isCleanUtf8({text, length}) && document_.String(text, length, copy);
+        return isCleanUtf8({text, length}) && m_document.String(text, length, copy);
     }
     bool StartObject() {
-        fields_.emplace_back();
-        return deeper() && document_.StartObject();
+        m_fields.emplace_back();
+        return deeper() && m_document.StartObject();
     }
     bool Key(const char* text, SizeType length, bool copy) {
         const std::string_view name(text, length);
-        return isCleanUtf8(name) && fields_.back().insert(name).second && document_.Key(text, length, copy);
+        return isCleanUtf8(name) && m_fields.back().insert(name).second && m_document.Key(text, length, copy);
     }
     bool EndObject(SizeType count) {
-        fields_.pop_back();
-        --depth_;
-        return document_.EndObject(count);
+        m_fields.pop_back();
+        --m_depth;
+        return m_document.EndObject(count);
     }
-    bool StartArray() { return deeper() && document_.StartArray(); }
+    bool StartArray() { return deeper() && m_document.StartArray(); }
     bool EndArray(SizeType count) {
-        --depth_;
-        return document_.EndArray(count);
+        --m_depth;
+        return m_document.EndArray(count);
     }
 
   private:
-    bool deeper() { return ++depth_ <= kMaxJsonDepth; }
+    bool deeper() { return ++m_depth <= kMaxJsonDepth; }
 
-    rapidjson::Document& document_;
-    int depth_ = 0;
+    rapidjson::Document& m_document;
+    int m_depth = 0;
     /// The names seen so far in each open object. They lie in the text that is parsed.
-    std::vector<std::unordered_set<std::string_view>> fields_;
+    std::vector<std::unordered_set<std::string_view>> m_fields;
 };
 
 }  // namespace

@@ -24,14 +24,16 @@ HostAndPort split(std::string_view text) {
     const std::string_view port = colon == std::string_view::npos ? "" : text.substr(colon + 1);
     std::string_view host = text.substr(0, colon);
     const bool bracketed = host.size() > 2 && host.front() == '[' && host.back() == ']';
-    if (bracketed)
+    if (bracketed) {
         host = host.substr(1, host.size() - 2);
+    }
     unsigned short number = 0;
     const auto parsed = std::from_chars(port.data(), port.data() + port.size(), number);
     const bool isNumber = !port.empty() && parsed.ec == std::errc() && parsed.ptr == port.data() + port.size();
-    if (!isNumber || host.empty() || (!bracketed && host.find(':') != std::string_view::npos))
+    if (!isNumber || host.empty() || (!bracketed && host.find(':') != std::string_view::npos)) {
         throw std::runtime_error("--listen takes HOST:PORT, such as 127.0.0.1:8080 or [::1]:8080, not " +
                                  std::string(text));
+    }
     return {std::string(host), std::string(port)};
 }
 
@@ -39,8 +41,9 @@ Descriptor listenOn(const addrinfo& address) {
     Descriptor socket(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     if (socket.get() < 0 || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), 256) != 0)
+        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), 256) != 0) {
         return Descriptor();
+    }
     return socket;
 }
 
@@ -60,17 +63,19 @@ Listener::Listener(std::string_view hostAndPort) {
     hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
     hints.ai_socktype = SOCK_STREAM;
     addrinfo* found = nullptr;
-    if (const int code = ::getaddrinfo(wanted.host.c_str(), wanted.port.c_str(), &hints, &found); code != 0)
+    if (const int code = ::getaddrinfo(wanted.host.c_str(), wanted.port.c_str(), &hints, &found); code != 0) {
         throw std::runtime_error("no address for " + wanted.host + ": " + gai_strerror(code));
+    }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, ::freeaddrinfo);
     int error = 0;
-    for (const addrinfo* address = found; address != nullptr && socket_.get() < 0; address = address->ai_next) {
-        socket_ = listenOn(*address);
+    for (const addrinfo* address = found; address != nullptr && m_socket.get() < 0; address = address->ai_next) {
+        m_socket = listenOn(*address);
         error = errno;
     }
-    if (socket_.get() < 0)
+    if (m_socket.get() < 0) {
         throw std::runtime_error("cannot listen on " + std::string(hostAndPort) + ": " + std::strerror(error));
-    address_ = std::string(hostAndPort.substr(0, hostAndPort.rfind(':') + 1)) + std::to_string(portOf(socket_.get()));
+    }
+    m_address = std::string(hostAndPort.substr(0, hostAndPort.rfind(':') + 1)) + std::to_string(portOf(m_socket.get()));
 }
 
 }  // namespace dsessd

@@ -14,15 +14,15 @@ namespace dsessd {
 class Listener {
   public:
     explicit Listener(std::string_view hostAndPort);
-    int fd() const { return socket_.get(); }
+    int fd() const { return m_socket.get(); }
     /// Takes no more connections.
-    void close() { socket_ = Descriptor(); }
+    void close() { m_socket = Descriptor(); }
     /// `HOST:PORT` as given, with the port in use.
-    const std::string& address() const { return address_; }
+    const std::string& address() const { return m_address; }
 
   private:
-    Descriptor socket_;
-    std::string address_;
+    Descriptor m_socket;
+    std::string m_address;
 };
 
 }  // namespace dsessd

@@ -22,23 +22,26 @@ using rapidjson::SizeType;
 class CountingStream {
   public:
     using Ch = char;
-    explicit CountingStream(std::istream& input) : input_(input) { fill(); }
+    explicit CountingStream(std::istream& input) : m_input(input) { fill(); }
 
-    Ch Peek() const { return at_ == end_ ? '\0' : buffer_[at_]; }
+    Ch Peek() const { return m_at == m_end ? '\0' : m_buffer[m_at]; }
     Ch Take() {
         const Ch c = Peek();
-        if (at_ == end_)
+        if (m_at == m_end) {
             return c;
-        if (c == '\n')
-            ++line_;
-        if (++at_ == end_)
+        }
+        if (c == '\n') {
+            ++m_line;
+        }
+        if (++m_at == m_end) {
             fill();
+        }
         return c;
     }
-    std::size_t Tell() const { return before_ + at_; }
-    std::size_t line() const { return line_; }
+    std::size_t Tell() const { return m_before + m_at; }
+    std::size_t line() const { return m_line; }
     /// A NUL in the text looks like the end to the parser.
-    bool atEnd() const { return at_ == end_; }
+    bool atEnd() const { return m_at == m_end; }
 
     // Of the concept, for streams that are written to.
     Ch* PutBegin() { return nullptr; }
@@ -48,23 +51,23 @@ class CountingStream {
 
   private:
     void fill() {
-        before_ += end_;
-        input_.read(buffer_.data(), static_cast<std::streamsize>(buffer_.size()));
-        end_ = static_cast<std::size_t>(input_.gcount());
-        at_ = 0;
+        m_before += m_end;
+        m_input.read(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
+        m_end = static_cast<std::size_t>(m_input.gcount());
+        m_at = 0;
     }
 
-    std::istream& input_;
-    std::vector<char> buffer_ = std::vector<char>(65'536);
-    std::size_t at_ = 0;
-    std::size_t end_ = 0;
-    std::size_t before_ = 0;
-    std::size_t line_ = 1;
+    std::istream& m_input;
+    std::vector<char> m_buffer = std::vector<char>(65'536);
+    std::size_t m_at = 0;
+    std::size_t m_end = 0;
+    std::size_t m_before = 0;
+    std::size_t m_line = 1;
 };
 
 /// What may stand where: the kinds of objects in a cluster file and their fields.
 enum Object : unsigned char { kCluster, kKey, kRealm, kReplicaSet, kMember, kSession };
-enum class Kind : unsigned char { text, integer, list };
+enum class Kind : unsigned char { kText, kInteger, kList };
 
 struct FieldRule {
     std::string_view name;
@@ -74,19 +77,19 @@ struct FieldRule {
     Object element;
 };
 
-constexpr FieldRule kClusterFields[] = {{"keys", Kind::list, false, kKey}, {"realms", Kind::list, true, kRealm}};
+constexpr FieldRule kClusterFields[] = {{"keys", Kind::kList, false, kKey}, {"realms", Kind::kList, true, kRealm}};
 constexpr FieldRule kKeyFields[] = {
-    {"label", Kind::text, true, {}}, {"time", Kind::integer, false, {}}, {"age", Kind::integer, false, {}}};
-constexpr FieldRule kRealmFields[] = {{"name", Kind::text, true, {}},
-                                      {"replicaSets", Kind::list, false, kReplicaSet},
-                                      {"sessions", Kind::list, false, kSession}};
-constexpr FieldRule kReplicaSetFields[] = {{"name", Kind::text, true, {}}, {"members", Kind::list, false, kMember}};
+    {"label", Kind::kText, true, {}}, {"time", Kind::kInteger, false, {}}, {"age", Kind::kInteger, false, {}}};
+constexpr FieldRule kRealmFields[] = {{"name", Kind::kText, true, {}},
+                                      {"replicaSets", Kind::kList, false, kReplicaSet},
+                                      {"sessions", Kind::kList, false, kSession}};
+constexpr FieldRule kReplicaSetFields[] = {{"name", Kind::kText, true, {}}, {"members", Kind::kList, false, kMember}};
 constexpr FieldRule kMemberFields[] = {
-    {"name", Kind::text, true, {}}, {"time", Kind::integer, false, {}}, {"age", Kind::integer, false, {}}};
-constexpr FieldRule kSessionFields[] = {{"id", Kind::text, true, {}},
-                                        {"user", Kind::text, true, {}},
-                                        {"time", Kind::integer, false, {}},
-                                        {"age", Kind::integer, false, {}}};
+    {"name", Kind::kText, true, {}}, {"time", Kind::kInteger, false, {}}, {"age", Kind::kInteger, false, {}}};
+constexpr FieldRule kSessionFields[] = {{"id", Kind::kText, true, {}},
+                                        {"user", Kind::kText, true, {}},
+                                        {"time", Kind::kInteger, false, {}},
+                                        {"age", Kind::kInteger, false, {}}};
 
 struct ObjectRule {
     std::string_view name;
@@ -119,7 +122,7 @@ struct OpenObject {
 class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ClusterHandler> {
   public:
     ClusterHandler(Store& store, Seconds now, const LoadProgress& progress, const CountingStream& stream)
-        : replacement_(store), now_(now), progress_(progress), stream_(stream) {}
+        : m_replacement(store), m_now(now), m_progress(progress), m_stream(stream) {}
 
     bool Default() { return fail("a value that is neither text nor a whole number nor a list"); }
     bool Int(int value) { return integer(value); }
@@ -129,25 +132,29 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
 
     bool String(const char* bytes, SizeType length, bool) {
         const std::string_view value(bytes, length);
-        if (!expects(Kind::text))
+        if (!expects(Kind::kText)) {
             return false;
-        if (value.empty() || value.size() > kMaxNameBytes || !isCleanUtf8(value))
+        }
+        if (value.empty() || value.size() > kMaxNameBytes || !isCleanUtf8(value)) {
             return fail(describe() + " is empty, longer than " + std::to_string(kMaxNameBytes) +
                         " bytes, or not UTF-8 without NUL");
-        open_.back().texts[open_.back().field] = value;
+        }
+        m_open.back().texts[m_open.back().field] = value;
         return true;
     }
 
     bool Key(const char* bytes, SizeType length, bool) {
-        OpenObject& object = open_.back();
+        OpenObject& object = m_open.back();
         const ObjectRule& rule = kObjects[object.kind];
         const std::string_view name(bytes, length);
         for (std::size_t i = 0; i < rule.fields.size(); ++i) {
-            if (rule.fields[i].name != name)
+            if (rule.fields[i].name != name) {
                 continue;
+            }
             object.field = i;
-            if (object.seen[i])
+            if (object.seen[i]) {
                 return fail(describe() + " comes twice");
+            }
             object.seen[i] = true;
             return true;
         }
@@ -155,77 +162,87 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
     }
 
     bool StartArray() {
-        if (!expects(Kind::list))
+        if (!expects(Kind::kList)) {
             return false;
-        open_.back().inList = true;
+        }
+        m_open.back().inList = true;
         return true;
     }
 
     bool EndArray(SizeType) {
-        open_.back().inList = false;
+        m_open.back().inList = false;
         return true;
     }
 
     bool StartObject() {
-        if (open_.empty()) {
-            open_.push_back({kCluster});
+        if (m_open.empty()) {
+            m_open.push_back({kCluster});
             return true;
         }
-        const OpenObject& parent = open_.back();
-        if (!parent.inList)
+        const OpenObject& parent = m_open.back();
+        if (!parent.inList) {
             return fail("an object where there should be none");
+        }
         OpenObject child{kObjects[parent.kind].fields[parent.field].element};
-        child.number = ++lastNumber_;
-        open_.push_back(std::move(child));
+        child.number = ++m_lastNumber;
+        m_open.push_back(std::move(child));
         return true;
     }
 
     bool EndObject(SizeType) {
-        const OpenObject object = std::move(open_.back());
-        open_.pop_back();
+        const OpenObject object = std::move(m_open.back());
+        m_open.pop_back();
         const ObjectRule& rule = kObjects[object.kind];
-        for (std::size_t i = 0; i < rule.fields.size(); ++i)
-            if (rule.fields[i].required && !object.seen[i])
+        for (std::size_t i = 0; i < rule.fields.size(); ++i) {
+            if (rule.fields[i].required && !object.seen[i]) {
                 return fail(std::string(rule.name) + " without the field \"" + std::string(rule.fields[i].name) + "\"");
-        if (!store(object))
+            }
+        }
+        if (!store(object)) {
             return false;
-        if (progress_ && ++stored_ % 4096 == 0)
-            progress_(stream_.Tell(), counts_);
+        }
+        if (m_progress && ++m_stored % 4096 == 0) {
+            m_progress(m_stream.Tell(), m_counts);
+        }
         return true;
     }
 
     LoadCounts finish() {
-        replacement_.commit();
-        return counts_;
+        m_replacement.commit();
+        return m_counts;
     }
-    const std::string& problem() const { return problem_; }
+    const std::string& problem() const { return m_problem; }
 
   private:
     bool fail(const std::string& why) {
-        problem_ = why;
+        m_problem = why;
         return false;
     }
 
     std::string describe() const {
-        const ObjectRule& rule = kObjects[open_.back().kind];
-        return "the field \"" + std::string(rule.fields[open_.back().field].name) + "\" of " + std::string(rule.name);
+        const ObjectRule& rule = kObjects[m_open.back().kind];
+        return "the field \"" + std::string(rule.fields[m_open.back().field].name) + "\" of " + std::string(rule.name);
     }
 
     bool expects(Kind kind) {
-        if (open_.empty())
+        if (m_open.empty()) {
             return fail("the cluster is not an object");
-        const OpenObject& object = open_.back();
-        if (object.inList)
+        }
+        const OpenObject& object = m_open.back();
+        if (object.inList) {
             return fail("something other than an object in " + describe());
-        if (kObjects[object.kind].fields[object.field].kind != kind)
+        }
+        if (kObjects[object.kind].fields[object.field].kind != kind) {
             return fail(describe() + " is of the wrong type");
+        }
         return true;
     }
 
     bool integer(std::int64_t value) {
-        if (!expects(Kind::integer))
+        if (!expects(Kind::kInteger)) {
             return false;
-        open_.back().integers[open_.back().field] = value;
+        }
+        m_open.back().integers[m_open.back().field] = value;
         return true;
     }
 
@@ -234,59 +251,62 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         const ObjectRule& rule = kObjects[object.kind];
         const auto& absolute = object.integers[rule.fields.size() - 2];
         const auto& age = object.integers[rule.fields.size() - 1];
-        if (absolute.has_value() == age.has_value())
+        if (absolute.has_value() == age.has_value()) {
             return fail(std::string(rule.name) + " needs one of the fields \"time\" and \"age\"");
+        }
         constexpr std::int64_t kLatest = std::numeric_limits<Seconds>::max();
-        if ((age && (*age < 0 || *age > now_)) || (absolute && (*absolute < 0 || *absolute > kLatest)))
+        if ((age && (*age < 0 || *age > m_now)) || (absolute && (*absolute < 0 || *absolute > kLatest))) {
             return fail("the time of " + std::string(rule.name) + " is not between 0 and " + std::to_string(kLatest));
-        time = static_cast<Seconds>(absolute ? *absolute : now_ - *age);
+        }
+        time = static_cast<Seconds>(absolute ? *absolute : m_now - *age);
         return true;
     }
 
     /// Keeps what ended, under what is still open around it.
     bool store(const OpenObject& object) {
-        const std::int64_t parent = open_.empty() ? 0 : open_.back().number;
+        const std::int64_t parent = m_open.empty() ? 0 : m_open.back().number;
         const std::string& name = object.texts[0];
         Seconds time = 0;
-        if (kObjects[object.kind].timed && !timeOf(object, time))
+        if (kObjects[object.kind].timed && !timeOf(object, time)) {
             return false;
+        }
         bool isNew = true;
         switch (object.kind) {
             case kCluster:
                 break;
             case kKey:
-                isNew = replacement_.addKey(name, time);
-                ++counts_.keys;
+                isNew = m_replacement.addKey(name, time);
+                ++m_counts.keys;
                 break;
             case kRealm:
-                isNew = replacement_.addRealm(object.number, name);
-                ++counts_.realms;
+                isNew = m_replacement.addRealm(object.number, name);
+                ++m_counts.realms;
                 break;
             case kReplicaSet:
-                isNew = replacement_.addReplicaSet(object.number, parent, name);
-                ++counts_.replicaSets;
+                isNew = m_replacement.addReplicaSet(object.number, parent, name);
+                ++m_counts.replicaSets;
                 break;
             case kMember:
-                isNew = replacement_.addMember(parent, {name, time});
-                ++counts_.members;
+                isNew = m_replacement.addMember(parent, {name, time});
+                ++m_counts.members;
                 break;
             case kSession:
-                isNew = replacement_.addSession(parent, {name, object.texts[1], time});
-                ++counts_.sessions;
+                isNew = m_replacement.addSession(parent, {name, object.texts[1], time});
+                ++m_counts.sessions;
                 break;
         }
         return isNew || fail(std::string(kObjects[object.kind].name) + " \"" + harmless(name, 64) + "\" comes twice");
     }
 
-    Store::Replacement replacement_;
-    const Seconds now_;
-    const LoadProgress& progress_;
-    const CountingStream& stream_;
-    std::vector<OpenObject> open_;
-    std::int64_t lastNumber_ = 0;
-    std::int64_t stored_ = 0;
-    LoadCounts counts_;
-    std::string problem_;
+    Store::Replacement m_replacement;
+    const Seconds m_now;
+    const LoadProgress& m_progress;
+    const CountingStream& m_stream;
+    std::vector<OpenObject> m_open;
+    std::int64_t m_lastNumber = 0;
+    std::int64_t m_stored = 0;
+    LoadCounts m_counts;
+    std::string m_problem;
 };
 
 }  // namespace
@@ -296,14 +316,16 @@ LoadCounts loadCluster(std::istream& input, Store& store, Seconds now, const Loa
     ClusterHandler handler(store, now, progress, stream);
     rapidjson::Reader reader;
     const rapidjson::ParseResult result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
-    if (input.bad())
+    if (input.bad()) {
         throw LoadError(stream.line(), "reading failed");
+    }
     if (result.IsError()) {
         const bool ours = result.Code() == rapidjson::kParseErrorTermination;
         throw LoadError(stream.line(), ours ? handler.problem() : rapidjson::GetParseError_En(result.Code()));
     }
-    if (!stream.atEnd())
+    if (!stream.atEnd()) {
         throw LoadError(stream.line(), "a NUL byte");
+    }
     return handler.finish();
 }
 

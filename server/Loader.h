@@ -22,11 +22,11 @@ struct LoadCounts {
 /// The text is not a cluster: `line` (from 1) is where that was found out, what() why.
 class LoadError : public std::runtime_error {
   public:
-    LoadError(std::size_t line, const std::string& why) : std::runtime_error(why), line_(line) {}
-    std::size_t line() const { return line_; }
+    LoadError(std::size_t line, const std::string& why) : std::runtime_error(why), m_line(line) {}
+    std::size_t line() const { return m_line; }
 
   private:
-    std::size_t line_;
+    std::size_t m_line;
 };
 
 /// Called now and then with the bytes read and the records stored so far.

@@ -19,15 +19,15 @@ struct TopicTraits {
 
 TopicTraits traitsOf(Topic topic) {
     switch (topic) {
-        case Topic::failure:
+        case Topic::kFailure:
             return {"failure", 0};
-        case Topic::notice:
+        case Topic::kNotice:
             return {"notice", 0};
-        case Topic::audit:
+        case Topic::kAudit:
             return {"audit", 1};
-        case Topic::request:
+        case Topic::kRequest:
             return {"request", 2};
-        case Topic::detail:
+        case Topic::kDetail:
             return {"detail", 3};
     }
     return {"", 0};
@@ -49,17 +49,18 @@ std::string timestamp() {
 }  // namespace
 
 bool Log::wants(Topic topic) const {
-    return level_ >= traitsOf(topic).level;
+    return m_level >= traitsOf(topic).level;
 }
 
 void Log::write(Topic topic, std::string_view text) {
-    if (!wants(topic))
+    if (!wants(topic)) {
         return;
+    }
     std::string line = timestamp();
     line.append(" ").append(traitsOf(topic).name).append(" ").append(text).append("\n");
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     // One call a line; a log that cannot be written must not stop the server.
-    [[maybe_unused]] const ssize_t written = ::write(fd_, line.data(), line.size());
+    [[maybe_unused]] const ssize_t written = ::write(m_fd, line.data(), line.size());
 }
 
 }  // namespace dsessd

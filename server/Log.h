@@ -10,11 +10,11 @@ namespace dsessd {
 
 /// What an entry is about. The trace level decides which topics are written.
 enum class Topic {
-    failure,  ///< level 0: what an administrator has to look into
-    notice,   ///< level 0: start and stop
-    audit,    ///< level 1: who changed what, logins, refused identities
-    request,  ///< level 2: every request with method, user, outcome and duration
-    detail,   ///< level 3: the requests' parameters; connections
+    kFailure,  ///< level 0: what an administrator has to look into
+    kNotice,   ///< level 0: start and stop
+    kAudit,    ///< level 1: who changed what, logins, refused identities
+    kRequest,  ///< level 2: every request with method, user, outcome and duration
+    kDetail,   ///< level 3: the requests' parameters; connections
 };
 
 /// Safe to use from several threads.
@@ -23,17 +23,17 @@ class Log {
     static constexpr int kMaxLevel = 9;
 
     /// `fd` stays the caller's.
-    explicit Log(int fd) : fd_(fd) {}
+    explicit Log(int fd) : m_fd(fd) {}
 
-    void setLevel(int level) { level_ = level; }
+    void setLevel(int level) { m_level = level; }
     bool wants(Topic topic) const;
     /// `text` is one line: callers pass what came from outside through harmless() first.
     void write(Topic topic, std::string_view text);
 
   private:
-    int fd_;
-    std::atomic<int> level_ = 0;
-    std::mutex mutex_;
+    int m_fd;
+    std::atomic<int> m_level = 0;
+    std::mutex m_mutex;
 };
 
 }  // namespace dsessd

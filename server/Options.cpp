@@ -20,7 +20,7 @@ void addData(CLI::App& command, std::string& data) {
 }
 
 void describeServe(CLI::App& serve, ServeOptions& options) {
-    static const std::map<std::string, Anonymous> kAnonymous{{"none", Anonymous::none}, {"read", Anonymous::read}};
+    static const std::map<std::string, Anonymous> kAnonymous{{"none", Anonymous::kNone}, {"read", Anonymous::kRead}};
     serve.add_option("--listen", options.listen, "Where to listen; port 0 lets the system pick one")
         ->required()
         ->type_name("HOST:PORT");
@@ -46,26 +46,27 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
 }
 
 void describeAdmin(CLI::App& admin, AdminOptions& options) {
-    static const std::map<std::string, Role> kRoles{{"read", Role::read}, {"change", Role::change}};
+    static const std::map<std::string, Role> kRoles{{"read", Role::kRead}, {"change", Role::kChange}};
     admin.require_subcommand(1);
     const auto addAction = [&](const char* word, const char* text, AdminOptions::Action action) {
         CLI::App* command = admin.add_subcommand(word, text);
-        if (action != AdminOptions::Action::list)
+        if (action != AdminOptions::Action::kList) {
             command->add_option("name", options.name, "The administrator's name")->required()->type_name("");
+        }
         addData(*command, options.data);
         command->callback([&options, action] { options.action = action; });
         return command;
     };
     CLI::App* add =
-        addAction("add", "Add an administrator, or change one's password and role", AdminOptions::Action::add);
+        addAction("add", "Add an administrator, or change one's password and role", AdminOptions::Action::kAdd);
     add->add_option("--role", options.role, "What the administrator may do; change unless given")
         ->transform(CLI::Transformer(kRoles).description(""))
         ->type_name("read|change");
     add->footer(
         "The password is asked for twice when standard input is a terminal, else it is the first line\n"
         "of standard input. A data file that does not exist is made.");
-    addAction("remove", "Remove an administrator", AdminOptions::Action::remove);
-    addAction("list", "List the administrators and their roles", AdminOptions::Action::list);
+    addAction("remove", "Remove an administrator", AdminOptions::Action::kRemove);
+    addAction("list", "List the administrators and their roles", AdminOptions::Action::kList);
 }
 
 }  // namespace
@@ -102,10 +103,12 @@ Options parseOptions(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return EndWith{app.exit(error) == 0 ? 0 : kUsageStatus};
     }
-    if (serve->parsed())
+    if (serve->parsed()) {
         return serveOptions;
-    if (load->parsed())
+    }
+    if (load->parsed()) {
         return loadOptions;
+    }
     return adminOptions;
 }
 

@@ -15,7 +15,7 @@ struct ServeOptions {
     std::string listen;
     std::string data;
     std::vector<std::string> instances;
-    Anonymous anonymous = Anonymous::none;
+    Anonymous anonymous = Anonymous::kNone;
     /// Plain HTTP when the certificate is empty.
     TlsFiles tls;
 };
@@ -27,11 +27,11 @@ struct LoadOptions {
 };
 
 struct AdminOptions {
-    enum class Action { add, remove, list };
-    Action action = Action::list;
+    enum class Action { kAdd, kRemove, kList };
+    Action action = Action::kList;
     std::string data;
     std::string name;
-    Role role = Role::change;
+    Role role = Role::kChange;
 };
 
 /// The command line was dealt with (help, version) or is wrong: what is left is to end with this status.

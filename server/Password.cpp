@@ -36,8 +36,9 @@ std::string crypted(const char* password, const char* setting) {
 
 std::string hashPassword(const char* password) {
     std::array<char, CRYPT_GENSALT_OUTPUT_SIZE> setting{};
-    if (crypt_gensalt_rn("$y$", 0, nullptr, 0, setting.data(), static_cast<int>(setting.size())) == nullptr)
+    if (crypt_gensalt_rn("$y$", 0, nullptr, 0, setting.data(), static_cast<int>(setting.size())) == nullptr) {
         return {};
+    }
     return crypted(password, setting.data());
 }
 
@@ -57,30 +58,32 @@ void say(std::string_view text) {
 class HeldSignals {
   public:
     HeldSignals() {
-        sigemptyset(&signals_);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGALRM, SIGPIPE})
-            sigaddset(&signals_, number);
-        sigprocmask(SIG_BLOCK, &signals_, &before_);
-        fd_ = signalfd(-1, &signals_, SFD_CLOEXEC | SFD_NONBLOCK);
+        sigemptyset(&m_signals);
+        for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP, SIGALRM, SIGPIPE}) {
+            sigaddset(&m_signals, number);
+        }
+        sigprocmask(SIG_BLOCK, &m_signals, &m_before);
+        m_fd = signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK);
     }
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
     ~HeldSignals() {
-        if (fd_ >= 0)
-            ::close(fd_);
-        sigprocmask(SIG_SETMASK, &before_, nullptr);
+        if (m_fd >= 0) {
+            ::close(m_fd);
+        }
+        sigprocmask(SIG_SETMASK, &m_before, nullptr);
     }
-    int fd() const { return fd_; }
+    int fd() const { return m_fd; }
     /// Lets those that have come act as they usually do.
     void deliver() {
-        sigprocmask(SIG_SETMASK, &before_, nullptr);
-        sigprocmask(SIG_BLOCK, &signals_, nullptr);
+        sigprocmask(SIG_SETMASK, &m_before, nullptr);
+        sigprocmask(SIG_BLOCK, &m_signals, nullptr);
     }
 
   private:
-    sigset_t signals_{};
-    sigset_t before_{};
-    int fd_ = -1;
+    sigset_t m_signals{};
+    sigset_t m_before{};
+    int m_fd = -1;
 };
 
 class SilentTerminal {
@@ -90,21 +93,23 @@ class SilentTerminal {
     SilentTerminal& operator=(const SilentTerminal&) = delete;
     ~SilentTerminal() { restore(); }
     void silence() {
-        known_ = tcgetattr(STDIN_FILENO, &before_) == 0;
-        termios silent = before_;
+        m_known = tcgetattr(STDIN_FILENO, &m_before) == 0;
+        termios silent = m_before;
         silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
         silent.c_lflag |= ECHONL;
-        if (known_)
+        if (m_known) {
             tcsetattr(STDIN_FILENO, TCSADRAIN, &silent);
+        }
     }
     void restore() const {
-        if (known_)
-            tcsetattr(STDIN_FILENO, TCSADRAIN, &before_);
+        if (m_known) {
+            tcsetattr(STDIN_FILENO, TCSADRAIN, &m_before);
+        }
     }
 
   private:
-    termios before_{};
-    bool known_ = false;
+    termios m_before{};
+    bool m_known = false;
 };
 
 /// Takes one line byte by byte, so that nothing after it is swallowed. False: longer than a password may be, or nothing
@@ -114,15 +119,19 @@ bool readLine(SecretString& line) {
     bool any = false;
     for (;;) {
         const ssize_t got = ::read(STDIN_FILENO, &byte, 1);
-        if (got < 0 && errno == EINTR)
+        if (got < 0 && errno == EINTR) {
             continue;
-        if (got <= 0)
+        }
+        if (got <= 0) {
             return any;
+        }
         any = true;
-        if (byte == '\n')
+        if (byte == '\n') {
             return true;
-        if (!line.append({&byte, 1}))
+        }
+        if (!line.append({&byte, 1})) {
             return false;
+        }
     }
 }
 
@@ -132,8 +141,9 @@ bool promptLine(std::string_view prompt, SecretString& line) {
     say(prompt);
     for (;;) {
         std::array<pollfd, 2> ready{{{STDIN_FILENO, POLLIN, 0}, {signals.fd(), POLLIN, 0}}};
-        if (::poll(ready.data(), ready.size(), -1) < 0 && errno != EINTR)
+        if (::poll(ready.data(), ready.size(), -1) < 0 && errno != EINTR) {
             return false;
+        }
         if ((ready[1].revents & POLLIN) != 0) {
             terminal.restore();
             signals.deliver();
@@ -150,17 +160,21 @@ bool promptLine(std::string_view prompt, SecretString& line) {
 bool readNewPassword(std::string_view name, SecretString& password, std::string& problem) {
     const bool terminal = ::isatty(STDIN_FILENO) == 1;
     const bool got = terminal ? promptLine("Password for " + harmless(name) + ": ", password) : readLine(password);
-    if (!password.view().empty() && password.view().back() == '\r' && !terminal)
+    if (!password.view().empty() && password.view().back() == '\r' && !terminal) {
         password.popBack();
-    if (!got || password.view().empty())
+    }
+    if (!got || password.view().empty()) {
         problem = "no password was given, or one of more than " + std::to_string(kMaxPasswordBytes) + " bytes";
-    else if (!isCleanUtf8(password.view()))
+    } else if (!isCleanUtf8(password.view())) {
         problem = "the password is not valid UTF-8";
-    if (!problem.empty() || !terminal)
+    }
+    if (!problem.empty() || !terminal) {
         return problem.empty();
+    }
     SecretString again(kMaxPasswordBytes);
-    if (!promptLine("Once more: ", again) || again.view() != password.view())
+    if (!promptLine("Once more: ", again) || again.view() != password.view()) {
         problem = "the two passwords differ";
+    }
     return problem.empty();
 }
 

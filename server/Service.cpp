@@ -55,39 +55,47 @@ const Value* find(const Value& object, const char* name) {
 
 std::string_view textParameter(const Value& parameters, const char* name) {
     const Value* value = find(parameters, name);
-    if (value == nullptr || !value->IsString())
+    if (value == nullptr || !value->IsString()) {
         refuseForm(code::kInvalidParams, "A parameter is missing or is not text.");
+    }
     return viewOf(*value);
 }
 
 std::int32_t integerParameter(const Value& parameters, const char* name) {
     const Value* value = find(parameters, name);
-    if (value == nullptr || !value->IsInt())
+    if (value == nullptr || !value->IsInt()) {
         refuseForm(code::kInvalidParams, "A parameter is missing or is not an integer of 32 bits.");
+    }
     return value->GetInt();
 }
 
 /// Null when it is null or missing.
 const Value* optionalText(const Value& object, const char* name) {
     const Value* value = find(object, name);
-    if (value == nullptr || value->IsNull())
+    if (value == nullptr || value->IsNull()) {
         return nullptr;
-    if (!value->IsString())
+    }
+    if (!value->IsString()) {
         refuseForm(code::kInvalidParams, "A field of security is neither text nor null.");
+    }
     return value;
 }
 
 Credentials credentialsOf(const Value& parameters) {
     const Value* security = find(parameters, field::kSecurity);
-    if (security == nullptr || !security->IsObject())
+    if (security == nullptr || !security->IsObject()) {
         refuseForm(code::kInvalidParams, "The parameter security is missing or is not an object.");
+    }
     Credentials credentials;
-    if (const Value* user = optionalText(*security, field::kUser))
+    if (const Value* user = optionalText(*security, field::kUser)) {
         credentials.user = viewOf(*user);
-    if (const Value* password = optionalText(*security, field::kPassword))
+    }
+    if (const Value* password = optionalText(*security, field::kPassword)) {
         credentials.password = password->GetString();
-    if (const Value* loginId = optionalText(*security, field::kLoginId))
+    }
+    if (const Value* loginId = optionalText(*security, field::kLoginId)) {
         credentials.loginId = viewOf(*loginId);
+    }
     return credentials;
 }
 
@@ -101,29 +109,34 @@ struct Parameters {
 };
 
 /// Which parameters a method takes beside the identity.
-enum class Takes { nothing, replicaSet, sessions, sessionsAndMax, level };
+enum class Takes { kNothing, kReplicaSet, kSessions, kSessionsAndMax, kLevel };
 
 Parameters parametersOf(const Value& object, Takes takes) {
     Parameters parameters;
-    if (takes == Takes::replicaSet)
+    if (takes == Takes::kReplicaSet) {
         parameters.replicaSet = textParameter(object, field::kReplicaSet);
-    if (takes == Takes::sessions || takes == Takes::sessionsAndMax) {
+    }
+    if (takes == Takes::kSessions || takes == Takes::kSessionsAndMax) {
         parameters.realm = textParameter(object, field::kRealm);
         parameters.selector = textParameter(object, field::kSelector);
         parameters.value = textParameter(object, field::kValue);
     }
-    if (takes == Takes::sessionsAndMax)
+    if (takes == Takes::kSessionsAndMax) {
         parameters.max = integerParameter(object, field::kMax);
-    if (takes == Takes::level)
+    }
+    if (takes == Takes::kLevel) {
         parameters.level = integerParameter(object, field::kLevel);
+    }
     return parameters;
 }
 
 Selector selectorOf(std::string_view name) {
-    if (name == protocol::selector::kUser)
-        return Selector::user;
-    if (name == protocol::selector::kSession)
-        return Selector::session;
+    if (name == protocol::selector::kUser) {
+        return Selector::kUser;
+    }
+    if (name == protocol::selector::kSession) {
+        return Selector::kSession;
+    }
     refuse(error::kInvalidValue, "The selector is neither user nor session.");
 }
 
@@ -187,32 +200,32 @@ std::string millisecondsSince(std::chrono::steady_clock::time_point start) {
 
 ListingAnswer::ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing,
                              std::string_view id)
-    : store_(std::move(store)), listing_(std::move(listing)), writer_(buffer_) {
-    beginAnswer(writer_, id, field::kResult);
-    putInteger(writer_, field::kTotal, listing_->total());
-    putInteger(writer_, field::kCount, listing_->count());
-    writer_.Key(field::kSessions);
-    writer_.StartArray();
+    : m_store(std::move(store)), m_listing(std::move(listing)), m_writer(m_buffer) {
+    beginAnswer(m_writer, id, field::kResult);
+    putInteger(m_writer, field::kTotal, m_listing->total());
+    putInteger(m_writer, field::kCount, m_listing->count());
+    m_writer.Key(field::kSessions);
+    m_writer.StartArray();
 }
 
 std::string ListingAnswer::next() {
     SessionRow row;
-    while (!done_ && buffer_.GetSize() < kPieceBytes) {
-        if (listing_->next(row)) {
-            writer_.StartObject();
-            putText(writer_, field::kId, row.id);
-            putText(writer_, field::kUser, row.user);
-            putInteger(writer_, field::kTime, row.time);
-            writer_.EndObject();
+    while (!m_done && m_buffer.GetSize() < kPieceBytes) {
+        if (m_listing->next(row)) {
+            m_writer.StartObject();
+            putText(m_writer, field::kId, row.id);
+            putText(m_writer, field::kUser, row.user);
+            putInteger(m_writer, field::kTime, row.time);
+            m_writer.EndObject();
         } else {
-            writer_.EndArray();
-            writer_.EndObject();
-            writer_.EndObject();
-            done_ = true;
+            m_writer.EndArray();
+            m_writer.EndObject();
+            m_writer.EndObject();
+            m_done = true;
         }
     }
-    std::string piece(buffer_.GetString(), buffer_.GetSize());
-    buffer_.Clear();
+    std::string piece(m_buffer.GetString(), m_buffer.GetSize());
+    m_buffer.Clear();
     return piece;
 }
 
@@ -237,8 +250,9 @@ struct Service::Call {
     std::string who() const {
         std::string text = credentials.user.empty() ? "nobody" : harmless(credentials.user);
         text += " from " + peer.address;
-        if (!peer.certificate.empty())
+        if (!peer.certificate.empty()) {
             text += " with certificate " + harmless(peer.certificate);
+        }
         return text;
     }
 };
@@ -251,18 +265,18 @@ struct Service::Method {
 };
 
 const Service::Method Service::kMethods[] = {
-    {method::kClusterGet, false, Takes::nothing, &Service::getCluster},
-    {method::kReplicaSetGet, false, Takes::replicaSet, &Service::getReplicaSet},
-    {method::kKeyChange, true, Takes::nothing, &Service::changeKey},
-    {method::kSessionList, false, Takes::sessionsAndMax, &Service::listSessions},
-    {method::kSessionTerminate, true, Takes::sessions, &Service::terminateSessions},
-    {method::kSessionRefresh, true, Takes::sessions, &Service::refreshSessions},
-    {method::kTraceGet, false, Takes::nothing, &Service::getTrace},
-    {method::kTraceSet, true, Takes::level, &Service::setTrace},
+    {method::kClusterGet, false, Takes::kNothing, &Service::getCluster},
+    {method::kReplicaSetGet, false, Takes::kReplicaSet, &Service::getReplicaSet},
+    {method::kKeyChange, true, Takes::kNothing, &Service::changeKey},
+    {method::kSessionList, false, Takes::kSessionsAndMax, &Service::listSessions},
+    {method::kSessionTerminate, true, Takes::kSessions, &Service::terminateSessions},
+    {method::kSessionRefresh, true, Takes::kSessions, &Service::refreshSessions},
+    {method::kTraceGet, false, Takes::kNothing, &Service::getTrace},
+    {method::kTraceSet, true, Takes::kLevel, &Service::setTrace},
 };
 
 Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
-    : stores_(stores), authenticator_(authenticator), log_(log), anonymous_(anonymous) {}
+    : m_stores(stores), m_authenticator(authenticator), m_log(log), m_anonymous(anonymous) {}
 
 Answer Service::handle(SecretString& request, const Peer& peer) {
     const auto start = std::chrono::steady_clock::now();
@@ -274,7 +288,7 @@ Answer Service::handle(SecretString& request, const Peer& peer) {
         result = {refusal.httpStatus, errorText(call.id, refusal), nullptr};
     };
     const auto failed = [&](const char* why) {
-        log_.write(Topic::failure, std::string("the data file failed: ") + why);
+        m_log.write(Topic::kFailure, std::string("the data file failed: ") + why);
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why."});
     };
     try {
@@ -292,44 +306,52 @@ Answer Service::handle(SecretString& request, const Peer& peer) {
 
 Answer Service::answer(SecretString& request, Call& call) {
     rapidjson::Document& document = call.document;
-    if (!parseStrictly(request.data(), document))
+    if (!parseStrictly(request.data(), document)) {
         refuseForm(code::kParseError, "The request is not acceptable JSON.", 400);
+    }
     const Value* version = document.IsObject() ? find(document, field::kJsonRpc) : nullptr;
     const Value* id = version != nullptr ? find(document, field::kId) : nullptr;
     const Value* name = version != nullptr ? find(document, field::kMethod) : nullptr;
     if (id == nullptr || name == nullptr || !version->IsString() || viewOf(*version) != field::kVersion ||
-        !(id->IsInt64() || id->IsUint64()) || !name->IsString())
+        !(id->IsInt64() || id->IsUint64()) || !name->IsString()) {
         refuseForm(code::kInvalidRequest, "This is not one JSON-RPC 2.0 request with an integer as its id.", 400);
+    }
     call.id = id->IsInt64() ? std::to_string(id->GetInt64()) : std::to_string(id->GetUint64());
 
-    for (const Method& candidate : kMethods)
-        if (viewOf(*name) == candidate.name)
+    for (const Method& candidate : kMethods) {
+        if (viewOf(*name) == candidate.name) {
             call.method = &candidate;
-    if (call.method == nullptr)
+        }
+    }
+    if (call.method == nullptr) {
         refuseForm(code::kMethodNotFound, "There is no such method.");
+    }
     const Value* parameters = find(document, field::kParams);
-    if (parameters == nullptr || !parameters->IsObject())
+    if (parameters == nullptr || !parameters->IsObject()) {
         refuseForm(code::kInvalidParams, "The params are missing or are not an object.");
+    }
     call.credentials = credentialsOf(*parameters);
     call.parameters = parametersOf(*parameters, call.method->takes);
 
-    call.store = stores_.take();
+    call.store = m_stores.take();
     identify(call);
     permit(call);
 
     beginAnswer(call.result, call.id, field::kResult);
     if (call.method->changes) {
-        const std::unique_lock lock(changing_, kWaitForChange);
-        if (!lock)
+        const std::unique_lock lock(m_changing, kWaitForChange);
+        if (!lock) {
             refuseForNow("Other changes take too long; try again.");
+        }
         (this->*call.method->run)(call);
     } else {
         (this->*call.method->run)(call);
     }
     if (call.listing != nullptr) {
         std::string first = call.listing->next();
-        if (call.listing->done())
+        if (call.listing->done()) {
             call.listing.reset();
+        }
         return {200, std::move(first), std::move(call.listing)};
     }
     call.result.EndObject();
@@ -339,53 +361,61 @@ Answer Service::answer(SecretString& request, Call& call) {
 
 void Service::identify(Call& call) {
     const bool noPassword = call.credentials.password == nullptr || call.credentials.password[0] == '\0';
-    if (call.credentials.user == kAnonymousUser && noPassword)
+    if (call.credentials.user == kAnonymousUser && noPassword) {
         return;
-    const Authenticator::Verdict verdict = authenticator_.verify(*call.store, call.credentials);
+    }
+    const Authenticator::Verdict verdict = m_authenticator.verify(*call.store, call.credentials);
     switch (verdict.outcome) {
-        case Authenticator::Outcome::verified:
-            log_.write(Topic::audit, "login of " + call.who());
+        case Authenticator::Outcome::kVerified:
+            m_log.write(Topic::kAudit, "login of " + call.who());
             break;
-        case Authenticator::Outcome::remembered:
+        case Authenticator::Outcome::kRemembered:
             break;
-        case Authenticator::Outcome::refused:
-            log_.write(Topic::audit, "identity refused: " + call.who());
+        case Authenticator::Outcome::kRefused:
+            m_log.write(Topic::kAudit, "identity refused: " + call.who());
             refuse(error::kIdentityRefused, "The user is unknown or the password is wrong.");
-        case Authenticator::Outcome::busy:
+        case Authenticator::Outcome::kBusy:
             refuseForNow("Too many logins at a time; try again.");
     }
     call.role = verdict.role;
 }
 
 void Service::permit(const Call& call) const {
-    if (!call.role && (anonymous_ == Anonymous::none || call.method->changes))
+    if (!call.role && (m_anonymous == Anonymous::kNone || call.method->changes)) {
         refuse(error::kNotPermitted, "This needs a login.");
-    if (call.role == Role::read && call.method->changes)
+    }
+    if (call.role == Role::kRead && call.method->changes) {
         refuse(error::kNotPermitted, "This administrator may not change anything.");
+    }
 }
 
 void Service::logRequest(const Call& call, std::string_view outcome, std::string_view duration) {
-    if (!log_.wants(Topic::request))
+    if (!m_log.wants(Topic::kRequest)) {
         return;
+    }
     const std::string name = call.method == nullptr ? "a message" : call.method->name;
-    log_.write(Topic::request, name + " by " + call.who() + ": " + std::string(outcome) + ", " + std::string(duration));
-    if (call.method == nullptr || call.method->takes == Takes::nothing)
+    m_log.write(Topic::kRequest,
+                name + " by " + call.who() + ": " + std::string(outcome) + ", " + std::string(duration));
+    if (call.method == nullptr || call.method->takes == Takes::kNothing) {
         return;
+    }
     const Parameters& given = call.parameters;
     std::string text = name + " with";
-    if (call.method->takes == Takes::replicaSet)
+    if (call.method->takes == Takes::kReplicaSet) {
         text += " replica set " + harmless(given.replicaSet);
-    else if (call.method->takes == Takes::level)
+    } else if (call.method->takes == Takes::kLevel) {
         text += " level " + std::to_string(given.level);
-    else
+    } else {
         text += " realm " + harmless(given.realm) + ", " + harmless(given.selector) + " " + harmless(given.value);
-    if (call.method->takes == Takes::sessionsAndMax)
+    }
+    if (call.method->takes == Takes::kSessionsAndMax) {
         text += ", max " + std::to_string(given.max);
-    log_.write(Topic::detail, text);
+    }
+    m_log.write(Topic::kDetail, text);
 }
 
 void Service::changed(const Call& call, Topic topic, const std::string& what) {
-    log_.write(topic, "changed: " + what + ", by " + call.who());
+    m_log.write(topic, "changed: " + what + ", by " + call.who());
 }
 
 void Service::getCluster(Call& call) {
@@ -398,8 +428,9 @@ void Service::getCluster(Call& call) {
         putText(call.result, field::kName, realm.name);
         call.result.Key(field::kReplicaSets);
         call.result.StartArray();
-        for (const std::string& set : realm.replicaSets)
+        for (const std::string& set : realm.replicaSets) {
             call.result.String(set.data(), static_cast<rapidjson::SizeType>(set.size()));
+        }
         call.result.EndArray();
         call.result.EndObject();
     }
@@ -409,8 +440,9 @@ void Service::getCluster(Call& call) {
 
 void Service::getReplicaSet(Call& call) {
     const auto members = call.store->members(call.parameters.replicaSet);
-    if (!members)
+    if (!members) {
         refuse(error::kUnknownReplicaSet, "There is no replica set of this name.");
+    }
     putInteger(call.result, field::kCount, static_cast<std::int64_t>(members->size()));
     call.result.Key(field::kRecords);
     call.result.StartArray();
@@ -425,18 +457,20 @@ void Service::getReplicaSet(Call& call) {
 
 void Service::changeKey(Call& call) {
     const Key key = call.store->changeKey(presentTime());
-    changed(call, Topic::audit, "key is " + key.label);
+    changed(call, Topic::kAudit, "key is " + key.label);
     putKey(call.result, key);
 }
 
 void Service::listSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
-    if (given.max < -1 || given.value.size() > kMaxPatternBytes)
+    if (given.max < -1 || given.value.size() > kMaxPatternBytes) {
         refuse(error::kInvalidValue, "The most records wanted is below -1, or the pattern is too long.");
+    }
     auto listing = call.store->listSessions(given.realm, selector, given.value, given.max);
-    if (!listing)
+    if (!listing) {
         refuse(error::kUnknownRealm, "There is no realm of this name.");
+    }
     call.listing = std::make_unique<ListingAnswer>(std::move(call.store), std::move(listing), call.id);
 }
 
@@ -444,10 +478,12 @@ namespace {
 
 /// The number of sessions that a change was made to, if it was.
 int changedSessions(const std::optional<int>& count) {
-    if (!count)
+    if (!count) {
         refuse(error::kUnknownRealm, "There is no realm of this name.");
-    if (*count == 0)
+    }
+    if (*count == 0) {
         refuse(error::kNoMatchingSession, "No session of this realm matches.");
+    }
     return *count;
 }
 
@@ -462,7 +498,7 @@ void Service::terminateSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->terminateSessions(given.realm, selector, given.value));
-    changed(call, Topic::audit, "terminated " + describe(given, count));
+    changed(call, Topic::kAudit, "terminated " + describe(given, count));
     putInteger(call.result, field::kCount, count);
 }
 
@@ -470,7 +506,7 @@ void Service::refreshSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->refreshSessions(given.realm, selector, given.value, presentTime()));
-    changed(call, Topic::audit, "refreshed " + describe(given, count));
+    changed(call, Topic::kAudit, "refreshed " + describe(given, count));
     putInteger(call.result, field::kCount, count);
 }
 
@@ -480,12 +516,13 @@ void Service::getTrace(Call& call) {
 
 void Service::setTrace(Call& call) {
     const int level = call.parameters.level;
-    if (level < 0 || level > Log::kMaxLevel)
+    if (level < 0 || level > Log::kMaxLevel) {
         refuse(error::kInvalidValue, "A trace level is a number from 0 to 9.");
+    }
     call.store->setTraceLevel(level);
-    log_.setLevel(level);
+    m_log.setLevel(level);
     // At every level: it says what else the log will hold.
-    changed(call, Topic::notice, "trace level is " + std::to_string(level));
+    changed(call, Topic::kNotice, "trace level is " + std::to_string(level));
     putInteger(call.result, field::kLevel, level);
 }
 

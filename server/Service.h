@@ -30,15 +30,15 @@ class ListingAnswer {
     /// Gives the next piece of the answer, empty after the last. Throws SqliteError.
     std::string next();
     /// Whether the last piece was given.
-    bool done() const { return done_; }
+    bool done() const { return m_done; }
 
   private:
-    StorePool::Lease store_;
-    std::unique_ptr<Store::SessionListing> listing_;
-    std::string tail_;
-    rapidjson::StringBuffer buffer_;
-    rapidjson::Writer<rapidjson::StringBuffer> writer_;
-    bool done_ = false;
+    StorePool::Lease m_store;
+    std::unique_ptr<Store::SessionListing> m_listing;
+    std::string m_tail;
+    rapidjson::StringBuffer m_buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> m_writer;
+    bool m_done = false;
 };
 
 /// An answer: a status of HTTP and the body, or its first piece.
@@ -53,7 +53,7 @@ struct Answer {
 inline constexpr char kAnonymousUser[] = "anonymous";
 
 /// What may be done without a login.
-enum class Anonymous { none, read };
+enum class Anonymous { kNone, kRead };
 
 /// Safe to use from several threads at a time.
 class Service {
@@ -86,12 +86,12 @@ class Service {
     void getTrace(Call& call);
     void setTrace(Call& call);
 
-    StorePool& stores_;
-    Authenticator& authenticator_;
-    Log& log_;
-    Anonymous anonymous_;
+    StorePool& m_stores;
+    Authenticator& m_authenticator;
+    Log& m_log;
+    Anonymous m_anonymous;
     /// One change at a time; without it, connections of one process would wait for each other by polling.
-    std::timed_mutex changing_;
+    std::timed_mutex m_changing;
 };
 
 }  // namespace dsessd

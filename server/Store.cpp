@@ -66,8 +66,9 @@ CREATE TABLE administrators (
 
 std::string newKeyLabel(Seconds now) {
     std::array<unsigned char, 8> random{};
-    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1)
+    if (RAND_bytes(random.data(), static_cast<int>(random.size())) != 1) {
         throw StoreError("no random bytes for a key's label");
+    }
     const std::time_t seconds = now;
     std::tm utc{};
     gmtime_r(&seconds, &utc);
@@ -86,8 +87,9 @@ bool inserted(Query query) {
         query.step();
         return true;
     } catch (const SqliteError& error) {
-        if (error.code() == SQLITE_CONSTRAINT)
+        if (error.code() == SQLITE_CONSTRAINT) {
             return false;
+        }
         throw;
     }
 }
@@ -112,31 +114,35 @@ void establishSchema(Database& database, const std::string& path) {
                database.queryInteger("SELECT count(*) FROM sqlite_schema") == 0;
     };
     if (isEmpty()) {
-        Transaction transaction(database, Transaction::Kind::write);
-        if (isEmpty())
+        Transaction transaction(database, Transaction::Kind::kWrite);
+        if (isEmpty()) {
             createSchema(database);
+        }
         transaction.commit();
     }
-    if (database.queryInteger("PRAGMA application_id") != kApplicationId)
+    if (database.queryInteger("PRAGMA application_id") != kApplicationId) {
         throw StoreError(path + " is not a data file of dsessd");
+    }
     const std::int64_t version = database.queryInteger("PRAGMA user_version");
-    if (version != kSchemaVersion)
+    if (version != kSchemaVersion) {
         throw StoreError(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
                          std::to_string(kSchemaVersion));
+    }
 }
 
 /// SQLite would make a file that others may read.
 void createPrivateFile(const std::string& path) {
     const int fd = ::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0)
+    if (fd < 0) {
         throw StoreError(path + " cannot be made: " + std::strerror(errno));
+    }
     ::close(fd);
 }
 
 }  // namespace
 
 const char* nameOf(Role role) {
-    return role == Role::change ? "change" : "read";
+    return role == Role::kChange ? "change" : "read";
 }
 
 Seconds presentTime() {
@@ -148,10 +154,11 @@ Seconds presentTime() {
 std::string globOf(std::string_view pattern) {
     std::string glob;
     for (const char c : pattern) {
-        if (c == '[')
+        if (c == '[') {
             glob += "[[]";
-        else if (c != '*' || glob.empty() || glob.back() != '*')
+        } else if (c != '*' || glob.empty() || glob.back() != '*') {
             glob += c;
+        }
     }
     return glob;
 }
@@ -201,15 +208,16 @@ struct Store::Statements {
 };
 
 Store::Store(Database database)
-    : database_(std::move(database)), statements_(std::make_unique<Statements>(database_)) {}
+    : m_database(std::move(database)), m_statements(std::make_unique<Statements>(m_database)) {}
 
 Store::~Store() = default;
 
 std::unique_ptr<Store> Store::open(const std::string& path, IfMissing ifMissing) {
-    if (ifMissing == IfMissing::create)
+    if (ifMissing == IfMissing::kCreate) {
         createPrivateFile(path);
-    else if (::access(path.c_str(), F_OK) != 0)
+    } else if (::access(path.c_str(), F_OK) != 0) {
         throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");
+    }
     try {
         Database database(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE);
         sqlite3_busy_timeout(database.handle(), 10'000);
@@ -218,27 +226,29 @@ std::unique_ptr<Store> Store::open(const std::string& path, IfMissing ifMissing)
         database.execute("PRAGMA journal_mode=WAL");
         return std::unique_ptr<Store>(new Store(std::move(database)));
     } catch (const SqliteError& error) {
-        if (error.code() == SQLITE_NOTADB)
+        if (error.code() == SQLITE_NOTADB) {
             throw StoreError(path + " is not a data file of dsessd");
+        }
         throw StoreError(path + " cannot be used: " + error.what());
     }
 }
 
 std::optional<std::int64_t> Store::realmNumber(std::string_view name) {
-    Query query(statements_->realm, name);
+    Query query(m_statements->realm, name);
     return query.step() ? std::optional(query.integer(0)) : std::nullopt;
 }
 
 ClusterState Store::cluster() {
-    Transaction transaction(database_, Transaction::Kind::read);
+    Transaction transaction(m_database, Transaction::Kind::kRead);
     ClusterState state;
-    Query realms(statements_->realms);
+    Query realms(m_statements->realms);
     while (realms.step()) {
         Realm& realm = state.realms.emplace_back();
         realm.name = realms.text(1);
-        Query sets(statements_->replicaSets, realms.integer(0));
-        while (sets.step())
+        Query sets(m_statements->replicaSets, realms.integer(0));
+        while (sets.step()) {
             realm.replicaSets.emplace_back(sets.text(0));
+        }
     }
     state.key = currentKey();
     return state;
@@ -246,127 +256,135 @@ ClusterState Store::cluster() {
 
 Key Store::currentKey() {
     Key key;
-    Query query(statements_->keys);
+    Query query(m_statements->keys);
     if (query.step()) {
         key.label = query.text(0);
         key.time = query.integer32(1);
     }
-    if (query.step())
+    if (query.step()) {
         key.previousTime = query.integer32(1);
+    }
     return key;
 }
 
 std::optional<std::vector<Member>> Store::members(std::string_view replicaSet) {
-    Transaction transaction(database_, Transaction::Kind::read);
-    Query set(statements_->replicaSet, replicaSet);
-    if (!set.step())
+    Transaction transaction(m_database, Transaction::Kind::kRead);
+    Query set(m_statements->replicaSet, replicaSet);
+    if (!set.step()) {
         return std::nullopt;
+    }
     std::vector<Member> members;
-    Query query(statements_->members, set.integer(0));
-    while (query.step())
+    Query query(m_statements->members, set.integer(0));
+    while (query.step()) {
         members.push_back({std::string(query.text(0)), query.integer32(1)});
+    }
     return members;
 }
 
 Store::SessionListing::SessionListing(Store& store, std::int64_t realm, Selector selector, std::string_view pattern,
                                       std::int32_t max)
-    : transaction_(store.database_, Transaction::Kind::read), glob_(globOf(pattern)) {
-    const Statements& statements = *store.statements_;
-    const bool byUser = selector == Selector::user;
-    Query counting(byUser ? statements.countByUser : statements.countById, realm, std::string_view(glob_));
+    : m_transaction(store.m_database, Transaction::Kind::kRead), m_glob(globOf(pattern)) {
+    const Statements& statements = *store.m_statements;
+    const bool byUser = selector == Selector::kUser;
+    Query counting(byUser ? statements.countByUser : statements.countById, realm, std::string_view(m_glob));
     counting.step();
-    total_ = counting.integer32(0);
-    count_ = max < 0 ? total_ : std::min(total_, max);
-    rows_.emplace(byUser ? statements.listByUser : statements.listById, realm, std::string_view(glob_),
-                  std::int64_t{count_});
+    m_total = counting.integer32(0);
+    m_count = max < 0 ? m_total : std::min(m_total, max);
+    m_rows.emplace(byUser ? statements.listByUser : statements.listById, realm, std::string_view(m_glob),
+                   std::int64_t{m_count});
 }
 
 Store::SessionListing::~SessionListing() = default;
 
 bool Store::SessionListing::next(SessionRow& row) {
-    if (!rows_->step())
+    if (!m_rows->step()) {
         return false;
-    row = {rows_->text(0), rows_->text(1), rows_->integer32(2)};
+    }
+    row = {m_rows->text(0), m_rows->text(1), m_rows->integer32(2)};
     return true;
 }
 
 std::unique_ptr<Store::SessionListing> Store::listSessions(std::string_view realm, Selector selector,
                                                            std::string_view pattern, std::int32_t max) {
     const auto number = realmNumber(realm);
-    if (!number)
+    if (!number) {
         return nullptr;
+    }
     return std::unique_ptr<SessionListing>(new SessionListing(*this, *number, selector, pattern, max));
 }
 
 std::optional<int> Store::terminateSessions(std::string_view realm, Selector selector, std::string_view value) {
-    Transaction transaction(database_, Transaction::Kind::write);
+    Transaction transaction(m_database, Transaction::Kind::kWrite);
     const auto number = realmNumber(realm);
-    if (!number)
+    if (!number) {
         return std::nullopt;
-    Query(selector == Selector::user ? statements_->terminateByUser : statements_->terminateById, *number, value)
+    }
+    Query(selector == Selector::kUser ? m_statements->terminateByUser : m_statements->terminateById, *number, value)
         .step();
-    const int count = database_.changes();
+    const int count = m_database.changes();
     transaction.commit();
     return count;
 }
 
 std::optional<int> Store::refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                           Seconds now) {
-    Transaction transaction(database_, Transaction::Kind::write);
+    Transaction transaction(m_database, Transaction::Kind::kWrite);
     const auto number = realmNumber(realm);
-    if (!number)
+    if (!number) {
         return std::nullopt;
-    Query(selector == Selector::user ? statements_->refreshByUser : statements_->refreshById, std::int64_t{now},
+    }
+    Query(selector == Selector::kUser ? m_statements->refreshByUser : m_statements->refreshById, std::int64_t{now},
           *number, value)
         .step();
-    const int count = database_.changes();
+    const int count = m_database.changes();
     transaction.commit();
     return count;
 }
 
 Key Store::changeKey(Seconds now) {
-    Transaction transaction(database_, Transaction::Kind::write);
-    insertKey(database_, now);
+    Transaction transaction(m_database, Transaction::Kind::kWrite);
+    insertKey(m_database, now);
     Key key = currentKey();
     transaction.commit();
     return key;
 }
 
 int Store::traceLevel() {
-    Query query(statements_->setting, std::string_view("trace level"));
+    Query query(m_statements->setting, std::string_view("trace level"));
     return query.step() ? query.integer32(0) : kDefaultTraceLevel;
 }
 
 void Store::setTraceLevel(int level) {
-    Query(statements_->putSetting, std::string_view("trace level"), std::int64_t{level}).step();
+    Query(m_statements->putSetting, std::string_view("trace level"), std::int64_t{level}).step();
 }
 
 namespace {
 
 Administrator administratorOf(const Query& row) {
     return {std::string(row.text(0)), std::string(row.text(1)),
-            row.text(2) == nameOf(Role::change) ? Role::change : Role::read};
+            row.text(2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
 }
 
 }  // namespace
 
 std::optional<Administrator> Store::administrator(std::string_view name) {
-    Query query(statements_->administrator, name);
+    Query query(m_statements->administrator, name);
     return query.step() ? std::optional(administratorOf(query)) : std::nullopt;
 }
 
 std::vector<Administrator> Store::administrators() {
     std::vector<Administrator> all;
-    Query query(statements_->administrators);
-    while (query.step())
+    Query query(m_statements->administrators);
+    while (query.step()) {
         all.push_back(administratorOf(query));
+    }
     return all;
 }
 
 bool Store::putAdministrator(const Administrator& administrator) {
-    Transaction transaction(database_, Transaction::Kind::write);
+    Transaction transaction(m_database, Transaction::Kind::kWrite);
     const bool isNew = !this->administrator(administrator.name).has_value();
-    Query(statements_->putAdministrator, std::string_view(administrator.name),
+    Query(m_statements->putAdministrator, std::string_view(administrator.name),
           std::string_view(administrator.passwordHash), std::string_view(nameOf(administrator.role)))
         .step();
     transaction.commit();
@@ -374,59 +392,63 @@ bool Store::putAdministrator(const Administrator& administrator) {
 }
 
 bool Store::removeAdministrator(std::string_view name) {
-    Query(statements_->removeAdministrator, name).step();
-    return database_.changes() > 0;
+    Query(m_statements->removeAdministrator, name).step();
+    return m_database.changes() > 0;
 }
 
-Store::Replacement::Replacement(Store& store) : store_(store), transaction_(store.database_, Transaction::Kind::write) {
-    store.database_.execute(
+Store::Replacement::Replacement(Store& store)
+    : m_store(store), m_transaction(store.m_database, Transaction::Kind::kWrite) {
+    store.m_database.execute(
         "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; DELETE FROM keys");
 }
 
 bool Store::Replacement::addRealm(std::int64_t number, std::string_view name) {
-    return inserted(Query(store_.statements_->addRealm, number, name));
+    return inserted(Query(m_store.m_statements->addRealm, number, name));
 }
 
 bool Store::Replacement::addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) {
-    return inserted(Query(store_.statements_->addReplicaSet, number, realm, name));
+    return inserted(Query(m_store.m_statements->addReplicaSet, number, realm, name));
 }
 
 bool Store::Replacement::addMember(std::int64_t replicaSet, const Member& member) {
-    return inserted(Query(store_.statements_->addMember, replicaSet, std::string_view(member.name),
+    return inserted(Query(m_store.m_statements->addMember, replicaSet, std::string_view(member.name),
                           std::int64_t{member.lastContact}));
 }
 
 bool Store::Replacement::addSession(std::int64_t realm, const SessionRow& session) {
-    return inserted(Query(store_.statements_->addSession, realm, session.id, session.user, std::int64_t{session.time}));
+    return inserted(
+        Query(m_store.m_statements->addSession, realm, session.id, session.user, std::int64_t{session.time}));
 }
 
 bool Store::Replacement::addKey(std::string_view label, Seconds time) {
-    return inserted(Query(store_.statements_->addKey, label, std::int64_t{time}));
+    return inserted(Query(m_store.m_statements->addKey, label, std::int64_t{time}));
 }
 
 void Store::Replacement::commit() {
-    if (store_.database_.queryInteger("SELECT count(*) FROM keys") == 0)
-        insertKey(store_.database_, presentTime());
-    transaction_.commit();
+    if (m_store.m_database.queryInteger("SELECT count(*) FROM keys") == 0) {
+        insertKey(m_store.m_database, presentTime());
+    }
+    m_transaction.commit();
 }
 
 StorePool::Lease StorePool::take() {
     {
-        const std::lock_guard lock(mutex_);
-        if (!idle_.empty()) {
-            Store* store = idle_.back().release();
-            idle_.pop_back();
+        const std::lock_guard lock(m_mutex);
+        if (!m_idle.empty()) {
+            Store* store = m_idle.back().release();
+            m_idle.pop_back();
             return Lease(store, Returner{this});
         }
     }
-    return Lease(Store::open(path_, Store::IfMissing::fail).release(), Returner{this});
+    return Lease(Store::open(m_path, Store::IfMissing::kFail).release(), Returner{this});
 }
 
 void StorePool::giveBack(Store* store) {
     std::unique_ptr<Store> owned(store);
-    const std::lock_guard lock(mutex_);
-    if (idle_.size() < kIdleStores)
-        idle_.push_back(std::move(owned));
+    const std::lock_guard lock(m_mutex);
+    if (m_idle.size() < kIdleStores) {
+        m_idle.push_back(std::move(owned));
+    }
 }
 
 }  // namespace dsessd

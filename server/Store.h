@@ -59,9 +59,9 @@ struct SessionRow {
 };
 
 /// By what sessions are selected.
-enum class Selector { user, session };
+enum class Selector { kUser, kSession };
 
-enum class Role { read, change };
+enum class Role { kRead, kChange };
 /// `read` or `change`.
 const char* nameOf(Role role);
 
@@ -69,14 +69,14 @@ struct Administrator {
     std::string name;
     /// As crypt(5) writes it.
     std::string passwordHash;
-    Role role = Role::read;
+    Role role = Role::kRead;
 };
 
 /// One connection to the file with its prepared statements. Used by one thread at a time.
 class Store {
   public:
     /// What open() does when there is no such file.
-    enum class IfMissing { fail, create };
+    enum class IfMissing { kFail, kCreate };
     static std::unique_ptr<Store> open(const std::string& path, IfMissing ifMissing);
     ~Store();
 
@@ -89,19 +89,19 @@ class Store {
     class SessionListing {
       public:
         ~SessionListing();
-        std::int32_t total() const { return total_; }
-        std::int32_t count() const { return count_; }
+        std::int32_t total() const { return m_total; }
+        std::int32_t count() const { return m_count; }
         /// False: no more.
         bool next(SessionRow& row);
 
       private:
         friend class Store;
         SessionListing(Store& store, std::int64_t realm, Selector selector, std::string_view pattern, std::int32_t max);
-        Transaction transaction_;
-        std::string glob_;
-        std::int32_t total_ = 0;
-        std::int32_t count_ = 0;
-        std::optional<Query> rows_;
+        Transaction m_transaction;
+        std::string m_glob;
+        std::int32_t m_total = 0;
+        std::int32_t m_count = 0;
+        std::optional<Query> m_rows;
     };
     /// At most one listing of a store at a time. `pattern`: `*` any characters, `?` one character, all else literally.
     /// `max`: the most that are wanted, -1 for all. Null: no such realm.
@@ -140,8 +140,8 @@ class Store {
         void commit();
 
       private:
-        Store& store_;
-        Transaction transaction_;
+        Store& m_store;
+        Transaction m_transaction;
     };
 
   private:
@@ -150,8 +150,8 @@ class Store {
     std::optional<std::int64_t> realmNumber(std::string_view name);
     Key currentKey();
 
-    Database database_;
-    std::unique_ptr<Statements> statements_;
+    Database m_database;
+    std::unique_ptr<Statements> m_statements;
 };
 
 /// The pattern `*`/`?` as an SQL GLOB pattern, in which `[` is special too.
@@ -160,7 +160,7 @@ std::string globOf(std::string_view pattern);
 /// Connections to one file, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {
   public:
-    explicit StorePool(std::string path) : path_(std::move(path)) {}
+    explicit StorePool(std::string path) : m_path(std::move(path)) {}
 
     struct Returner {
         StorePool* pool;
@@ -173,9 +173,9 @@ class StorePool {
   private:
     void giveBack(Store* store);
 
-    std::string path_;
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<Store>> idle_;
+    std::string m_path;
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<Store>> m_idle;
 };
 
 }  // namespace dsessd

@@ -15,10 +15,12 @@ std::size_t sequenceLength(std::string_view text) {
         return i < text.size() && byte(i) >= low && byte(i) <= high;
     };
     const unsigned first = byte(0);
-    if (first < 0x80)
+    if (first < 0x80) {
         return 1;
-    if (first >= 0xC2 && first <= 0xDF)
+    }
+    if (first >= 0xC2 && first <= 0xDF) {
         return within(1, 0x80, 0xBF) ? 2 : 0;
+    }
     if (first >= 0xE0 && first <= 0xEF) {
         const bool second = within(1, first == 0xE0 ? 0xA0 : 0x80, first == 0xED ? 0x9F : 0xBF);
         return second && within(2, 0x80, 0xBF) ? 3 : 0;
@@ -32,8 +34,9 @@ std::size_t sequenceLength(std::string_view text) {
 
 bool isControl(std::string_view sequence) {
     const auto first = static_cast<std::uint8_t>(sequence[0]);
-    if (sequence.size() == 1)
+    if (sequence.size() == 1) {
         return first < 0x20 || first == 0x7F;
+    }
     return first == 0xC2 && static_cast<std::uint8_t>(sequence[1]) < 0xA0;
 }
 
@@ -52,8 +55,9 @@ void appendEscaped(std::string& out, std::string_view bytes) {
 bool isCleanUtf8(std::string_view text) {
     while (!text.empty()) {
         const std::size_t length = sequenceLength(text);
-        if (length == 0 || text[0] == '\0')
+        if (length == 0 || text[0] == '\0') {
             return false;
+        }
         text.remove_prefix(length);
     }
     return true;
@@ -64,32 +68,35 @@ std::string harmless(std::string_view text, std::size_t maxBytes) {
     while (!text.empty() && out.size() < maxBytes) {
         const std::size_t length = sequenceLength(text);
         const std::string_view sequence = text.substr(0, length == 0 ? 1 : length);
-        if (length == 0 || isControl(sequence))
+        if (length == 0 || isControl(sequence)) {
             appendEscaped(out, sequence);
-        else
+        } else {
             out += sequence;
+        }
         text.remove_prefix(sequence.size());
     }
-    if (!text.empty())
+    if (!text.empty()) {
         out += "...";
+    }
     return out;
 }
 
 bool SecretString::append(std::string_view more) {
-    if (more.size() > text_.capacity() - text_.size())
+    if (more.size() > m_text.capacity() - m_text.size()) {
         return false;
-    text_ += more;
+    }
+    m_text += more;
     return true;
 }
 
 void SecretString::wipe() {
-    OPENSSL_cleanse(text_.data(), text_.capacity());
-    text_.clear();
+    OPENSSL_cleanse(m_text.data(), m_text.capacity());
+    m_text.clear();
 }
 
 void SecretString::popBack() {
-    OPENSSL_cleanse(&text_.back(), 1);
-    text_.pop_back();
+    OPENSSL_cleanse(&m_text.back(), 1);
+    m_text.pop_back();
 }
 
 }  // namespace dsessd

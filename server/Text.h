@@ -18,7 +18,7 @@ std::string harmless(std::string_view text, std::size_t maxBytes = 256);
 /// no copy behind.
 class SecretString {
   public:
-    explicit SecretString(std::size_t capacity) { text_.reserve(capacity); }
+    explicit SecretString(std::size_t capacity) { m_text.reserve(capacity); }
     SecretString(const SecretString&) = delete;
     SecretString& operator=(const SecretString&) = delete;
     ~SecretString() { wipe(); }
@@ -28,12 +28,12 @@ class SecretString {
     void wipe();
     /// Drops the last byte. Must not be empty.
     void popBack();
-    std::string_view view() const { return text_; }
-    char* data() { return text_.data(); }
-    const char* c_str() const { return text_.c_str(); }
+    std::string_view view() const { return m_text; }
+    char* data() { return m_text.data(); }
+    const char* c_str() const { return m_text.c_str(); }
 
   private:
-    std::string text_;
+    std::string m_text;
 };
 
 }  // namespace dsessd

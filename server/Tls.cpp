@@ -15,8 +15,9 @@ int noPassphrase(char*, int, int, void*) {
 }
 
 void require(bool done, const std::string& file, const char* what) {
-    if (!done)
+    if (!done) {
         throw std::runtime_error(std::string(what) + " " + file + " cannot be used: " + tlsError());
+    }
 }
 
 }  // namespace
@@ -24,18 +25,21 @@ void require(bool done, const std::string& file, const char* what) {
 std::string tlsError() {
     const unsigned long code = ERR_peek_error();
     ERR_clear_error();
-    if (code == 0)
+    if (code == 0) {
         return "no answer";
-    if (ERR_SYSTEM_ERROR(code))
+    }
+    if (ERR_SYSTEM_ERROR(code)) {
         return std::strerror(ERR_GET_REASON(code));
+    }
     const char* reason = ERR_reason_error_string(code);
     return reason == nullptr ? "error " + std::to_string(code) : reason;
 }
 
 SslContext makeTlsContext(const TlsFiles& files) {
     SslContext context(SSL_CTX_new(TLS_server_method()));
-    if (!context)
+    if (!context) {
         throw std::runtime_error("TLS is not available: " + tlsError());
+    }
     SSL_CTX* raw = context.get();
     SSL_CTX_set_min_proto_version(raw, TLS1_2_VERSION);
     SSL_CTX_set_options(raw, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
@@ -59,16 +63,19 @@ SslContext makeTlsContext(const TlsFiles& files) {
 }
 
 std::string peerSubject(const SSL* ssl) {
-    if (ssl == nullptr)
+    if (ssl == nullptr) {
         return {};
+    }
     const X509* certificate = SSL_get0_peer_certificate(ssl);
-    if (certificate == nullptr)
+    if (certificate == nullptr) {
         return {};
+    }
     const std::unique_ptr<BIO, decltype(&::BIO_free)> memory(BIO_new(BIO_s_mem()), ::BIO_free);
     // RFC 2253's escapes keep one name from passing for several; order and letters stay as they are.
     constexpr unsigned long kFlags = XN_FLAG_RFC2253 & ~XN_FLAG_DN_REV & ~ASN1_STRFLGS_ESC_MSB;
-    if (!memory || X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, kFlags) < 0)
+    if (!memory || X509_NAME_print_ex(memory.get(), X509_get_subject_name(certificate), 0, kFlags) < 0) {
         return "(unreadable)";
+    }
     char* text = nullptr;
     const long length = BIO_get_mem_data(memory.get(), &text);
     return {text, static_cast<std::size_t>(length)};

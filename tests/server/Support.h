@@ -26,14 +26,14 @@ class DataFile {
   public:
     DataFile() {
         std::string name = std::filesystem::temp_directory_path() / "dsessd-test-XXXXXX";
-        directory_ = mkdtemp(name.data());
+        m_directory = mkdtemp(name.data());
     }
     DataFile(const DataFile&) = delete;
     DataFile& operator=(const DataFile&) = delete;
-    ~DataFile() { std::filesystem::remove_all(directory_); }
-    std::string path() const { return directory_ / "cluster.db"; }
+    ~DataFile() { std::filesystem::remove_all(m_directory); }
+    std::string path() const { return m_directory / "cluster.db"; }
     std::unique_ptr<dsessd::Store> open() const {
-        return dsessd::Store::open(path(), dsessd::Store::IfMissing::create);
+        return dsessd::Store::open(path(), dsessd::Store::IfMissing::kCreate);
     }
     void load(const std::string& json) const {
         std::istringstream input(json);
@@ -41,19 +41,21 @@ class DataFile {
     }
 
   private:
-    std::filesystem::path directory_;
+    std::filesystem::path m_directory;
 };
 
 /// Identifiers in the order of the listing; `total`, when given, receives how many match.
 inline std::vector<std::string> idsOf(dsessd::Store& store, const std::string& pattern, int max = -1,
-                                      dsessd::Selector selector = dsessd::Selector::user, int* total = nullptr) {
+                                      dsessd::Selector selector = dsessd::Selector::kUser, int* total = nullptr) {
     const auto listing = store.listSessions("east", selector, pattern, max);
     std::vector<std::string> ids;
     dsessd::SessionRow row;
-    while (listing && listing->next(row))
+    while (listing && listing->next(row)) {
         ids.emplace_back(row.id);
+    }
     EXPECT_EQ(listing ? listing->count() : -1, static_cast<int>(ids.size()));
-    if (total != nullptr)
+    if (total != nullptr) {
         *total = listing->total();
+    }
     return ids;
 }

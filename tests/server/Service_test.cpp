@@ -25,16 +25,16 @@ constexpr char kWrong[] = R"("user":"root","password":"GUESS","loginId":"qk=3")"
 class ServiceTest : public testing::Test {
   protected:
     ServiceTest()
-        : stores_(file_.path()),
-          logFile_(std::tmpfile()),
-          log_(fileno(logFile_.get())),
-          open_(stores_, authenticator_, log_, Anonymous::read),
-          closed_(stores_, authenticator_, log_, Anonymous::none) {
-        file_.load(kSmallCluster);
+        : m_stores(m_file.path()),
+          m_logFile(std::tmpfile()),
+          m_log(fileno(m_logFile.get())),
+          m_open(m_stores, m_authenticator, m_log, Anonymous::kRead),
+          m_closed(m_stores, m_authenticator, m_log, Anonymous::kNone) {
+        m_file.load(kSmallCluster);
         static const std::string kSecretHash = hashPassword("SECRET");
         static const std::string kLookHash = hashPassword("LOOK");
-        file_.open()->putAdministrator({"root", kSecretHash, Role::change});
-        file_.open()->putAdministrator({"auditor", kLookHash, Role::read});
+        m_file.open()->putAdministrator({"root", kSecretHash, Role::kChange});
+        m_file.open()->putAdministrator({"auditor", kLookHash, Role::kRead});
     }
 
     /// The whole answer to a text, `STATUS BODY` when the status is not 200.
@@ -43,12 +43,13 @@ class ServiceTest : public testing::Test {
         text.append(request);
         Answer answer = service.handle(text, {"192.0.2.7:4711", "/CN=desk"});
         std::string body = answer.text;
-        while (answer.rest && !answer.rest->done())
+        while (answer.rest && !answer.rest->done()) {
             body += answer.rest->next();
+        }
         return (answer.httpStatus == 200 ? "" : std::to_string(answer.httpStatus) + " ") + body;
     }
     std::string call(const std::string& method, const std::string& who, const std::string& parameters = "") {
-        return answerTo(requestFor(method, who, parameters), open_);
+        return answerTo(requestFor(method, who, parameters), m_open);
     }
     static std::string requestFor(const std::string& method, const std::string& who, const std::string& parameters) {
         return R"({"jsonrpc":"2.0","id":7,"method":")" + method + R"(","params":{"security":{)" + who + "}" +
@@ -56,20 +57,20 @@ class ServiceTest : public testing::Test {
     }
     std::string logged() {
         std::string text(100000, '\0');
-        text.resize(static_cast<std::size_t>(pread(fileno(logFile_.get()), text.data(), text.size(), 0)));
+        text.resize(static_cast<std::size_t>(pread(fileno(m_logFile.get()), text.data(), text.size(), 0)));
         return text;
     }
 
     struct CloseFile {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
-    DataFile file_;
-    StorePool stores_;
-    Authenticator authenticator_;
-    std::unique_ptr<std::FILE, CloseFile> logFile_;
-    Log log_;
-    Service open_;
-    Service closed_;
+    DataFile m_file;
+    StorePool m_stores;
+    Authenticator m_authenticator;
+    std::unique_ptr<std::FILE, CloseFile> m_logFile;
+    Log m_log;
+    Service m_open;
+    Service m_closed;
 };
 
 std::string result(const std::string& json) {
@@ -112,14 +113,15 @@ TEST_F(ServiceTest, AnswersEveryMethod) {
         {"trace.set", R"("level":9)", R"({"level":9})"},
         {"trace.get", "", R"({"level":9})"},
     };
-    for (const auto& c : cases)
+    for (const auto& c : cases) {
         EXPECT_EQ(call(c.method, kRoot, c.parameters), result(c.answer)) << c.method;
+    }
     const Seconds before = presentTime();
     EXPECT_THAT(
         call("key.change", kRoot),
         MatchesRegex(
             R"(.*"result":\{"key":\{"label":"key-[-0-9]{11}[0-9a-f]{16}","time":[0-9]+,"previousTime":200\}\}\})"));
-    EXPECT_GE(file_.open()->cluster().key.time, before);
+    EXPECT_GE(m_file.open()->cluster().key.time, before);
 }
 
 TEST_F(ServiceTest, LetsEachDoWhatHeMay) {
@@ -137,15 +139,15 @@ TEST_F(ServiceTest, LetsEachDoWhatHeMay) {
             return answer.find("\"result\"") != std::string::npos ? "done" : errorOf(answer);
         };
         SCOPED_TRACE(method);
-        EXPECT_EQ(outcome(kAnonymous, closed_), "not-permitted");
-        EXPECT_EQ(outcome(kAnonymous, open_), changes ? "not-permitted" : "done");
-        EXPECT_EQ(outcome(R"("user":"anonymous","password":"")", open_), changes ? "not-permitted" : "done");
-        EXPECT_EQ(outcome(kAuditor, closed_), changes ? "not-permitted" : "done");
-        EXPECT_EQ(outcome(kWrong, open_), "identity-refused");
-        EXPECT_EQ(outcome(R"("user":"anonymous","password":"x")", open_), "identity-refused");
-        EXPECT_EQ(outcome(R"("user":null,"password":null)", open_), "identity-refused");
-        EXPECT_EQ(outcome(kRoot, closed_), "done");
-        EXPECT_EQ(outcome(R"("user":"root","password":null,"loginId":"qk=1")", open_), "identity-refused")
+        EXPECT_EQ(outcome(kAnonymous, m_closed), "not-permitted");
+        EXPECT_EQ(outcome(kAnonymous, m_open), changes ? "not-permitted" : "done");
+        EXPECT_EQ(outcome(R"("user":"anonymous","password":"")", m_open), changes ? "not-permitted" : "done");
+        EXPECT_EQ(outcome(kAuditor, m_closed), changes ? "not-permitted" : "done");
+        EXPECT_EQ(outcome(kWrong, m_open), "identity-refused");
+        EXPECT_EQ(outcome(R"("user":"anonymous","password":"x")", m_open), "identity-refused");
+        EXPECT_EQ(outcome(R"("user":null,"password":null)", m_open), "identity-refused");
+        EXPECT_EQ(outcome(kRoot, m_closed), "done");
+        EXPECT_EQ(outcome(R"("user":"root","password":null,"loginId":"qk=1")", m_open), "identity-refused")
             << "a login identifier stands for no password";
     }
 }
@@ -182,9 +184,10 @@ TEST_F(ServiceTest, RefusesInTheDocumentedOrderAndChangesNothing) {
         {"session.refresh", kRoot, R"("realm":"empty","selector":"session","value":"s1")", "no-matching-session"},
         {"replicaSet.get", kRoot, R"("replicaSet":"east")", "unknown-replica-set"},
     };
-    for (const auto& c : cases)
+    for (const auto& c : cases) {
         EXPECT_EQ(errorOf(call(c.method, c.who, c.parameters)), c.error)
             << c.method << " " << c.parameters.substr(0, 100);
+    }
     EXPECT_EQ(call("session.list", kRoot, R"("realm":"east","selector":"user","value":"*","max":0)"),
               result(R"({"total":4,"count":0,"sessions":[]})"));
     EXPECT_EQ(call("trace.get", kRoot), result(R"({"level":1})"));
@@ -225,23 +228,26 @@ TEST_F(ServiceTest, TellsApartWhatIsNoRequest) {
         {with("\"params\"", "\"parameters\""), -32602, true},
         {with("\"security\"", "\"insecurity\""), -32602, true},
     };
-    for (const auto& c : cases)
+    for (const auto& c : cases) {
         EXPECT_THAT(
-            answerTo(c.text, open_),
+            answerTo(c.text, m_open),
             AllOf(HasSubstr("\"code\":" + std::to_string(c.code) + ","), HasSubstr("invalid-request"),
                   HasSubstr(c.isRequest ? "\"id\":7" : "\"id\":null"), testing::StartsWith(c.isRequest ? "{" : "400 ")))
             << c.text.substr(0, 120);
-    for (const char* id : {"0", "-1", "18446744073709551615", "-9223372036854775808"})
-        EXPECT_THAT(answerTo(with("\"id\":7", std::string("\"id\":") + id), open_),
+    }
+    for (const char* id : {"0", "-1", "18446744073709551615", "-9223372036854775808"}) {
+        EXPECT_THAT(answerTo(with("\"id\":7", std::string("\"id\":") + id), m_open),
                     HasSubstr(std::string("\"id\":") + id + ",\"result\""));
+    }
 }
 
 TEST_F(ServiceTest, SendsALongListingInPieces) {
     std::string json = R"({"realms":[{"name":"east","sessions":[)";
-    for (int i = 0; i < 5000; ++i)
+    for (int i = 0; i < 5000; ++i) {
         json += (i == 0 ? "" : ",") + std::string(R"({"id":")") + std::to_string(10000 + i) +
                 R"(","user":"\u0007\"%","time":1})";
-    file_.load(json + "]}]}");
+    }
+    m_file.load(json + "]}]}");
     const std::string answer =
         call("session.list", kRoot, R"("realm":"east","selector":"user","value":"*","max":4999)");
     rapidjson::Document document;
@@ -256,9 +262,9 @@ TEST_F(ServiceTest, SendsALongListingInPieces) {
 TEST_F(ServiceTest, LogsAsMuchAsTheTraceLevelSaysAndNeverAPassword) {
     const std::string refresh = R"("realm":"east","selector":"user","value":"mallory\nforged")";
     const auto logAt = [&](int level) {
-        log_.setLevel(level);
-        EXPECT_EQ(ftruncate(fileno(logFile_.get()), 0), 0);
-        lseek(fileno(logFile_.get()), 0, SEEK_SET);
+        m_log.setLevel(level);
+        EXPECT_EQ(ftruncate(fileno(m_logFile.get()), 0), 0);
+        lseek(fileno(m_logFile.get()), 0, SEEK_SET);
         call("session.refresh", kRoot, R"("realm":"east","selector":"session","value":"s1")");
         call("session.refresh", kRoot, refresh);
         call("cluster.get", kWrong);
@@ -275,8 +281,9 @@ TEST_F(ServiceTest, LogsAsMuchAsTheTraceLevelSaysAndNeverAPassword) {
                       HasSubstr("request cluster.get by root"), Not(HasSubstr("mallory"))));
     const std::string all = logAt(9);
     EXPECT_THAT(all, HasSubstr("detail session.refresh with realm east, user mallory\\x0aforged\n"));
-    for (const char* secret : {"SECRET", "GUESS", "qk="})
+    for (const char* secret : {"SECRET", "GUESS", "qk="}) {
         EXPECT_THAT(all, Not(HasSubstr(secret)));
+    }
     call("trace.set", kRoot, R"("level":0)");
     EXPECT_THAT(logged(), HasSubstr("notice changed: trace level is 0, by root"));
     EXPECT_EQ(logAt(0), "");
@@ -284,7 +291,7 @@ TEST_F(ServiceTest, LogsAsMuchAsTheTraceLevelSaysAndNeverAPassword) {
 
 TEST_F(ServiceTest, AnswersAFailureOfTheFileAndLogsItsCause) {
     call("trace.get", kRoot);
-    Database(file_.path(), SQLITE_OPEN_READWRITE).execute("DROP TABLE keys");
+    Database(m_file.path(), SQLITE_OPEN_READWRITE).execute("DROP TABLE keys");
     EXPECT_THAT(call("key.change", kRoot), HasSubstr(R"("code":-32603)"));
     EXPECT_EQ(errorOf(call("cluster.get", kRoot)), "server-failure");
     EXPECT_THAT(logged(), HasSubstr("failure the data file failed: no such table"));

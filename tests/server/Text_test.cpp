@@ -6,12 +6,14 @@ using namespace dsessd;
 
 TEST(Text, TellsCleanUtf8) {
     for (const char* clean :
-         {"", "plain", "josé", "李伟", "\xF0\x9F\x94\x91", "\x7F", "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF"})
+         {"", "plain", "josé", "李伟", "\xF0\x9F\x94\x91", "\x7F", "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF"}) {
         EXPECT_TRUE(isCleanUtf8(clean)) << clean;
+    }
     for (const std::string_view bad :
          {"\x80", "\xC3", "\xC0\xAF", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xED\xBF\xBF", "\xE2\x82",
-          "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "a\xC3(", "\xE2\x28\xA1"})
+          "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "a\xC3(", "\xE2\x28\xA1"}) {
         EXPECT_FALSE(isCleanUtf8(bad)) << harmless(bad);
+    }
     EXPECT_FALSE(isCleanUtf8(std::string_view("a\0b", 3)));
 }
 

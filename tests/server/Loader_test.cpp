@@ -51,7 +51,7 @@ TEST(Loader, TakesFieldsInAnyOrderAndAgesFromNow) {
         [{"age":1000,"name":"m"}],"name":"set"}],"name":"east"}]})"),
               "none");
     SessionRow row;
-    ASSERT_TRUE(store->listSessions("east", Selector::user, "u", 1)->next(row));
+    ASSERT_TRUE(store->listSessions("east", Selector::kUser, "u", 1)->next(row));
     EXPECT_EQ(row.time, 990);
     EXPECT_EQ(store->members("set")->at(0).lastContact, 0);
 }
@@ -98,8 +98,9 @@ TEST(Loader, NamesTheLineOfAMistakeAndChangesNothing) {
         {"{\"realms\": [{\"name\": \"a\"}", "1: Missing a comma or ']'"},
         {"{\"realms\": " + std::string(100000, '['), "1: something other than an object"},
     };
-    for (const auto& c : cases)
+    for (const auto& c : cases) {
         EXPECT_THAT(problemWith(*store, c.json), HasSubstr(c.problem)) << c.json.substr(0, 200);
+    }
     EXPECT_EQ(store->cluster().key.label, before);
     EXPECT_THAT(idsOf(*store, "*"), ElementsAre("s1", "s2", "s4", "s3"));
 }
@@ -108,9 +109,10 @@ TEST(Loader, ReadsAcrossItsBuffersAndReportsProgress) {
     const DataFile file;
     const auto store = file.open();
     std::string json = "{\"realms\":[{\"name\":\"east\",\"sessions\":[";
-    for (int i = 0; i < 10000; ++i)
+    for (int i = 0; i < 10000; ++i) {
         json +=
             (i == 0 ? "" : ",\n") + std::string("{\"id\":\"") + std::to_string(i) + "\",\"user\":\"李伟\",\"time\":1}";
+    }
     json += "]}]}";
     std::istringstream input(json);
     std::uint64_t reported = 0;

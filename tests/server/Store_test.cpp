@@ -52,12 +52,12 @@ TEST(Store, ListsInOrderAndCountsWhatItLeavesOut) {
     const auto store = file.open();
     int total = 0;
     EXPECT_THAT(idsOf(*store, "*"), ElementsAre("s1", "s2", "s4", "s3"));
-    EXPECT_THAT(idsOf(*store, "m*", 2, Selector::user, &total), ElementsAre("s2", "s4"));
+    EXPECT_THAT(idsOf(*store, "m*", 2, Selector::kUser, &total), ElementsAre("s2", "s4"));
     EXPECT_EQ(total, 3);
-    EXPECT_THAT(idsOf(*store, "m*", 0, Selector::user, &total), IsEmpty());
+    EXPECT_THAT(idsOf(*store, "m*", 0, Selector::kUser, &total), IsEmpty());
     EXPECT_EQ(total, 3);
-    EXPECT_THAT(idsOf(*store, "s?", -1, Selector::session), ElementsAre("s1", "s2", "s4", "s3"));
-    EXPECT_EQ(store->listSessions("nowhere", Selector::user, "*", -1), nullptr);
+    EXPECT_THAT(idsOf(*store, "s?", -1, Selector::kSession), ElementsAre("s1", "s2", "s4", "s3"));
+    EXPECT_EQ(store->listSessions("nowhere", Selector::kUser, "*", -1), nullptr);
 }
 
 TEST(Store, AListingShowsOneStateWhateverChangesMeanwhile) {
@@ -65,12 +65,13 @@ TEST(Store, AListingShowsOneStateWhateverChangesMeanwhile) {
     file.load(kSmallCluster);
     const auto reader = file.open();
     const auto writer = file.open();
-    const auto listing = reader->listSessions("east", Selector::user, "*", -1);
-    EXPECT_EQ(writer->terminateSessions("east", Selector::user, "mallory"), 3);
+    const auto listing = reader->listSessions("east", Selector::kUser, "*", -1);
+    EXPECT_EQ(writer->terminateSessions("east", Selector::kUser, "mallory"), 3);
     SessionRow row;
     int rows = 0;
-    while (listing->next(row))
+    while (listing->next(row)) {
         ++rows;
+    }
     EXPECT_EQ(rows, 4);
     EXPECT_THAT(idsOf(*writer, "*"), ElementsAre("s1"));
 }
@@ -79,13 +80,13 @@ TEST(Store, ChangesTakeValuesLiterally) {
     const DataFile file;
     file.load(kSmallCluster);
     const auto store = file.open();
-    EXPECT_EQ(store->terminateSessions("east", Selector::user, "*"), 0);
-    EXPECT_EQ(store->refreshSessions("east", Selector::session, "s?", 99), 0);
-    EXPECT_EQ(store->refreshSessions("east", Selector::user, "mallory", 5), 3);
+    EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "*"), 0);
+    EXPECT_EQ(store->refreshSessions("east", Selector::kSession, "s?", 99), 0);
+    EXPECT_EQ(store->refreshSessions("east", Selector::kUser, "mallory", 5), 3);
     EXPECT_THAT(idsOf(*store, "mallory"), ElementsAre("s2", "s3", "s4")) << "equal times now";
-    EXPECT_EQ(store->terminateSessions("east", Selector::session, "s3"), 1);
-    EXPECT_EQ(store->terminateSessions("empty", Selector::session, "s2"), 0) << "of another realm";
-    EXPECT_EQ(store->terminateSessions("nowhere", Selector::session, "s2"), std::nullopt);
+    EXPECT_EQ(store->terminateSessions("east", Selector::kSession, "s3"), 1);
+    EXPECT_EQ(store->terminateSessions("empty", Selector::kSession, "s2"), 0) << "of another realm";
+    EXPECT_EQ(store->terminateSessions("nowhere", Selector::kSession, "s2"), std::nullopt);
 }
 
 TEST(Store, KeepsKeysSettingsAndAdministratorsAcrossOpening) {
@@ -99,8 +100,8 @@ TEST(Store, KeepsKeysSettingsAndAdministratorsAcrossOpening) {
     EXPECT_EQ(file.open()->cluster().key.label, second.label);
 
     file.open()->setTraceLevel(7);
-    EXPECT_TRUE(file.open()->putAdministrator({"root", "h1", Role::change}));
-    EXPECT_FALSE(file.open()->putAdministrator({"root", "h2", Role::read}));
+    EXPECT_TRUE(file.open()->putAdministrator({"root", "h1", Role::kChange}));
+    EXPECT_FALSE(file.open()->putAdministrator({"root", "h2", Role::kRead}));
     file.load(kSmallCluster);
     EXPECT_EQ(file.open()->traceLevel(), 7) << "a load leaves it alone";
     EXPECT_EQ(file.open()->administrator("root")->passwordHash, "h2");
@@ -111,7 +112,7 @@ TEST(Store, KeepsKeysSettingsAndAdministratorsAcrossOpening) {
 
 TEST(Store, MakesAFileForItsOwnerOnly) {
     const DataFile file;
-    EXPECT_THROW(Store::open(file.path(), Store::IfMissing::fail), StoreError);
+    EXPECT_THROW(Store::open(file.path(), Store::IfMissing::kFail), StoreError);
     EXPECT_FALSE(std::filesystem::exists(file.path()));
     const auto store = file.open();
     store->setTraceLevel(2);
