@@ -144,8 +144,10 @@ OLM_DSESS_ADMIN_API void olmdsess_admin_client_trace(int32_t level, const char* 
  * Makes a context: checks the arguments and loads the key file. No server needs to be up.
  *
  * timeout: seconds, 0 or more; bounds getting a connection (over all locations together) and silence afterwards,
- *   not a long answer that keeps flowing. 0: the library's default, 30 seconds.
- * server_urls: one URL per location, tried in order; the one that last answered is tried first.
+ *   not a long answer that keeps flowing (1 KiB a second or more). Each location has an equal share of what is left.
+ *   0: the library's default, 30 seconds.
+ * server_urls: one URL per location, tried in order; the one that last answered is tried first. User names and
+ *   passwords in them are left out. Without a URL every operation ends in the status for no location.
  * ssl_info: required, also for plain HTTP.
  * trace: may be null.
  * context: receives the context, null on failure.
