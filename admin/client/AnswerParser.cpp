@@ -358,7 +358,7 @@ class AnswerHandler {
     Answer& m_answer;
     std::string m_problem;
     Field m_item{};
-    Frame m_frames[kMaxDepth];
+    Frame m_frames[kMaxDepth]{};
     int m_depth = 0;
     int m_skipped = 0;  // levels of a value that is passed over
     std::int32_t m_realmNames = 0;

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 FaultServers::FaultServers(const std::vector<std::string>& modes, const std::vector<std::string>& options)
@@ -16,11 +17,8 @@ FaultServers::FaultServers(const std::vector<std::string>& modes, const std::vec
     std::vector<std::string> words{"python3", VEXIL_TESTS_SUPPORT "/fault_server.py"};
     words.insert(words.end(), options.begin(), options.end());
     words.insert(words.end(), modes.begin(), modes.end());
-    std::vector<char*> arguments;
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
+    std::vector<char*> arguments(words.size() + 1, nullptr);
+    std::transform(words.begin(), words.end(), arguments.begin(), [](std::string& word) { return word.data(); });
     m_process = fork();
     if (m_process == 0) {
         dup2(input[0], 0);

@@ -106,7 +106,7 @@ void release(std::int32_t kind, std::int32_t count, void* result) {
 }
 
 std::string answerFile(const std::string& text) {
-    const std::string path = "answer-" + std::to_string(getpid()) + ".json";
+    std::string path = "answer-" + std::to_string(getpid()) + ".json";
     std::ofstream(path, std::ios::binary) << text;
     return path;
 }

@@ -4,8 +4,11 @@
 #include <netdb.h>
 #include <sys/resource.h>
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <memory>
+#include <random>
 #include <thread>
 
 #include "runtime/qel_messages.h"
@@ -71,17 +74,10 @@ const std::vector<Peer> kSlowPeers = {
     {"drip=body", kStatusTimedOut, kStatusOutcomeUnknown, "the rest of the answer did not come in time"},
 };
 
-std::vector<std::string> modesOf(const std::vector<Peer>& peers) {
-    std::vector<std::string> modes;
-    for (const Peer& peer : peers) {
-        modes.push_back(peer.mode);
-    }
-    return modes;
-}
-
 /// Each peer alone, then before a good server: what is said of it, how fast, and how often it was asked.
 void expectPeers(const std::vector<Peer>& peers, std::int32_t timeout, double quickest, double slowest) {
-    std::vector<std::string> modes = modesOf(peers);
+    std::vector<std::string> modes(peers.size(), "");
+    std::transform(peers.begin(), peers.end(), modes.begin(), [](const Peer& peer) { return peer.mode; });
     modes.push_back("good");
     FaultServers servers(modes);
     const std::vector<std::string> urls = servers.urls();
@@ -209,6 +205,56 @@ TEST(Transport, PasswordsAreNotTraced) {
     EXPECT_EQ(library.change(), 0U);
     EXPECT_TRUE(wasTraced(R"("user":"root","password":"***","loginId":"login-1")"));
     EXPECT_FALSE(wasTraced("SECRET"));
+}
+
+/// How often a text of 16 letters occurs in the memory that the process has allocated. The text is given with every
+/// letter moved by one, not to be found itself.
+int occurrencesInMemory(const std::string& moved) {
+    int found = 0;
+    std::ifstream maps("/proc/self/maps");
+    std::ifstream memory("/proc/self/mem", std::ios::binary);
+    std::string line;
+    while (std::getline(maps, line)) {
+        unsigned long start = 0;
+        unsigned long end = 0;
+        std::sscanf(line.c_str(), "%lx-%lx", &start, &end);
+        const bool isAllocated = line.find("[heap]") != std::string::npos || line.find(" 00:00 0") != std::string::npos;
+        if (line.find(" rw") == std::string::npos || !isAllocated || line.find("[stack]") != std::string::npos) {
+            continue;
+        }
+        std::vector<char> bytes(end - start);
+        memory.clear();
+        memory.seekg(static_cast<std::streamoff>(start));
+        memory.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        const auto isLetter = [](char byte, char letter) { return byte == letter - 1; };
+        auto at = bytes.begin();
+        while ((at = std::search(at, bytes.end(), moved.begin(), moved.end(), isLetter)) != bytes.end()) {
+            ++found;
+            ++at;
+        }
+        std::fill(bytes.begin(), bytes.end(), '\0');
+    }
+    return found;
+}
+
+TEST(Transport, NoCopyOfAPasswordStaysBehindInMemory) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "AddressSanitizer's memory is too large to search";
+#endif
+    std::string moved(16, '\0');
+    std::mt19937 random(std::random_device{}());
+    std::generate(moved.begin(), moved.end(), [&] { return static_cast<char>('b' + random() % 25); });
+    const auto password = std::make_unique<char[]>(moved.size() + 1);
+    std::transform(moved.begin(), moved.end(), password.get(),
+                   [](char letter) { return static_cast<char>(letter - 1); });
+    ASSERT_EQ(occurrencesInMemory(moved), 1);
+    FaultServers servers({"good"});
+    Library library(servers.urls());
+    const olm_dsess_admin_sec_info_t who{"root", nullptr, "login-1", password.get()};
+    std::int32_t level = 0;
+    EXPECT_EQ(olm_dsess_admin_get_trace_level(library.handle, &who, &level), 0U);
+    EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &who, 1), 0U);
+    EXPECT_EQ(occurrencesInMemory(moved), 1);
 }
 
 TEST(Transport, AListingNeedsNoMoreMemoryThanItsBytesAndItsRecords) {
