@@ -23,6 +23,13 @@ bool isJson(const std::string& contentType) {
     return ::strcasecmp(type.c_str(), protocol::kContentType) == 0;
 }
 
+std::string addressOf(const Connection& connection) {
+    std::string host;
+    int port = 0;
+    connection.get_remote_ip_and_port(host, port);
+    return host + ":" + std::to_string(port);
+}
+
 bool isChunked(const httplib::Request& request) {
     return request.has_header("Transfer-Encoding");
 }
@@ -259,7 +266,7 @@ void HttpServer::converse(Descriptor socket) {
 
 void HttpServer::serveRequests(Connection& connection) {
     if (!connection.handshake()) {
-        m_log.write(Topic::kAudit, "TLS handshake failed: " + tlsError());
+        m_log.write(Topic::kAudit, "TLS handshake failed: " + tlsError() + ", from " + addressOf(connection));
         connection.closeGently();  // a reset would take the alert that says why with it
         return;
     }
