@@ -14,7 +14,8 @@ CAUSES = {
     'no-answer': 'no answer in time', 'stall=body': 'the rest of the answer did not come in time',
     'close=request': 'the connection ended before an answer', 'reset=body': 'answer not understood: it was cut short',
     'garbage': 'answer not understood: it is not HTTP/1.1', 'redirect': 'answer not understood: HTTP status 307',
-    'status=503': 'HTTP status 503', 'status=404': 'HTTP status 404'}
+    'status=503': 'HTTP status 503',
+    'status=404': 'HTTP status 404: no session server is there, or not this instance of it'}
 KEY = key_report('key-2', 1700000002, 1700000000)
 
 
