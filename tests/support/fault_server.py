@@ -176,12 +176,11 @@ class FaultServer:
             connection.do_handshake()
         except OSError:
             # Unread bytes at a close would turn into a reset and take the alert with them.
-            raw = socket.socket(fileno=connection.detach())
-            raw.shutdown(socket.SHUT_WR)
-            raw.settimeout(5)
-            while raw.recv(65536):
-                pass
-            raw.close()
+            with socket.socket(fileno=connection.detach()) as unread:
+                unread.shutdown(socket.SHUT_WR)
+                unread.settimeout(5)
+                while unread.recv(65536):
+                    pass
             return None
         return connection
 
