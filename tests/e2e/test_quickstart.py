@@ -57,7 +57,7 @@ class Quickstart(Case):
 
 
 if __name__ == '__main__':
-    if pathlib.Path(os.environ.get('VEXIL_BUILD', BUILD)) != BUILD or not (BUILD / 'bin' / 'vexiladmin').exists():
+    if pathlib.Path(os.environ.get('VEXIL_BUILD', BUILD)).resolve() != BUILD or not (BUILD / 'bin' / 'vexiladmin').exists():
         print('skipped: scripts/quickstart builds in build/release, which is not the build under test')
         sys.exit(77)
     main()
