@@ -20,6 +20,7 @@ namespace {
 
 constexpr char kCutShort[] = "it was cut short";
 constexpr char kNoConnection[] = "no connection";
+constexpr char kNotHttp[] = "it is not HTTP/1.1";
 constexpr char kTooLong[] = "it is too long";
 
 bool equalsIgnoringCase(std::string_view left, std::string_view right) {
@@ -364,14 +365,14 @@ Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& po
             break;
     }
     if (exchange.begun()) {
-        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? kCutShort : exchange.error);
+        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? kCutShort : kNotHttp);
+    }
+    if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
+        return exchange.sent() ? notUnderstood(kNotHttp)
+                               : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
     }
     if (std::string cause = tlsCause(code, exchange, policy); !cause.empty()) {
         return failed(AttemptFailure::kTls, std::move(cause));
-    }
-    if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
-        return exchange.sent() ? notUnderstood("it is not HTTP/1.1")
-                               : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
     }
     return failed(AttemptFailure::kUnreachable,
                   systemCause(easy, exchange.sent() ? "the connection ended before an answer" : kNoConnection));
@@ -391,8 +392,7 @@ HttpTransport::CurlLibrary::~CurlLibrary() {
     curl_global_cleanup();
 }
 
-HttpTransport::HttpTransport(TlsPolicy& policy)
-    : m_policy(policy), m_multi(curl_multi_init()), m_easy(curl_easy_init()) {
+HttpTransport::HttpTransport(TlsPolicy& policy) : m_policy(policy), m_multi(curl_multi_init()) {
     for (const char* header : {"Content-Type: application/json", "Accept: application/json", "Expect:"}) {
         curl_slist* longer = curl_slist_append(m_headers.get(), header);
         if (longer == nullptr) {
@@ -401,11 +401,21 @@ HttpTransport::HttpTransport(TlsPolicy& policy)
         static_cast<void>(m_headers.release());
         m_headers.reset(longer);
     }
-    if (m_multi == nullptr || m_easy == nullptr) {
+    if (m_multi == nullptr) {
         throw std::bad_alloc();
     }
     curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, 1L);
-    CURL* easy = m_easy.get();
+    static_cast<void>(makeEasy());  // shows what libcurl lacks before it is needed
+}
+
+HttpTransport::~HttpTransport() = default;
+
+HttpTransport::EasyPtr HttpTransport::makeEasy() const {
+    EasyPtr owner(curl_easy_init());
+    if (owner == nullptr) {
+        throw std::bad_alloc();
+    }
+    CURL* easy = owner.get();
     // CURLOPT_NOSIGNAL stays off, so that libcurl keeps SIGPIPE from the process while it writes.
     set(easy, CURLOPT_POST, 1L);
     set(easy, CURLOPT_HTTPHEADER, m_headers.get());
@@ -420,21 +430,20 @@ HttpTransport::HttpTransport(TlsPolicy& policy)
     set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     set(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-    set(easy, CURLOPT_SSL_VERIFYHOST, policy.namesServers() ? 0L : 2L);
-    if (policy.hasOwnAnchors()) {
+    set(easy, CURLOPT_SSL_VERIFYHOST, m_policy.namesServers() ? 0L : 2L);
+    if (m_policy.hasOwnAnchors()) {
         set(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
         set(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
     }
     set(easy, CURLOPT_SSL_CTX_FUNCTION, tlsCallback);
-    set(easy, CURLOPT_SSL_CTX_DATA, &policy);
+    set(easy, CURLOPT_SSL_CTX_DATA, &m_policy);
     // A name lookup that hangs is left behind rather than waited for.
     set(easy, CURLOPT_QUICK_EXIT, 1L);
     set(easy, CURLOPT_PREREQFUNCTION, connectedCallback);
     set(easy, CURLOPT_HEADERFUNCTION, headerCallback);
     set(easy, CURLOPT_WRITEFUNCTION, bodyCallback);
+    return owner;
 }
-
-HttpTransport::~HttpTransport() = default;
 
 Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) {
     bool fresh = once;
@@ -450,7 +459,10 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
 Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretBuffer& body,
                               const AttemptLimits& limits) {
     Exchange exchange(url, fresh, limits);
-    CURL* easy = m_easy.get();
+    // One for each request: libcurl before 8.0 keeps a pointer into the head of the last answer, which is gone, and
+    // goes there when the next answer's head begins with a continuation line.
+    const EasyPtr owner = makeEasy();
+    CURL* easy = owner.get();
     set(easy, CURLOPT_URL, url.c_str());
     set(easy, CURLOPT_POSTFIELDS, body.data());
     set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
@@ -464,8 +476,6 @@ Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretB
     m_policy.beginAttempt();
 
     const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
-    set(easy, CURLOPT_ERRORBUFFER, static_cast<char*>(nullptr));
-    set(easy, CURLOPT_POSTFIELDS, static_cast<char*>(nullptr));
     if (exchange.outOfMemory || code == CURLE_OUT_OF_MEMORY) {
         throw std::bad_alloc();
     }

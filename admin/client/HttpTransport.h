@@ -67,18 +67,20 @@ class HttpTransport {
     struct ListDeleter {
         void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     };
+    using EasyPtr = std::unique_ptr<CURL, EasyDeleter>;
     /// libcurl counts how often it is set up.
     struct CurlLibrary {
         CurlLibrary();
         ~CurlLibrary();
     };
 
+    /// A handle with all the options that requests have in common.
+    EasyPtr makeEasy() const;
     /// Posts on a connection of its own when `fresh` is set; sets it when there was no kept connection either.
     Attempt postOn(bool& fresh, const std::string& url, const SecretBuffer& body, const AttemptLimits& limits);
 
     TlsPolicy& m_policy;
     CurlLibrary m_library;
     std::unique_ptr<CURLM, MultiDeleter> m_multi;  // holds the connection
-    std::unique_ptr<CURL, EasyDeleter> m_easy;
     std::unique_ptr<curl_slist, ListDeleter> m_headers;
 };

@@ -13,6 +13,7 @@ A mode may begin with "tls:" (TLS with the certificate given), "tls1.2:" or "tls
 
     good               answers every method
     close-after        the same, but closes the kept connection after each answer
+    one-answer         the same, but resets the kept connection once it is used again
     slow=S             the same, S seconds late
     flow=S             the same, but the body takes S seconds, without ever stopping
     flow-stall=S       the same, and stops there
@@ -27,6 +28,7 @@ A mode may begin with "tls:" (TLS with the certificate given), "tls1.2:" or "tls
     stall=STAGE        stops there, with the connection open: head, body
     drip=STAGE         from there on, one byte every 20 ms: head, body
     endless=HOW        never ends: length (and announces 2^40 bytes), close (no length), chunked, head, interim
+    folded-head        in turn an answer without a type, and one whose head begins with a continuation line
     garbage, http09, big-head, compressed, transfer-gzip, redirect, wrong-type, no-type
 """
 
@@ -245,6 +247,12 @@ class FaultServer:
     def _do_close_after(self, connection, request):
         return self._do_good(connection, request) and False
 
+    def _do_one_answer(self, connection, request):
+        self._do_good(connection, request)
+        if connection.recv(65536):
+            reset(connection)
+        return False
+
     def _do_slow(self, connection, request):
         time.sleep(float(self.argument))
         return self._do_good(connection, request)
@@ -304,6 +312,13 @@ class FaultServer:
     def _do_big_head(self, connection, request):
         body = good_answer(request)
         connection.sendall(head(body, *(f"X-{number}: {'x' * 1000}" for number in range(300))) + body)
+        return True
+
+    def _do_folded_head(self, connection, request):
+        if self.requests % 2 == 1:
+            return self._do_no_type(connection, request)
+        body = good_answer(request)
+        connection.sendall(head(body).replace(b"OK\r\n", b"OK\r\n : continued\r\n") + body)
         return True
 
     def _do_compressed(self, connection, request):
