@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "admin/protocol/protocol.h"
 #include "runtime/QelStringIter.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_strtol.h"
@@ -26,7 +27,6 @@ namespace {
 const QelString httpsScheme("https://");
 const QelString httpScheme("http://");
 
-constexpr char kServicePath[] = "/services/DSessAdmin";
 constexpr char kProxySuffix[] = "Proxy";
 constexpr char kSeparator[] = ",";
 constexpr std::uint32_t kInstanceBuckets = 29;
@@ -74,7 +74,7 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
         urls.append(location.view());
         urls.append("/");
         urls.append(instance.view());
-        urls.append(kServicePath);
+        urls.append(protocol::kServicePath);
     }
     return urls;
 }
