@@ -1,29 +1,61 @@
-/// The library under test, through its C interface.
+/// The library under test, through its C interface, and the servers (tests/support/fault_server.py) to try it on.
 #pragma once
 
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <chrono>
+#include <cstdarg>
+#include <cstdio>
+#include <fstream>
 #include <string>
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
 
-/// How late a deadline may be met. The sanitizers slow everything down.
-#if defined(__SANITIZE_ADDRESS__)
-inline constexpr double kLateness = 1.0;
+#if !defined(__SANITIZE_ADDRESS__)
+inline constexpr double kLateness = 0.2;  ///< with which a deadline may be met, in seconds
 #else
-inline constexpr double kLateness = 0.2;
+inline constexpr double kLateness = 1.0;  // the sanitizers slow everything down
 #endif
 
-/// Lines that the library traced in this test, each "LEVEL text\n".
-std::vector<std::string>& traced();
-void recordTrace(std::int32_t level, const char* format, ...) __attribute__((format(printf, 2, 3)));
-bool wasTraced(const std::string& fragment);
+/// Lines that the present library traced, each "LEVEL text\n".
+inline std::vector<std::string> traced;
+
+__attribute__((format(printf, 2, 3))) inline void recordTrace(std::int32_t level, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    char text[8192];
+    std::vsnprintf(text, sizeof text, format, arguments);
+    va_end(arguments);
+    traced.push_back(std::to_string(level) + " " + text);
+}
+
+inline bool wasTraced(const std::string& fragment) {
+    return std::any_of(traced.begin(), traced.end(),
+                       [&](const std::string& line) { return line.find(fragment) != std::string::npos; });
+}
+
+/// Releases a result through olm_dsess_admin_free.
+inline void release(std::int32_t kind, std::int32_t count, void* result) {
+    const olm_dsess_admin_free_info_t request{kind, count, result};
+    olm_dsess_admin_free(&request);
+}
+
+inline constexpr olm_dsess_admin_sec_info_t kRoot{"root", nullptr, "login-1", "SECRET"};
+
+/// A query of sessions by user.
+struct UserQuery : olm_dsess_admin_session_query_t {
+    explicit UserQuery(const char* user)
+        : olm_dsess_admin_session_query_t{"east", "user", "user name", {1, values}, 0, 0},
+          values{const_cast<char*>(user), nullptr} {}
+    char* values[2];
+};
 
 /// Settings of a connection, as the configuration would give them; empty texts are null pointers.
 struct TlsSettings {
-    std::string keyFile;
-    std::string stash;
-    std::string label;
+    std::string keyFile, stash, label;
     std::vector<std::string> serverNames;
     bool fips = false;
 };
@@ -31,36 +63,99 @@ struct TlsSettings {
 /// A context with a handle; both are gone at the end of scope.
 class Library {
   public:
-    explicit Library(std::vector<std::string> urls, std::int32_t timeout = 2, TlsSettings tls = {});
-    ~Library();
+    explicit Library(std::vector<std::string> urls, std::int32_t timeout = 2, TlsSettings tls = {}) {
+        std::vector<char*> pointers[2];
+        const auto listOf = [](std::vector<std::string>& texts, std::vector<char*>& list) {
+            std::transform(texts.begin(), texts.end(), std::back_inserter(list),
+                           [](auto& text) { return text.data(); });
+            return olm_dsess_admin_mv_string_t{static_cast<std::int32_t>(list.size()), list.data()};
+        };
+        const auto orNull = [](std::string& text) { return text.empty() ? nullptr : text.data(); };
+        const olm_dsess_admin_mv_string_t list = listOf(urls, pointers[0]);
+        const olm_dsess_admin_ssl_info_t settings{listOf(tls.serverNames, pointers[1]), orNull(tls.keyFile),
+                                                  orNull(tls.stash), orNull(tls.label), tls.fips ? 1 : 0};
+        traced.clear();
+        initialized = olm_dsess_admin_initialize(timeout, &list, &settings, recordTrace, &m_context);
+        olm_dsess_admin_create_handle(m_context, &handle);
+    }
+    ~Library() { olm_dsess_admin_shutdown(&m_context); }
     Library(const Library&) = delete;
-    Library& operator=(const Library&) = delete;
 
-    std::uint32_t initialized() const { return m_initialized; }
+    std::uint32_t initialized;
     void* handle = nullptr;
+    double seconds = 0;  ///< that the last of the following took
 
-    /// A request that reads, with its result released; and one that changes something.
-    std::uint32_t read();
-    std::uint32_t change();
-    /// How long the last of these took, in seconds.
-    double seconds() const { return m_seconds; }
+    /// A request that reads, and one that changes something; both with their results released.
+    std::uint32_t read() { return request(false); }
+    std::uint32_t change() { return request(true); }
 
   private:
-    std::uint32_t m_initialized;
-    double m_seconds = 0;
+    std::uint32_t request(bool changes) {
+        std::int32_t count = 0;
+        olm_dsess_admin_realm_t* realms = nullptr;
+        olm_dsess_admin_cluster_t cluster{};
+        const auto start = std::chrono::steady_clock::now();
+        const std::uint32_t status = changes
+                                         ? olm_dsess_admin_generate_new_key(handle, &kRoot, &cluster)
+                                         : olm_dsess_admin_get_cluster_info(handle, &kRoot, &count, &realms, &cluster);
+        seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        release(OLM_DSESS_ADMIN_FREE_REALMS, count, &realms);
+        release(OLM_DSESS_ADMIN_FREE_CLUSTER, 1, &cluster);
+        return status;
+    }
+
     void* m_context = nullptr;
 };
 
-inline constexpr olm_dsess_admin_sec_info_t kRoot{"root", nullptr, "login-1", "SECRET"};
-
-/// A query of sessions by user.
-struct UserQuery : olm_dsess_admin_session_query_t {
-    explicit UserQuery(const char* user);
-    char* values[2];
-};
-
-/// Releases a result through olm_dsess_admin_free.
-void release(std::int32_t kind, std::int32_t count, void* result);
-
 /// Writes a file for a fault server's mode answer=FILE, and names it.
-std::string answerFile(const std::string& text);
+inline std::string answerFile(const std::string& text) {
+    std::string path = "answer-" + std::to_string(getpid()) + ".json";
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+/// A fault server for each mode, together in a process of their own.
+class FaultServers {
+  public:
+    struct Counts {
+        long connections = -1, requests = -1, bytes = -1;
+    };
+
+    explicit FaultServers(const std::vector<std::string>& modes, const std::string& options = "") {
+        const std::string pipe = "counts-" + std::to_string(getpid());
+        std::string command = "exec python3 " VEXIL_TESTS_SUPPORT "/fault_server.py " + options + " >" + pipe;
+        for (const std::string& mode : modes) {
+            command += " " + mode;
+        }
+        mkfifo(pipe.c_str(), 0600);
+        m_input = popen(command.c_str(), "we");
+        m_output.open(pipe);
+        std::remove(pipe.c_str());
+        std::string word, port;
+        for (const std::string& mode : modes) {
+            m_output >> word >> port >> word;
+            urls.push_back((mode.starts_with("tls") ? "https" : "http") + ("://127.0.0.1:" + port) +
+                           "/blue/services/DSessAdminProxy");
+        }
+        m_output >> word;  // "ready"
+    }
+    ~FaultServers() { pclose(m_input); }
+    FaultServers(const FaultServers&) = delete;
+
+    std::vector<std::string> urls;  ///< one for each mode, in order
+
+    std::vector<Counts> counts() {
+        std::fputs("counts\n", m_input);
+        std::fflush(m_input);
+        std::vector<Counts> all(urls.size());
+        for (auto& [connections, requests, bytes] : all) {
+            std::string word;
+            m_output >> word >> connections >> requests >> bytes;
+        }
+        return all;
+    }
+
+  private:
+    std::FILE* m_input;
+    std::ifstream m_output;
+};
