@@ -1,11 +1,10 @@
-/// Fixtures of the runtime's tests.
+/// Fixtures of the tests of the runtime and of what stands on it.
 #pragma once
 
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 
 /// While one lives, operator new fails, from its `granted`-th call on.
@@ -31,11 +30,6 @@ class TempFolder {
   private:
     std::filesystem::path m_path;
 };
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 inline void writeFile(const std::string& path, std::string_view content) {
     std::ofstream(path, std::ios::binary) << content;

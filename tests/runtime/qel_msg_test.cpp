@@ -1,16 +1,45 @@
 #include "runtime/qel_msg.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <libintl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
 
 #include <clocale>
-#include <map>
+#include <iterator>
+#include <memory>
+#include <regex>
 #include <set>
 
 #include "Support.h"
 #include "runtime/qel_messages.h"
+#include "runtime/qel_stanza.h"
+#include "runtime/qel_svc.h"
+
+using namespace std::string_view_literals;
+using testing::EndsWith;
+using testing::MatchesRegex;
+
+static std::pair<std::string_view, const char*> g_translated;
+static std::string g_syslog;
+
+// Stand in for the C library's.
+extern "C" char* dgettext(const char* domain, const char* text) noexcept {
+    EXPECT_STREQ(domain, "vexiladmin");
+    return const_cast<char*>(text == g_translated.first ? g_translated.second : text);
+}
+extern "C" void syslog(int priority, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    EXPECT_STREQ(format, "%s");
+    g_syslog += std::to_string(priority) + " " + va_arg(arguments, const char*) + "\n";
+    va_end(arguments);
+}
 
 namespace {
+
+using StanzaFile = std::unique_ptr<qelStanzaFile, decltype(&qelStzFileClose)>;
 
 std::string format(std::uint32_t identifier, ...) {
     std::va_list arguments;
@@ -20,43 +49,21 @@ std::string format(std::uint32_t identifier, ...) {
     return text;
 }
 
-std::string english(std::uint32_t identifier, ...) {
-    std::va_list arguments;
-    va_start(arguments, identifier);
-    std::string text = qel_msg_vformat_default(identifier, arguments);
-    va_end(arguments);
-    return text;
-}
-
 TEST(Messages, HaveIdentifiersOfTheirOwnAndPlaceholdersForTheirArguments) {
+    const std::regex placeholder("%(?:([1-9])[$])?([^%])");
     std::set<std::uint32_t> identifiers;
     for (const QelMessage& message : qel_msg_table()) {
         EXPECT_TRUE(identifiers.insert(message.identifier).second) << message.name;
         EXPECT_NE(message.identifier & 0xFF, 0U) << message.name << " would be an exit status of success";
-        const std::string text = message.text;
-        const std::string kinds = message.kinds;
-        char prefix[16];
-        std::snprintf(prefix, sizeof prefix, "%08X ", message.identifier);
-        EXPECT_EQ(text.starts_with(prefix), message.isFailure) << message.name;
-
-        std::size_t next = 0;
+        const std::string kinds = message.kinds, text = message.text;
         std::set<std::size_t> used;
-        for (std::size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 2)) {
-            if (text.at(at + 1) == '%') {
-                continue;
-            }
-            const bool isNumbered = text.at(at + 1) >= '1' && text.at(at + 1) <= '9';
-            const std::size_t index = isNumbered ? static_cast<std::size_t>(text[at + 1] - '1') : next++;
-            ASSERT_LT(index, kinds.size()) << message.name;
-            EXPECT_EQ(text.substr(at + 1, isNumbered ? 3 : 1),
-                      (isNumbered ? std::string{text[at + 1], '$'} : "") + (kinds[index] == 'd' ? 'd' : 's'))
-                << message.name;
+        for (std::sregex_iterator at(text.begin(), text.end(), placeholder), end; at != end; ++at) {
+            const std::size_t index = (*at)[1].matched ? std::stoul((*at)[1]) - 1 : used.size();
+            EXPECT_EQ((*at)[2], kinds.at(index) == 'd' ? "d" : "s") << message.name;
             used.insert(index);
         }
         EXPECT_EQ(used.size(), kinds.size()) << message.name;
-        EXPECT_EQ(kinds.find_first_not_of("sde"), std::string::npos) << message.name;
     }
-    EXPECT_GT(identifiers.size(), 50U);
 }
 
 TEST(Messages, AreFilledWithTheirArguments) {
@@ -65,95 +72,42 @@ TEST(Messages, AreFilledWithTheirArguments) {
     EXPECT_EQ(format(kMsgTraceLevel, INT_MIN), "The server's trace level is -2147483648.");
     EXPECT_EQ(format(kMsgCommandFileOpen, "a", ENOENT),
               "38C520A2 The command file a cannot be opened: No such file or directory (2).\n");
-    EXPECT_EQ(format(0x38C5FFFF), "38C5FFFF The catalogue has no text for this status.");
     EXPECT_EQ(format(0x1A), "0000001A The catalogue has no text for this status.");
 }
 
-TEST(Messages, HaveAnUntranslatedDefaultThatIsWrittenWhenMemoryIsExhausted) {
-    std::uint32_t status = 1;
-    EXPECT_STREQ(qel_msg_get_default_msg(kMsgUserSelector2, &status), "user name");
-    EXPECT_EQ(status, 0U);
+TEST(Messages, AreWrittenAsTheyStandWhenMemoryIsExhausted) {
+    EXPECT_STREQ(qel_msg_get_default_msg(kMsgUserSelector2, nullptr), "user name");
+    std::uint32_t status = 0;
     EXPECT_EQ(qel_msg_get_default_msg(0x38C5FFFF, &status), nullptr);
     EXPECT_NE(status, 0U);
-
-    char buffer[200] = "";
-    std::FILE* stream = fmemopen(buffer, sizeof buffer, "w");
-    qel_fprintf(stream, kMsgTraceLevel, 7);
+    testing::internal::CaptureStderr();
+    qel_fprintf(stderr, kMsgTraceLevel, 7);
     {
         const FailingNew noMemory;
-        qel_fprintf(stream, kStatusNoMemory);
-        qel_fprintf(stream, 0x38C5FFFF);
+        qel_fprintf(stderr, kMsgTraceLevel, 7);
+        qel_fprintf(stderr, 0x38C5FFFF);
     }
-    std::fclose(stream);
-    EXPECT_STREQ(buffer,
-                 "The server's trace level is 7."
-                 "38C52097 Memory is exhausted. Free some on this host, then try again.");
-}
-
-/// A catalogue file as gettext reads it (GNU gettext manual, "The Format of GNU MO Files").
-std::string catalogue(const std::map<std::string, std::string>& translations) {
-    const auto count = static_cast<std::uint32_t>(translations.size());
-    const std::uint32_t start = 28 + 16 * count;
-    std::vector<std::uint32_t> words = {0x950412DE, 0, count, 28, 28 + 8 * count, 0, start};
-    std::string texts;
-    const auto add = [&](const std::string& text) {
-        words.push_back(static_cast<std::uint32_t>(text.size()));
-        words.push_back(start + static_cast<std::uint32_t>(texts.size()));
-        texts.append(text.c_str(), text.size() + 1);
-    };
-    for (const auto& [source, translation] : translations) {
-        add(source);
-    }
-    for (const auto& [source, translation] : translations) {
-        add(translation);
-    }
-    return std::string(reinterpret_cast<const char*>(words.data()), start) + texts;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "The server's trace level is 7.The server's trace level is %d.");
 }
 
 TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
-    const std::pair<std::uint32_t, const char*> translations[] = {
-        {kMsgInvalidValue, "100%% ungültig: %1$s"},
-        {kMsgKeyWithPrevious, "%3$s < %2$s (%1$s, %3$s)"},
-        {kMsgFileRead, "%2$s: %1$s\n"},
-        // These do not fit.
-        {kMsgFileSyntax, "%s %s %s"},
-        {kMsgTraceLevel, "%s"},
-        {kMsgKey, "%s, %3$s"},
-        {kMsgNoRealms, "%s%s%s%s%s%s%s%s%s%s"},
-        {kMsgReplicaSetRecord, "%2$s"},
-        {kMsgFileOpen, "%1$s %n %2$s"},
-        {kMsgSessionsHeading, "%d %d %"},
-        {kMsgSession, "%s %s %s %1$"},
-    };
-    std::map<std::string, std::string> texts;
-    for (const auto& [identifier, translation] : translations) {
+    const auto translated = [](std::uint32_t identifier, const char* translation, auto... arguments) {
+        const std::string english = format(identifier, arguments...);
         const std::string source = qel_msg_get_default_msg(identifier, nullptr);
-        texts[source.starts_with("38C5") ? source.substr(9) : source] = translation;
-    }
-    const TempFolder folder;
-    std::filesystem::create_directories(folder / "xx/LC_MESSAGES");
-    writeFile(folder / "xx/LC_MESSAGES/vexiladmin.mo", catalogue(texts));
-    const auto expectEnglish = [](std::uint32_t identifier, auto... arguments) {
-        EXPECT_EQ(format(identifier, arguments...), english(identifier, arguments...));
+        g_translated = {std::string_view(source).substr(source.starts_with("38C5") ? 9 : 0), translation};
+        const std::string text = format(identifier, arguments...);
+        return text == english ? "English" : text;
     };
-
-    setenv("LC_ALL", "C.UTF-8", 1);
-    setenv("LANGUAGE", "xx", 1);
-    qelmsg_init("program", 0);
-    bindtextdomain("vexiladmin", (folder / "").c_str());
-    EXPECT_EQ(format(kMsgInvalidValue, "max"), "38C5213E 100% ungültig: max");
-    EXPECT_EQ(format(kMsgKeyWithPrevious, "k", "now", "then"), "then < now (k, then)");
-    EXPECT_EQ(format(kMsgFileRead, "a", EISDIR), "38C54044 Is a directory (21): a\n");
-    EXPECT_EQ(english(kMsgInvalidValue, "max"), "38C5213E The value given for max is not valid.");
-    expectEnglish(kMsgFileSyntax, "a", 7, "b");
-    expectEnglish(kMsgTraceLevel, 3);
-    expectEnglish(kMsgKey, "k", "now");
-    expectEnglish(kMsgNoRealms);
-    expectEnglish(kMsgReplicaSetRecord, "a", "b");
-    expectEnglish(kMsgFileOpen, "a", EACCES);
-    expectEnglish(kMsgSessionsHeading, 2, 1);
-    expectEnglish(kMsgSession, "a", "b", "c");
-    unsetenv("LANGUAGE");
+    EXPECT_EQ(translated(kMsgInvalidValue, "100%% ungültig: %1$s", "max"), "38C5213E 100% ungültig: max");
+    EXPECT_EQ(translated(kMsgKeyWithPrevious, "%3$s < %2$s (%1$s, %3$s)", "k", "now", "old"), "old < now (k, old)");
+    EXPECT_EQ(translated(kMsgFileRead, "%2$s: %1$s\n", "a", EISDIR), "38C54044 Is a directory (21): a\n");
+    EXPECT_EQ(translated(kMsgFileSyntax, "%s %s %s", "a", 7, "b"), "English");
+    EXPECT_EQ(translated(kMsgKey, "%s, %3$s", "k", "now"), "English");
+    EXPECT_EQ(translated(kMsgNoRealms, "%s%s%s%s%s%s%s%s%s%s"), "English");
+    EXPECT_EQ(translated(kMsgReplicaSetRecord, "%2$s", "a", "b"), "English");
+    EXPECT_EQ(translated(kMsgFileOpen, "%1$s %n %2$s", "a", EACCES), "English");
+    EXPECT_EQ(translated(kMsgSessionsHeading, "%d %d %", 2, 1), "English");
+    EXPECT_EQ(translated(kMsgSession, "%s %s %s %1$", "a", "b", "c"), "English");
 }
 
 TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
@@ -165,6 +119,141 @@ TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
     }
     qelmsg_init(nullptr, 0);
     EXPECT_STREQ(qel_msg_program_name(), "vexil");
+}
+
+/// The service log and a stanza file, in a folder of their own.
+struct Files : testing::Test {
+    Files() {
+        qelmsg_init("/bin/vexil", 0);
+        setenv("QEL_SVC_LOG", log.c_str(), 1);
+    }
+    /// What was logged since the last call.
+    std::string takeLog() const {
+        std::ifstream file(log);
+        std::filesystem::remove(log);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    template <class... Inserts>
+    static void report(const char* insertFormat, std::uint32_t severity, std::uint32_t message, Inserts... inserts) {
+        qel_svc_printf_withfile(QelSvcHandle::kClient, "/src/a.cpp", 1, insertFormat, kSvcGeneral, severity, message,
+                                inserts...);
+    }
+    /// The entries of a stanza, "none" when it is absent, and what the service log says when the file cannot be opened.
+    std::string read(const char* stanza, std::uint32_t expected = 0) const {
+        std::uint32_t status = 1;
+        const StanzaFile file(qelStzFileOpen(path.c_str(), &status), qelStzFileClose);
+        EXPECT_EQ(status, expected);
+        if (file == nullptr) {
+            return takeLog();
+        }
+        EXPECT_EQ(qelStzEntryName(file.get()), nullptr) << qelStzFileName(file.get());
+        qelStzMoveStanza(file.get(), "x");
+        status = qelStzMoveStanza(file.get(), stanza);
+        std::string seen = status == 0 ? "" : "none";
+        for (; status == 0 && qelStzEntryName(file.get()) != nullptr; status = qelStzMoveNextEntry(file.get())) {
+            seen += "(" + std::string(qelStzEntryName(file.get())) + "=" + qelStzEntryValue(file.get()) + ")";
+        }
+        EXPECT_EQ(qelStzEntryName(file.get()), nullptr);
+        return seen;
+    }
+
+    const TempFolder folder;
+    std::string log = folder / "log", path = folder / "file";
+};
+
+using ServiceLog = Files;
+using Stanzas = Files;
+
+TEST_F(ServiceLog, AppendsOneLineAnEntryToTheFileNamed) {
+    report("%s%s%s", kSvcError, kMsgEntryMissing, "tarn", "/Zoë\n\x1B[m", nullptr);
+    g_translated = {"The file %s cannot be opened: %s.\n", "%s ? %s"};
+    report("%s%d", kSvcErrorExit, kMsgFileOpen, "x", ENOENT);
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
+    EXPECT_THAT(
+        takeLog(),
+        MatchesRegex("[-0-9]{10}T[:0-9]{8}Z vexil\\[" + std::to_string(getpid()) +
+                     "\\] client a.cpp:1 38C5209F Stanza \\[tarn\\] of /Zoë\\\\x0A\\\\x1B\\[m has [^\n]* entry \\. "
+                     "Add[^\n]*\n[^\n]* 38C54042 The file x cannot be opened: No such file or directory \\(2\\)\\.\n"));
+}
+
+TEST_F(ServiceLog, WritesTheBareMessageForInsertsThatAreNotItsOwnAndNothingWithoutMemory) {
+    for (const char* inserts : {"", "%s", "%d%s", "%s%d%d"}) {
+        report(inserts, kSvcError, kMsgFileOpen);
+        EXPECT_THAT(takeLog(), EndsWith(" a.cpp:1 38C54042 The file %s cannot be opened: %s.\n")) << inserts;
+    }
+    report("%s", kSvcError, 0x38C5FFFF, nullptr);
+    EXPECT_THAT(takeLog(), EndsWith(" a.cpp:1 38C5FFFF The catalogue has no text for this status.\n"));
+    {
+        const FailingNew noMemory;
+        report("", kSvcError, kStatusNoMemory);
+    }
+    EXPECT_EQ(takeLog(), "");
+}
+
+TEST_F(ServiceLog, SharesThePositionOfStandardError) {
+    setenv("QEL_SVC_LOG", "/dev/stderr", 1);
+    testing::internal::CaptureStderr();
+    report("", kSvcError, kStatusNoMemory);
+    std::fputs("after\n", stderr);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("[^\n]* 38C52097 Memory[^\n]*\nafter\n"));
+}
+
+TEST_F(ServiceLog, GoesToSyslogWithoutAFile) {
+    setenv("QEL_SVC_LOG", "", 1);
+    report("%s%d", kSvcError, kMsgFileOpen, "%s\n", EACCES);
+    unsetenv("QEL_SVC_LOG");
+    report("", kSvcErrorExit, kStatusCommandFile);
+    EXPECT_EQ(g_syslog,
+              "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n"
+              "2 client a.cpp:1 38C520A8 The command file was not run.\n");
+}
+
+TEST_F(Stanzas, HaveTheirEntriesInFileOrder) {
+    writeFile(
+        path,
+        "\xEF\xBB\xBF[a]\r\nk= 1 \n\tk \n[ b c ]\t\n;[\n[x]\nx=9\n [a]\n[x]\n  # y = 7\ny=8 = z # ; c\r\r\n[[d]]\n]=[\n"
+        "[#]\n[a]\nj=\xEF\xBB\xBF\x1B\xFF\nk=");
+    EXPECT_EQ(read("a"), "(k=1)(k=)(j=\xEF\xBB\xBF\x1B\xFF)(k=)");
+    EXPECT_EQ(read("x"), "(x=9)(y=8 = z # ; c)");
+    EXPECT_EQ(read("[d]"), "(]=[)");
+    EXPECT_EQ(read("b c") + read("#") + takeLog(), "");
+    EXPECT_EQ(read("A") + read("ab") + read(""), "nonenonenone");
+}
+
+TEST_F(Stanzas, AreRefusedWithAReasonInTheServiceLog) {
+    const std::pair<std::string_view, const char*> malformed[] = {
+        {"# a\r\nk=v", "2: an entry stands before the first stanza"},
+        {"[a]\n[", "2: a stanza name ends in ]"},
+        {"[a] # b\nk=v", "1: a stanza name ends in ]"},
+        {"[a]\n\n[ \t]", "3: the name is missing"},
+        {"[a]\nk=1\n = v\nk=2", "3: the name is missing"},
+        {"[a]\n\n#\0"sv, "3: it contains a NUL byte"},
+    };
+    for (const auto& [text, reason] : malformed) {
+        writeFile(path, text);
+        EXPECT_THAT(read("", kStatusFileSyntax), EndsWith(path + " is malformed at line " + reason + ".\n"));
+    }
+    path = folder / "";
+    EXPECT_THAT(read("", kStatusFileRead), EndsWith(" cannot be read: Is a directory (21).\n"));
+    path = "/absent";
+    EXPECT_THAT(read("", kStatusFileOpen),
+                EndsWith("The file /absent cannot be opened: No such file or directory (2).\n"));
+}
+
+TEST_F(Stanzas, AreReadWithoutWaitingForTheWriterOfAFifo) {
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    EXPECT_EQ(read("a"), "none");
+}
+
+TEST_F(Stanzas, AreRefusedWhenMemoryIsExhausted) {
+    writeFile(path, "[a]\nk=v\n[b]\nk=v\n");
+    int granted = 0;
+    for (std::uint32_t status = kStatusNoMemory; status != 0; ++granted) {
+        const FailingNew noMemory(granted);
+        const StanzaFile file(qelStzFileOpen(path.c_str(), &status), qelStzFileClose);
+        ASSERT_TRUE(file == nullptr ? status == kStatusNoMemory : status == 0) << granted;
+    }
+    EXPECT_GT(granted, 4);
 }
 
 }  // namespace

@@ -1,107 +1,94 @@
 #include "server/Authenticator.h"
 
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <thread>
 
 #include "server/Password.h"
-#include "tests/server/Support.h"
 
 using namespace dsessd;
 using Outcome = Authenticator::Outcome;
 
 namespace {
 
-class AuthenticatorTest : public testing::Test {
-  protected:
-    AuthenticatorTest() : m_store(m_file.open()) { put("root", "SECRET", Role::kChange); }
+struct AuthenticatorTest : testing::Test {
+    AuthenticatorTest() { put("SECRET", Role::kChange); }
+    ~AuthenticatorTest() override { std::filesystem::remove_all(folder); }
 
-    void put(const char* name, const char* password, Role role) {
-        m_store->putAdministrator({name, hashPassword(password), role});
-    }
-    Outcome verify(Authenticator& authenticator, const char* user, const char* password, const char* loginId = "id") {
-        return authenticator.verify(*m_store, {user, password, loginId}).outcome;
+    std::unique_ptr<Store> open() const { return Store::open(folder / "cluster.db", Store::IfMissing::kCreate); }
+    void put(const char* password, Role role) const { store->putAdministrator({"root", hashPassword(password), role}); }
+    Outcome verify(Authenticator& authenticator, const char* password = "SECRET", const char* loginId = "id",
+                   const char* user = "root") const {
+        return authenticator.verify(*store, {user, password, loginId}).outcome;
     }
 
-    DataFile m_file;
-    std::unique_ptr<Store> m_store;
+    const std::filesystem::path folder =
+        mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const std::unique_ptr<Store> store = open();
 };
 
-}  // namespace
-
 TEST_F(AuthenticatorTest, HashesOnceForOneLoginAndAnewForAnythingElse) {
-    Authenticator authenticator;
-    const struct {
-        const char* user;
-        const char* password;
-        const char* loginId;
-        Outcome outcome;
-        unsigned hashes;
-    } steps[] = {
-        {"root", "SECRET", "a", Outcome::kVerified, 1},   {"root", "SECRET", "a", Outcome::kRemembered, 1},
-        {"root", "SECRET", "b", Outcome::kVerified, 2},   {"root", "secret", "a", Outcome::kRefused, 3},
-        {"root", nullptr, "a", Outcome::kRefused, 4},     {"root", "", "a", Outcome::kRefused, 5},
-        {"Root", "SECRET", "a", Outcome::kRefused, 6},    {"nobody", "SECRET", "a", Outcome::kRefused, 7},
-        {"nobody", "SECRET", "a", Outcome::kRefused, 8},  {"", nullptr, "", Outcome::kRefused, 9},
-        {"root", "SECRET", "a", Outcome::kRemembered, 9},
-    };
-    for (const auto& step : steps) {
-        EXPECT_EQ(verify(authenticator, step.user, step.password, step.loginId), step.outcome) << step.hashes;
-        EXPECT_EQ(authenticator.hashCount(), step.hashes) << "an unknown name must cost a hash as well";
-    }
     const std::string tooLong(kMaxPasswordBytes + 1, 'x');
-    EXPECT_EQ(verify(authenticator, "root", tooLong.c_str()), Outcome::kRefused);
-    EXPECT_EQ(authenticator.hashCount(), 10U);
+    const struct {
+        const char *user, *password, *loginId;
+        Outcome outcome;
+    } steps[] = {
+        {"root", "SECRET", "a", Outcome::kVerified},       {"root", "SECRET", "a", Outcome::kRemembered},
+        {"root", "SECRET", "b", Outcome::kVerified},       {"root", "secret", "a", Outcome::kRefused},
+        {"root", nullptr, "a", Outcome::kRefused},         {"root", tooLong.c_str(), "a", Outcome::kRefused},
+        {"root", tooLong.c_str(), "a", Outcome::kRefused}, {"nobody", "SECRET", "a", Outcome::kRefused},
+        {"nobody", "SECRET", "a", Outcome::kRefused},      {"root", "SECRET", "a", Outcome::kRemembered},
+    };
+    Authenticator authenticator;
+    unsigned hashes = 0;
+    for (const auto& [user, password, loginId, outcome] : steps) {
+        EXPECT_EQ(verify(authenticator, password, loginId, user), outcome) << hashes;
+        hashes += outcome == Outcome::kRemembered ? 0 : 1;
+        EXPECT_EQ(authenticator.hashCount(), hashes) << "an unknown name must cost a hash as well";
+    }
 }
 
 TEST_F(AuthenticatorTest, ForgetsAnAdministratorWhoWasChangedOrRemoved) {
     Authenticator authenticator;
-    const auto outcome = [&] { return verify(authenticator, "root", "SECRET"); };
-    EXPECT_EQ(outcome(), Outcome::kVerified);
-    put("root", "OTHER", Role::kChange);
-    EXPECT_EQ(outcome(), Outcome::kRefused);
-    put("root", "SECRET", Role::kRead);
-    EXPECT_EQ(outcome(), Outcome::kVerified) << "same password, new hash";
-    EXPECT_EQ(authenticator.verify(*m_store, {"root", "SECRET", "id"}).role, Role::kRead);
-    m_store->removeAdministrator("root");
-    EXPECT_EQ(outcome(), Outcome::kRefused);
+    EXPECT_EQ(verify(authenticator), Outcome::kVerified);
+    put("OTHER", Role::kChange);
+    EXPECT_EQ(verify(authenticator), Outcome::kRefused);
+    put("SECRET", Role::kRead);
+    EXPECT_EQ(verify(authenticator), Outcome::kVerified) << "same password, new hash";
+    EXPECT_EQ(authenticator.verify(*store, {"root", "SECRET", "id"}).role, Role::kRead);
+    store->removeAdministrator("root");
+    EXPECT_EQ(verify(authenticator), Outcome::kRefused);
 }
 
 TEST_F(AuthenticatorTest, ForgetsWithTimeAndWhenItsTableIsFull) {
-    Authenticator::Limits limits;
-    limits.rememberFor = std::chrono::seconds(-1);
-    Authenticator forgetful(limits);
-    EXPECT_EQ(verify(forgetful, "root", "SECRET"), Outcome::kVerified);
-    EXPECT_EQ(verify(forgetful, "root", "SECRET"), Outcome::kVerified);
-    limits = {};
-    limits.remembered = 2;
-    Authenticator small(limits);
+    Authenticator forgetful({.rememberFor = std::chrono::seconds(-1)});
+    EXPECT_EQ(verify(forgetful), Outcome::kVerified);
+    EXPECT_EQ(verify(forgetful), Outcome::kVerified);
+    Authenticator small({.remembered = 2});
     for (const char* loginId : {"a", "b", "c"}) {
-        EXPECT_EQ(verify(small, "root", "SECRET", loginId), Outcome::kVerified);
+        EXPECT_EQ(verify(small, "SECRET", loginId), Outcome::kVerified);
     }
-    EXPECT_EQ(verify(small, "root", "SECRET", "c"), Outcome::kRemembered);
-    EXPECT_EQ(verify(small, "root", "SECRET", "a"), Outcome::kVerified);
+    EXPECT_EQ(verify(small, "SECRET", "c"), Outcome::kRemembered);
+    EXPECT_EQ(verify(small, "SECRET", "a"), Outcome::kVerified);
 }
 
 TEST_F(AuthenticatorTest, TurnsAwayWhoWouldWaitTooLongButNotWhoIsRemembered) {
-    Authenticator::Limits limits;
-    limits.hashesAtOnce = 1;
-    limits.waiting = 2;
-    Authenticator authenticator(limits);
-    ASSERT_EQ(verify(authenticator, "root", "SECRET"), Outcome::kVerified);
+    Authenticator authenticator({.hashesAtOnce = 1, .waiting = 2});
+    ASSERT_EQ(verify(authenticator), Outcome::kVerified);
     std::atomic<int> busy = 0;
     std::vector<std::thread> attackers;
-    attackers.reserve(12);
     for (int i = 0; i < 12; ++i) {
         attackers.emplace_back([&] {
-            const auto store = m_file.open();
+            const auto own = open();
             for (int tries = 0; tries < 3; ++tries) {
-                if (authenticator.verify(*store, {"root", "wrong", "id"}).outcome == Outcome::kBusy) {
-                    ++busy;
-                }
+                busy += authenticator.verify(*own, {"root", "wrong", "id"}).outcome == Outcome::kBusy ? 1 : 0;
             }
         });
     }
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(verify(authenticator, "root", "SECRET"), Outcome::kRemembered);
+        EXPECT_EQ(verify(authenticator), Outcome::kRemembered);
     }
     for (std::thread& attacker : attackers) {
         attacker.join();
@@ -123,3 +110,5 @@ TEST(Password, MatchesItsOwnHashOnly) {
     }
     EXPECT_EQ(hashPassword(std::string(kMaxPasswordBytes + 1, 'x').c_str()), "");
 }
+
+}  // namespace

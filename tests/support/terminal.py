@@ -1,52 +1,45 @@
 """A pseudo-terminal with a small shell on it, which runs one program in the foreground and takes the terminal back when
 it stops."""
 
-import fcntl
 import os
 import resource
 import select
 import signal
+import subprocess
 import termios
 import time
 
 PATIENCE = 10
+PROMPT = 'vexiladmin> '
 
 
 class Terminal:
     def __init__(self, arguments, env, job_control=True):
         self.master, self.slave = os.openpty()
-        self.shown = ''
-        report, self.report = os.pipe()[::-1]
-        ready, started = os.pipe()
+        self.report, report = os.pipe()
+        self.shown, self.events = '', []
         self.shell = os.fork()
         if self.shell == 0:
             try:
-                self._lead(report, started, arguments, env, job_control)
+                self._lead(report, arguments, env, job_control)
             finally:
                 os._exit(1)
         os.close(report)
-        os.close(started)
-        os.read(ready, 1)  # closed when the program is executed
-        os.close(ready)
-        self.events = os.read(self.report, 1000).decode().split()
-        self.pid = int(self.event())
+        self.pid = int(self.until(self.event, 'program'))
 
-    def _lead(self, report, started, arguments, env, job_control):
-        os.setsid()
-        fcntl.ioctl(self.slave, termios.TIOCSCTTY, 0)
-        for descriptor in (0, 1, 2):
-            os.dup2(self.slave, descriptor)
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
-        signal.signal(signal.SIGTTOU, signal.SIG_IGN)
-        program = os.fork()
-        if program == 0:
+    def _lead(self, report, arguments, env, job_control):
+        def claim():
             if job_control:
                 os.setpgid(0, 0)
                 os.tcsetpgrp(0, os.getpid())
-            for number in (signal.SIGTTOU, signal.SIGPIPE, signal.SIGINT):
+            for number in (signal.SIGTTOU, signal.SIGINT):
                 signal.signal(number, signal.SIG_DFL)
-            os.execve(arguments[0], arguments, env)
-        os.close(started)
+
+        os.login_tty(self.slave)
+        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        signal.signal(signal.SIGTTOU, signal.SIG_IGN)
+        process = subprocess.Popen(arguments, env=env, preexec_fn=claim)
+        program = process.pid
         signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
         signal.signal(signal.SIGUSR2, lambda *_: (os.tcsetpgrp(0, os.getpgrp()), os.write(report, b'taken\n')))
         os.write(report, b'%d\n' % program)
@@ -90,12 +83,13 @@ class Terminal:
         self.until(lambda: self.event() == 'stopped', 'stop')
 
     def until(self, condition, what):
-        """Waits for a condition, reading what the program writes meanwhile."""
+        """Waits for a condition, reading what the program writes meanwhile. Returns what fulfilled it."""
         deadline = time.monotonic() + PATIENCE
-        while not condition():
+        while not (value := condition()):
             if time.monotonic() > deadline:
                 raise AssertionError(f'no {what} within {PATIENCE} s; shown since: {self.shown!r}')
             self._read(0.001)
+        return value
 
     def _read(self, seconds):
         """Reads what is shown within the time. Returns whether there was anything."""
@@ -104,17 +98,22 @@ class Terminal:
         self.shown += os.read(self.master, 65536).decode(errors='replace')
         return True
 
-    def see(self, text):
-        """Waits until the text is shown, and returns what was shown before it since the last such time."""
-        self.until(lambda: text in self.shown, repr(text))
-        seen, self.shown = self.shown.split(text, 1)
-        return seen
+    def asks(self, prompt=PROMPT):
+        """Waits for a prompt, at which the terminal's own echo is off. Returns what was shown before it."""
+        self.until(lambda: prompt in self.shown, repr(prompt))
+        before, self.shown = self.shown.split(prompt, 1)
+        self.until(lambda: not self.echoes(), 'end of echo')
+        return before.replace('\r', '')
+
+    def answer(self, typed, prompt=PROMPT):
+        """What is shown for a line, behind its echo, up to a prompt."""
+        self.type(typed + '\n')
+        return self.asks(prompt).split('\n', 1)[1]
 
     def ended(self):
         """Waits for the end. Returns the negative signal number or the exit status, and the rest of what was shown."""
-        status = []
-        self.until(lambda: status.append(self.event()) or status[-1], 'end')
+        status = self.until(self.event, 'end')
         while self._read(0):
             pass
         rest, self.shown = self.shown, ''
-        return os.waitstatus_to_exitcode(int(status[-1])), rest
+        return os.waitstatus_to_exitcode(int(status)), rest
