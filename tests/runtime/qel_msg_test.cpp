@@ -9,7 +9,6 @@
 #include <clocale>
 #include <iterator>
 #include <memory>
-#include <regex>
 #include <set>
 
 #include "Support.h"
@@ -50,16 +49,17 @@ std::string format(std::uint32_t identifier, ...) {
 }
 
 TEST(Messages, HaveIdentifiersOfTheirOwnAndPlaceholdersForTheirArguments) {
-    const std::regex placeholder("%(?:([1-9])[$])?([^%])");
     std::set<std::uint32_t> identifiers;
     for (const QelMessage& message : qel_msg_table()) {
         EXPECT_TRUE(identifiers.insert(message.identifier).second) << message.name;
         EXPECT_NE(message.identifier & 0xFF, 0U) << message.name << " would be an exit status of success";
         const std::string kinds = message.kinds, text = message.text;
         std::set<std::size_t> used;
-        for (std::sregex_iterator at(text.begin(), text.end(), placeholder), end; at != end; ++at) {
-            const std::size_t index = (*at)[1].matched ? std::stoul((*at)[1]) - 1 : used.size();
-            EXPECT_EQ((*at)[2], kinds.at(index) == 'd' ? "d" : "s") << message.name;
+        for (std::size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
+            const std::string place = text.substr(at + 1, 3);
+            const bool isNumbered = place.ends_with("$s");
+            const std::size_t index = isNumbered ? static_cast<std::size_t>(place[0] - '1') : used.size();
+            EXPECT_EQ(isNumbered ? 's' : place[0], kinds.at(index) == 'd' ? 'd' : 's') << message.name;
             used.insert(index);
         }
         EXPECT_EQ(used.size(), kinds.size()) << message.name;

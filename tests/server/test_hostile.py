@@ -8,7 +8,7 @@ import threading
 import time
 import unittest
 
-from support import AS_ROOT, ROOT, Dsessd, request_text
+from dsessd import AS_ROOT, ROOT, Dsessd, request_text
 
 PATH = "/blue/services/DSessAdminProxy"
 GOOD = request_text("trace.get").encode()
@@ -111,8 +111,9 @@ class Hostile(unittest.TestCase):
         self.serves_within(5)
 
     def test_slow_clients_are_cut_off_within_bounds_and_hold_up_nobody(self):
+        for _ in range(450):  # more, like those to come, than the server has room for
+            self.connect()
         begin, answers = time.monotonic(), []
-        # More in all than the server has room for.
         slow = [(kind, self.connect(first)) for _ in range(90) for kind, first in enumerate([
             b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")])]
 
@@ -135,11 +136,6 @@ class Hostile(unittest.TestCase):
         self.assertLess(time.monotonic() - begin, 20, "no byte at a time keeps a connection for ever")
         for kind in range(3):
             self.assertIn((kind, [408]), answers)
-
-    def test_idle_connections_make_room(self):
-        for _ in range(450):
-            self.connect()
-        self.serves_within(5, times=20)
 
     def test_who_takes_no_answer_makes_room_too(self):
         cluster = {"realms": [{"name": "east", "sessions": [
@@ -180,7 +176,3 @@ class Hostile(unittest.TestCase):
         started = time.monotonic()
         work(3000)
         self.assertLess(time.monotonic() - started, 20, "a hash for each would take longer")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -6,7 +6,7 @@ import sqlite3
 import time
 import unittest
 
-from support import AS_ROOT, ROOT, Dsessd
+from dsessd import AS_ROOT, ROOT, Dsessd
 
 CLUSTER = {
     "keys": [{"label": "old", "time": 100}, {"label": "new", "time": 200}],
@@ -76,6 +76,7 @@ class Service(unittest.TestCase):
         self.assertEqual(self.ids("*"), (4, ["s1", "s2", "s4", "s3"]))
         self.assertEqual(self.ids("m*", 2), (3, ["s2", "s4"]))
         self.assertEqual(self.ids("m*", 0), (3, []))
+        self.assertEqual(self.ids("m*", 9), (3, ["s2", "s4", "s3"]))
         self.assertEqual(self.ids("s?", selector="session"), (4, ["s1", "s2", "s4", "s3"]))
         self.assertEqual(self.ids("s[34]", selector="session"), (0, []))
         self.result("session.refresh", **EAST, value="mallory")
@@ -184,7 +185,3 @@ class Service(unittest.TestCase):
         self.assertEqual(self.call("key.change", **AS_ROOT)["error"]["code"], -32603)
         self.assertEqual(self.outcome("cluster.get", **AS_ROOT), "server-failure")
         self.assertIn("failure the data file failed: no such table", server.log())
-
-
-if __name__ == "__main__":
-    unittest.main()

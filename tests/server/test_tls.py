@@ -7,14 +7,14 @@ import subprocess
 import tempfile
 import unittest
 
-from support import AS_ROOT, ROOT, SUPPORT, Dsessd
+from dsessd import AS_ROOT, REPOSITORY, ROOT, Dsessd
 
 
 class Tls(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.directory = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        subprocess.run(["sh", SUPPORT / "make_certificates", cls.directory], check=True)
+        subprocess.run(["sh", REPOSITORY / "tests" / "support" / "make_certificates", cls.directory], check=True)
         cls.files = {"cert": cls.directory / "node1.pem", "key": cls.directory / "node1.key"}
         cls.mutual = {**cls.files, "client_ca": cls.directory / "ca.pem"}
 
@@ -82,7 +82,3 @@ class Tls(unittest.TestCase):
                                   check=False)
                 self.assertEqual((done.returncode, done.stdout), (1, ""))
                 self.assertRegex(done.stderr, f"^dsessd: {problem}\n$")
-
-
-if __name__ == "__main__":
-    unittest.main()

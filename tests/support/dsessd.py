@@ -22,6 +22,8 @@ REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BINARY = os.environ.get("DSESSD", str(REPOSITORY / "build" / "bin" / "dsessd"))
 SAMPLE = REPOSITORY / "server" / "sample" / "cluster.json"
 DEADLINE = 30  # seconds; generous, for loaded machines and sanitizers
+ROOT = [("root", "SECRET", "change")]
+AS_ROOT = {"user": "root", "password": "SECRET", "login_id": "qk=1"}
 
 
 def request_text(method, user="anonymous", password=None, login_id=None, **parameters):
