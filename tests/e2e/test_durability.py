@@ -1,6 +1,7 @@
 """What a server acknowledged to an administrator survives the server's sudden death."""
 
 import re
+import sqlite3
 import subprocess
 import time
 
@@ -13,9 +14,8 @@ SESSIONS = {f'{prefix}{step:04}' for prefixes in TURNS for prefix in prefixes fo
 
 
 class Durability(Case):
-    def start_worker(self, prefix, env):
-        """A run of vexiladmin that terminates one session after the other, and names each on standard output first."""
-        lines = [f'session terminate session {name} -realm east' for name in SESSIONS if name.startswith(prefix)]
+    def start_worker(self, prefix, env, lines):
+        """A run of vexiladmin with many changes, each of which it names on standard output first."""
         (self.dir / prefix).write_text('\n'.join([ROOT_LOGIN, *lines]))
         with open(self.dir / f'{prefix}output', 'wb') as output:
             worker = subprocess.Popen([VEXILADMIN, '-file', self.dir / prefix], env=env, stdin=subprocess.DEVNULL,
@@ -25,12 +25,15 @@ class Durability(Case):
 
     def test_nothing_acknowledged_is_lost(self):
         sessions = [{'id': name, 'user': 'm', 'time': 1} for name in SESSIONS]
-        acknowledged, doubtful, errors = set(), set(), set()
+        acknowledged, doubtful, errors, labels = set(), set(), set(), set()
         with Dsessd({'realms': [{'name': 'east', 'sessions': sessions}]}, ADMINISTRATORS) as server:
             env = self.environment(config=configuration(server), VEXILADMIN_DEBUG='3')
             for prefixes in TURNS:
-                workers = [self.start_worker(prefix, env) for prefix in prefixes]
-                enough, deadline = len(acknowledged) + 150, time.monotonic() + 60
+                workers = [self.start_worker(prefix, env, [f'session terminate session {name} -realm east'
+                                                           for name in SESSIONS if name.startswith(prefix)])
+                           for prefix in prefixes]
+                keys = self.start_worker('keys-', env, ['key change'] * 1000)
+                enough, deadline = len(acknowledged) + 200, time.monotonic() + 60
                 while server.log().count(' changed: ') < enough and time.monotonic() < deadline:
                     time.sleep(0.005)
                 server.kill()
@@ -40,10 +43,17 @@ class Durability(Case):
                     *begun, last = re.findall(f'^Processing.* ({prefix}.*) -', output, re.M)
                     acknowledged.update(begun)
                     doubtful.add(last)
+                errors.add(keys.communicate(timeout=60)[1])
+                labels.update(re.findall(r'^Key: +(\S+)', (self.dir / 'keys-output').read_text(), re.M))
                 server.start()
+            with sqlite3.connect(server.data) as data:
+                kept = {label for label, in data.execute('SELECT label FROM keys')}
+                self.assertEqual(data.execute('PRAGMA integrity_check').fetchall(), [('ok',)])
             left = self.run_utility(*commands(ROOT_LOGIN, 'session list -realm east * 0'), config=configuration(server))
         gone = SESSIONS - set(left.out.split())
         self.assertGreater(len(acknowledged), 300)
+        self.assertGreater(len(labels), 20)
+        self.assertEqual(labels - kept, set())
         self.assertEqual((acknowledged - gone, gone - acknowledged - doubtful), (set(), set()))
         # Some kill hit a request in progress.
         self.assertEqual(errors - {line(NO_LOCATION)}, {line(OUTCOME_UNKNOWN)})
