@@ -4,8 +4,8 @@ import time
 
 from vexil import line
 
-ADMINISTRATORS = [('root', 'SECRET', 'change'), ('reader', 'GLANCE', 'read')]
-ROOT_LOGIN = 'login root SECRET'
+ADMINISTRATORS = [("root", "SECRET", "change"), ("reader", "GLANCE", "read")]
+ROOT_LOGIN = "login root SECRET"
 
 NO_LOCATION, TIMED_OUT, OUTCOME_UNKNOWN, TLS_FAILURE = 0x38C54011, 0x38C54012, 0x38C54013, 0x38C54014
 IDENTITY_REFUSED, NOT_PERMITTED, UNKNOWN_REALM, UNKNOWN_REPLICA_SET = 0x38C54015, 0x38C54016, 0x38C54017, 0x38C54018
@@ -14,14 +14,18 @@ REQUEST_REFUSED, NOT_UNDERSTOOD, NO_MATCHING_SESSION = 0x38C54019, 0x38C5401A, 0
 
 def configuration(*servers, timeout=5, **entries):
     """The text of a configuration whose locations are these servers; in names of further entries _ stands for -."""
-    lines = {'location': ','.join(f'127.0.0.1:{server.port}' for server in servers), 'instances': 'blue,green',
-             'timeout': timeout, **{name.replace('_', '-'): value for name, value in entries.items()}}
-    return '[tarn]\n' + ''.join(f'{name} = {value}\n' for name, value in lines.items())
+    lines = {
+        "location": ",".join(f"127.0.0.1:{server.port}" for server in servers),
+        "instances": "blue,green",
+        "timeout": timeout,
+        **{name.replace("_", "-"): value for name, value in entries.items()},
+    }
+    return "[tarn]\n" + "".join(f"{name} = {value}\n" for name, value in lines.items())
 
 
 def when(seconds):
     """How a server's time is shown."""
-    return time.strftime('%Y-%m-%d-%H:%M:%S UTC', time.gmtime(seconds))
+    return time.strftime("%Y-%m-%d-%H:%M:%S UTC", time.gmtime(seconds))
 
 
 def key_report(label, made, before=None):
@@ -32,4 +36,4 @@ def key_report(label, made, before=None):
 def listing(total, *sessions):
     """What session list prints; a session is (user, time, id)."""
     rows = [line(0x38C5213D, user, when(seconds), name) for user, seconds, name in sessions]
-    return line(0x38C52143, total, len(rows)) + (''.join(rows) or line(0x38C5213C))
+    return line(0x38C52143, total, len(rows)) + ("".join(rows) or line(0x38C5213C))

@@ -9,42 +9,52 @@ import subprocess
 from endtoend import NO_MATCHING_SESSION, NOT_PERMITTED, ROOT_LOGIN, listing
 from vexil import ROOT, Case, commands, line
 
-QUICKSTART = str(ROOT / 'scripts' / 'quickstart')
-REALMS = 'east\nwest\nnorth\n'
+QUICKSTART = str(ROOT / "scripts" / "quickstart")
+REALMS = "east\nwest\nnorth\n"
 
 
 class Quickstart(Case):
     def setUp(self):
-        if pathlib.Path(os.environ['VEXIL_BUILD']).resolve() != ROOT / 'build' / 'release':
-            self.skipTest('scripts/quickstart builds in build/release, which is not the build under test')
+        if pathlib.Path(os.environ["VEXIL_BUILD"]).resolve() != ROOT / "build" / "release":
+            self.skipTest("scripts/quickstart builds in build/release, which is not the build under test")
         super().setUp()
-        self.settings = {'config': None, 'TMPDIR': str(self.dir)}
+        self.settings = {"config": None, "TMPDIR": str(self.dir)}
 
     def check_nothing_is_left(self):
-        for command in pathlib.Path('/proc').glob('[0-9]*/cmdline'):
+        for command in pathlib.Path("/proc").glob("[0-9]*/cmdline"):
             with contextlib.suppress(OSError):  # of a process that has just ended
                 self.assertNotIn(os.fsencode(self.dir), command.read_bytes())
-        self.assertEqual(list(self.dir.glob('vexiladmin.*')), [])
+        self.assertEqual(list(self.dir.glob("vexiladmin.*")), [])
 
     def test_status_and_streams_are_those_of_vexiladmin(self):
-        terminate = 'session terminate all_sessions mallory -realm east'
-        changes = commands(ROOT_LOGIN, terminate, 'session list -realm east mallory 0', terminate)
+        terminate = "session terminate all_sessions mallory -realm east"
+        changes = commands(ROOT_LOGIN, terminate, "session list -realm east mallory 0", terminate)
         for arguments, out, status in [
-                (commands('key change', 'realm list'), '', NOT_PERMITTED), ([], REALMS + '\n', 0),
-                (['--tls', *changes], listing(0), NO_MATCHING_SESSION)]:
-            done = subprocess.run([QUICKSTART, *arguments], env=self.environment(**self.settings), timeout=120,
-                                  capture_output=True, text=True, input='realm list\n')
-            self.assertEqual((done.stdout, done.stderr, done.returncode),
-                             (out, line(status) if status else '', status & 0xFF))
+            (commands("key change", "realm list"), "", NOT_PERMITTED),
+            ([], REALMS + "\n", 0),
+            (["--tls", *changes], listing(0), NO_MATCHING_SESSION),
+        ]:
+            done = subprocess.run(
+                [QUICKSTART, *arguments],
+                env=self.environment(**self.settings),
+                timeout=120,
+                capture_output=True,
+                text=True,
+                input="realm list\n",
+            )
+            self.assertEqual(
+                (done.stdout, done.stderr, done.returncode), (out, line(status) if status else "", status & 0xFF)
+            )
             self.check_nothing_is_left()
 
     def test_the_prompt_can_be_left_and_interrupted(self):
         for arguments, leave, status in [
-                ([], lambda terminal: terminal.type('exit\n'), 0),
-                (['--tls'], lambda terminal: os.killpg(terminal.pid, signal.SIGINT), 130),
-                ([], lambda terminal: os.killpg(terminal.pid, signal.SIGHUP), 129)]:
+            ([], lambda terminal: terminal.type("exit\n"), 0),
+            (["--tls"], lambda terminal: os.killpg(terminal.pid, signal.SIGINT), 130),
+            ([], lambda terminal: os.killpg(terminal.pid, signal.SIGHUP), 129),
+        ]:
             terminal = self.terminal(*arguments, program=QUICKSTART, **self.settings)
-            self.assertEqual(terminal.answer('realm list'), REALMS)
+            self.assertEqual(terminal.answer("realm list"), REALMS)
             leave(terminal)
             self.assertEqual(terminal.ended()[0], status)
             self.check_nothing_is_left()

@@ -1,14 +1,29 @@
 """The prompt on a terminal with a real server behind it, which dies and comes back."""
 
 from dsessd import Dsessd
-from endtoend import (ADMINISTRATORS, IDENTITY_REFUSED, NO_LOCATION, NO_MATCHING_SESSION, NOT_PERMITTED, configuration,
-                      key_report, listing)
+from endtoend import (
+    ADMINISTRATORS,
+    IDENTITY_REFUSED,
+    NO_LOCATION,
+    NO_MATCHING_SESSION,
+    NOT_PERMITTED,
+    configuration,
+    key_report,
+    listing,
+)
 from vexil import Case, line, msg
 
 PASSWORD = msg(0x38C52145)
 T = 1700000000
-CLUSTER = {'keys': [{'label': 'first', 'time': T}], 'realms': [{'name': 'öst', 'sessions': [
-    {'id': 's-1', 'user': 'Жанна', 'time': T}, {'id': 's-2', 'user': 'zoë', 'time': T + 1}]}]}
+CLUSTER = {
+    "keys": [{"label": "first", "time": T}],
+    "realms": [
+        {
+            "name": "öst",
+            "sessions": [{"id": "s-1", "user": "Жанна", "time": T}, {"id": "s-2", "user": "zoë", "time": T + 1}],
+        }
+    ],
+}
 
 
 class AtPrompt(Case):
@@ -17,23 +32,30 @@ class AtPrompt(Case):
         self.check_table(rows, lambda typed, shown, *prompt: self.assertEqual(terminal.answer(typed, *prompt), shown))
 
     def test_a_day_at_the_prompt(self):
-        zoe, zhanna = listing(1, ('zoë', T + 1, 's-2')), listing(1, ('Жанна', T, 's-1'))
-        with Dsessd(CLUSTER, ADMINISTRATORS, anonymous='read') as server:
-            terminal = self.terminal(config=configuration(server, timeout=2), TERM='vt100')
+        zoe, zhanna = listing(1, ("zoë", T + 1, "s-2")), listing(1, ("Жанна", T, "s-1"))
+        with Dsessd(CLUSTER, ADMINISTRATORS, anonymous="read") as server:
+            terminal = self.terminal(config=configuration(server, timeout=2), TERM="vt100")
             self.check_answers(
-                terminal, ('session list -realm öst zoë 0', zoe),
+                terminal,
+                ("session list -realm öst zoë 0", zoe),
                 # Characters of several bytes are rubbed out as one.
-                ('session list -realm ööst Жаннаё 0\x1b[D\x1b[D\x7f' + '\x1b[D' * 6 + '\x7f' * 4 + 'öst', zhanna),
-                ('# comment', ''), ('\x1b[A\x1b[A\x1b[A', zoe),
-                ('session terminate all_sessions zoë -realm öst', line(NOT_PERMITTED)),
+                ("session list -realm ööst Жаннаё 0\x1b[D\x1b[D\x7f" + "\x1b[D" * 6 + "\x7f" * 4 + "öst", zhanna),
+                ("# comment", ""),
+                ("\x1b[A\x1b[A\x1b[A", zoe),
+                ("session terminate all_sessions zoë -realm öst", line(NOT_PERMITTED)),
                 # The password is not echoed, and a wrong one does not end the prompt.
-                ('login root', '', PASSWORD), ('WRONG', line(IDENTITY_REFUSED)), ('key show', line(IDENTITY_REFUSED)),
-                ('login root', '', PASSWORD), ('SECRET', ''),
-                ('session terminate all_sessions zoë -realm öst', ''), ('\x1b[A', line(NO_MATCHING_SESSION)))
+                ("login root", "", PASSWORD),
+                ("WRONG", line(IDENTITY_REFUSED)),
+                ("key show", line(IDENTITY_REFUSED)),
+                ("login root", "", PASSWORD),
+                ("SECRET", ""),
+                ("session terminate all_sessions zoë -realm öst", ""),
+                ("\x1b[A", line(NO_MATCHING_SESSION)),
+            )
             server.kill()
-            self.check_answers(terminal, ('key show', line(NO_LOCATION)), ('key change', line(NO_LOCATION)))
+            self.check_answers(terminal, ("key show", line(NO_LOCATION)), ("key change", line(NO_LOCATION)))
             server.start()
-            self.check_answers(terminal, ('key show', key_report('first', T)), ('session list -realm öst * 0', zhanna))
-            terminal.type('\x04')
+            self.check_answers(terminal, ("key show", key_report("first", T)), ("session list -realm öst * 0", zhanna))
+            terminal.type("\x04")
             status, rest = terminal.ended()
-            self.assertEqual((status, rest[-1:], terminal.echoes()), (0, '\n', True))
+            self.assertEqual((status, rest[-1:], terminal.echoes()), (0, "\n", True))

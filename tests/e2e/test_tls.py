@@ -9,77 +9,81 @@ from endtoend import IDENTITY_REFUSED, NO_LOCATION, ROOT_LOGIN, TLS_FAILURE, con
 from fault_server import FaultServer
 from vexil import ROOT, Case, commands, line
 
-REALMS = 'east\nwest\n'
-NODE1, NODE2 = '/C=DE/O=Example/CN=node1', '/C=DE/O=Example/CN=node2'
+REALMS = "east\nwest\n"
+NODE1, NODE2 = "/C=DE/O=Example/CN=node1", "/C=DE/O=Example/CN=node2"
 
 
 class Tls(Case):
     @classmethod
     def setUpClass(cls):
         cls.certificates = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        subprocess.run(['sh', ROOT / 'tests' / 'support' / 'make_certificates', cls.certificates], check=True)
+        subprocess.run(["sh", ROOT / "tests" / "support" / "make_certificates", cls.certificates], check=True)
 
     def path(self, name):
         return str(self.certificates / name)
 
-    def server(self, name='node1'):
-        return Dsessd({'realms': [{'name': 'east'}, {'name': 'west'}]}, anonymous='read', tls={
-            'cert': self.path(f'{name}.pem'), 'key': self.path(f'{name}.pem'), 'client_ca': self.path('ca.pem')})
+    def server(self, name="node1"):
+        return Dsessd(
+            {"realms": [{"name": "east"}, {"name": "west"}]},
+            anonymous="read",
+            tls={"cert": self.path(f"{name}.pem"), "key": self.path(f"{name}.pem"), "client_ca": self.path("ca.pem")},
+        )
 
-    def bad_peer(self, name, mode='tls:good'):
-        return FaultServer(mode, self.path(f'{name}.pem'), self.path(f'{name}.pem'))
+    def bad_peer(self, name, mode="tls:good"):
+        return FaultServer(mode, self.path(f"{name}.pem"), self.path(f"{name}.pem"))
 
-    def tls(self, *servers, keyfile='alice.p12', stash='stash', **entries):
+    def tls(self, *servers, keyfile="alice.p12", stash="stash", **entries):
         return configuration(*servers, ssl_keyfile=self.path(keyfile), ssl_keyfile_stash=self.path(stash), **entries)
 
-    def check_look(self, config, out, status=0, texts=('realm list',)):
+    def check_look(self, config, out, status=0, texts=("realm list",)):
         """Runs commands with trace level 1."""
-        result = self.run_utility(*commands(*texts), config=config, VEXILADMIN_DEBUG='1')
-        self.assertRegex(result.out, f'^{out}$')
-        self.assertEqual((result.err, result.status), (line(status) if status else '', status & 0xFF))
+        result = self.run_utility(*commands(*texts), config=config, VEXILADMIN_DEBUG="1")
+        self.assertRegex(result.out, f"^{out}$")
+        self.assertEqual((result.err, result.status), (line(status) if status else "", status & 0xFF))
 
     def test_a_server_with_the_right_name_is_talked_to(self):
         with self.server() as server:
-            self.check_look(self.tls(server, server_dns=f'{NODE2},{NODE1}'), REALMS)
-            self.check_look(self.tls(server, keyfile='alice-pem.pem', ssl_keyfile_label='alice'), REALMS)
-            ends = 'the certificate .*CN=soon .* ends on .*\n'
-            self.check_look(self.tls(server, keyfile='soon.p12'), ends + REALMS * 2, texts=['realm list'] * 2)
-            self.check_look(self.tls(server), '.*identity-refused.*\n', IDENTITY_REFUSED, [ROOT_LOGIN])
-            self.assertRegex(server.log(), 'identity refused: root from .* with certificate .*CN=alice\n')
-        with self.server('far') as server:  # whose certificate bears another host name
-            self.check_look(self.tls(server, server_dns='/C=DE/O=Example/CN=far'), REALMS)
+            self.check_look(self.tls(server, server_dns=f"{NODE2},{NODE1}"), REALMS)
+            self.check_look(self.tls(server, keyfile="alice-pem.pem", ssl_keyfile_label="alice"), REALMS)
+            ends = "the certificate .*CN=soon .* ends on .*\n"
+            self.check_look(self.tls(server, keyfile="soon.p12"), ends + REALMS * 2, texts=["realm list"] * 2)
+            self.check_look(self.tls(server), ".*identity-refused.*\n", IDENTITY_REFUSED, [ROOT_LOGIN])
+            self.assertRegex(server.log(), "identity refused: root from .* with certificate .*CN=alice\n")
+        with self.server("far") as server:  # whose certificate bears another host name
+            self.check_look(self.tls(server, server_dns="/C=DE/O=Example/CN=far"), REALMS)
 
     def test_no_connection_comes_about(self):
-        theirs, ours = "the server's certificate.* ", 'our certificate was refused: '
+        theirs, ours = "the server's certificate.* ", "our certificate was refused: "
         for name, entries, cause in [
-                ('node1', {'server_dns': NODE2}, f'{theirs}{NODE1}: this name is not on the list .server-dns.'),
-                ('far', {}, f"{theirs}matches target host name '127.0.0.1'"),
-                ('late', {}, f'{theirs}/C=DE/O=Example/CN=late: certificate has expired'),
-                ('stranger', {}, f'{theirs}/C=DE/O=Example/CN=stranger: unable to get local issuer certificate'),
-                ('node1', {'keyfile': 'expired.p12'}, ours + 'certificate expired'),
-                ('node1', {'keyfile': 'anchors.pem'}, ours + '.*the key file holds none')]:
+            ("node1", {"server_dns": NODE2}, f"{theirs}{NODE1}: this name is not on the list .server-dns."),
+            ("far", {}, f"{theirs}matches target host name '127.0.0.1'"),
+            ("late", {}, f"{theirs}/C=DE/O=Example/CN=late: certificate has expired"),
+            ("stranger", {}, f"{theirs}/C=DE/O=Example/CN=stranger: unable to get local issuer certificate"),
+            ("node1", {"keyfile": "expired.p12"}, ours + "certificate expired"),
+            ("node1", {"keyfile": "anchors.pem"}, ours + ".*the key file holds none"),
+        ]:
             with self.subTest(name, **entries), self.server(name) as server:
-                url = f'https://127.0.0.1:{server.port}/blue/services/DSessAdminProxy'
-                self.check_look(self.tls(server, **entries), f'(.* ended on .*\n)?{url}: {cause}\n', TLS_FAILURE)
-        with Dsessd(anonymous='read') as plain, self.server() as secure:
-            self.check_look(self.tls(plain), 'https://127.*: no TLS connection: .*wrong version number\n', TLS_FAILURE)
-            self.check_look(configuration(secure), '.*\n', NO_LOCATION)
+                url = f"https://127.0.0.1:{server.port}/blue/services/DSessAdminProxy"
+                self.check_look(self.tls(server, **entries), f"(.* ended on .*\n)?{url}: {cause}\n", TLS_FAILURE)
+        with Dsessd(anonymous="read") as plain, self.server() as secure:
+            self.check_look(self.tls(plain), "https://127.*: no TLS connection: .*wrong version number\n", TLS_FAILURE)
+            self.check_look(configuration(secure), ".*\n", NO_LOCATION)
 
     def test_the_name_is_checked_again_for_each_connection_of_a_run(self):
         # The same server takes on another name between two commands, and could resume its sessions under either.
-        for mode in ('tls:close-after', 'tls1.2:close-after'):
-            with self.subTest(mode), self.bad_peer('node1', mode) as server:
+        for mode in ("tls:close-after", "tls1.2:close-after"):
+            with self.subTest(mode), self.bad_peer("node1", mode) as server:
                 terminal = self.terminal(config=self.tls(server, server_dns=NODE1))
-                self.assertEqual(terminal.answer('realm list'), REALMS)
+                self.assertEqual(terminal.answer("realm list"), REALMS)
                 seen = server.bytes
-                server.tls.load_cert_chain(self.path('node2.pem'))
-                for text in ('realm list', 'key change'):
+                server.tls.load_cert_chain(self.path("node2.pem"))
+                for text in ("realm list", "key change"):
                     self.assertEqual(terminal.answer(text), line(TLS_FAILURE))
                 self.assertEqual(server.bytes, seen)
 
     def test_failover_passes_over_servers_that_are_not_trusted(self):
-        with self.bad_peer('stranger') as stranger, self.bad_peer('node2') as other, self.server() as good:
+        with self.bad_peer("stranger") as stranger, self.bad_peer("node2") as other, self.server() as good:
             config = self.tls(stranger, other, good, server_dns=NODE1)
-            passed = 'https://.*local issuer.*\nhttps://.*CN=node2: this name is not on the list.*\n'
-            self.check_look(config, passed + REALMS * 2, texts=['realm list'] * 2)
+            passed = "https://.*local issuer.*\nhttps://.*CN=node2: this name is not on the list.*\n"
+            self.check_look(config, passed + REALMS * 2, texts=["realm list"] * 2)
             self.assertEqual([(peer.connections, peer.bytes) for peer in (stranger, other)], [(1, 0)] * 2)

@@ -70,29 +70,53 @@ class Hostile(unittest.TestCase):
 
     def test_requests_that_are_refused_by_their_head(self):
         for expected, cases in {
-            (200,): [request(headers=CLOSE), chunked(GOOD[:10], GOOD[10:]),
-                     request(headers=("Content-Type: Application/JSON; charset=utf-8", "Connection: close")),
-                     request(headers=(*CLOSE, "Range: bytes=0-3", "Accept-Encoding: gzip, br"))],
+            (200,): [
+                request(headers=CLOSE),
+                chunked(GOOD[:10], GOOD[10:]),
+                request(headers=("Content-Type: Application/JSON; charset=utf-8", "Connection: close")),
+                request(headers=(*CLOSE, "Range: bytes=0-3", "Accept-Encoding: gzip, br")),
+            ],
             (200, 200): [request() + request(headers=CLOSE)],
             (100, 200): [request(headers=(*CLOSE, "Expect: 100-continue"))],
-            (400,): [request(b"x" * 65536, headers=CLOSE), request(length="-1"), request(length="1x"),
-                     request(length="1\r\nContent-Length: 2"), request(headers=(JSON, "Transfer-Encoding: chunked")),
-                     request(b"", headers=CLOSE), request(b"", headers=CLOSE, length=False), request(version="2.0"),
-                     request(headers=(JSON, "Transfer-Encoding: gzip, chunked"), length=False),
-                     chunked(GOOD, end=b"zz\r\n"),
-                     b"\r\n\r\n", b"GET\r\n\r\n", b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc" + bytes(99) + b"\n\r\n",
-                     request(headers=("X: " + "a" * 9000,))],
-            (404,): [request(path="/red/services/DSessAdmin"), request(path="/blue/services/DSessAdmin/"),
-                     request(path="/blue/../blue/services/DSessAdmin"),
-                     b"POST / HTTP/1.1\r\nRange: bytes=" + b"0-0," * 2000 + b"0-0\r\n\r\n"],
+            (400,): [
+                request(b"x" * 65536, headers=CLOSE),
+                request(length="-1"),
+                request(length="1x"),
+                request(length="1\r\nContent-Length: 2"),
+                request(headers=(JSON, "Transfer-Encoding: chunked")),
+                request(b"", headers=CLOSE),
+                request(b"", headers=CLOSE, length=False),
+                request(version="2.0"),
+                request(headers=(JSON, "Transfer-Encoding: gzip, chunked"), length=False),
+                chunked(GOOD, end=b"zz\r\n"),
+                b"\r\n\r\n",
+                b"GET\r\n\r\n",
+                b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc" + bytes(99) + b"\n\r\n",
+                request(headers=("X: " + "a" * 9000,)),
+            ],
+            (404,): [
+                request(path="/red/services/DSessAdmin"),
+                request(path="/blue/services/DSessAdmin/"),
+                request(path="/blue/../blue/services/DSessAdmin"),
+                b"POST / HTTP/1.1\r\nRange: bytes=" + b"0-0," * 2000 + b"0-0\r\n\r\n",
+            ],
             (405,): [request(method=method) for method in ("GET", "PUT", "OPTIONS")],
-            (413,): [request(b"", length=65537), request(b"", length=10**30), chunked(b"x" * 65536, b"y"),
-                     request(b"", length=65537, headers=(JSON, "Expect: 100-continue")), chunked(*[b"z" * 10] * 9000),
-                     request(headers=[f"X-{i}: y" for i in range(30000)]), b"POST " + b"a" * 300000],
+            (413,): [
+                request(b"", length=65537),
+                request(b"", length=10**30),
+                chunked(b"x" * 65536, b"y"),
+                request(b"", length=65537, headers=(JSON, "Expect: 100-continue")),
+                chunked(*[b"z" * 10] * 9000),
+                request(headers=[f"X-{i}: y" for i in range(30000)]),
+                b"POST " + b"a" * 300000,
+            ],
             (414,): [request(path="/" + "a" * 9000)],
-            (415,): [request(headers=()), request(headers=("Content-Type: text/json",)),
-                     request(headers=("Content-Type: multipart/form-data; boundary=x",)),
-                     request(headers=(JSON, "Content-Encoding: gzip"))],
+            (415,): [
+                request(headers=()),
+                request(headers=("Content-Type: text/json",)),
+                request(headers=("Content-Type: multipart/form-data; boundary=x",)),
+                request(headers=(JSON, "Content-Encoding: gzip")),
+            ],
         }.items():
             for sent in cases:
                 started = time.monotonic()
@@ -114,8 +138,13 @@ class Hostile(unittest.TestCase):
         for _ in range(450):  # more, like those to come, than the server has room for
             self.connect()
         begin, answers = time.monotonic(), []
-        slow = [(kind, self.connect(first)) for _ in range(90) for kind, first in enumerate([
-            b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")])]
+        slow = [
+            (kind, self.connect(first))
+            for _ in range(90)
+            for kind, first in enumerate(
+                [b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")]
+            )
+        ]
 
         def drip(kind, client):
             answer = b""
@@ -126,6 +155,7 @@ class Hostile(unittest.TestCase):
                     with contextlib.suppress(socket.timeout):
                         answer = client.recv(1000) or b"end"
             answers.append((kind, statuses(answer)))
+
         threads = [threading.Thread(target=drip, args=pair) for pair in slow]
         for thread in threads:
             thread.start()
@@ -138,8 +168,11 @@ class Hostile(unittest.TestCase):
             self.assertIn((kind, [408]), answers)
 
     def test_who_takes_no_answer_makes_room_too(self):
-        cluster = {"realms": [{"name": "east", "sessions": [
-            {"id": f"{i:032x}", "user": "mallory", "time": i} for i in range(30000)]}]}
+        cluster = {
+            "realms": [
+                {"name": "east", "sessions": [{"id": f"{i:032x}", "user": "mallory", "time": i} for i in range(30000)]}
+            ]
+        }
         listing = request(request_text("session.list", realm="east", selector="user", value="*", max=-1).encode())
         self.server.stop()
         self.server = self.enterContext(Dsessd(cluster, anonymous="read"))
@@ -156,11 +189,13 @@ class Hostile(unittest.TestCase):
         def guess(number):
             while not stop.is_set():
                 outcomes.add(self.server.post(request_text("cluster.get", ("root", "nobody")[number % 2], "guess"))[0])
+
         connection = self.clients.enter_context(contextlib.closing(self.server.connect()))
 
         def work(times):
             for _ in range(times):
                 self.assertIn("result", self.server.call("cluster.get", connection=connection, **AS_ROOT))
+
         work(1)
         threads = [threading.Thread(target=guess, args=(n,)) for n in range(80)]
         for thread in threads:

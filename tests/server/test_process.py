@@ -16,7 +16,7 @@ LEVEL = b'{"jsonrpc":"2.0","id":1,"result":{"level":1}}'
 
 
 def sessions(count):
-    return [{"id": f"{i:08x}", "user": f"{i % 100}\u0007\"李", "time": 1790000000 + i} for i in range(count)]
+    return [{"id": f"{i:08x}", "user": f'{i % 100}\u0007"李', "time": 1790000000 + i} for i in range(count)]
 
 
 def cluster(count):
@@ -27,8 +27,9 @@ class Serving(unittest.TestCase):
     def test_says_on_one_line_where_it_listens_and_ends_cleanly(self):
         for host, how in [("127.0.0.1", signal.SIGTERM), ("[::1]", signal.SIGINT), ("localhost", signal.SIGTERM)]:
             with Dsessd(listen=f"{host}:0", instances=["blue", "green"], anonymous="read") as server:
-                self.assertEqual(server.ready_line,
-                                 f"dsessd: listening on http://{host}:{server.port}/ for instances blue, green\n")
+                self.assertEqual(
+                    server.ready_line, f"dsessd: listening on http://{host}:{server.port}/ for instances blue, green\n"
+                )
                 for path in ("/blue/services/DSessAdmin", "/green/services/DSessAdminProxy"):
                     self.assertEqual(server.post(request_text("trace.get"), path), (200, LEVEL))
                 stdout = server.process.stdout
@@ -46,26 +47,41 @@ class Serving(unittest.TestCase):
                 with contextlib.closing(sqlite3.connect(files[name])) as database:
                     database.execute(change)
             for listen, data, problem in [
-                    (f"127.0.0.1:{taken.getsockname()[1]}", None, "cannot listen on .*: Address already in use"),
-                    *((listen, None, "--listen takes HOST:PORT") for listen in ("127.0.0.1", "::1:80", "[::1]:99999")),
-                    ("no.such.host.invalid:80", None, "no address for no.such.host.invalid"),
-                    ("127.0.0.1:0", "text", "is not a data file of dsessd"),
-                    ("127.0.0.1:0", "foreign", "is not a data file of dsessd"),
-                    ("127.0.0.1:0", "newer", "has schema version 2"),
-                    ("127.0.0.1:0", "none", "there is no data file"),
-                    ("127.0.0.1:0", ".", "cannot be used")]:
+                (f"127.0.0.1:{taken.getsockname()[1]}", None, "cannot listen on .*: Address already in use"),
+                *((listen, None, "--listen takes HOST:PORT") for listen in ("127.0.0.1", "::1:80", "[::1]:99999")),
+                ("no.such.host.invalid:80", None, "no address for no.such.host.invalid"),
+                ("127.0.0.1:0", "text", "is not a data file of dsessd"),
+                ("127.0.0.1:0", "foreign", "is not a data file of dsessd"),
+                ("127.0.0.1:0", "newer", "has schema version 2"),
+                ("127.0.0.1:0", "none", "there is no data file"),
+                ("127.0.0.1:0", ".", "cannot be used"),
+            ]:
                 with self.subTest(problem=problem):
-                    done = server.run("serve", "--instance", "blue", "--listen", listen, "--data",
-                                      files[data] if data else server.data, check=False)
+                    done = server.run(
+                        "serve",
+                        "--instance",
+                        "blue",
+                        "--listen",
+                        listen,
+                        "--data",
+                        files[data] if data else server.data,
+                        check=False,
+                    )
                     self.assertEqual((done.returncode, done.stdout), (1, ""))
                     self.assertRegex(done.stderr, rf"^dsessd: .*{problem}.*\n$")
             self.assertFalse(os.path.exists(files["none"]))
             with contextlib.closing(sqlite3.connect(files["foreign"])) as database:
                 self.assertEqual(database.execute("SELECT name FROM sqlite_schema").fetchall(), [("songs",)])
             serve = ["serve", "--listen", "127.0.0.1:0", "--data", server.data, "--instance"]
-            for arguments in (["serve"], [*serve, "a/b"], [*serve, "a", "--tls-cert", "x"], ["bogus"], [],
-                              [*serve, "a", "--anonymous", "all"],
-                              ["admin", "add", "x", "--data", server.data, "--role", "root"]):
+            for arguments in (
+                ["serve"],
+                [*serve, "a/b"],
+                [*serve, "a", "--tls-cert", "x"],
+                ["bogus"],
+                [],
+                [*serve, "a", "--anonymous", "all"],
+                ["admin", "add", "x", "--data", server.data, "--role", "root"],
+            ):
                 self.assertEqual(server.run(*arguments, check=False).returncode, 2, arguments)
 
     def test_finishes_what_is_in_progress_when_it_is_stopped(self):
@@ -76,7 +92,7 @@ class Serving(unittest.TestCase):
             slow.request("POST", "/blue/services/DSessAdmin", listing, {"Content-Type": "application/json"})
             response = slow.getresponse()
             start = response.read(10)
-            gone = server.call("session.terminate", realm="east", selector="user", value="7\u0007\"李", **AS_ROOT)
+            gone = server.call("session.terminate", realm="east", selector="user", value='7\u0007"李', **AS_ROOT)
             self.assertEqual(gone["result"]["count"], 1500)
             self.assertEqual({os.stat(server.data + end).st_mode & 0o777 for end in ("", "-wal", "-shm")}, {0o600})
             server.process.send_signal(signal.SIGTERM)
@@ -110,10 +126,14 @@ class Loading(unittest.TestCase):
     def test_replaces_the_cluster_under_a_running_server(self):
         with Dsessd(administrators=ROOT) as server:
             self.assertEqual(server.call("trace.set", level=7, **AS_ROOT)["result"]["level"], 7)
-            fields = ("'sessions':[{'age':10,'user':'u','id':'s'}],'replicaSets':[{'members':[{'age':5,'name':'m'}],"
-                      "'name':'set'}],'name':'east'")
-            self.assertEqual(self.load(server, realm(fields)),
-                             "dsessd: loaded realms: 1, replica sets: 1, members: 1, keys: 0, sessions: 1\n")
+            fields = (
+                "'sessions':[{'age':10,'user':'u','id':'s'}],'replicaSets':[{'members':[{'age':5,'name':'m'}],"
+                "'name':'set'}],'name':'east'"
+            )
+            self.assertEqual(
+                self.load(server, realm(fields)),
+                "dsessd: loaded realms: 1, replica sets: 1, members: 1, keys: 0, sessions: 1\n",
+            )
             now = int(time.time())
             result = server.call("session.list", realm="east", selector="user", value="*", max=-1, **AS_ROOT)["result"]
             self.assertIn(result["sessions"][0]["time"], range(now - 20, now - 9))
@@ -127,27 +147,33 @@ class Loading(unittest.TestCase):
         with Dsessd(administrators=ROOT) as server:
             before = server.call("cluster.get", **AS_ROOT)["result"]
             for text, problem in [
-                    ("", "1: The document is empty"), ("[]", "1: the cluster is not an object"),
-                    ("{}", "1: the cluster without the field 'realms'"),
-                    ("{\n'realms': [\n{'nmae': 1}]}", "3: a realm has no field 'nmae'"),
-                    ("{'realms': [1]}", "1: something other than an object in the field 'realms' of the cluster"),
-                    ("{'realms': {}}", "1: an object where there should be none"),
-                    ("{'realms': []}\n}", "2: The document root must not be followed by other values"),
-                    ("{'realms': []}\0x", "1: a NUL byte"),
-                    ("{'realms': " + "[" * 100000, "1: something other than an object"),
-                    (realm(""), "1: a realm without the field 'name'"),
-                    (realm("'name':'a'},\n{'name':'a'"), "2: a realm 'a' comes twice"),
-                    (realm("'name':'a',\n'name':'b'"), f"2: {name}comes twice"),
-                    *((realm(f"'name':'{text}'"), f"1: {name}is empty, longer than 1024 bytes, or not UTF-8")
-                      for text in ("", "\udcff", "\\udc00", "a\\u0000b", "x" * 1025)),
-                    (realm("'name':5"), f"1: {name}is of the wrong type"),
-                    (realm("'name':'r','replicaSets':[{'name':'s'},{'name':'s'}]"), "a replica set 's' comes twice"),
-                    *((session(both), "one of the fields 'time' and 'age'") for both in ("", ",'age':1,'time':1")),
-                    *((session(f",{time}"), "is not between 0 and 2147483647")
-                      for time in ("'time':2147483648", "'time':-1", "'age':2147483648", "'age':-1")),
-                    (session(",'time':1.5"), "neither text nor a whole number"),
-                    (session(",'time':18446744073709551615"), "too large"),
-                    (session(",'time':1", ",\n{'id':'s','user':'v','time':1}"), "2: a session 's' comes twice")]:
+                ("", "1: The document is empty"),
+                ("[]", "1: the cluster is not an object"),
+                ("{}", "1: the cluster without the field 'realms'"),
+                ("{\n'realms': [\n{'nmae': 1}]}", "3: a realm has no field 'nmae'"),
+                ("{'realms': [1]}", "1: something other than an object in the field 'realms' of the cluster"),
+                ("{'realms': {}}", "1: an object where there should be none"),
+                ("{'realms': []}\n}", "2: The document root must not be followed by other values"),
+                ("{'realms': []}\0x", "1: a NUL byte"),
+                ("{'realms': " + "[" * 100000, "1: something other than an object"),
+                (realm(""), "1: a realm without the field 'name'"),
+                (realm("'name':'a'},\n{'name':'a'"), "2: a realm 'a' comes twice"),
+                (realm("'name':'a',\n'name':'b'"), f"2: {name}comes twice"),
+                *(
+                    (realm(f"'name':'{text}'"), f"1: {name}is empty, longer than 1024 bytes, or not UTF-8")
+                    for text in ("", "\udcff", "\\udc00", "a\\u0000b", "x" * 1025)
+                ),
+                (realm("'name':5"), f"1: {name}is of the wrong type"),
+                (realm("'name':'r','replicaSets':[{'name':'s'},{'name':'s'}]"), "a replica set 's' comes twice"),
+                *((session(both), "one of the fields 'time' and 'age'") for both in ("", ",'age':1,'time':1")),
+                *(
+                    (session(f",{time}"), "is not between 0 and 2147483647")
+                    for time in ("'time':2147483648", "'time':-1", "'age':2147483648", "'age':-1")
+                ),
+                (session(",'time':1.5"), "neither text nor a whole number"),
+                (session(",'time':18446744073709551615"), "too large"),
+                (session(",'time':1", ",\n{'id':'s','user':'v','time':1}"), "2: a session 's' comes twice"),
+            ]:
                 said = self.load(server, text)
                 self.assertRegex(said, "^dsessd: -, line [^\n]*; nothing was loaded\n$")
                 self.assertIn(problem, said, text[:99])
@@ -163,8 +189,11 @@ class Loading(unittest.TestCase):
                 terminal = Terminal([BINARY, "load", "--data", server.data, source], os.environ)
                 self.addCleanup(terminal.close)
                 time.sleep(1.5)
-            self.assertRegex(terminal.ended()[1], r"^(\r\x1b\[Kloading: [4-9]\d%, [48]\d\d\d sessions)+\r\x1b\[K"
-                                                  r"dsessd: loaded realms: 1, .*, sessions: 9000\r\n$")
+            self.assertRegex(
+                terminal.ended()[1],
+                r"^(\r\x1b\[Kloading: [4-9]\d%, [48]\d\d\d sessions)+\r\x1b\[K"
+                r"dsessd: loaded realms: 1, .*, sessions: 9000\r\n$",
+            )
 
 
 class Administrators(unittest.TestCase):
@@ -176,17 +205,29 @@ class Administrators(unittest.TestCase):
         with Dsessd() as server:
             data = ["--data", server.data]
             for arguments, typed, said, password, outcome in [
-                    (["add", "josé"], "first\r\nsecond\n", "administrator josé added, may change", "first", "done"),
-                    (["add", "josé", "--role", "read"], "other", "administrator josé changed, may read", "first",
-                     "identity-refused"),
-                    (["list"], "", "josé read", "other", "done"),
-                    (["remove", "josé"], "", "administrator josé removed", "other", "identity-refused")]:
+                (["add", "josé"], "first\r\nsecond\n", "administrator josé added, may change", "first", "done"),
+                (
+                    ["add", "josé", "--role", "read"],
+                    "other",
+                    "administrator josé changed, may read",
+                    "first",
+                    "identity-refused",
+                ),
+                (["list"], "", "josé read", "other", "done"),
+                (["remove", "josé"], "", "administrator josé removed", "other", "identity-refused"),
+            ]:
                 done = server.run("admin", *arguments, *data, input=typed)
                 self.assertEqual(done.stdout.removeprefix("dsessd: "), said + "\n")
                 for _ in range(2):
                     self.assertEqual(self.outcome(server, "josé", password), outcome, said)
-            for arguments, typed in [(["remove", "josé"], ""), (["add", "x"], ""), (["add", "x"], "\n"),
-                                     (["add", ""], "x"), (["add", "x"], "y" * 512), (["add", "anonymous"], "x")]:
+            for arguments, typed in [
+                (["remove", "josé"], ""),
+                (["add", "x"], ""),
+                (["add", "x"], "\n"),
+                (["add", ""], "x"),
+                (["add", "x"], "y" * 512),
+                (["add", "anonymous"], "x"),
+            ]:
                 done = server.run("admin", *arguments, *data, input=typed, check=False)
                 self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (1, "", 1), arguments)
             self.assertEqual(server.run("admin", "list", *data).stdout, "")
@@ -210,8 +251,10 @@ class Administrators(unittest.TestCase):
 
     def test_are_asked_for_their_password_without_echo(self):
         with Dsessd() as server:
-            self.assertEqual(self.typing(server, "tiptop", "tiptop"),
-                             (0, "Password for root: \nOnce more: \ndsessd: administrator root added, may change\n"))
+            self.assertEqual(
+                self.typing(server, "tiptop", "tiptop"),
+                (0, "Password for root: \nOnce more: \ndsessd: administrator root added, may change\n"),
+            )
             status, output = self.typing(server, "one", "two")
             self.assertEqual((status, output.split("\n")[-2]), (1, "dsessd: the two passwords differ"))
             for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT):

@@ -59,26 +59,48 @@ class Tls(unittest.TestCase):
                 context, session = self.context("alice", version), None
                 for _ in range(2):
                     with socket.create_connection((server.host, server.port)) as plain, context.wrap_socket(
-                            plain, server_hostname="localhost", session=session) as client:
+                        plain, server_hostname="localhost", session=session
+                    ) as client:
                         self.assertFalse(client.session_reused)
                         client.sendall(b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
                         self.assertTrue(client.recv(100).startswith(b"HTTP/1.1 404 "))
                         session = client.session
 
     def test_names_the_file_that_cannot_be_used(self):
-        subprocess.run(["openssl", "pkey", "-in", self.files["key"], "-aes256", "-passout", "pass:x", "-out",
-                        self.directory / "locked.key"], check=True)
+        subprocess.run(
+            [
+                "openssl",
+                "pkey",
+                "-in",
+                self.files["key"],
+                "-aes256",
+                "-passout",
+                "pass:x",
+                "-out",
+                self.directory / "locked.key",
+            ],
+            check=True,
+        )
         with Dsessd() as server:
             for option, name, problem in [
-                    ("--tls-key", "locked.key", "the private key .*/locked.key cannot be used: interrupted or .*"),
-                    ("--tls-key", "alice.key", "the private key .*/alice.key cannot be used: key values mismatch"),
-                    ("--tls-key", "none", "the private key .*/none cannot be used: No such file or directory"),
-                    ("--tls-cert", "none", "the certificate .*/none cannot be used: No such file or directory"),
-                    ("--tls-cert", "node1.key", "the certificate .*/node1.key cannot be used: no start line"),
-                    ("--client-ca", "node1.key", "the file of client authorities .*/node1.key cannot be used: .*")]:
+                ("--tls-key", "locked.key", "the private key .*/locked.key cannot be used: interrupted or .*"),
+                ("--tls-key", "alice.key", "the private key .*/alice.key cannot be used: key values mismatch"),
+                ("--tls-key", "none", "the private key .*/none cannot be used: No such file or directory"),
+                ("--tls-cert", "none", "the certificate .*/none cannot be used: No such file or directory"),
+                ("--tls-cert", "node1.key", "the certificate .*/node1.key cannot be used: no start line"),
+                ("--client-ca", "node1.key", "the file of client authorities .*/node1.key cannot be used: .*"),
+            ]:
                 files = {"--tls-cert": "node1.pem", "--tls-key": "node1.key", option: name}
-                done = server.run("serve", "--listen", "127.0.0.1:0", "--instance", "blue", "--data", server.data,
-                                  *(word for pair in files.items() for word in (pair[0], self.directory / pair[1])),
-                                  check=False)
+                done = server.run(
+                    "serve",
+                    "--listen",
+                    "127.0.0.1:0",
+                    "--instance",
+                    "blue",
+                    "--data",
+                    server.data,
+                    *(word for pair in files.items() for word in (pair[0], self.directory / pair[1])),
+                    check=False,
+                )
                 self.assertEqual((done.returncode, done.stdout), (1, ""))
                 self.assertRegex(done.stderr, f"^dsessd: {problem}\n$")

@@ -32,8 +32,16 @@ def request_text(method, user="anonymous", password=None, login_id=None, **param
 
 
 class Dsessd:
-    def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), anonymous="none", tls=None,
-                 listen="127.0.0.1:0", client_context=None):
+    def __init__(
+        self,
+        cluster=SAMPLE,
+        administrators=(),
+        instances=("blue",),
+        anonymous="none",
+        tls=None,
+        listen="127.0.0.1:0",
+        client_context=None,
+    ):
         """cluster: path of a JSON file or an object to write as one. administrators: (name, password, role). tls: dict
         with "cert", "key" and perhaps "client_ca", paths. client_context: ssl.SSLContext for call() with tls."""
         self._directory = tempfile.TemporaryDirectory(prefix="dsessd-")
@@ -52,8 +60,15 @@ class Dsessd:
 
     def run(self, *arguments, check=True, **options):
         """Runs another dsessd command to its end."""
-        return subprocess.run([BINARY, *arguments], check=check, capture_output=True, text=True, timeout=DEADLINE,
-                              errors="surrogateescape", **options)
+        return subprocess.run(
+            [BINARY, *arguments],
+            check=check,
+            capture_output=True,
+            text=True,
+            timeout=DEADLINE,
+            errors="surrogateescape",
+            **options,
+        )
 
     def start(self):
         arguments = [BINARY, "serve", "--listen", self.listen, "--data", self.data, "--anonymous", self.anonymous]
@@ -107,8 +122,12 @@ class Dsessd:
         own = connection is None
         connection = connection or self.connect()
         try:
-            connection.request("POST", path or f"/{self.instances[0]}/services/DSessAdminProxy", body,
-                               {"Content-Type": "application/json"})
+            connection.request(
+                "POST",
+                path or f"/{self.instances[0]}/services/DSessAdminProxy",
+                body,
+                {"Content-Type": "application/json"},
+            )
             response = connection.getresponse()
             return response.status, response.read()
         finally:

@@ -40,14 +40,25 @@ import time
 import warnings
 
 RESULTS = {
-    "cluster.get": {"count": 2, "key": {"label": "key-1", "time": 1700000000, "previousTime": 0}, "realms": [
-        {"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}]},
+    "cluster.get": {
+        "count": 2,
+        "key": {"label": "key-1", "time": 1700000000, "previousTime": 0},
+        "realms": [{"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}],
+    },
     "replicaSet.get": {"count": 1, "records": [{"name": "node1", "time": 1700000001}]},
     "key.change": {"key": {"label": "key-2", "time": 1700000002, "previousTime": 1700000000}},
-    "session.list": {"total": 5, "count": 2, "sessions": [
-        {"id": "s-1", "user": "mallory", "time": 1700000003}, {"id": "s-2", "user": "J\u00fcrgen", "time": -1}]},
-    "session.terminate": {"count": 1}, "session.refresh": {"count": 1},
-    "trace.get": {"level": 3}, "trace.set": {"level": 4},
+    "session.list": {
+        "total": 5,
+        "count": 2,
+        "sessions": [
+            {"id": "s-1", "user": "mallory", "time": 1700000003},
+            {"id": "s-2", "user": "J\u00fcrgen", "time": -1},
+        ],
+    },
+    "session.terminate": {"count": 1},
+    "session.refresh": {"count": 1},
+    "trace.get": {"level": 3},
+    "trace.set": {"level": 4},
 }
 
 
@@ -156,7 +167,7 @@ class FaultServer(contextlib.AbstractContextManager):
             match = re.search(rb"(?i)content-length: *(\d+).*?\r\n\r\n", data, re.DOTALL)
             if match and len(data) >= match.end() + int(match[1]):
                 self.requests += 1
-                return data[match.end():]
+                return data[match.end() :]
             piece = connection.recv(65536)
             if not piece:
                 return None
@@ -176,8 +187,11 @@ class FaultServer(contextlib.AbstractContextManager):
             return False
         if self.behaviour in ("no-answer", "slow"):
             time.sleep(float(self.argument or 3600))
-        parts = {"endless": self._endless, **dict.fromkeys(["flow", "flow-stall"], self._flow),
-                 **dict.fromkeys(["reset", "close", "stall", "drip"], self._in_stages)}
+        parts = {
+            "endless": self._endless,
+            **dict.fromkeys(["flow", "flow-stall"], self._flow),
+            **dict.fromkeys(["reset", "close", "stall", "drip"], self._in_stages),
+        }
         return parts.get(self.behaviour, self._at_once)(connection, request)
 
     def _at_once(self, connection, request):

@@ -10,14 +10,14 @@ import termios
 import time
 
 PATIENCE = 10
-PROMPT = 'vexiladmin> '
+PROMPT = "vexiladmin> "
 
 
 class Terminal:
     def __init__(self, arguments, env, job_control=True):
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
-        self.shown, self.events = '', []
+        self.shown, self.events = "", []
         self.shell = os.fork()
         if self.shell == 0:
             try:
@@ -25,7 +25,7 @@ class Terminal:
             finally:
                 os._exit(1)
         os.close(report)
-        self.pid = int(self.until(self.event, 'program'))
+        self.pid = int(self.until(self.event, "program"))
 
     def _lead(self, report, arguments, env, job_control):
         def claim():
@@ -41,15 +41,15 @@ class Terminal:
         process = subprocess.Popen(arguments, env=env, preexec_fn=claim)
         program = process.pid
         signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
-        signal.signal(signal.SIGUSR2, lambda *_: (os.tcsetpgrp(0, os.getpgrp()), os.write(report, b'taken\n')))
-        os.write(report, b'%d\n' % program)
+        signal.signal(signal.SIGUSR2, lambda *_: (os.tcsetpgrp(0, os.getpgrp()), os.write(report, b"taken\n")))
+        os.write(report, b"%d\n" % program)
         while True:
             _, status = os.waitpid(program, os.WUNTRACED)
             if not os.WIFSTOPPED(status):
-                os.write(report, b'%d\n' % status)
+                os.write(report, b"%d\n" % status)
                 os._exit(0)
             os.tcsetpgrp(0, os.getpgrp())
-            os.write(report, b'stopped\n')
+            os.write(report, b"stopped\n")
 
     def close(self):
         os.kill(self.shell, signal.SIGKILL)
@@ -60,7 +60,7 @@ class Terminal:
     def take(self):
         """Gives the terminal to the shell while the program goes on."""
         os.kill(self.shell, signal.SIGUSR2)
-        self.until(lambda: self.event() == 'taken', 'change of hands')
+        self.until(lambda: self.event() == "taken", "change of hands")
 
     def foreground(self):
         """What the shell's fg does."""
@@ -80,14 +80,14 @@ class Terminal:
 
     def stop(self):
         """Waits until the program has stopped and the shell has the terminal."""
-        self.until(lambda: self.event() == 'stopped', 'stop')
+        self.until(lambda: self.event() == "stopped", "stop")
 
     def until(self, condition, what):
         """Waits for a condition, reading what the program writes meanwhile. Returns what fulfilled it."""
         deadline = time.monotonic() + PATIENCE
         while not (value := condition()):
             if time.monotonic() > deadline:
-                raise AssertionError(f'no {what} within {PATIENCE} s; shown since: {self.shown!r}')
+                raise AssertionError(f"no {what} within {PATIENCE} s; shown since: {self.shown!r}")
             self._read(0.001)
         return value
 
@@ -95,25 +95,25 @@ class Terminal:
         """Reads what is shown within the time. Returns whether there was anything."""
         if not select.select([self.master], [], [], seconds)[0]:
             return False
-        self.shown += os.read(self.master, 65536).decode(errors='replace')
+        self.shown += os.read(self.master, 65536).decode(errors="replace")
         return True
 
     def asks(self, prompt=PROMPT):
         """Waits for a prompt, at which the terminal's own echo is off. Returns what was shown before it."""
         self.until(lambda: prompt in self.shown, repr(prompt))
         before, self.shown = self.shown.split(prompt, 1)
-        self.until(lambda: not self.echoes(), 'end of echo')
-        return before.replace('\r', '')
+        self.until(lambda: not self.echoes(), "end of echo")
+        return before.replace("\r", "")
 
     def answer(self, typed, prompt=PROMPT):
         """What is shown for a line, behind its echo, up to a prompt."""
-        self.type(typed + '\n')
-        return self.asks(prompt).split('\n', 1)[1]
+        self.type(typed + "\n")
+        return self.asks(prompt).split("\n", 1)[1]
 
     def ended(self):
         """Waits for the end. Returns the negative signal number or the exit status, and the rest of what was shown."""
-        status = self.until(self.event, 'end')
+        status = self.until(self.event, "end")
         while self._read(0):
             pass
-        rest, self.shown = self.shown, ''
+        rest, self.shown = self.shown, ""
         return os.waitstatus_to_exitcode(int(status)), rest

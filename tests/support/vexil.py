@@ -13,28 +13,30 @@ import urllib.parse
 from terminal import PROMPT, Terminal
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-VEXILADMIN = os.environ['VEXILADMIN']
-CONFIG = '[tarn]\nlocation = node1:9080\ninstances = blue,green\ntimeout = 5\n'
-ANON = 'handle1 sec=anonymous,~,~,~'
+VEXILADMIN = os.environ["VEXILADMIN"]
+CONFIG = "[tarn]\nlocation = node1:9080\ninstances = blue,green\ntimeout = 5\n"
+ANON = "handle1 sec=anonymous,~,~,~"
 
 
-def start(instance='blue', number=1, timeout=5, urls=None, ssl='dns=[] keyfile=~ stash=~ label=~ fips=0'):
+def start(instance="blue", number=1, timeout=5, urls=None, ssl="dns=[] keyfile=~ stash=~ label=~ fips=0"):
     """The calls that select an instance."""
-    urls = urls or [f'http://node1:9080/{instance}/services/DSessAdminProxy']
-    return [f'initialize timeout={timeout} urls=[{",".join(urls)}] {ssl} context=~',
-            f'create_handle context{number} handle=~']
+    urls = urls or [f"http://node1:9080/{instance}/services/DSessAdminProxy"]
+    return [
+        f'initialize timeout={timeout} urls=[{",".join(urls)}] {ssl} context=~',
+        f"create_handle context{number} handle=~",
+    ]
 
 
 def end(number=1):
     """The calls that let go of one."""
-    return [f'release_handle context{number} handle{number}', f'shutdown context{number} settings=kept']
+    return [f"release_handle context{number} handle{number}", f"shutdown context{number} settings=kept"]
 
 
 def read_table():
     entry = r'^QEL_(FAILURE|TEXT)\(\w+, ([0-9A-F]{8}), "\w*",\s*((?:"(?:[^"\\]|\\.)*"\s*)+)\)'
-    table = (ROOT / 'runtime' / 'qel_messages.def').read_text(encoding='utf-8')
+    table = (ROOT / "runtime" / "qel_messages.def").read_text(encoding="utf-8")
     for kind, identifier, text in re.findall(entry, table, re.M):
-        yield int(identifier, 16), (identifier + ' ' if kind == 'FAILURE' else '') + ast.literal_eval(f'({text})')
+        yield int(identifier, 16), (identifier + " " if kind == "FAILURE" else "") + ast.literal_eval(f"({text})")
 
 
 MESSAGES = dict(read_table())
@@ -43,12 +45,12 @@ MESSAGES = dict(read_table())
 def msg(identifier, *arguments):
     """The text of a message. A system error number is given as its shown text."""
     text, left = MESSAGES[identifier], iter(arguments)
-    return re.sub(r'%(?:(\d)\$)?[sd]', lambda m: str(arguments[int(m[1]) - 1] if m[1] else next(left)), text)
+    return re.sub(r"%(?:(\d)\$)?[sd]", lambda m: str(arguments[int(m[1]) - 1] if m[1] else next(left)), text)
 
 
 def line(identifier, *arguments):
     """The same on a line of its own."""
-    return msg(identifier, *arguments).removesuffix('\n') + '\n'
+    return msg(identifier, *arguments).removesuffix("\n") + "\n"
 
 
 def refused(value):
@@ -58,10 +60,10 @@ def refused(value):
 
 def commands(*texts):
     """The arguments that run these commands."""
-    return [argument for text in texts for argument in ('-command', text)]
+    return [argument for text in texts for argument in ("-command", text)]
 
 
-Result = collections.namedtuple('Result', 'out err status calls log')
+Result = collections.namedtuple("Result", "out err status calls log")
 
 
 class Case(unittest.TestCase):
@@ -72,32 +74,46 @@ class Case(unittest.TestCase):
     def setUp(self):
         self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
 
-    def environment(self, config=CONFIG, script='', **env):
+    def environment(self, config=CONFIG, script="", **env):
         """Prepares configuration and script, forgets earlier records, and returns the environment that names them. In a
         script %XX stands for a byte that would end a text."""
-        for name in ('calls', 'service.log', 'vexilclicfg.conf'):
+        for name in ("calls", "service.log", "vexilclicfg.conf"):
             (self.dir / name).unlink(missing_ok=True)
-        separated = script.translate({ord('\n'): '\x1D', ord(' '): '\x1E', ord(','): '\x1F'})
-        (self.dir / 'script').write_bytes(urllib.parse.unquote_to_bytes(separated))
+        separated = script.translate({ord("\n"): "\x1D", ord(" "): "\x1E", ord(","): "\x1F"})
+        (self.dir / "script").write_bytes(urllib.parse.unquote_to_bytes(separated))
         if config is not None:
-            (self.dir / 'vexilclicfg.conf').write_bytes(config.encode())
-        inherited = {name: value for name, value in os.environ.items()
-                     if not re.match(r'LC_|LANG|QEL_|VEXILADMIN_|TZ$', name)}
-        return {**inherited, 'LC_ALL': 'C.UTF-8', 'TERM': 'dumb', 'TZ': 'Asia/Tokyo',
-                'QEL_CONFIG_DIR': str(self.dir), 'QEL_SVC_LOG': str(self.dir / 'service.log'),
-                'RECORDING_SCRIPT': str(self.dir / 'script'), 'RECORDING_LOG': str(self.dir / 'calls'), **env}
+            (self.dir / "vexilclicfg.conf").write_bytes(config.encode())
+        inherited = {
+            name: value for name, value in os.environ.items() if not re.match(r"LC_|LANG|QEL_|VEXILADMIN_|TZ$", name)
+        }
+        return {
+            **inherited,
+            "LC_ALL": "C.UTF-8",
+            "TERM": "dumb",
+            "TZ": "Asia/Tokyo",
+            "QEL_CONFIG_DIR": str(self.dir),
+            "QEL_SVC_LOG": str(self.dir / "service.log"),
+            "RECORDING_SCRIPT": str(self.dir / "script"),
+            "RECORDING_LOG": str(self.dir / "calls"),
+            **env,
+        }
 
     def recorded(self, name):
         path = self.dir / name
-        return path.read_bytes().decode(errors='surrogateescape').split('\n')[:-1] if path.exists() else []
+        return path.read_bytes().decode(errors="surrogateescape").split("\n")[:-1] if path.exists() else []
 
-    def run_utility(self, *arguments, stdin='', merge=False, encoding='utf-8', **kwargs):
+    def run_utility(self, *arguments, stdin="", merge=False, encoding="utf-8", **kwargs):
         process = subprocess.run(
-            [VEXILADMIN, *arguments], env=self.environment(**kwargs), cwd=self.dir, timeout=60,
-            input=stdin.encode(encoding, 'surrogateescape'), stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT if merge else subprocess.PIPE)
-        out, err = ((text or b'').decode(encoding, 'surrogateescape') for text in (process.stdout, process.stderr))
-        return Result(out, err, process.returncode, self.recorded('calls'), self.recorded('service.log'))
+            [VEXILADMIN, *arguments],
+            env=self.environment(**kwargs),
+            cwd=self.dir,
+            timeout=60,
+            input=stdin.encode(encoding, "surrogateescape"),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT if merge else subprocess.PIPE,
+        )
+        out, err = ((text or b"").decode(encoding, "surrogateescape") for text in (process.stdout, process.stderr))
+        return Result(out, err, process.returncode, self.recorded("calls"), self.recorded("service.log"))
 
     def terminal(self, *arguments, program=VEXILADMIN, prompt=PROMPT, job_control=True, **kwargs):
         """Runs it on a terminal, and waits for a prompt unless it is null."""
@@ -107,13 +123,13 @@ class Case(unittest.TestCase):
             terminal.asks(prompt)
         return terminal
 
-    def check(self, *arguments, out='', err='', status=0, calls=(), log=(), whole=False, **kwargs):
+    def check(self, *arguments, out="", err="", status=0, calls=(), log=(), whole=False, **kwargs):
         """Runs the utility and compares all that can be seen; `calls` are those between start and end unless `whole`.
         `status` is a full status: an exit status is its low byte. `log`: who speaks in the service log, and what."""
         result = self.run_utility(*arguments, **kwargs)
         expected = [*calls] if whole else [*start(), *calls, *end()]
         self.assertEqual(result[:4], (out, err, status & 0xFF, expected), arguments)
-        entries = [re.fullmatch(r'\S+ vexiladmin\[\d+\] (\w+) \w+\.cpp:\d+ (.*)', line) for line in result.log]
+        entries = [re.fullmatch(r"\S+ vexiladmin\[\d+\] (\w+) \w+\.cpp:\d+ (.*)", line) for line in result.log]
         self.assertEqual([entry and entry.groups() for entry in entries], [*log], arguments)
 
     def check_table(self, table, run):
