@@ -41,6 +41,12 @@ const QelMessage* find(std::uint32_t identifier) {
     return found != kTable.end() && found->identifier == identifier ? found : nullptr;
 }
 
+std::array<char, kIdentifierLength + 1> shownIdentifier(std::uint32_t identifier) {
+    std::array<char, kIdentifierLength + 1> shown;
+    std::snprintf(shown.data(), shown.size(), "%08X ", identifier);
+    return shown;
+}
+
 struct Argument {
     char conversion = 's';  // the placeholder that takes it
     std::string_view text;
@@ -79,20 +85,21 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, Language l
     return {arguments.data(), count};
 }
 
-/// Appends `text` with its placeholders filled in. Returns whether they take every argument and nothing else; if not,
-/// part of it has been appended.
-bool expand(std::string_view text, std::span<const Argument> arguments, std::string& out) {
+/// Hands `text`, its placeholders filled in, to `put`, piece by piece. Returns whether they take every argument and
+/// nothing else; if not, part of it has been handed over.
+template <class Put>
+bool expand(std::string_view text, std::span<const Argument> arguments, Put put) {
     unsigned taken = 0;  // a bit for each argument
     std::size_t next = 0;
     for (;;) {
         const std::size_t percent = text.find('%');
-        out += text.substr(0, percent);
+        put(text.substr(0, percent));
         if (percent == std::string_view::npos) {
             return taken == (1U << arguments.size()) - 1;
         }
         text.remove_prefix(percent + 1);
         if (text.starts_with('%')) {
-            out += '%';
+            put(text.substr(0, 1));
             text.remove_prefix(1);
             continue;
         }
@@ -106,7 +113,7 @@ bool expand(std::string_view text, std::span<const Argument> arguments, std::str
         if (index >= arguments.size() || !text.starts_with(arguments[index].conversion)) {
             return false;
         }
-        out += arguments[index].text;
+        put(arguments[index].text);
         taken |= 1U << index;
         text.remove_prefix(1);
     }
@@ -115,21 +122,30 @@ bool expand(std::string_view text, std::span<const Argument> arguments, std::str
 std::string format(std::uint32_t identifier, std::va_list list, Language language) {
     const QelMessage* message = find(identifier);
     if (message == nullptr) {
-        std::array<char, kIdentifierLength + 1> shown;
-        std::snprintf(shown.data(), shown.size(), "%08X ", identifier);
-        return shown.data() + std::string("The catalogue has no text for this status.");
+        return shownIdentifier(identifier).data() + std::string(find(kMsgNoText)->text);
     }
     Arguments storage;
     const std::span<const Argument> arguments = fetch(message->kinds, list, language, storage);
     const std::size_t prefix = message->isFailure ? kIdentifierLength : 0;
     const char* english = message->text + prefix;
     std::string out(message->text, prefix);
-    if (language == Language::kLocale && expand(dgettext(kTextDomain, english), arguments, out)) {
+    const auto append = [&out](std::string_view piece) { out += piece; };
+    if (language == Language::kLocale && expand(dgettext(kTextDomain, english), arguments, append)) {
         return out;
     }
     out.resize(prefix);
-    expand(english, arguments, out);
+    expand(english, arguments, append);
     return out;
+}
+
+/// Arguments that stand for those which a status comes without.
+std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
+    std::size_t count = 0;
+    for (; count < arguments.size() && kinds[count] != '\0'; ++count) {
+        arguments[count].conversion = kinds[count] == 'd' ? 'd' : 's';
+        arguments[count].text = "...";
+    }
+    return {arguments.data(), count};
 }
 
 }  // namespace
@@ -158,6 +174,26 @@ void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
         std::fputs(text == nullptr ? "" : text, stream);
     }
     va_end(arguments);
+}
+
+void qel_print_status(std::FILE* stream, std::uint32_t status) {
+    const QelMessage* message = find(status);
+    const bool isFailure = message != nullptr && message->isFailure;
+    const char* english = isFailure ? message->text + kIdentifierLength : find(kMsgNoText)->text;
+    Arguments storage;
+    const std::span<const Argument> arguments = ellipses(isFailure ? message->kinds : "", storage);
+    std::string_view text = dgettext(kTextDomain, english);
+    if (!expand(text, arguments, [](std::string_view) {})) {
+        text = english;
+    }
+    text = text.substr(0, text.find_last_not_of('\n') + 1);
+    std::fputs(shownIdentifier(status).data(), stream);
+    expand(text, arguments, [stream](std::string_view piece) {
+        for (const char byte : piece) {
+            std::fputc(byte == '\n' ? ' ' : byte, stream);
+        }
+    });
+    std::fputc('\n', stream);
 }
 
 const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* status) {

@@ -27,6 +27,10 @@ void qelmsg_init(const char* programPath, int flags);
 /// those of the English text is passed over for it. When memory is exhausted the English text is written as it stands.
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...);
 
+/// Shows a status, whatever it is, on one line: its identifier, then the text of the failure, translated, with "..."
+/// where an argument would stand. A status that is no failure of the table gets a text that says so.
+void qel_print_status(std::FILE* stream, std::uint32_t status);
+
 /// The untranslated text of a message, or null when the table lacks it. `status` receives 0 or non-zero; may be null.
 const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* status);
 

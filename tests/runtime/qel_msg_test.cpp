@@ -110,6 +110,18 @@ TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
     EXPECT_EQ(translated(kMsgSession, "%s %s %s %1$", "a", "b", "c"), "English");
 }
 
+TEST(Messages, ShowAStatusOnOneLineWithoutArguments) {
+    const auto shown = [](std::uint32_t status, const char* translation) {
+        g_translated = {std::string_view(qel_msg_get_default_msg(status, nullptr)).substr(9), translation};
+        testing::internal::CaptureStderr();
+        qel_print_status(stderr, status);
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(shown(kMsgInvalidNumber, "%2$s:\n%1$s, 100%%, %3$s\n\n"), "38C532BE ...: ..., 100%, ...\n");
+    EXPECT_EQ(shown(kMsgCommandFileOpen, "%s"), "38C520A2 The command file ... cannot be opened: ....\n");
+    EXPECT_EQ(shown(kMsgFileSyntax, "%s%d%s%n"), "38C54046 The file ... is malformed at line ...: ....\n");
+}
+
 TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
     for (const char* name : {"C", "POSIX", "xx_XX.none", "C.UTF-8"}) {
         setenv("LC_ALL", name, 1);

@@ -53,6 +53,13 @@ def line(identifier, *arguments):
     return msg(identifier, *arguments).removesuffix("\n") + "\n"
 
 
+def shown_status(status):
+    """How a status is shown, which comes without the arguments that its text may take."""
+    text, identifier = MESSAGES.get(status, ""), f"{status:08X} "
+    text = text if text.startswith(identifier) else identifier + MESSAGES[0x38C54053]
+    return re.sub(r"%(\d\$)?[sd]", "...", text).rstrip("\n") + "\n"
+
+
 def refused(value):
     """What is shown for a value of a command or option that is not valid."""
     return line(0x38C5213E, value) + line(0x38C52146)

@@ -105,8 +105,7 @@ std::uint32_t addCommands(TarnAdminCmdRegistry& registry) {
 /// Shows a status as a message on a line of its own, after all results.
 void printStatus(std::uint32_t status) {
     std::fflush(stdout);
-    qel_fprintf(stderr, status);
-    std::fputs("\n", stderr);
+    qel_print_status(stderr, status);
 }
 
 std::uint32_t printUsage(const QelCmdLine& cmdLine) {
@@ -129,7 +128,7 @@ std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
     return kStatusUnknownName;
 }
 
-bool endsInput(const char* line) {
+bool isEndWord(const char* line) {
     return strcasecmp(line, "exit") == 0 || strcasecmp(line, "quit") == 0;
 }
 
@@ -193,7 +192,7 @@ std::uint32_t TarnAdminUtility::registerCommands() {
 std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
     QelCmdLine cmdLine;
     if (const std::uint32_t status = cmdLine.initialize(argc, argv); status != 0) {
-        qel_fprintf(stderr, status);
+        printStatus(status);
         return status;
     }
     if (cmdLine.findOption(m_helpOption, nullptr) == 0) {
@@ -273,7 +272,8 @@ std::uint32_t TarnAdminUtility::processCmd(const char* text) {
     return status;
 }
 
-std::uint32_t TarnAdminUtility::processLine(char* line) {
+std::uint32_t TarnAdminUtility::processLine(char* line, bool& endsInput) {
+    endsInput = false;
     if (line == nullptr || line[0] == '\0' || line[0] == '#') {
         return 0;
     }
@@ -281,7 +281,8 @@ std::uint32_t TarnAdminUtility::processLine(char* line) {
     while (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\r')) {
         line[--length] = '\0';
     }
-    if (endsInput(line)) {
+    if (isEndWord(line)) {
+        endsInput = true;
         return kStatusEndOfInput;
     }
     return length == 0 ? 0 : processCmd(line);
@@ -290,11 +291,12 @@ std::uint32_t TarnAdminUtility::processLine(char* line) {
 std::uint32_t TarnAdminUtility::processInteractiveMode() {
     const bool edit = isatty(STDIN_FILENO) != 0;
     while (const Line line = readInputLine(m_prompt.data(), edit)) {
-        const std::uint32_t status = processLine(line.get());
+        bool endsInput = false;
+        processLine(line.get(), endsInput);
         if (edit) {
             add_history(line.get());
         }
-        if (status == kStatusEndOfInput) {
+        if (endsInput) {
             return 0;
         }
     }
@@ -317,9 +319,10 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
     }
     char line[kLineBufferSize];
     while (std::fgets(line, sizeof(line), file.get()) != nullptr) {
-        const std::uint32_t status = processLine(line);
+        bool endsInput = false;
+        const std::uint32_t status = processLine(line, endsInput);
         if (status != 0) {
-            return status == kStatusEndOfInput ? 0 : status;
+            return endsInput ? 0 : status;
         }
     }
     return 0;

@@ -32,8 +32,9 @@ class TarnAdminUtility : public TarnAdminConfig {
     /// Runs one command text. A failure's message is written before its status is returned.
     std::uint32_t processCmd(const char* text);
     /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
-    /// kStatusEndOfInput. Cuts the line end off in place.
-    std::uint32_t processLine(char* line);
+    /// kStatusEndOfInput and set `endsInput`, which tells them from a command that failed with that status. Cuts the
+    /// line end off in place.
+    std::uint32_t processLine(char* line, bool& endsInput);
     /// Runs lines from the prompt until they end. Always 0.
     std::uint32_t processInteractiveMode();
     /// Runs the lines of a file up to its end, an exit line or the first failure.

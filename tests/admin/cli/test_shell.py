@@ -5,7 +5,7 @@ import os
 import re
 import subprocess
 
-from vexil import ANON, VEXILADMIN, Case, commands, end, line, msg, refused
+from vexil import ANON, MESSAGES, VEXILADMIN, Case, commands, end, line, msg, refused, shown_status
 
 PATTERNS = [
     "set instance <instance>",
@@ -115,6 +115,24 @@ class Shell(Case):
         )
         for ending in ("exit", "QUIT\r"):
             self.check(stdin=f"{ending}\nkey show\n")
+
+    def test_a_library_may_fail_with_any_status(self):
+        statuses = [*MESSAGES, 1, 0x38C50001, 0x38C520FF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF]
+        self.check(
+            stdin="trace get\n" * len(statuses),
+            script="\n".join(f"get_trace_level status={status:X}" for status in statuses),
+            calls=GET * len(statuses),
+            out="\n",
+            err="".join(map(shown_status, statuses)),
+        )
+        for status, shown in (
+            (0x38C52098, line(0x38C52098)),
+            (0x38C5319C, line(0x38C5319C, "...")),
+            (0x38C5809E, "38C5809E The catalogue has no text for this status.\n"),
+        ):
+            script = f"get_trace_level status={status:X}"
+            self.check(*commands("trace get"), script=script, calls=GET, err=shown, status=status)
+            self.check("-file", "/dev/stdin", stdin="trace get\n", script=script, calls=GET, err=shown, status=status)
 
     def test_a_line_runs_the_one_command_that_fits_or_lists_those_that_come_nearest(self):
         fitting = [
