@@ -9,7 +9,8 @@
 ///   status=HEX            fails; out-parameters become garbage that must not be looked at
 ///   trace=LEVEL:TEXT      calls the trace function first; repeatable
 ///   context=1, handle=1   initialize, create_handle: leaves one although it fails
-///   realm=NAME,SET,SET    member=NAME,TIME   session=FIRST,SECOND,TIME   one record; repeatable
+///   realm=NAME,SET,SET    NAME,? claims a set but has no array
+///   member=NAME,TIME   session=FIRST,SECOND,TIME   one record; repeatable
 ///   label= time= second=  the cluster record
 ///   count= total= level=  numbers; count is the number of records unless given
 #include <cstdint>
@@ -166,8 +167,9 @@ struct Result {
     }
     void set(Realm& realm, const Texts& fields) {
         const std::size_t count = fields.size() - 1;
-        realm = {text(fields[0]), static_cast<std::int32_t>(count), count == 0 ? nullptr : take<char*>(count)};
-        for (std::size_t i = 0; i < count; ++i) {
+        const bool hasArray = count > 0 && fields[1] != "?";
+        realm = {text(fields[0]), static_cast<std::int32_t>(count), hasArray ? take<char*>(count) : nullptr};
+        for (std::size_t i = 0; hasArray && i < count; ++i) {
             realm.replica_set_names[i] = text(fields[i + 1]);
         }
     }

@@ -64,6 +64,7 @@ class Commands(Case):
                 for command in ("realm show", "replica set list -realm")
                 for name, out in (("B", of_b), ("A", ""), ("a", UNKNOWN_REALM), ("BB", UNKNOWN_REALM))
             ),
+            ("realm show x", "get_cluster_info realm=~,r", UNKNOWN_REALM, cluster(1)),
             # A name is compared as it came, and shown made harmless.
             ("realm show \x1bA", "get_cluster_info realm=%1BA,%1Br", "    \\x1Br\n", cluster(1)),
             ("realm show grün", "get_cluster_info realm=gr%C3%BCn,r", "    r\n", cluster(1)),
@@ -162,13 +163,23 @@ class Commands(Case):
                 status=0x38C54013,
             ),
         )
-        self.check(
-            "-command",
-            "realm list",
-            script="get_cluster_info status=12345",
-            status=0x45,
-            calls=[fetch],
-            err="00012345 The catalogue has no text for this status.\n",
+
+    def test_records_without_their_array_are_released_and_not_shown(self):
+        self.check_table(
+            [
+                *((command, "count=2", cluster(2)) for command in ("realm list", "realm show A", "key show")),
+                ("replica set list", "realm=A,r1 realm=B,?", cluster(2)),
+                ("replica set show rs", "count=1", members()),
+                ("session list -realm e * 0", "count=1", sessions("e", "*", -1)),
+            ],
+            lambda command, fields, calls: self.check(
+                "-command",
+                command,
+                script=f"{calls[0].split()[0]} {fields}",
+                calls=calls,
+                err=line(0x38C5401A),
+                status=0x38C5401A,
+            ),
         )
 
     def test_text_of_a_server_comes_out_harmless_on_its_own_line(self):

@@ -142,13 +142,13 @@ class Instances(Case):
                 ("no context", "initialize status=38C5401D", 0x1D, start()[:1]),
                 ("a context all the same", "initialize status=38C5401D context=1", 0x1D, start()[:1] + end()[1:]),
                 ("no handle", "create_handle status=38C5401B", 0x1B, start() + end()[1:]),
-                ("a handle all the same", "create_handle status=38C5401B handle=1", 0x1B, start() + end()),
+                ("a handle all the same", "create_handle status=38C5401B handle=1", 0x1B, start() + end()[1:]),
             ],
             lambda _, script, status, calls: self.check("-help", script=script, status=status, calls=calls, whole=True),
         )
         for made, fail in (
             (1, "initialize status=0\ninitialize status=38C5401D context=1\ninitialize"),
-            (2, "create_handle\ncreate_handle status=38C5401D\ncreate_handle"),
+            (2, "create_handle\ncreate_handle status=38C5401D handle=1\ncreate_handle"),
         ):
             calls = start() + end() + start("green", 2)[:made] + end(2)[1:] + start("blue", 3) + end(3)
             self.check(

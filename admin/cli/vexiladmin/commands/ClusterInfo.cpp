@@ -1,5 +1,6 @@
 #include "admin/cli/vexiladmin/commands/ClusterInfo.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -25,7 +26,17 @@ std::uint32_t ClusterInfo::fetch(void* handle, olm_dsess_admin_sec_info_t const&
     const std::uint32_t status =
         olm_dsess_admin_get_cluster_info(handle, &secInfo, &m_realmCount, &m_realms, &m_cluster);
     m_fetched = status == 0;
-    return status;
+    return status == 0 && !isWhole() ? kStatusAnswerNotUnderstood : status;
+}
+
+bool ClusterInfo::isWhole() const {
+    if (m_realms == nullptr) {
+        return m_realmCount <= 0;
+    }
+    const auto all = realms();
+    return std::all_of(all.begin(), all.end(), [](const olm_dsess_admin_realm_t& realm) {
+        return realm.replica_set_count <= 0 || realm.replica_set_names != nullptr;
+    });
 }
 
 std::span<const olm_dsess_admin_realm_t> ClusterInfo::realms() const {
@@ -48,7 +59,7 @@ std::uint32_t showReplicaSets(void* handle, olm_dsess_admin_sec_info_t const& se
     }
     bool found = false;
     for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        if (std::strcmp(realm.name, realmName) == 0) {
+        if (realm.name != nullptr && std::strcmp(realm.name, realmName) == 0) {
             found = true;
             printReplicaSets(realm);
         }

@@ -18,7 +18,7 @@ class ClusterRelease {
     olm_dsess_admin_cluster_t& m_cluster;
 };
 
-/// The realms and the cluster record of one command; a successful fetch is released, realms first, with the object.
+/// The realms and the cluster record of one command; what the library gave is released, realms first, with the object.
 class ClusterInfo {
   public:
     ClusterInfo() = default;
@@ -26,7 +26,8 @@ class ClusterInfo {
     ClusterInfo& operator=(const ClusterInfo&) = delete;
     ~ClusterInfo();
 
-    /// Returns 0 or the library's status, after which there is nothing to read. Call once.
+    /// Returns 0, the library's status, or kStatusAnswerNotUnderstood for records of which an array is missing. After a
+    /// failure nothing may be read. Call once.
     std::uint32_t fetch(void* handle, olm_dsess_admin_sec_info_t const& secInfo);
 
     /// As the library counted them: 0 or less means none.
@@ -35,6 +36,9 @@ class ClusterInfo {
     const olm_dsess_admin_cluster_t& cluster() const { return m_cluster; }
 
   private:
+    /// Whether every array that has a count is there.
+    bool isWhole() const;
+
     bool m_fetched = false;
     std::int32_t m_realmCount = 0;
     olm_dsess_admin_realm_t* m_realms = nullptr;

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "admin/client-interface/olm_dsess_admin.h"
+#include "runtime/qel_messages.h"
 
 /// `kind`: how olm_dsess_admin_free is to release it.
 template <class Record, std::int32_t kind>
@@ -20,11 +21,14 @@ class FetchedRecords {
         }
     }
 
-    /// Calls `fetch` with the addresses of count and array, and returns its status. After a failure nothing of what it
-    /// left there is looked at. Call once.
+    /// Calls `fetch` with the addresses of count and array, and returns its status, or kStatusAnswerNotUnderstood when
+    /// it counts records but gives no array. After a failure nothing of what it left there is looked at. Call once.
     template <class Fetch>
     std::uint32_t fetch(Fetch fetch) {
-        const std::uint32_t status = fetch(&m_count, &m_records);
+        std::uint32_t status = fetch(&m_count, &m_records);
+        if (status == 0 && m_count > 0 && m_records == nullptr) {
+            status = kStatusAnswerNotUnderstood;
+        }
         if (status != 0) {
             m_count = 0;
             m_records = nullptr;

@@ -31,9 +31,15 @@ std::uint32_t TarnAdminSetInstance::initializeHandles(const char* instance) {
         qel_fprintf(stderr, kMsgUnknownInstance, instance != nullptr ? instance : m_config->defaultInstance().data());
         return kStatusUnknownName;
     }
-    const std::uint32_t status = olm_dsess_admin_initialize(m_config->timeout(), urls, &m_config->sslInfo(),
-                                                            olmdsess_admin_client_trace, &m_context);
-    return status != 0 ? status : olm_dsess_admin_create_handle(m_context, &m_handle);
+    std::uint32_t status = olm_dsess_admin_initialize(m_config->timeout(), urls, &m_config->sslInfo(),
+                                                      olmdsess_admin_client_trace, &m_context);
+    if (status == 0) {
+        status = olm_dsess_admin_create_handle(m_context, &m_handle);
+        if (status != 0) {
+            m_handle = nullptr;  // whatever the failure left there is no handle
+        }
+    }
+    return status;
 }
 
 void TarnAdminSetInstance::clearHandles() {
