@@ -6,7 +6,7 @@
 
 #include "admin/cli/common/TarnAdminConfig.h"
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminTraceGet.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 #include "runtime/qel_messages.h"
 #include "tests/runtime/Support.h"
 

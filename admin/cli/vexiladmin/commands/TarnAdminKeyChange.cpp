@@ -1,11 +1,9 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminKeyChange.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
-#include "admin/cli/vexiladmin/commands/KeyReport.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 
 const QelString TarnAdminKeyChange::m_cmdFormat("key change");
-
-TarnAdminKeyChange::TarnAdminKeyChange() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminKeyChange::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& /*tokens*/) {

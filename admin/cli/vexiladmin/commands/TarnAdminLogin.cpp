@@ -4,8 +4,8 @@
 #include <cstring>
 #include <utility>
 
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
 #include "admin/cli/vexiladmin/commands/HiddenInput.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "runtime/qel_base64.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"

@@ -1,15 +1,13 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminRealmList.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
 #include <cstdio>
 
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
-#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
 const QelString TarnAdminRealmList::m_cmdFormat("realm list");
-
-TarnAdminRealmList::TarnAdminRealmList() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& /*tokens*/) {

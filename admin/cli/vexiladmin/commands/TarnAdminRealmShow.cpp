@@ -1,10 +1,8 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminRealmShow.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
 
 const QelString TarnAdminRealmShow::m_cmdFormat("realm show <realm-name>");
-
-TarnAdminRealmShow::TarnAdminRealmShow() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminRealmShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& tokens) {

@@ -1,13 +1,11 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetList.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
 #include <cstdio>
 
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
-#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 
 const QelString TarnAdminReplicaSetList::m_cmdFormat("replica set list [-realm <realm>]");
-
-TarnAdminReplicaSetList::TarnAdminReplicaSetList() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminReplicaSetList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

@@ -1,16 +1,13 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetShow.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
 #include <cstdio>
 
-#include "admin/cli/vexiladmin/commands/FetchedRecords.h"
-#include "admin/cli/vexiladmin/commands/RecordText.h"
-#include "admin/cli/vexiladmin/commands/TimeText.h"
+#include "admin/cli/vexiladmin/records/FetchedRecords.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
 const QelString TarnAdminReplicaSetShow::m_cmdFormat("replica set show <replica-set-name>");
-
-TarnAdminReplicaSetShow::TarnAdminReplicaSetShow() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminReplicaSetShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

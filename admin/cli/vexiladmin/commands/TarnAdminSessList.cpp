@@ -1,12 +1,10 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminSessList.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
 #include <cstdio>
 
-#include "admin/cli/vexiladmin/commands/FetchedRecords.h"
-#include "admin/cli/vexiladmin/commands/RecordText.h"
-#include "admin/cli/vexiladmin/commands/RefusedValue.h"
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
-#include "admin/cli/vexiladmin/commands/TimeText.h"
+#include "admin/cli/vexiladmin/records/FetchedRecords.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 #include "runtime/qel_strtol.h"
@@ -34,8 +32,6 @@ void printSessions(const Sessions& sessions, std::int32_t total) {
 }  // namespace
 
 const QelString TarnAdminSessList::m_cmdFormat("session list -realm <realm-name> <pattern> <max>");
-
-TarnAdminSessList::TarnAdminSessList() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminSessList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& tokens) {

@@ -1,10 +1,8 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminSessRefresh.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 
 const QelString TarnAdminSessRefresh::m_cmdFormat("session refresh session <session-id> -realm <realm-name>");
-
-TarnAdminSessRefresh::TarnAdminSessRefresh() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminSessRefresh::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                TarnAdminCmdTokens const& tokens) {

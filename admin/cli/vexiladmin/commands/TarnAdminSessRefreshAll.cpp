@@ -1,10 +1,8 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminSessRefreshAll.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 
 const QelString TarnAdminSessRefreshAll::m_cmdFormat("session refresh all_sessions <user-name> -realm <realm-name>");
-
-TarnAdminSessRefreshAll::TarnAdminSessRefreshAll() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminSessRefreshAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

@@ -1,10 +1,8 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminate.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 
 const QelString TarnAdminSessTerminate::m_cmdFormat("session terminate session <session-id> -realm <realm-name>");
-
-TarnAdminSessTerminate::TarnAdminSessTerminate() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminSessTerminate::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                  TarnAdminCmdTokens const& tokens) {

@@ -1,10 +1,8 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminateAll.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 
 const QelString TarnAdminSessTerminateAll::m_cmdFormat("session terminate all_sessions <username> -realm <realm-name>");
-
-TarnAdminSessTerminateAll::TarnAdminSessTerminateAll() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminSessTerminateAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                     TarnAdminCmdTokens const& tokens) {

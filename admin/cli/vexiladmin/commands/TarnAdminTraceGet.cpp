@@ -1,4 +1,4 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminTraceGet.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
 #include <cstdio>
 
@@ -6,8 +6,6 @@
 #include "runtime/qel_msg.h"
 
 const QelString TarnAdminTraceGet::m_cmdFormat("trace get");
-
-TarnAdminTraceGet::TarnAdminTraceGet() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminTraceGet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& /*tokens*/) {

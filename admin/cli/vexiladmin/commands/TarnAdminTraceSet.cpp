@@ -1,11 +1,9 @@
-#include "admin/cli/vexiladmin/commands/TarnAdminTraceSet.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
-#include "admin/cli/vexiladmin/commands/RefusedValue.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/qel_strtol.h"
 
 const QelString TarnAdminTraceSet::m_cmdFormat("trace set <level>");
-
-TarnAdminTraceSet::TarnAdminTraceSet() : TarnAdminCmd(m_cmdFormat.data()) {}
 
 std::uint32_t TarnAdminTraceSet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& tokens) {

@@ -1,4 +1,4 @@
-#include "admin/cli/vexiladmin/commands/SessionQuery.h"
+#include "admin/cli/vexiladmin/records/SessionQuery.h"
 
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"

@@ -1,10 +1,10 @@
-#include "admin/cli/vexiladmin/commands/ClusterInfo.h"
+#include "admin/cli/vexiladmin/records/ClusterInfo.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
 
-#include "admin/cli/vexiladmin/commands/RecordText.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
