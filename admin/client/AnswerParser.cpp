@@ -17,7 +17,24 @@ namespace field = protocol::field;
 /// Deeper than any answer with fields that this client does not know is likely to be.
 constexpr int kMaxDepth = 64;
 
-/// The places in an answer where a value can stand: objects by their fields, and lists by their items.
+/// What has been read of the objects that are open. No two that can be open together share a member.
+struct Values {
+    char* version = nullptr;
+    std::int32_t id = 0;
+    std::int32_t errorCode = 0;
+    char* errorMessage = nullptr;
+    char* name = nullptr;
+    char* label = nullptr;
+    char* sessionId = nullptr;
+    char* user = nullptr;
+    std::int32_t time = 0;
+    std::int32_t previousTime = 0;
+    std::int32_t total = 0;
+    std::int32_t count = 0;
+    std::int32_t level = 0;
+};
+
+/// The objects of an answer; of a list, the objects that are its items.
 enum Scope : std::uint8_t {
     kEnvelope,
     kError,
@@ -32,102 +49,63 @@ enum Scope : std::uint8_t {
     kKey,
     kMember,
     kSession,
-    kName,
-    kResult,  // stands for the result's scope in the table of fields
+    kName,  // a text, not an object
     kScopes
 };
 
 enum class Type : std::uint8_t { kInteger, kText, kObject, kList };
 
+/// A field of an object, or an item of a list: what it is, and where its value goes.
 struct Field {
+    constexpr Field(const char* fieldName, std::int32_t Values::*destination)
+        : name(fieldName), type(Type::kInteger), number(destination) {}
+    constexpr Field(const char* fieldName, char* Values::*destination)
+        : name(fieldName), type(Type::kText), text(destination) {}
+    constexpr Field(const char* fieldName, Type objectOrList, Scope inner)
+        : name(fieldName), type(objectOrList), scope(inner) {}
+
     const char* name;
     Type type;
+    std::int32_t Values::*number = nullptr;
+    char* Values::*text = nullptr;
     Scope scope = kScopes;  // of an object, or of a list's items
 };
 
-constexpr std::size_t kMaxFields = 4;
-
-constexpr Field kEnvelopeFields[] = {{field::kJsonRpc, Type::kText},
-                                     {field::kId, Type::kInteger},
-                                     {field::kResult, Type::kObject, kResult},
-                                     {field::kError, Type::kObject, kError}};
-constexpr unsigned kSeenResult = 1U << 2;
-constexpr unsigned kSeenError = 1U << 3;
-constexpr Field kErrorFields[] = {{field::kErrorCode, Type::kInteger},
-                                  {field::kErrorMessage, Type::kText},
+constexpr Field kErrorFields[] = {{field::kErrorCode, &Values::errorCode},
+                                  {field::kErrorMessage, &Values::errorMessage},
                                   {field::kErrorData, Type::kObject, kErrorData}};
-constexpr Field kErrorDataFields[] = {{field::kName, Type::kText}};
+constexpr Field kErrorDataFields[] = {{field::kName, &Values::name}};
 constexpr Field kClusterFields[] = {
-    {field::kCount, Type::kInteger}, {field::kRealms, Type::kList, kRealm}, {field::kKey, Type::kObject, kKey}};
-constexpr Field kReplicaSetFields[] = {{field::kCount, Type::kInteger}, {field::kRecords, Type::kList, kMember}};
+    {field::kCount, &Values::count}, {field::kRealms, Type::kList, kRealm}, {field::kKey, Type::kObject, kKey}};
+constexpr Field kReplicaSetFields[] = {{field::kCount, &Values::count}, {field::kRecords, Type::kList, kMember}};
 constexpr Field kKeyResultFields[] = {{field::kKey, Type::kObject, kKey}};
 constexpr Field kSessionsFields[] = {
-    {field::kTotal, Type::kInteger}, {field::kCount, Type::kInteger}, {field::kSessions, Type::kList, kSession}};
-constexpr Field kCountFields[] = {{field::kCount, Type::kInteger}};
-constexpr Field kLevelFields[] = {{field::kLevel, Type::kInteger}};
-constexpr Field kRealmFields[] = {{field::kName, Type::kText}, {field::kReplicaSets, Type::kList, kName}};
+    {field::kTotal, &Values::total}, {field::kCount, &Values::count}, {field::kSessions, Type::kList, kSession}};
+constexpr Field kCountFields[] = {{field::kCount, &Values::count}};
+constexpr Field kLevelFields[] = {{field::kLevel, &Values::level}};
+constexpr Field kRealmFields[] = {{field::kName, &Values::name}, {field::kReplicaSets, Type::kList, kName}};
 constexpr Field kKeyFields[] = {
-    {field::kLabel, Type::kText}, {field::kTime, Type::kInteger}, {field::kPreviousTime, Type::kInteger}};
-constexpr Field kMemberFields[] = {{field::kName, Type::kText}, {field::kTime, Type::kInteger}};
+    {field::kLabel, &Values::label}, {field::kTime, &Values::time}, {field::kPreviousTime, &Values::previousTime}};
+constexpr Field kMemberFields[] = {{field::kName, &Values::name}, {field::kTime, &Values::time}};
 constexpr Field kSessionFields[] = {
-    {field::kId, Type::kText}, {field::kUser, Type::kText}, {field::kTime, Type::kInteger}};
+    {field::kId, &Values::sessionId}, {field::kUser, &Values::user}, {field::kTime, &Values::time}};
 
-std::span<const Field> fieldsOf(Scope scope) {
-    switch (scope) {
-        case kEnvelope:
-            return kEnvelopeFields;
-        case kError:
-            return kErrorFields;
-        case kErrorData:
-            return kErrorDataFields;
-        case kClusterResult:
-            return kClusterFields;
-        case kReplicaSetResult:
-            return kReplicaSetFields;
-        case kKeyResult:
-            return kKeyResultFields;
-        case kSessionsResult:
-            return kSessionsFields;
-        case kCountResult:
-            return kCountFields;
-        case kLevelResult:
-            return kLevelFields;
-        case kRealm:
-            return kRealmFields;
-        case kKey:
-            return kKeyFields;
-        case kMember:
-            return kMemberFields;
-        case kSession:
-            return kSessionFields;
-        default:
-            return {};
-    }
-}
+constexpr unsigned kSeenResult = 1U << 2;
+constexpr unsigned kSeenError = 1U << 3;
 
-Scope resultScope(AnswerShape shape) {
-    switch (shape) {
-        case AnswerShape::kCluster:
-            return kClusterResult;
-        case AnswerShape::kReplicaSet:
-            return kReplicaSetResult;
-        case AnswerShape::kKey:
-            return kKeyResult;
-        case AnswerShape::kSessions:
-            return kSessionsResult;
-        case AnswerShape::kCount:
-            return kCountResult;
-        case AnswerShape::kLevel:
-            return kLevelResult;
-    }
-    return kScopes;
-}
+constexpr Scope kResultScopes[] = {kClusterResult,  kReplicaSetResult, kKeyResult,
+                                   kSessionsResult, kCountResult,      kLevelResult};  // by AnswerShape
 
 /// Takes the parser's events. An event that returns false ends the parse, with the reason in problem().
 class AnswerHandler {
   public:
     AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer)
-        : m_result(resultScope(shape)), m_requestId(requestId), m_answer(answer) {}
+        : m_envelope{{field::kJsonRpc, &Values::version},
+                     {field::kId, &Values::id},
+                     {field::kResult, Type::kObject, kResultScopes[static_cast<std::size_t>(shape)]},
+                     {field::kError, Type::kObject, kError}},
+          m_requestId(requestId),
+          m_answer(answer) {}
 
     const std::string& problem() const { return m_problem; }
 
@@ -145,7 +123,7 @@ class AnswerHandler {
             return fail("a string that is not UTF-8 or holds a NUL");
         }
         // Parsed in place: the text lies in the answer's own, writable storage.
-        return accept(Type::kText, [&] { keepText(const_cast<char*>(text)); });
+        return accept(Type::kText, [&](const Field& field) { keepText(field, const_cast<char*>(text)); });
     }
 
     bool StartObject() { return open(Type::kObject); }
@@ -164,7 +142,7 @@ class AnswerHandler {
             return true;
         }
         Frame& frame = m_frames[m_depth - 1];
-        const std::span<const Field> fields = fieldsOf(frame.scope);
+        const std::span<const Field> fields = rules(frame.scope).fields;
         const std::string_view name(text, length);
         for (frame.field = 0; frame.field < fields.size(); ++frame.field) {
             if (name == fields[frame.field].name) {
@@ -186,10 +164,32 @@ class AnswerHandler {
         std::size_t field;  // the field whose value comes next
         unsigned seen;      // a bit for each field
     };
-    struct Value {
-        char* text;
-        std::int32_t number;
+    /// What an object consists of, and what takes its values over once it is complete.
+    struct Rules {
+        std::span<const Field> fields;
+        bool (AnswerHandler::*finish)();
     };
+
+    Rules rules(Scope scope) const {
+        using Handler = AnswerHandler;
+        static constexpr Rules kRules[kScopes] = {
+            {{}, &Handler::finishEnvelope},  // its fields depend on the shape expected
+            {kErrorFields, &Handler::finishError},
+            {kErrorDataFields, &Handler::finishErrorData},
+            {kClusterFields, &Handler::finishCluster},
+            {kReplicaSetFields, &Handler::finishReplicaSet},
+            {kKeyResultFields, &Handler::finishKeyResult},
+            {kSessionsFields, &Handler::finishSessions},
+            {kCountFields, &Handler::finishCount},
+            {kLevelFields, &Handler::finishLevel},
+            {kRealmFields, &Handler::finishRealm},
+            {kKeyFields, &Handler::finishKey},
+            {kMemberFields, &Handler::finishMember},
+            {kSessionFields, &Handler::finishSession},
+            {},
+        };
+        return scope == kEnvelope ? Rules{m_envelope, kRules[kEnvelope].finish} : kRules[scope];
+    }
 
     bool fail(std::string problem) {
         m_problem = std::move(problem);
@@ -199,7 +199,7 @@ class AnswerHandler {
     /// What is expected where the parse stands: null where anything is, to be passed over.
     const Field* expected() {
         static constexpr Field kRoot{"the answer", Type::kObject, kEnvelope};
-        static constexpr Field kNameItem{"a name", Type::kText, kName};
+        static constexpr Field kNameItem{"a name", &Values::name};
         if (m_depth == 0) {
             return &kRoot;
         }
@@ -208,10 +208,10 @@ class AnswerHandler {
             if (frame.scope == kName) {
                 return &kNameItem;
             }
-            m_item = {"a record", Type::kObject, frame.scope};
+            m_item = Field("a record", Type::kObject, frame.scope);
             return &m_item;
         }
-        const std::span<const Field> fields = fieldsOf(frame.scope);
+        const std::span<const Field> fields = rules(frame.scope).fields;
         return frame.field < fields.size() ? &fields[frame.field] : nullptr;
     }
 
@@ -227,7 +227,7 @@ class AnswerHandler {
         if (field->type != type) {
             return fail(std::string(field->name) + " is of the wrong type");
         }
-        keep();
+        keep(*field);
         return true;
     }
 
@@ -240,21 +240,16 @@ class AnswerHandler {
         if (number < std::numeric_limits<std::int32_t>::min() || number > std::numeric_limits<std::int32_t>::max()) {
             return other("a number of more than 32 bits");
         }
-        return accept(Type::kInteger, [&] { slot().number = static_cast<std::int32_t>(number); });
+        return accept(Type::kInteger,
+                      [&](const Field& field) { m_values.*field.number = static_cast<std::int32_t>(number); });
     }
 
-    /// Where the value of the present field goes.
-    Value& slot() {
-        const Frame& frame = m_frames[m_depth - 1];
-        return m_values[frame.scope][frame.field];
-    }
-
-    void keepText(char* text) {
+    void keepText(const Field& field, char* text) {
         if (m_frames[m_depth - 1].isList) {
             m_answer.replicaSetNames.append(text);
             ++m_realmNames;
         } else {
-            slot().text = text;
+            m_values.*field.text = text;
         }
     }
 
@@ -270,11 +265,10 @@ class AnswerHandler {
         if (field->type != type) {
             return fail(std::string(field->name) + " is of the wrong type");
         }
-        const Scope scope = field->scope == kResult ? m_result : field->scope;
-        if (scope == kRealm && type == Type::kObject) {
+        if (field->scope == kRealm && type == Type::kObject) {
             m_realmNames = 0;
         }
-        m_frames[m_depth++] = {scope, type == Type::kList, 0, 0};
+        m_frames[m_depth++] = {field->scope, type == Type::kList, 0, 0};
         return true;
     }
 
@@ -285,7 +279,7 @@ class AnswerHandler {
 
     bool closeObject() {
         const Frame frame = m_frames[--m_depth];
-        const std::span<const Field> fields = fieldsOf(frame.scope);
+        const auto [fields, finish] = rules(frame.scope);
         unsigned needed = (1U << fields.size()) - 1;
         if (frame.scope == kEnvelope) {
             if (((frame.seen & kSeenResult) != 0) == ((frame.seen & kSeenError) != 0)) {
@@ -298,71 +292,73 @@ class AnswerHandler {
                 return fail("the field " + std::string(fields[index].name) + " is missing");
             }
         }
-        return finish(frame.scope);
+        return (this->*finish)();
     }
 
-    /// Takes over the values of an object that is complete.
-    bool finish(Scope scope) {
-        const Value* values = m_values[scope];
-        switch (scope) {
-            case kEnvelope:
-                if (std::strcmp(values[0].text, field::kVersion) != 0) {
-                    return fail("it is not JSON-RPC 2.0");
-                }
-                return values[1].number == m_requestId || fail("it answers another request");
-            case kError:
-                m_answer.errorMessage = values[1].text;
-                return true;
-            case kErrorData:
-                m_answer.errorName = values[0].text;
-                return true;
-            case kKey:
-                m_answer.key = {values[0].text, values[1].number, values[2].number};
-                return true;
-            case kRealm:
-                // The names follow each other in the order of the realms; their addresses are known at the end.
-                m_answer.realms.append({values[0].text, m_realmNames, nullptr});
-                return true;
-            case kMember:
-                m_answer.members.append({values[0].text, values[1].number});
-                return true;
-            case kSession:
-                m_answer.sessions.append({values[0].text, values[1].text, values[2].number});
-                return true;
-            case kClusterResult:
-                return takeCount(values[0].number, m_answer.realms.size());
-            case kReplicaSetResult:
-                return takeCount(values[0].number, m_answer.members.size());
-            case kSessionsResult:
-                m_answer.total = values[0].number;
-                return takeCount(values[1].number, m_answer.sessions.size()) &&
-                       (m_answer.total >= m_answer.count || fail("the field total is wrong"));
-            case kCountResult:
-                m_answer.count = values[0].number;
-                return m_answer.count >= 0 || fail("the field count is wrong");
-            case kLevelResult:
-                m_answer.level = values[0].number;
-                return true;
-            default:
-                return true;
+    bool finishEnvelope() {
+        if (std::strcmp(m_values.version, field::kVersion) != 0) {
+            return fail("it is not JSON-RPC 2.0");
         }
+        return m_values.id == m_requestId || fail("it answers another request");
+    }
+    bool finishError() {
+        m_answer.errorMessage = m_values.errorMessage;
+        return true;
+    }
+    bool finishErrorData() {
+        m_answer.errorName = m_values.name;
+        return true;
+    }
+    bool finishKey() {
+        m_answer.key = {m_values.label, m_values.time, m_values.previousTime};
+        return true;
+    }
+    bool finishRealm() {
+        // The names follow each other in the order of the realms; their addresses are known at the end.
+        m_answer.realms.append({m_values.name, m_realmNames, nullptr});
+        return true;
+    }
+    bool finishMember() {
+        m_answer.members.append({m_values.name, m_values.time});
+        return true;
+    }
+    bool finishSession() {
+        m_answer.sessions.append({m_values.sessionId, m_values.user, m_values.time});
+        return true;
+    }
+    bool finishCluster() { return takeCount(m_answer.realms.size()); }
+    bool finishReplicaSet() { return takeCount(m_answer.members.size()); }
+    bool finishKeyResult() { return true; }
+    bool finishSessions() {
+        m_answer.total = m_values.total;
+        return takeCount(m_answer.sessions.size()) &&
+               (m_answer.total >= m_answer.count || fail("the field total is wrong"));
+    }
+    bool finishCount() {
+        m_answer.count = m_values.count;
+        return m_answer.count >= 0 || fail("the field count is wrong");
+    }
+    bool finishLevel() {
+        m_answer.level = m_values.level;
+        return true;
     }
 
-    bool takeCount(std::int32_t count, std::size_t records) {
-        m_answer.count = count;
-        return (count >= 0 && static_cast<std::size_t>(count) == records) || fail("the field count is wrong");
+    bool takeCount(std::size_t records) {
+        m_answer.count = m_values.count;
+        return (m_values.count >= 0 && static_cast<std::size_t>(m_values.count) == records) ||
+               fail("the field count is wrong");
     }
 
-    const Scope m_result;
+    const Field m_envelope[4];
     const std::int32_t m_requestId;
     Answer& m_answer;
     std::string m_problem;
-    Field m_item{};
+    Field m_item{"", Type::kObject, kScopes};
     Frame m_frames[kMaxDepth]{};
     int m_depth = 0;
     int m_skipped = 0;  // levels of a value that is passed over
     std::int32_t m_realmNames = 0;
-    Value m_values[kScopes][kMaxFields]{};
+    Values m_values;
 };
 
 void linkReplicaSetNames(Answer& answer) {
