@@ -1,12 +1,13 @@
 #include "admin/cli/vexiladmin/commands/TarnAdminLogin.h"
 
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
-#include "admin/cli/vexiladmin/commands/HiddenInput.h"
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "runtime/qel_base64.h"
+#include "runtime/qel_hidden.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 #include "runtime/qel_random.h"
@@ -73,11 +74,15 @@ std::uint32_t TarnAdminLogin::makeLoginId(QelString& loginId) {
 
 std::uint32_t TarnAdminLogin::promptForPassword(QelString& password) {
     showPasswordPrompt();
-    HiddenInput input(showPasswordPrompt);
     char line[1024];
-    const bool read = input.readLine(line, sizeof(line));
+    std::string_view read;
+    const QelHidden result = qel_read_hidden(line, read, showPasswordPrompt);
     std::fputs("\n", stdout);
-    const std::uint32_t status = read ? password.set(line, QelString::kFromLocale) : kStatusNoPassword;
+    if (result == QelHidden::kInterrupted) {
+        std::raise(SIGINT);
+    }
+    const std::uint32_t status =
+        result == QelHidden::kLine ? password.set(line, QelString::kFromLocale) : kStatusNoPassword;
     explicit_bzero(line, sizeof(line));
     return status;
 }
