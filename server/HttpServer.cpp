@@ -10,7 +10,7 @@
 #include <optional>
 #include <thread>
 
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 
 namespace dsessd {
 

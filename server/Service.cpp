@@ -5,7 +5,7 @@
 #include <iterator>
 #include <optional>
 
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 #include "server/Json.h"
 #include "server/Text.h"
 

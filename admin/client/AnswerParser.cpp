@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "admin/client/text.h"
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "admin/client/text.h"
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 
 namespace {

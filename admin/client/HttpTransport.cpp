@@ -14,7 +14,7 @@
 #include <stdexcept>
 #include <string_view>
 
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 
 namespace {
 
@@ -156,7 +156,7 @@ class Exchange {
             return refuse(notUnderstood("it is compressed"));
         }
         if (!m_isJson) {
-            return refuse(notUnderstood("its type is not application/json"));
+            return refuse(notUnderstood(std::string("its type is not ") + protocol::kContentType));
         }
         m_inBody = true;
         m_bodyStart = m_windowStart = m_lastByte = Clock::now();
@@ -393,8 +393,9 @@ HttpTransport::CurlLibrary::~CurlLibrary() {
 }
 
 HttpTransport::HttpTransport(TlsPolicy& policy) : m_policy(policy), m_multi(curl_multi_init()) {
-    for (const char* header : {"Content-Type: application/json", "Accept: application/json", "Expect:"}) {
-        curl_slist* longer = curl_slist_append(m_headers.get(), header);
+    const std::string type = protocol::kContentType;
+    for (const std::string& header : {"Content-Type: " + type, "Accept: " + type, std::string("Expect:")}) {
+        curl_slist* longer = curl_slist_append(m_headers.get(), header.c_str());
         if (longer == nullptr) {
             throw std::bad_alloc();
         }

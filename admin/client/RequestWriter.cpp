@@ -4,7 +4,7 @@
 
 #include <string_view>
 
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/Client.h"
 #include "admin/client/TlsProblem.h"
-#include "admin/protocol/protocol.h"
+#include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 
 namespace {

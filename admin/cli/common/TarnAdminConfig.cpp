@@ -6,7 +6,6 @@
 #include <memory>
 #include <new>
 
-#include "admin/protocol/protocol.h"
 #include "runtime/QelStringIter.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_strtol.h"
@@ -27,6 +26,7 @@ namespace {
 const QelString httpsScheme("https://");
 const QelString httpScheme("http://");
 
+constexpr char kServicePath[] = "/services/DSessAdmin";
 constexpr char kProxySuffix[] = "Proxy";
 constexpr char kSeparator[] = ",";
 constexpr std::uint32_t kInstanceBuckets = 29;
@@ -74,7 +74,7 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
         urls.append(location.view());
         urls.append("/");
         urls.append(instance.view());
-        urls.append(protocol::kServicePath);
+        urls.append(kServicePath);
     }
     return urls;
 }

@@ -7,6 +7,7 @@
 #include "admin/cli/common/TarnAdminConfig.h"
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
+#include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 #include "tests/runtime/Support.h"
 
@@ -36,12 +37,13 @@ struct Config : testing::Test {
 TEST_F(Config, IsReplacedByTheNextOneButForItsDefaultInstance) {
     EXPECT_EQ(urls(nullptr), List{"none"});
     ASSERT_EQ(load(kSsl, false), 0U);
-    EXPECT_EQ(urls("x"), (List{"https://a/x/services/DSessAdmin", "https://b/x/services/DSessAdmin"}));
+    const std::string service = protocol::kServicePath;  // of which the configuration has its own
+    EXPECT_EQ(urls("x"), (List{"https://a/x" + service, "https://b/x" + service}));
     EXPECT_EQ(urls(nullptr), urls("x"));
     EXPECT_EQ(config.instanceTable().size(), 3U);
     EXPECT_EQ(config.sslInfo().server_dns.count, 2);
     ASSERT_EQ(load("location=b\ninstances=y,z\ntimeout=8\n"), 0U);
-    EXPECT_EQ(urls("y"), List{"http://b/y/services/DSessAdminProxy"});
+    EXPECT_EQ(urls("y"), List{std::string("http://b/y") + protocol::kProxyServicePath});
     EXPECT_EQ(urls(nullptr), List{"none"});
     EXPECT_STREQ(config.defaultInstance().data(), "x");
     EXPECT_EQ(config.sslInfo().server_dns.values, nullptr);
