@@ -100,9 +100,9 @@ typedef struct olm_dsess_admin_session_query_t {
 
 /** One session. */
 typedef struct olm_dsess_admin_session_t {
-    /** The session's identifier, as the session selector takes it. */
+    /** The user's name. Shown last in a line: whatever it holds, it cannot pass for the two texts before it. */
     char* first_text;
-    /** The user's name. */
+    /** The session's identifier, as the session selector takes it. Shown first in a line. */
     char* second_text;
     /** When the session was created or last refreshed. */
     int32_t time;

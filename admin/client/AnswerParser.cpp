@@ -323,7 +323,7 @@ class AnswerHandler {
         return true;
     }
     bool finishSession() {
-        m_answer.sessions.append({m_values.sessionId, m_values.user, m_values.time});
+        m_answer.sessions.append({m_values.user, m_values.sessionId, m_values.time});
         return true;
     }
     bool finishCluster() { return takeCount(m_answer.realms.size()); }

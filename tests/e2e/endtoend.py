@@ -35,5 +35,5 @@ def key_report(label, made, before=None):
 
 def listing(total, *sessions):
     """What session list prints; a session is (user, time, id)."""
-    rows = [line(0x38C5213D, user, when(seconds), name) for user, seconds, name in sessions]
+    rows = [line(0x38C5213D, name, when(seconds), user) for user, seconds, name in sessions]
     return line(0x38C52143, total, len(rows)) + ("".join(rows) or line(0x38C5213C))

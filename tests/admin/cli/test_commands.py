@@ -96,9 +96,9 @@ class Commands(Case):
             )
 
     def test_sessions(self):
-        zoe, adam = line(0x38C5213D, "zoe", EPOCH, "s2"), line(0x38C5213D, "adam", "2001-09-09-01:46:40 UTC", "s1")
+        zoe, adam = line(0x38C5213D, "s2", EPOCH, "zoe"), line(0x38C5213D, "s1", "2001-09-09-01:46:40 UTC", "adam")
         rows = [
-            ("10", 10, "session=s2,zoe,0 session=s1,adam,1000000000 total=77", [77, 2], zoe + adam, 2),
+            ("10", 10, "session=zoe,s2,0 session=adam,s1,1000000000 total=77", [77, 2], zoe + adam, 2),
             ("0", -1, "", [0, 0], NO_SESSIONS, None),
             ("+1", 1, "total=5", [5, 0], NO_SESSIONS, None),
             ("2147483647", 2147483647, "session=s,u,0 count=0", [0, 0], NO_SESSIONS, 0),
@@ -218,9 +218,9 @@ class Commands(Case):
     def test_text_in_other_locales(self):
         command = "session list -realm grün * 0"
         seen = {
-            "script": "list_sessions session=s%C3%A9,Zo%C3%AB%E2%82%AC,0",
+            "script": "list_sessions session=Zo%C3%AB%E2%82%AC,s%C3%A9,0",
             "calls": sessions("grün", "*", -1, 1),
-            "out": line(0x38C52143, 1, 1) + line(0x38C5213D, "Zoë€", EPOCH, "sé"),
+            "out": line(0x38C52143, 1, 1) + line(0x38C5213D, "sé", EPOCH, "Zoë€"),
         }
         for name in ("C", "xx_XX", ""):
             self.check("-command", command, LC_ALL=name, **seen)

@@ -38,7 +38,7 @@ TEST(AnswerParser, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
                 "\"id\":\"\\ud83d\\ude00\",\"user\":\"\xF4\x8F\xBF\xBF\",\"extra\":{\"id\":{}}}],\"count\":1,"
                 "\"total\":9},\"id\":7,\"jsonrpc\":\"2.0\"}\r\n\t ");
     ASSERT_EQ(list.problem, "");
-    EXPECT_STREQ(list.answer.sessions.data()[0].first_text, "\xF0\x9F\x98\x80");
+    EXPECT_STREQ(list.answer.sessions.data()[0].second_text, "\xF0\x9F\x98\x80");
     EXPECT_EQ(list.answer.sessions.data()[0].time, 2147483647);
     EXPECT_EQ(list.answer.total, 9);
     Parsed cluster(AnswerShape::kCluster, kWhole[kCluster].second);

@@ -50,8 +50,8 @@ TEST(Api, EveryOperationDeliversWhatTheServerSays) {
     const UserQuery query("m*");
     ASSERT_EQ(olm_dsess_admin_list_sessions(library.handle, &kRoot, &query, -1, &total, &count, &sessions), 0U);
     ASSERT_EQ(std::pair(total, count), std::pair(5, 2));
-    EXPECT_STREQ(sessions[1].first_text, "s-2");
-    EXPECT_STREQ(sessions[1].second_text, "J\xC3\xBCrgen");
+    EXPECT_STREQ(sessions[1].first_text, "J\xC3\xBCrgen");
+    EXPECT_STREQ(sessions[1].second_text, "s-2");
     EXPECT_EQ(sessions[1].time, -1);
     release(OLM_DSESS_ADMIN_FREE_SESSIONS, count, &sessions);
 

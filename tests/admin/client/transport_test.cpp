@@ -206,7 +206,7 @@ TEST(Transport, AListingNeedsNoMoreMemoryThanItsBytesAndItsRecords) {
     ASSERT_EQ(olm_dsess_admin_list_sessions(library.handle, &kRoot, &query, -1, &total, &count, &sessions), 0U);
     getrusage(RUSAGE_SELF, &after);
     EXPECT_EQ(count, kCount);
-    EXPECT_STREQ(sessions[kCount - 1].second_text, "user-with-a-name");
+    EXPECT_STREQ(sessions[kCount - 1].first_text, "user-with-a-name");
     EXPECT_LE(static_cast<std::size_t>(after.ru_maxrss - before.ru_maxrss) * 1024, wanted);
     release(OLM_DSESS_ADMIN_FREE_SESSIONS, count, &sessions);
     std::remove(path.c_str());
