@@ -36,11 +36,18 @@ std::uint32_t statusOf(AttemptFailure failure) {
             return kStatusTlsFailure;
         case AttemptFailure::kRefused:
             return kStatusRequestRefused;
+        case AttemptFailure::kNotServed:
+            return kStatusInstanceNotServed;
         case AttemptFailure::kNotUnderstood:
             return kStatusAnswerNotUnderstood;
         default:
             return kStatusNoLocation;
     }
+}
+
+/// Whether the server said, without having looked at it, that it will not do the request.
+bool isRefusal(AttemptFailure failure) {
+    return failure == AttemptFailure::kRefused || failure == AttemptFailure::kNotServed;
 }
 
 void replaceAll(std::string& text, std::string_view what, std::string_view with) {
@@ -99,13 +106,14 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
     const auto start = Clock::now();
     auto end = start + m_timeout;
     std::optional<AttemptFailure> failure;
+    std::string cause;
     bool alike = true;
     for (std::size_t index = 0; index < m_urls.size(); ++index) {
         const std::string url = m_urls[index];
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
         const auto patience = request.operation.changes ? end - now : share;
-        const Attempt attempt = tryLocation(url, request, {now + share, now + patience, patience}, answer);
+        Attempt attempt = tryLocation(url, request, {now + share, now + patience, patience}, answer);
         if (attempt.failure == AttemptFailure::kNone) {
             std::rotate(m_urls.begin(), m_urls.begin() + static_cast<std::ptrdiff_t>(index),
                         m_urls.begin() + static_cast<std::ptrdiff_t>(index) + 1);
@@ -113,13 +121,15 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
         }
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
         if (request.operation.changes && attempt.sent) {
-            return attempt.failure == AttemptFailure::kRefused ? kStatusRequestRefused : kStatusOutcomeUnknown;
+            return isRefusal(attempt.failure) ? explained(statusOf(attempt.failure), request, attempt.cause)
+                                              : kStatusOutcomeUnknown;
         }
         end += attempt.flowed;
         alike = alike && failure.value_or(attempt.failure) == attempt.failure;
         failure = attempt.failure;
+        cause = std::move(attempt.cause);
     }
-    return failure && alike ? statusOf(*failure) : kStatusNoLocation;
+    return failure && alike ? explained(statusOf(*failure), request, cause) : kStatusNoLocation;
 }
 
 Attempt Client::tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits,
@@ -148,10 +158,21 @@ std::uint32_t Client::statusOfAnswer(const std::string& url, const Request& requ
                  url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));
     for (const ErrorStatus& error : kErrorStatuses) {
         if (std::strcmp(answer.errorName, error.name) == 0) {
-            return error.status;
+            return explained(error.status, request, excerpt(request, answer.errorMessage));
         }
     }
-    return kStatusRequestRefused;
+    return explained(kStatusRequestRefused, request, excerpt(request, answer.errorMessage));
+}
+
+std::uint32_t Client::explained(std::uint32_t status, const Request& request, const std::string& words) const {
+    if (status == kStatusRequestRefused && !words.empty()) {
+        m_trace.line(kTraceAlways, "the server says: " + words);
+    } else if (status == kStatusIdentityRefused || status == kStatusNotPermitted) {
+        const char* user = request.security.user_name;
+        m_trace.line(kTraceAlways, user == nullptr ? "the request was sent without a user name"
+                                                   : "the request was sent as the user " + std::string(user));
+    }
+    return status;
 }
 
 std::string Client::excerpt(const Request& request, std::string_view text) {

@@ -55,6 +55,9 @@ class Client {
     /// One attempt, with its answer parsed.
     Attempt tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer);
     std::uint32_t statusOfAnswer(const std::string& url, const Request& request, const Answer& answer) const;
+    /// Returns the status, having traced what its text leaves to say: under which name a request was sent that the
+    /// server refused to that user, and `words`, the server's own, for other refusals.
+    std::uint32_t explained(std::uint32_t status, const Request& request, const std::string& words) const;
     /// The head of a server's text, without the password should the server repeat it.
     static std::string excerpt(const Request& request, std::string_view text);
 

@@ -48,6 +48,9 @@ Attempt notUnderstood(const std::string& why) {
 Attempt httpStatusFailure(int status) {
     const std::string cause = "HTTP status " + std::to_string(status) +
                               (status == 404 ? ": no session server is there, or not this instance of it" : "");
+    if (status == 404) {
+        return failed(AttemptFailure::kNotServed, cause);
+    }
     if (status >= 400 && status < 600) {
         return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, cause);
     }

@@ -20,6 +20,7 @@ enum class AttemptFailure {
     kTimedOut,       ///< too slow, at whatever stage
     kTls,            ///< no secure connection, or our certificate was refused
     kRefused,        ///< HTTP status 4xx: the server did not take the request
+    kNotServed,      ///< HTTP status 404: it is no session server, or has not this instance
     kFailed,         ///< HTTP status 5xx
     kNotUnderstood,  ///< what came is not an answer
 };

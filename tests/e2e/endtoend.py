@@ -10,6 +10,7 @@ ROOT_LOGIN = "login root SECRET"
 NO_LOCATION, TIMED_OUT, OUTCOME_UNKNOWN, TLS_FAILURE = 0x38C54011, 0x38C54012, 0x38C54013, 0x38C54014
 IDENTITY_REFUSED, NOT_PERMITTED, UNKNOWN_REALM, UNKNOWN_REPLICA_SET = 0x38C54015, 0x38C54016, 0x38C54017, 0x38C54018
 REQUEST_REFUSED, NOT_UNDERSTOOD, NO_MATCHING_SESSION = 0x38C54019, 0x38C5401A, 0x38C54021
+NOT_SERVED = 0x38C54022
 
 
 def configuration(*servers, timeout=5, **entries):
@@ -31,6 +32,11 @@ def when(seconds):
 def key_report(label, made, before=None):
     """What key show and key change print."""
     return line(0x38C52138, label, when(made), when(before)) if before else line(0x38C52142, label, when(made))
+
+
+def sent_as(user):
+    """What is shown before a refusal that is due to the user."""
+    return f"the request was sent as the user {user}\n"
 
 
 def listing(total, *sessions):

@@ -4,7 +4,7 @@ import contextlib
 import os
 import time
 
-from endtoend import NO_LOCATION, NOT_UNDERSTOOD, OUTCOME_UNKNOWN, REQUEST_REFUSED, TIMED_OUT, configuration, key_report
+from endtoend import NO_LOCATION, NOT_UNDERSTOOD, NOT_SERVED, OUTCOME_UNKNOWN, TIMED_OUT, configuration, key_report
 from fault_server import FaultServer
 from vexil import Case, commands, line
 
@@ -69,7 +69,7 @@ class Failover(Case):
             (("silence", "good"), OUTCOME_UNKNOWN, [0, 0]),
             (("no-answer", "good"), OUTCOME_UNKNOWN, [1, 0]),
             (("refuse", "stall=body", "good"), OUTCOME_UNKNOWN, [0, 1, 0]),
-            (("status=404", "good"), REQUEST_REFUSED, [1, 0]),
+            (("status=404", "good"), NOT_SERVED, [1, 0]),
             (("blackhole", "blackhole"), TIMED_OUT, [0, 0]),
         ]:
             self.check_run(modes, ["key change"], 1, lambda _: "", status, counts)

@@ -6,7 +6,7 @@ import pathlib
 import signal
 import subprocess
 
-from endtoend import NO_MATCHING_SESSION, NOT_PERMITTED, ROOT_LOGIN, listing
+from endtoend import NO_MATCHING_SESSION, NOT_PERMITTED, ROOT_LOGIN, listing, sent_as
 from vexil import ROOT, Case, commands, line
 
 QUICKSTART = str(ROOT / "scripts" / "quickstart")
@@ -30,7 +30,7 @@ class Quickstart(Case):
         terminate = "session terminate all_sessions mallory -realm east"
         changes = commands(ROOT_LOGIN, terminate, "session list -realm east mallory 0", terminate)
         for arguments, out, status in [
-            (commands("key change", "realm list"), "", NOT_PERMITTED),
+            (commands("key change", "realm list"), sent_as("anonymous"), NOT_PERMITTED),
             ([], REALMS + "\n", 0),
             (["--tls", *changes], listing(0), NO_MATCHING_SESSION),
         ]:

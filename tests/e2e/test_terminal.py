@@ -10,6 +10,7 @@ from endtoend import (
     configuration,
     key_report,
     listing,
+    sent_as,
 )
 from vexil import Case, line, msg
 
@@ -42,11 +43,11 @@ class AtPrompt(Case):
                 ("session list -realm ööst Жаннаё 0\x1b[D\x1b[D\x7f" + "\x1b[D" * 6 + "\x7f" * 4 + "öst", zhanna),
                 ("# comment", ""),
                 ("\x1b[A\x1b[A\x1b[A", zoe),
-                ("session terminate all_sessions zoë -realm öst", line(NOT_PERMITTED)),
+                ("session terminate all_sessions zoë -realm öst", sent_as("anonymous") + line(NOT_PERMITTED)),
                 # The password is not echoed, and a wrong one does not end the prompt.
                 ("login root", "", PASSWORD),
-                ("WRONG", line(IDENTITY_REFUSED)),
-                ("key show", line(IDENTITY_REFUSED)),
+                ("WRONG", sent_as("root") + line(IDENTITY_REFUSED)),
+                ("key show", sent_as("root") + line(IDENTITY_REFUSED)),
                 ("login root", "", PASSWORD),
                 ("SECRET", ""),
                 ("session terminate all_sessions zoë -realm öst", ""),

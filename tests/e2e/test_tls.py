@@ -5,7 +5,7 @@ import subprocess
 import tempfile
 
 from dsessd import Dsessd
-from endtoend import IDENTITY_REFUSED, NO_LOCATION, ROOT_LOGIN, TLS_FAILURE, configuration
+from endtoend import IDENTITY_REFUSED, NO_LOCATION, ROOT_LOGIN, TLS_FAILURE, configuration, sent_as
 from fault_server import FaultServer
 from vexil import ROOT, Case, commands, line
 
@@ -47,7 +47,8 @@ class Tls(Case):
             self.check_look(self.tls(server, keyfile="alice-pem.pem", ssl_keyfile_label="alice"), REALMS)
             ends = "the certificate .*CN=soon .* ends on .*\n"
             self.check_look(self.tls(server, keyfile="soon.p12"), ends + REALMS * 2, texts=["realm list"] * 2)
-            self.check_look(self.tls(server), ".*identity-refused.*\n", IDENTITY_REFUSED, [ROOT_LOGIN])
+            refused = ".*identity-refused.*\n" + sent_as("root")
+            self.check_look(self.tls(server), refused, IDENTITY_REFUSED, [ROOT_LOGIN])
             self.assertRegex(server.log(), "identity refused: root from .* with certificate .*CN=alice\n")
         with self.server("far") as server:  # whose certificate bears another host name
             self.check_look(self.tls(server, server_dns="/C=DE/O=Example/CN=far"), REALMS)

@@ -16,6 +16,7 @@ from endtoend import (
     configuration,
     key_report,
     listing,
+    sent_as,
     when,
 )
 from vexil import Case, commands, line, msg
@@ -94,14 +95,14 @@ class Transcripts(Case):
                 ("session list -realm east m?l*y 1", listing(2, MALLORY[0])),
                 ("session list -realm east 田* 9", listing(1, OTHERS[2])),
                 ("session list -realm nowhere * 0", "", UNKNOWN_REALM),
-                ("session terminate session s-3 -realm east", "", NOT_PERMITTED),
-                ("login reader GLANCE; trace get; key change", LEVEL_1, NOT_PERMITTED),
-                ("login root WRONG", "", IDENTITY_REFUSED),
+                ("session terminate session s-3 -realm east", sent_as("anonymous"), NOT_PERMITTED),
+                ("login reader GLANCE; trace get; key change", LEVEL_1 + sent_as("reader"), NOT_PERMITTED),
+                ("login root WRONG", sent_as("root"), IDENTITY_REFUSED),
             )
             self.check_transcripts(
                 peer,
                 ("trace set 3; trace get", LEVEL_3),
-                ("trace set 10", "", REQUEST_REFUSED),
+                ("trace set 10", "the server says: A trace level is a number from 0 to 9.\n", REQUEST_REFUSED),
                 ("session terminate session s-3 -realm nowhere", "", UNKNOWN_REALM),
                 ("session terminate session s-3 -realm east; session list -realm east mar* 0", listing(0)),
                 ("session terminate session s-3 -realm east", "", NO_MATCHING_SESSION),

@@ -67,8 +67,10 @@ TEST(Messages, HaveIdentifiersOfTheirOwnAndPlaceholdersForTheirArguments) {
 }
 
 TEST(Messages, AreFilledWithTheirArguments) {
-    EXPECT_EQ(format(kMsgInvalidValue, "100%s"), "38C5213E The value given for 100%s is not valid.");
-    EXPECT_EQ(format(kMsgInvalidValue, nullptr), "38C5213E The value given for  is not valid.");
+    EXPECT_EQ(format(kMsgUnknownOption, "100%s"),
+              "38C5319C The option -100%s is not known. Use -help for the options there are.");
+    EXPECT_EQ(format(kMsgUnknownOption, nullptr),
+              "38C5319C The option - is not known. Use -help for the options there are.");
     EXPECT_EQ(format(kMsgTraceLevel, INT_MIN), "The server's trace level is -2147483648.");
     EXPECT_EQ(format(kMsgCommandFileOpen, "a", ENOENT),
               "38C520A2 The command file a cannot be opened: No such file or directory (2).\n");

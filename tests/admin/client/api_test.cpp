@@ -95,7 +95,11 @@ TEST(Api, EmptyResultsAreNullAndErrorsHaveStatusesAndAreNotTriedElsewhere) {
                    name + R"("}}})");
         EXPECT_EQ(library.read(), status) << name;
         EXPECT_EQ(library.change(), status) << name;
-        EXPECT_TRUE(wasTraced(name + ": %n no ***\n"));
+        EXPECT_TRUE(wasTraced("1 " + servers.urls[0] + ": " + name + ": %n no ***\n"));
+        EXPECT_EQ(wasTraced("0 the server says: %n no ***\n"), status == kStatusRequestRefused) << name;
+        const bool refusedTheUser = status == kStatusIdentityRefused || status == kStatusNotPermitted;
+        EXPECT_EQ(wasTraced("0 the request was sent as the user root\n"), refusedTheUser) << name;
+        traced.clear();
     }
     EXPECT_FALSE(wasTraced("SECRET"));
     EXPECT_EQ(servers.counts()[1].requests, 0);
