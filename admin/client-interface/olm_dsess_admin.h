@@ -16,7 +16,8 @@
  *     with olm_dsess_admin_free, once, by nothing else.
  *  7. Calls are made from one thread, one at a time. The trace function is called from inside them, on that thread.
  *  8. A request that only reads may be sent to several locations in turn. One that changes something is sent on only
- *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that.
+ *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that. Once
+ *     some of it left, only what TLS has authenticated counts as word that it was not read.
  */
 #ifndef OLM_DSESS_ADMIN_H
 #define OLM_DSESS_ADMIN_H

@@ -5,6 +5,7 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstdlib>
@@ -20,6 +21,7 @@ namespace {
 
 constexpr char kCutShort[] = "it was cut short";
 constexpr char kNoConnection[] = "no connection";
+constexpr char kHeadTooLong[] = "its head is too long";
 constexpr char kNotHttp[] = "it is not HTTP/1.1";
 constexpr char kTooLong[] = "it is too long";
 
@@ -60,22 +62,32 @@ Attempt httpStatusFailure(int status) {
 /// What happens to one request on its way: filled by libcurl's callbacks.
 class Exchange {
   public:
-    Exchange(const std::string& url, bool once, const AttemptLimits& limits)
-        : secure(equalsIgnoringCase(std::string_view(url).substr(0, 6), "https:")), m_once(once), m_limits(limits) {}
+    Exchange(const std::string& url, bool once, const AttemptLimits& limits, TlsPolicy& tlsPolicy)
+        : secure(equalsIgnoringCase(std::string_view(url).substr(0, 6), "https:")),
+          policy(tlsPolicy),
+          m_once(once),
+          m_limits(limits) {}
+
+    /// A connection is about to be made, perhaps in place of a kept one that turned out to be closed: what that one
+    /// failed of is no longer the cause.
+    void onConnecting() {
+        m_sentHere = false;
+        policy.beginConnection();
+    }
 
     /// The connection is there and the request is about to be sent, perhaps for another time.
     bool onConnected() {
         if (m_sent && m_once) {
             return false;
         }
-        m_sent = true;
+        m_sent = m_sentHere = true;
         return true;
     }
 
     bool onHeader(std::string_view line) {
         m_headBytes += line.size();
         if (m_headBytes > kMaxHeadBytes) {
-            return refuse(notUnderstood("its head is too long"));
+            return refuse(notUnderstood(kHeadTooLong));
         }
         if (m_inBody) {
             return true;  // a trailer
@@ -110,7 +122,7 @@ class Exchange {
     /// When the exchange has to end unless something more comes.
     Clock::time_point deadline() {
         if (!m_inBody) {
-            return m_sent ? m_limits.answered : m_limits.connected;
+            return m_sentHere ? m_limits.answered : m_limits.connected;
         }
         const auto now = Clock::now();
         if (now >= m_windowStart + m_limits.silence && m_windowBytes >= leastBytesPerWindow()) {
@@ -123,6 +135,8 @@ class Exchange {
     }
 
     bool sent() const { return m_sent; }
+    /// Whether it was sent on the connection in hand.
+    bool sentHere() const { return m_sentHere; }
     bool begun() const { return m_headBytes > 0; }
     bool inBody() const { return m_inBody; }
     Clock::duration flowed() const { return m_windowStart - m_bodyStart; }
@@ -130,6 +144,7 @@ class Exchange {
     Attempt takeRefusal() { return std::move(m_refusal); }
     bool refused() const { return m_refusal.failure != AttemptFailure::kNone; }
     const bool secure;
+    TlsPolicy& policy;
     bool outOfMemory = false;
     AnswerText text;
     char error[CURL_ERROR_SIZE] = "";
@@ -174,6 +189,7 @@ class Exchange {
     const bool m_once;
     const AttemptLimits m_limits;
     bool m_sent = false;
+    bool m_sentHere = false;
     bool m_inBody = false;
     bool m_isJson = false;
     bool m_isEncoded = false;
@@ -195,6 +211,11 @@ bool guarded(void* exchange, Body body) noexcept {
         static_cast<Exchange*>(exchange)->outOfMemory = true;
         return false;
     }
+}
+
+int connectingCallback(void* exchange, curl_socket_t, curlsocktype) {
+    static_cast<Exchange*>(exchange)->onConnecting();
+    return CURL_SOCKOPT_OK;
 }
 
 int connectedCallback(void* exchange, char*, char*, int, int) {
@@ -239,8 +260,30 @@ void wipingFree(void* block) {
     }
 }
 
+/// Whether an allocation failed in the request in hand. libcurl ends in CURLE_OUT_OF_MEMORY also when a line is longer
+/// than it takes, which is no lack of memory. It allocates on its name lookup's thread too.
+std::atomic<bool> allocationFailed = false;
+
+template <class Block>
+Block* noted(Block* block) {
+    allocationFailed = allocationFailed || block == nullptr;
+    return block;
+}
+
+void* notingMalloc(std::size_t size) {
+    return noted(std::malloc(size));
+}
+
+void* notingCalloc(std::size_t count, std::size_t size) {
+    return noted(std::calloc(count, size));
+}
+
+char* notingStrdup(const char* text) {
+    return noted(strdup(text));
+}
+
 void* wipingRealloc(void* block, std::size_t size) {
-    void* larger = std::malloc(size);
+    void* larger = notingMalloc(size);
     if (larger != nullptr && block != nullptr) {
         std::memcpy(larger, block, std::min(size, malloc_usable_size(block)));
         wipingFree(block);
@@ -285,18 +328,18 @@ class Transfer {
     CURL* m_easy;
 };
 
-std::string timeoutCause(CURL* easy, const Exchange& exchange, const TlsPolicy& policy) {
+std::string timeoutCause(CURL* easy, const Exchange& exchange) {
     if (exchange.inBody()) {
         return "the rest of the answer did not come in time";
     }
-    if (exchange.sent()) {
+    if (exchange.sentHere()) {
         return "no answer in time";
     }
     curl_off_t lookedUp = 0;
     curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookedUp);
-    return policy.handshakeBegun() ? "no TLS handshake in time"
-           : lookedUp == 0         ? "name lookup failed: no answer in time"
-                                   : "no connection in time";
+    return exchange.policy.handshakeBegun() ? "no TLS handshake in time"
+           : lookedUp == 0                  ? "name lookup failed: no answer in time"
+                                            : "no connection in time";
 }
 
 int systemError(CURL* easy) {
@@ -313,8 +356,16 @@ std::string systemCause(CURL* easy, const char* otherwise) {
     return number == 0 ? otherwise : std::string(otherwise) + ": " + std::strerror(number);
 }
 
+/// libcurl's words for a failed handshake, but for those in which it says that the connection simply ended.
+std::string handshakeCause(std::string_view words) {
+    const auto says = [words](const char* what) { return words.find(what) != std::string_view::npos; };
+    const bool ended = says("SSL_ERROR_SYSCALL") || says("unexpected eof") || says("Connection reset");
+    return "no TLS connection: " + (ended ? "the server ended the connection in the handshake" : std::string(words));
+}
+
 /// Why no secure connection came about, or empty when it is not of that.
-std::string tlsCause(CURLcode code, const Exchange& exchange, const TlsPolicy& policy) {
+std::string tlsCause(CURLcode code, const Exchange& exchange) {
+    const TlsPolicy& policy = exchange.policy;
     if (!policy.certificateProblem().empty()) {
         return "the server's certificate " + policy.certificateProblem();
     }
@@ -322,7 +373,7 @@ std::string tlsCause(CURLcode code, const Exchange& exchange, const TlsPolicy& p
         return std::string("our certificate was refused: ") + policy.certificateAlert() +
                (policy.hasIdentity() ? "" : ", and the key file holds none");
     }
-    if (exchange.sent()) {
+    if (exchange.sentHere()) {
         return {};
     }
     switch (code) {
@@ -336,14 +387,14 @@ std::string tlsCause(CURLcode code, const Exchange& exchange, const TlsPolicy& p
         case CURLE_SSL_ENGINE_SETFAILED:
         case CURLE_SSL_CACERT_BADFILE:
         case CURLE_USE_SSL_FAILED:
-            return std::string("no TLS connection: ") + exchange.error;
+            return handshakeCause(exchange.error);
         default:
             return {};
     }
 }
 
 /// What libcurl's result means.
-Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& policy) {
+Attempt judge(CURL* easy, CURLcode code, Exchange& exchange) {
     if (exchange.refused()) {
         return exchange.takeRefusal();
     }
@@ -361,7 +412,9 @@ Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& po
             }
             return failed(AttemptFailure::kUnreachable, systemCause(easy, kNoConnection));
         case CURLE_OPERATION_TIMEDOUT:
-            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange, policy));
+            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange));
+        case CURLE_OUT_OF_MEMORY:
+            return notUnderstood(kHeadTooLong);  // a line of more than 100 KiB
         case CURLE_FILESIZE_EXCEEDED:
             return notUnderstood(kTooLong);
         default:
@@ -371,22 +424,22 @@ Attempt judge(CURL* easy, CURLcode code, Exchange& exchange, const TlsPolicy& po
         return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? kCutShort : kNotHttp);
     }
     if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
-        return exchange.sent() ? notUnderstood(kNotHttp)
-                               : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
+        return exchange.sentHere() ? notUnderstood(kNotHttp)
+                                   : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
     }
-    if (std::string cause = tlsCause(code, exchange, policy); !cause.empty()) {
+    if (std::string cause = tlsCause(code, exchange); !cause.empty()) {
         return failed(AttemptFailure::kTls, std::move(cause));
     }
     return failed(AttemptFailure::kUnreachable,
-                  systemCause(easy, exchange.sent() ? "the connection ended before an answer" : kNoConnection));
+                  systemCause(easy, exchange.sentHere() ? "the connection ended before an answer" : kNoConnection));
 }
 
 }  // namespace
 
 HttpTransport::CurlLibrary::CurlLibrary() {
     // libcurl copies a request to put it behind its head.
-    if (curl_global_init_mem(CURL_GLOBAL_DEFAULT, std::malloc, wipingFree, wipingRealloc, strdup, std::calloc) !=
-        CURLE_OK) {
+    if (curl_global_init_mem(CURL_GLOBAL_DEFAULT, notingMalloc, wipingFree, wipingRealloc, notingStrdup,
+                             notingCalloc) != CURLE_OK) {
         throw std::bad_alloc();
     }
 }
@@ -431,7 +484,6 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     set(easy, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
     set(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(protocol::kMaxAnswerBytes));
     set(easy, CURLOPT_BUFFERSIZE, 128L * 1024);
-    set(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     set(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     set(easy, CURLOPT_SSL_VERIFYHOST, m_policy.namesServers() ? 0L : 2L);
@@ -443,6 +495,7 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     set(easy, CURLOPT_SSL_CTX_DATA, &m_policy);
     // A name lookup that hangs is left behind rather than waited for.
     set(easy, CURLOPT_QUICK_EXIT, 1L);
+    set(easy, CURLOPT_SOCKOPTFUNCTION, connectingCallback);
     set(easy, CURLOPT_PREREQFUNCTION, connectedCallback);
     set(easy, CURLOPT_HEADERFUNCTION, headerCallback);
     set(easy, CURLOPT_WRITEFUNCTION, bodyCallback);
@@ -462,7 +515,7 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
 
 Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretBuffer& body,
                               const AttemptLimits& limits) {
-    Exchange exchange(url, fresh, limits);
+    Exchange exchange(url, fresh, limits, m_policy);
     // One for each request: libcurl before 8.0 keeps a pointer into the head of the last answer, which is gone, and
     // goes there when the next answer's head begins with a continuation line.
     const EasyPtr owner = makeEasy();
@@ -473,22 +526,25 @@ Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretB
     set(easy, CURLOPT_FRESH_CONNECT, fresh ? 1L : 0L);
     // For libcurl to divide between several addresses of one name; 0 would mean its own default.
     set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.connected - Clock::now())));
+    set(easy, CURLOPT_SOCKOPTDATA, &exchange);
     set(easy, CURLOPT_PREREQDATA, &exchange);
     set(easy, CURLOPT_HEADERDATA, &exchange);
     set(easy, CURLOPT_WRITEDATA, &exchange);
     set(easy, CURLOPT_ERRORBUFFER, exchange.error);
-    m_policy.beginAttempt();
+    m_policy.beginConnection();
+    allocationFailed = false;
 
     const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
-    if (exchange.outOfMemory || code == CURLE_OUT_OF_MEMORY) {
+    // Once the request is sent, libcurl allocates by our functions alone.
+    const bool lineTooLong = code == CURLE_OUT_OF_MEMORY && exchange.sentHere() && !allocationFailed;
+    if (exchange.outOfMemory || (code == CURLE_OUT_OF_MEMORY && !lineTooLong)) {
         throw std::bad_alloc();
     }
     long connectionsMade = 0;
     curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connectionsMade);
     fresh = connectionsMade > 0;
-    Attempt attempt = judge(easy, code, exchange, m_policy);
-    // A server that turns our certificate down reads no request.
-    attempt.sent = exchange.sent() && attempt.failure != AttemptFailure::kTls;
+    Attempt attempt = judge(easy, code, exchange);
+    attempt.sent = exchange.sent() && !(attempt.failure == AttemptFailure::kTls && m_policy.refusalProven());
     attempt.flowed = exchange.flowed();
     if (attempt.failure == AttemptFailure::kNone) {
         exchange.text.append('\0');

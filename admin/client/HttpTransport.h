@@ -27,8 +27,10 @@ enum class AttemptFailure {
 
 struct Attempt {
     AttemptFailure failure = AttemptFailure::kNone;
-    std::string cause;         ///< in words, when it failed
-    bool sent = false;         ///< whether any of the request can have reached a server
+    std::string cause;  ///< in words, when it failed
+    /// Whether any of the request can have reached a server. Once some of it left, only what TLS has authenticated can
+    /// say that it was not read: a server that turns our certificate down in TLS 1.3 reads none.
+    bool sent = false;
     AnswerText text;           ///< the answer, with a NUL at its end, when it did not fail
     Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
 };

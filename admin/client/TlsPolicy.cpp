@@ -50,6 +50,25 @@ StorePtr makeStore(const std::vector<CertificatePtr>& certificates) {
     return store;
 }
 
+/// OpenSSL's configuration may offer ciphers that do not encrypt, or that show no certificate.
+void dropCiphersWithoutSecurity(SSL_CTX* context) {
+    const STACK_OF(SSL_CIPHER)* ciphers = SSL_CTX_get_ciphers(context);
+    std::string secure;
+    bool dropped = false;
+    for (int index = 0; index < sk_SSL_CIPHER_num(ciphers); ++index) {
+        const SSL_CIPHER* cipher = sk_SSL_CIPHER_value(ciphers, index);
+        if (SSL_CIPHER_get_cipher_nid(cipher) == NID_undef || SSL_CIPHER_get_auth_nid(cipher) == NID_auth_null) {
+            dropped = true;
+        } else {
+            secure += (secure.empty() ? "" : ":") + std::string(SSL_CIPHER_get_name(cipher));
+        }
+    }
+    if (dropped) {
+        // The names of TLS 1.3's are passed over: they have a list of their own, which has none of these.
+        SSL_CTX_set_cipher_list(context, secure.empty() ? "DEFAULT" : secure.c_str());
+    }
+}
+
 std::string timeText(const ASN1_TIME* time) {
     const BioPtr bio(BIO_new(BIO_s_mem()));
     char* text = nullptr;
@@ -109,6 +128,11 @@ void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
 }
 
 bool TlsPolicy::configure(SSL_CTX* context) {
+    // OpenSSL's configuration may ask for a newer version; libcurl leaves that alone, and so do we.
+    if (SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) {
+        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+    }
+    dropCiphersWithoutSecurity(context);
     // libcurl would write the keys of every connection to the file that SSLKEYLOGFILE names.
     SSL_CTX_set_keylog_callback(context, nullptr);
     // A resumed session would skip the check of the server's name; no certificate is asked for behind a request's back.
@@ -128,9 +152,10 @@ bool TlsPolicy::configure(SSL_CTX* context) {
                               SSL_CTX_use_PrivateKey(context, m_keyFile.key.get()) == 1);
 }
 
-void TlsPolicy::beginAttempt() {
+void TlsPolicy::beginConnection() {
     m_certificateProblem.clear();
     m_certificateAlert = nullptr;
+    m_refusalProven = false;
     m_certificateAsked = false;
     m_handshakeBegun = false;
 }
@@ -184,13 +209,17 @@ void TlsPolicy::infoCallback(const SSL* connection, int where, int value) {
         return;
     }
     const int description = value & 0xFF;
+    const bool finished = SSL_is_init_finished(connection) != 0;
+    const bool authenticated = finished && SSL_version(connection) == TLS1_3_VERSION;
+    // Before TLS 1.3 a warning ends nothing. One that comes before the server asks for a certificate is not about ours.
+    if (!policy->m_certificateAsked || (!authenticated && value >> 8 != SSL3_AL_FATAL)) {
+        return;
+    }
     // Before TLS 1.3 there is no alert of its own for a certificate that was asked for and did not come.
     const bool lacksCertificate = description == SSL_AD_CERTIFICATE_REQUIRED ||
-                                  (description == SSL_AD_HANDSHAKE_FAILURE && policy->m_certificateAsked &&
-                                   !policy->hasIdentity() && SSL_is_init_finished(connection) == 0);
-    if (lacksCertificate) {
-        policy->m_certificateAlert = "a certificate is required";
-    } else if (isCertificateAlert(description)) {
-        policy->m_certificateAlert = SSL_alert_desc_string_long(value);
+                                  (description == SSL_AD_HANDSHAKE_FAILURE && !policy->hasIdentity() && !finished);
+    if (lacksCertificate || isCertificateAlert(description)) {
+        policy->m_certificateAlert = lacksCertificate ? "a certificate is required" : SSL_alert_desc_string_long(value);
+        policy->m_refusalProven = authenticated;
     }
 }

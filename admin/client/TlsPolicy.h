@@ -27,14 +27,18 @@ class TlsPolicy {
     /// Prepares a context for one connection. False when OpenSSL does not take what it is given.
     bool configure(SSL_CTX* context);
 
-    /// Forgets what was found so far.
-    void beginAttempt();
+    /// Forgets what was found on the connection before.
+    void beginConnection();
     bool handshakeBegun() const { return m_handshakeBegun; }
     /// What is wrong with the server's certificate, or empty.
     const std::string& certificateProblem() const { return m_certificateProblem; }
-    /// The alert by which the server turned our certificate down, or null. It is given while the server judges the
-    /// handshake, so that a request sent behind our part of it was not read.
+    /// The alert by which the server turned our certificate down, or null. It is good for telling people: anybody on
+    /// the path can put one in while the handshake lasts.
     const char* certificateAlert() const { return m_certificateAlert; }
+    /// Whether that alert was authenticated by TLS. A server gives such a one in TLS 1.3 alone, in place of reading
+    /// what was sent behind our part of the handshake; before that, a handshake that fails ends before anything is
+    /// sent.
+    bool refusalProven() const { return m_refusalProven; }
 
   private:
     static int verifyCallback(X509_STORE_CTX* chain, void* policy);
@@ -51,6 +55,7 @@ class TlsPolicy {
     std::vector<DistinguishedName> m_serverNames;
     std::string m_certificateProblem;
     const char* m_certificateAlert = nullptr;
+    bool m_refusalProven = false;
     bool m_certificateAsked = false;
     bool m_handshakeBegun = false;
 };

@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
 """Plays bad peers: session servers that fail in one particular way each, on loopback ports of their own.
 
-    fault_server.py [--tls-cert FILE --tls-key FILE [--client-ca FILE]] MODE...
+    fault_server.py [--tls-cert FILE [--client-ca FILE]] MODE...
 
 prints "port N MODE" for each mode, then "ready". Each line "counts" on standard input is answered by one line for each
 mode, in order: "counts CONNECTIONS REQUESTS BYTES" (connections accepted, whole requests read, bytes of requests read;
 under TLS those are the decrypted ones). It ends when standard input does. In Python, "with FaultServer(MODE) as server"
 has server.port, connections, requests and bytes.
 
-A mode may begin with "tls:" (TLS with the certificate given), "tls1.2:" or "tls1.1:" (no newer version than that).
+A mode may begin with "tls:" (TLS with the certificate and key in FILE), "tls1.2:" or "tls1.1:" (no newer version than
+that); before the colon "@FILE" names another certificate, and "+HEX" bytes that go out before the handshake. Of modes
+with commas between them the first is that of the first connection and so on; the last is that of all further ones.
 
     good               answers every method
     close-after        the same, but closes the kept connection after each answer
@@ -23,7 +25,7 @@ A mode may begin with "tls:" (TLS with the certificate given), "tls1.2:" or "tls
     stall=STAGE, drip=STAGE   stops there, with the connection open; goes on with one byte every 20 ms: head, body
     endless=HOW        never ends: length (and announces 2^40 bytes), close (no length), chunked, head, interim
     folded-head        in turn an answer without a type, and one whose head begins with a continuation line
-    garbage, http09, big-head, compressed, transfer-gzip, redirect, wrong-type, no-type
+    garbage, http09, big-head, long-line, compressed, transfer-gzip, redirect, wrong-type, no-type
 """
 
 import argparse
@@ -39,26 +41,16 @@ import threading
 import time
 import warnings
 
+KEY = {"label": "key-1", "time": 1700000000, "previousTime": 0}
+REALMS = [{"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}]
+SESSIONS = [{"id": f"s-{n}", "user": user, "time": -1} for n, user in [(1, "mallory"), (2, "J\u00fcrgen")]]
 RESULTS = {
-    "cluster.get": {
-        "count": 2,
-        "key": {"label": "key-1", "time": 1700000000, "previousTime": 0},
-        "realms": [{"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}],
-    },
+    "cluster.get": {"count": 2, "key": KEY, "realms": REALMS},
     "replicaSet.get": {"count": 1, "records": [{"name": "node1", "time": 1700000001}]},
     "key.change": {"key": {"label": "key-2", "time": 1700000002, "previousTime": 1700000000}},
-    "session.list": {
-        "total": 5,
-        "count": 2,
-        "sessions": [
-            {"id": "s-1", "user": "mallory", "time": 1700000003},
-            {"id": "s-2", "user": "J\u00fcrgen", "time": -1},
-        ],
-    },
-    "session.terminate": {"count": 1},
-    "session.refresh": {"count": 1},
-    "trace.get": {"level": 3},
-    "trace.set": {"level": 4},
+    "session.list": {"total": 5, "count": 2, "sessions": SESSIONS},
+    **dict.fromkeys(["session.terminate", "session.refresh"], {"count": 1}),
+    **dict.fromkeys(["trace.get", "trace.set"], {"level": 3}),
 }
 
 
@@ -84,68 +76,75 @@ def reset(connection):
 
 
 class FaultServer(contextlib.AbstractContextManager):
-    def __init__(self, mode, tls_cert=None, tls_key=None, client_ca=None):
+    def __init__(self, mode, tls_cert=None, client_ca=None):
         self.mode = mode
         self.connections = self.requests = self.bytes = 0
-        prefix, _, rest = mode.rpartition(":") if mode.startswith("tls") else ("", "", mode)
-        self.tls = self._tls_context(prefix[3:], tls_cert, tls_key, client_ca) if prefix else None
-        self.behaviour, _, self.argument = rest.partition("=")
+        self._modes = [self._parse(one, tls_cert, client_ca) for one in mode.split(",")]
         self._listener = socket.socket()
         self._listener.bind(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
-        self._fillers = []
-        if self.behaviour == "blackhole":
-            self._listener.listen(0)
-            for _ in range(4):
-                self._fillers.append(socket.socket())
-                self._fillers[-1].setblocking(False)
-                self._fillers[-1].connect_ex(("127.0.0.1", self.port))
-        elif self.behaviour != "refuse":
-            self._listener.listen(128)
+        if mode != "refuse":
+            self._listener.listen(0 if mode == "blackhole" else 128)
+        self._fillers = [socket.socket() for _ in range(4 if mode == "blackhole" else 0)]
+        for filler in self._fillers:
+            filler.settimeout(0)
+            filler.connect_ex(self._listener.getsockname())
+        if mode not in ("refuse", "blackhole"):
             threading.Thread(target=self._accept, daemon=True).start()
 
     def __exit__(self, *_):
-        self.close()
-
-    def close(self):
         for one in [self._listener, *self._fillers]:
             with contextlib.suppress(OSError):
                 one.shutdown(socket.SHUT_RDWR)  # wakes the thread in accept
             one.close()
 
     @staticmethod
-    def _tls_context(version, cert, key, client_ca):
-        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
-        if version:
+    def _parse(mode, cert, client_ca):
+        """The handshake's context or null, what to put before the handshake, the behaviour and its argument."""
+        tls, own_cert, before, mode = re.fullmatch(r"(?:(tls[\d.]*)(?:@([^+:]+))?(?:\+(\w+))?:)?(.*)", mode).groups()
+        context = tls and ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        if context:
             context.set_ciphers("ALL@SECLEVEL=0")
             warnings.simplefilter("ignore", DeprecationWarning)  # old versions are the point
             context.minimum_version = ssl.TLSVersion.TLSv1
-            context.maximum_version = {"1.1": ssl.TLSVersion.TLSv1_1, "1.2": ssl.TLSVersion.TLSv1_2}[version]
-        context.load_cert_chain(cert, key)
-        if client_ca:
+            context.maximum_version = getattr(ssl.TLSVersion, "TLSv" + (tls[3:] or "1.3").replace(".", "_"))
+            context.load_cert_chain(own_cert or cert)
+        if context and client_ca:
             context.verify_mode = ssl.CERT_REQUIRED
             context.load_verify_locations(client_ca)
-        return context
+        return context, bytes.fromhex(before or ""), *mode.partition("=")[::2]
 
     def _accept(self):
         with contextlib.suppress(OSError):  # of a listener that was closed
             while True:
                 connection, _ = self._listener.accept()
+                mode = self._modes[min(self.connections, len(self._modes) - 1)]
                 self.connections += 1
                 connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-                threading.Thread(target=self._serve, args=(connection,), daemon=True).start()
+                threading.Thread(target=Peer(self, mode).serve, args=(connection,), daemon=True).start()
 
-    def _serve(self, connection):
+
+class Peer:
+    def __init__(self, server, mode):
+        self.server = server
+        self.tls, self.before, self.behaviour, self.argument = mode
+
+    def serve(self, connection):
         with contextlib.suppress(OSError), contextlib.ExitStack() as stack:
             stack.enter_context(connection)
             if self.behaviour == "silence":
                 time.sleep(3600)
-            if self._cut(connection, "accept"):
-                return
+            if self.argument == "accept":
+                return self._end(connection)
             if self.tls:
+                connection.sendall(self.before)
                 connection = stack.enter_context(self._shake_hands(connection))
             while self._answer(connection):
                 pass
+
+    def _end(self, connection):
+        if self.behaviour == "reset":
+            reset(connection)
 
     def _shake_hands(self, raw):
         connection = self.tls.wrap_socket(raw, server_side=True, do_handshake_on_connect=False)
@@ -166,33 +165,24 @@ class FaultServer(contextlib.AbstractContextManager):
         while True:
             match = re.search(rb"(?i)content-length: *(\d+).*?\r\n\r\n", data, re.DOTALL)
             if match and len(data) >= match.end() + int(match[1]):
-                self.requests += 1
+                self.server.requests += 1
                 return data[match.end() :]
             piece = connection.recv(65536)
             if not piece:
                 return None
-            self.bytes += len(piece)
+            self.server.bytes += len(piece)
             data += piece
 
-    def _cut(self, connection, stage):
-        """Whether the exchange ends at this stage."""
-        if self.behaviour == "reset" and self.argument == stage:
-            reset(connection)
-        return self.behaviour in ("reset", "close") and self.argument == stage
-
     def _answer(self, connection):
-        """Serves one request; false ends the connection."""
+        """Serves one request; nothing true ends the connection."""
         request = self._read_request(connection)
-        if request is None or self._cut(connection, "request"):
-            return False
+        if request is None or self.argument == "request":
+            return self._end(connection)
         if self.behaviour in ("no-answer", "slow"):
             time.sleep(float(self.argument or 3600))
-        parts = {
-            "endless": self._endless,
-            **dict.fromkeys(["flow", "flow-stall"], self._flow),
-            **dict.fromkeys(["reset", "close", "stall", "drip"], self._in_stages),
-        }
-        return parts.get(self.behaviour, self._at_once)(connection, request)
+        parts = {"endless": self._endless, "flow": self._flow, "flow-stall": self._flow}
+        stages = dict.fromkeys(["reset", "close", "stall", "drip"], self._in_stages)
+        return (parts | stages).get(self.behaviour, self._at_once)(connection, request)
 
     def _at_once(self, connection, request):
         body = good_answer(request)
@@ -204,11 +194,12 @@ class FaultServer(contextlib.AbstractContextManager):
         no_type = good.replace(b"Content-Type: application/json\r\n", b"")
         answers = {
             "status": head(b"", status=self.argument + " Status"),
-            "redirect": head(b"", f"Location: http://127.0.0.1:{self.port}/elsewhere", status="307 Moved"),
+            "redirect": head(b"", f"Location: http://127.0.0.1:{self.server.port}/elsewhere", status="307 Moved"),
             "garbage": b"\x00\x15\x03\xff" * 64,
             "http09": body,
             "big-head": head(body, *(f"X-{number}: {'x' * 1000}" for number in range(300))) + body,
-            "folded-head": no_type if self.requests % 2 else good.replace(b"OK\r\n", b"OK\r\n : continued\r\n"),
+            "long-line": head(body, "X: " + "x" * 200000) + body,
+            "folded-head": no_type if self.server.requests % 2 else good.replace(b"OK\r\n", b"OK\r\n : continued\r\n"),
             "compressed": head(zipped, "Content-Encoding: gzip") + zipped,
             "transfer-gzip": head(None, "Transfer-Encoding: gzip, chunked") + chunk(zipped) + chunk(b""),
             "wrong-type": good.replace(b"application/json", b"text/html"),
@@ -224,15 +215,11 @@ class FaultServer(contextlib.AbstractContextManager):
         answer = head(body) + body
         cut = 20 if self.argument == "head" else len(answer) - len(body) + 20
         connection.sendall(answer[:cut])
-        if self.behaviour == "reset":
-            reset(connection)
-        elif self.behaviour == "stall":
-            time.sleep(3600)
-        elif self.behaviour == "drip":
-            for byte in answer[cut:]:
-                connection.sendall(bytes([byte]))
-                time.sleep(0.02)
-        return False
+        for byte in answer[cut:] if self.behaviour == "drip" else ():
+            connection.sendall(bytes([byte]))
+            time.sleep(0.02)
+        time.sleep(3600 if self.behaviour == "stall" else 0)
+        return self._end(connection)
 
     def _flow(self, connection, request):
         connection.sendall(head() + good_answer(request))
@@ -240,9 +227,7 @@ class FaultServer(contextlib.AbstractContextManager):
         while time.monotonic() < end:
             connection.sendall(b" " * 1024)
             time.sleep(0.05)
-        if self.behaviour == "flow-stall":
-            time.sleep(3600)
-        return False
+        time.sleep(3600 if self.behaviour == "flow-stall" else 0)
 
     def _endless(self, connection, request):
         body = good_answer(request)[:-1]
@@ -261,11 +246,11 @@ class FaultServer(contextlib.AbstractContextManager):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    for option in ["--tls-cert", "--tls-key", "--client-ca"]:
-        parser.add_argument(option)
+    parser.add_argument("--tls-cert")
+    parser.add_argument("--client-ca")
     parser.add_argument("modes", nargs="+", metavar="MODE")
     options = parser.parse_args()
-    servers = [FaultServer(mode, options.tls_cert, options.tls_key, options.client_ca) for mode in options.modes]
+    servers = [FaultServer(mode, options.tls_cert, options.client_ca) for mode in options.modes]
     for server in servers:
         print("port", server.port, server.mode)
     print("ready", flush=True)

@@ -36,7 +36,7 @@ class Tls : public testing::Test {
     static std::string at(const std::string& name) { return folder + "/" + name; }
     static std::string as(const std::string& server, bool wantsClients = false) {
         const std::string file = at(server + ".pem");
-        return "--tls-cert " + file + " --tls-key " + file + (wantsClients ? " --client-ca " + at("ca.pem") : "");
+        return "--tls-cert " + file + (wantsClients ? " --client-ca " + at("ca.pem") : "");
     }
     static TlsSettings with(const std::string& keyFile, const std::string& label = "") {
         return {at(keyFile), at("stash"), label, {}};
@@ -90,6 +90,55 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         for (const auto& [connections, requests, bytes] : servers.counts()) {
             EXPECT_TRUE(one.cause.empty() || (connections == 3 && bytes == 0)) << connections << " " << bytes;
         }
+    }
+}
+
+/// What anybody on the path can say before the server does: alerts, warning and fatal, that turn a certificate down.
+TEST_F(Tls, AnAlertThatNobodyVouchesForDecidesNothing) {
+    for (const std::string tls : {"tls", "tls1.2"}) {
+        for (const char* alert : {"2a", "2c", "2d", "30", "74"}) {
+            const std::string injected = tls + "+15030300020", bad = std::string(alert) + ":reset=request";
+            FaultServers servers({injected + "1" + bad, injected + "2" + bad, "tls:good"}, as("node1", true));
+            for (const auto& [first, status] : {std::pair(0, kStatusOutcomeUnknown), {1, 0U}}) {
+                SCOPED_TRACE(injected + bad);
+                Library library({servers.urls[first], servers.urls[2]}, 5, with("alice.p12"));
+                EXPECT_EQ(library.change(), status);
+                EXPECT_FALSE(wasTraced("our certificate was refused")) << traced.back();
+                const auto counts = servers.counts();
+                EXPECT_EQ(counts[first].requests + counts[2].requests, 1);
+            }
+        }
+    }
+}
+
+TEST_F(Tls, ACertificateThatTheServerTurnsDownSendsAChangeToTheNextLocation) {
+    FaultServers picky({"tls:good", "tls1.2:good"}, as("node1", true));
+    FaultServers good({"tls:good"}, as("node1"));
+    for (const std::string& url : picky.urls) {
+        Library library({url, good.urls[0]}, 5, with("foreign.p12"));
+        EXPECT_EQ(library.change(), 0U);
+        EXPECT_TRUE(wasTraced("our certificate was refused: unknown CA"));
+    }
+    EXPECT_EQ(good.counts()[0].requests, 2);
+}
+
+TEST_F(Tls, WhatAReplacedConnectionFailsOfIsTold) {
+    const std::string kept = "tls:one-answer,";
+    const std::pair<std::string, std::string> cases[] = {
+        {kept + "tls1.1:good", "no TLS connection: "},
+        {kept + "tls:close=accept", "no TLS connection: the server ended the connection in the handshake"},
+        {kept + "tls@" + at("node2.pem") + ":good", "/C=DE/O=Example/CN=node2: this name is not on the list"},
+        {kept + "silence", "no TLS handshake in time"}};
+    for (const auto& [modes, cause] : cases) {
+        SCOPED_TRACE(modes);
+        FaultServers servers({modes}, as("node1"));
+        TlsSettings tls = with("anchors.pem");
+        tls.serverNames = {"/C=DE/O=Example/CN=node1"};
+        Library library(servers.urls, 1, tls);
+        ASSERT_EQ(library.read(), 0U);
+        EXPECT_EQ(library.read(), cause.ends_with("in time") ? kStatusTimedOut : kStatusTlsFailure);
+        EXPECT_TRUE(wasTraced(cause)) << traced.back();
+        EXPECT_EQ(library.change(), cause.ends_with("in time") ? kStatusTimedOut : kStatusTlsFailure);
     }
 }
 

@@ -77,7 +77,10 @@ TEST(Transport, BadAnswersAreRefusedAtOnceAndChangesNotRepeated) {
         {{"status=204"}, kNotUnderstood, kUnknown, "HTTP status 204"},
         {{"redirect"}, kNotUnderstood, kUnknown, "HTTP status 307"},
         {{"garbage", "http09"}, kNotUnderstood, kUnknown, "it is not HTTP/1.1"},
-        {{"big-head", "endless=head", "endless=interim"}, kNotUnderstood, kUnknown, "its head is too long"},
+        {{"big-head", "long-line", "endless=head", "endless=interim"},
+         kNotUnderstood,
+         kUnknown,
+         "its head is too long"},
         {{"folded-head"}, kNotUnderstood, kUnknown, "answer not understood"},
         {{"compressed", "transfer-gzip"}, kNotUnderstood, kUnknown, "it is compressed"},
         {{"wrong-type", "no-type"}, kNotUnderstood, kUnknown, "its type is not application/json"},
@@ -100,6 +103,12 @@ TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
         EXPECT_EQ(library.read(), status) << first;
         EXPECT_LE(library.seconds, 1 + kLateness) << first;
     }
+}
+
+TEST(Transport, WhatTheFirstLeavesOfTheTimeIsTheLastLocations) {
+    FaultServers servers({"refuse", "slow=1.3"});
+    Library library(servers.urls, 2);
+    EXPECT_EQ(library.read(), 0U);
 }
 
 TEST(Transport, ANameLookupThatHangsOrFailsCostsOnlyItsShare) {
