@@ -23,14 +23,14 @@ namespace dsessd {
 namespace {
 
 /// SIGTERM and SIGINT as a descriptor to wait for. Made before any thread, so that all threads leave them alone.
-Descriptor stopSignals() {
+QelFileDescriptor stopSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    Descriptor fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
-    if (fd.get() < 0) {
+    QelFileDescriptor fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
+    if (!fd.isOpen()) {
         throw std::runtime_error(std::string("no descriptor for signals: ") + std::strerror(errno));
     }
     return fd;
@@ -59,7 +59,7 @@ std::string readyLine(const ServeOptions& options, const Listener& listener) {
 
 int serve(const ServeOptions& options) {
     std::signal(SIGPIPE, SIG_IGN);
-    const Descriptor stop = stopSignals();
+    const QelFileDescriptor stop = stopSignals();
     allowManyDescriptors();
     Log log(STDERR_FILENO);
     StorePool stores(options.data);

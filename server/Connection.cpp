@@ -21,7 +21,7 @@ constexpr std::chrono::seconds kDiscardFor{2};
 
 }  // namespace
 
-Connection::Connection(Descriptor socket, SSL_CTX* tls, const ConnectionLimits& limits)
+Connection::Connection(QelFileDescriptor socket, SSL_CTX* tls, const ConnectionLimits& limits)
     : m_socket(std::move(socket)), m_limits(limits) {
     const int on = 1;
     ::setsockopt(m_socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -8,7 +8,7 @@
 #include <chrono>
 #include <string>
 
-#include "server/Descriptor.h"
+#include "runtime/QelFileDescriptor.h"
 #include "server/Tls.h"
 
 namespace dsessd {
@@ -33,7 +33,7 @@ class Connection final : public httplib::Stream {
     using Clock = std::chrono::steady_clock;
 
     /// `tls`: null for a plain connection.
-    Connection(Descriptor socket, SSL_CTX* tls, const ConnectionLimits& limits);
+    Connection(QelFileDescriptor socket, SSL_CTX* tls, const ConnectionLimits& limits);
     ~Connection() override;
 
     /// The TLS handshake; true at once on a plain connection.
@@ -80,7 +80,7 @@ class Connection final : public httplib::Stream {
     ssize_t send(const char* bytes, std::size_t size, Clock::time_point deadline);
     bool awaitTls(int result, Clock::time_point deadline);
 
-    Descriptor m_socket;
+    QelFileDescriptor m_socket;
     Ssl m_ssl;
     const ConnectionLimits m_limits;
     std::string m_peerHost;

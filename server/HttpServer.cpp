@@ -214,8 +214,8 @@ bool HttpServer::makeRoom(std::unique_lock<std::mutex>& lock) {
 }
 
 void HttpServer::acceptOne(int listeningFd) {
-    Descriptor socket(::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (socket.get() < 0) {
+    QelFileDescriptor socket(::accept4(listeningFd, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!socket.isOpen()) {
         if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
             m_log.write(Topic::kFailure, std::string("cannot take a connection: ") + std::strerror(errno));
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -251,7 +251,7 @@ HttpServer::Enrolment::~Enrolment() {
     m_server.m_connections.erase(m_entry);
 }
 
-void HttpServer::converse(Descriptor socket) {
+void HttpServer::converse(QelFileDescriptor socket) {
     try {
         Connection connection(std::move(socket), m_tls, m_limits.connection);
         const Enrolment enrolment(*this, connection);

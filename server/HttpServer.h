@@ -58,7 +58,7 @@ class HttpServer : private httplib::Server {
     };
 
     void acceptOne(int listeningFd);
-    void converse(Descriptor socket);
+    void converse(QelFileDescriptor socket);
     void serveRequests(Connection& connection);
     void drain();
     Connection* longestWaiting(Connection::Waiting kind) const;

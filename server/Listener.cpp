@@ -37,12 +37,12 @@ HostAndPort split(std::string_view text) {
     return {std::string(host), std::string(port)};
 }
 
-Descriptor listenOn(const addrinfo& address) {
-    Descriptor socket(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+QelFileDescriptor listenOn(const addrinfo& address) {
+    QelFileDescriptor socket(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
-    if (socket.get() < 0 || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+    if (!socket.isOpen() || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
         ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), 256) != 0) {
-        return Descriptor();
+        return QelFileDescriptor();
     }
     return socket;
 }
@@ -68,11 +68,11 @@ Listener::Listener(std::string_view hostAndPort) {
     }
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, ::freeaddrinfo);
     int error = 0;
-    for (const addrinfo* address = found; address != nullptr && m_socket.get() < 0; address = address->ai_next) {
+    for (const addrinfo* address = found; address != nullptr && !m_socket.isOpen(); address = address->ai_next) {
         m_socket = listenOn(*address);
         error = errno;
     }
-    if (m_socket.get() < 0) {
+    if (!m_socket.isOpen()) {
         throw std::runtime_error("cannot listen on " + std::string(hostAndPort) + ": " + std::strerror(error));
     }
     m_address = std::string(hostAndPort.substr(0, hostAndPort.rfind(':') + 1)) + std::to_string(portOf(m_socket.get()));

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "server/Descriptor.h"
+#include "runtime/QelFileDescriptor.h"
 
 namespace dsessd {
 
@@ -16,12 +16,12 @@ class Listener {
     explicit Listener(std::string_view hostAndPort);
     int fd() const { return m_socket.get(); }
     /// Takes no more connections.
-    void close() { m_socket = Descriptor(); }
+    void close() { m_socket.reset(); }
     /// `HOST:PORT` as given, with the port in use.
     const std::string& address() const { return m_address; }
 
   private:
-    Descriptor m_socket;
+    QelFileDescriptor m_socket;
     std::string m_address;
 };
 

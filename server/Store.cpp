@@ -12,6 +12,8 @@
 #include <ctime>
 #include <limits>
 
+#include "runtime/QelFileDescriptor.h"
+
 namespace dsessd {
 
 namespace {
@@ -132,11 +134,10 @@ void establishSchema(Database& database, const std::string& path) {
 
 /// SQLite would make a file that others may read.
 void createPrivateFile(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR);
-    if (fd < 0) {
+    const QelFileDescriptor file(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file.isOpen()) {
         throw StoreError(path + " cannot be made: " + std::strerror(errno));
     }
-    ::close(fd);
 }
 
 }  // namespace
