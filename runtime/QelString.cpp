@@ -12,6 +12,7 @@
 
 #include "runtime/QelStringRef.h"
 #include "runtime/qel_messages.h"
+#include "runtime/qel_utf8.h"
 
 namespace {
 
@@ -99,36 +100,6 @@ std::size_t plainPrefix(std::string_view text) {
     return length;
 }
 
-/// The character that a text begins with; length 0 when its first byte begins none that is well-formed (Unicode
-/// Standard, table 3-7).
-struct Character {
-    std::uint32_t codePoint = 0;
-    std::size_t length = 0;
-};
-
-Character decode(std::string_view text) {
-    const auto lead = static_cast<unsigned char>(text.front());
-    const std::size_t length = lead < 0x80   ? 1
-                               : lead < 0xC2 ? 0
-                               : lead < 0xE0 ? 2
-                               : lead < 0xF0 ? 3
-                               : lead < 0xF5 ? 4
-                                             : 0;
-    if (length < 2 || text.size() < length) {
-        return {lead, length == 1 ? 1U : 0U};
-    }
-    std::uint32_t codePoint = lead & (0x7FU >> length);
-    for (const char byte : text.substr(1, length - 1)) {
-        if ((byte & 0xC0) != 0x80) {
-            return {};
-        }
-        codePoint = codePoint << 6 | (byte & 0x3FU);
-    }
-    const bool overlong = (length == 3 && codePoint < 0x800) || (length == 4 && codePoint < 0x10000);
-    const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-    return overlong || surrogate || codePoint > 0x10FFFF ? Character{} : Character{codePoint, length};
-}
-
 /// Controls beyond ASCII: C1, line separators, and what reorders the text around it.
 bool isControl(std::uint32_t codePoint) {
     return (codePoint >= 0x80 && codePoint <= 0x9F) || codePoint == 0x61C || codePoint == 0x200E ||
@@ -154,7 +125,7 @@ std::string forDisplay(std::string_view text) {
         converter.emplace(encoding, "UTF-8");
     }
     while (!text.empty() && text != "\n") {
-        const Character character = decode(text);
+        const QelCharacter character = qel_utf8_decode(text);
         const std::string_view bytes = text.substr(0, character.length == 0 ? 1 : character.length);
         if (character.length < 2) {
             appendEscape("\\x%02X", static_cast<unsigned char>(text.front()), out);

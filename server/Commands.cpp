@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iostream>
 
+#include "runtime/qel_utf8.h"
 #include "server/Authenticator.h"
 #include "server/HttpServer.h"
 #include "server/Loader.h"
@@ -154,7 +155,7 @@ int load(const LoadOptions& options) {
 namespace {
 
 void addAdministrator(const AdminOptions& options) {
-    if (options.name.empty() || options.name.size() > kMaxNameBytes || !isCleanUtf8(options.name) ||
+    if (options.name.empty() || options.name.size() > kMaxNameBytes || !qel_utf8_is_text(options.name) ||
         options.name == kAnonymousUser) {
         throw std::runtime_error("'" + harmless(options.name) + "' cannot be an administrator's name");
     }

@@ -6,7 +6,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "server/Text.h"
+#include "runtime/qel_utf8.h"
 
 namespace dsessd {
 
@@ -28,7 +28,7 @@ class StrictHandler {
     bool Double(double value) { return m_document.Double(value); }
     bool RawNumber(const char*, SizeType, bool) { return false; }
     bool String(const char* text, SizeType length, bool copy) {
-        return isCleanUtf8({text, length}) && m_document.String(text, length, copy);
+        return qel_utf8_is_text({text, length}) && m_document.String(text, length, copy);
     }
     bool StartObject() {
         m_fields.emplace_back();
@@ -36,7 +36,7 @@ class StrictHandler {
     }
     bool Key(const char* text, SizeType length, bool copy) {
         const std::string_view name(text, length);
-        return isCleanUtf8(name) && m_fields.back().insert(name).second && m_document.Key(text, length, copy);
+        return qel_utf8_is_text(name) && m_fields.back().insert(name).second && m_document.Key(text, length, copy);
     }
     bool EndObject(SizeType count) {
         m_fields.pop_back();

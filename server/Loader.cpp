@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "runtime/qel_utf8.h"
 #include "server/Text.h"
 
 namespace dsessd {
@@ -135,7 +136,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         if (!expects(Kind::kText)) {
             return false;
         }
-        if (value.empty() || value.size() > kMaxNameBytes || !isCleanUtf8(value)) {
+        if (value.empty() || value.size() > kMaxNameBytes || !qel_utf8_is_text(value)) {
             return fail(describe() + " is empty, longer than " + std::to_string(kMaxNameBytes) +
                         " bytes, or not UTF-8 without NUL");
         }

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "runtime/qel_hidden.h"
+#include "runtime/qel_utf8.h"
 
 namespace dsessd {
 
@@ -83,7 +84,7 @@ bool readNewPassword(std::string_view name, SecretString& password, std::string&
     }
     if (!got || password.view().empty()) {
         problem = "no password was given, or one of more than " + std::to_string(kMaxPasswordBytes) + " bytes";
-    } else if (!isCleanUtf8(password.view())) {
+    } else if (!qel_utf8_is_text(password.view())) {
         problem = "the password is not valid UTF-8";
     }
     if (!problem.empty() || !terminal) {

@@ -6,10 +6,6 @@
 
 namespace dsessd {
 
-/// Whether `text` is well-formed UTF-8 (RFC 3629: no overlong forms, no surrogates, nothing above U+10FFFF) without
-/// NUL.
-bool isCleanUtf8(std::string_view text);
-
 /// `text` fit for one line of a log: control characters (C0, DEL, C1) and bytes that are no UTF-8 come out as `\xNN`,
 /// and what is longer than `maxBytes` ends in an ellipsis.
 std::string harmless(std::string_view text, std::size_t maxBytes = 256);

@@ -7,8 +7,8 @@
 #include <span>
 #include <string_view>
 
-#include "admin/client/text.h"
 #include "protocol/protocol.h"
+#include "runtime/qel_utf8.h"
 
 namespace {
 
@@ -119,7 +119,7 @@ class AnswerHandler {
     bool RawNumber(const char*, unsigned, bool) { return other("a number"); }
 
     bool String(const char* text, unsigned length, bool) {
-        if (!isText({text, length})) {
+        if (!qel_utf8_is_text({text, length})) {
             return fail("a string that is not UTF-8 or holds a NUL");
         }
         // Parsed in place: the text lies in the answer's own, writable storage.

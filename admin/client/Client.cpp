@@ -4,9 +4,9 @@
 #include <cstring>
 #include <optional>
 
-#include "admin/client/text.h"
 #include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
+#include "runtime/qel_utf8.h"
 
 namespace {
 
@@ -57,7 +57,7 @@ void replaceAll(std::string& text, std::string_view what, std::string_view with)
 }
 
 bool isTextOrNull(const char* text) {
-    return text == nullptr || isText(text);
+    return text == nullptr || qel_utf8_is_text(text);
 }
 
 /// What cannot be said in a request is not sent: it would not reach the server as it was meant.

@@ -8,12 +8,12 @@
 
 #include "Require.h"
 #include "admin/client/AnswerParser.h"
-#include "admin/client/text.h"
+#include "runtime/qel_utf8.h"
 
 namespace {
 
 void requireText(const char* text) {
-    REQUIRE(text != nullptr && isText(text));
+    REQUIRE(text != nullptr && qel_utf8_is_text(text));
 }
 
 void requireRecords(Answer& answer) {

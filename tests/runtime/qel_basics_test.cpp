@@ -13,6 +13,7 @@
 #include "runtime/qel_path.h"
 #include "runtime/qel_random.h"
 #include "runtime/qel_strtol.h"
+#include "runtime/qel_utf8.h"
 #include "runtime/qel_uuid.h"
 
 using namespace std::string_view_literals;
@@ -50,11 +51,6 @@ TEST(QelString, ConvertsFromAndToTheLocalesEncodingAndShowsNothingThatDrivesATer
         {kShown, "UTF-8", "\u061C\u200D\u200E\u200F", "\\u{061C}\u200D\\u{200E}\\u{200F}"},
         {kShown, "UTF-8", "\u2027\u2028\u202E\u202F", "\u2027\\u{2028}\\u{202E}\u202F"},
         {kShown, "UTF-8", "\u2065\u2066\u2069\u206A", "\u2065\\u{2066}\\u{2069}\u206A"},
-        // The ends of what is well-formed, then what lies just beyond.
-        {kShown, "UTF-8", "\u07FF\u0800\uD7FF\uE000\U0010FFFF", "\u07FF\u0800\uD7FF\uE000\U0010FFFF"},
-        {kShown, "UTF-8", "\xC1\xBF\xE0\x9F\xBF\xF0\x8F", "\\xC1\\xBF\\xE0\\x9F\\xBF\\xF0\\x8F"},
-        {kShown, "UTF-8", "\xF0\x8F\xBF\xBF\xFF", "\\xF0\\x8F\\xBF\\xBF\\xFF"},
-        {kShown, "UTF-8", "\xED\xA0\x80\xF4\x90\x80\x80", "\\xED\\xA0\\x80\\xF4\\x90\\x80\\x80"},
         {kShown, "UTF-8", "\xE2\x82 \x82 \xE2\x82", "\\xE2\\x82 \\x82 \\xE2\\x82"},
         {kShown, "ISO-8859-1", "Zoë €\u0085\xFF\n", "Zo\xEB \\u{20AC}\\u{0085}\\xFF\n"},
         {kShown, "EUC-JP", "東京 \U0001F600", "\xC5\xEC\xB5\xFE \\u{1F600}"},
@@ -74,6 +70,53 @@ TEST(QelString, ConvertsFromAndToTheLocalesEncodingAndShowsNothingThatDrivesATer
     g_codeset = "ISO-8859-1";
     EXPECT_EQ(QelString(std::string(1000, '\xA4'), kFrom).length(), 2000U);
     g_codeset = "UTF-8";
+}
+
+TEST(Utf8, TakesWhatIsWellFormedAndNothingBeside) {
+    const std::pair<std::string_view, std::uint32_t> characters[] = {
+        {"\x01", 0x01},
+        {"\x7F", 0x7F},
+        {"\xC2\x80", 0x80},
+        {"\xDF\xBF", 0x7FF},
+        {"\xE0\xA0\x80", 0x800},
+        {"\xED\x9F\xBF", 0xD7FF},
+        {"\xEE\x80\x80", 0xE000},
+        {"\xEF\xBF\xBF", 0xFFFF},
+        {"\xF0\x90\x80\x80", 0x10000},
+        {"\xF4\x8F\xBF\xBF", 0x10FFFF},
+    };
+    for (const auto& [bytes, codePoint] : characters) {
+        const QelCharacter found = qel_utf8_decode(std::string(bytes) + "\x80");
+        EXPECT_EQ(std::pair(found.length, found.codePoint), std::pair(bytes.size(), codePoint));
+        EXPECT_TRUE(qel_utf8_is_text("1234567" + std::string(bytes) + "12345678")) << codePoint;
+    }
+    for (const std::string_view bytes : {"\x80"sv,
+                                         "\xBF"sv,
+                                         "\xC0\x80"sv,
+                                         "\xC1\xBF"sv,
+                                         "\xC2"sv,
+                                         "\xC2\x7F"sv,
+                                         "\xC2\xC0"sv,
+                                         "\xE0\x80\x80"sv,
+                                         "\xE0\x9F\xBF"sv,
+                                         "\xE1\x80"sv,
+                                         "\xE1\x7F\x80"sv,
+                                         "\xE1\x80\xC0"sv,
+                                         "\xED\xA0\x80"sv,
+                                         "\xED\xBF\xBF"sv,
+                                         "\xF0\x80\x80\x80"sv,
+                                         "\xF0\x8F\xBF\xBF"sv,
+                                         "\xF1\x80\x80"sv,
+                                         "\xF1\x80\x80\x7F"sv,
+                                         "\xF1\x80\xC0\x80"sv,
+                                         "\xF4\x90\x80\x80"sv,
+                                         "\xF5\x80\x80\x80"sv,
+                                         "\xFF"sv}) {
+        EXPECT_EQ(qel_utf8_decode(bytes).length, 0U) << testing::PrintToString(bytes);
+        EXPECT_FALSE(qel_utf8_is_text("12345678" + std::string(bytes))) << testing::PrintToString(bytes);
+    }
+    EXPECT_TRUE(qel_utf8_is_text(""));
+    EXPECT_FALSE(qel_utf8_is_text("1234567\0"sv) || qel_utf8_is_text("\0"sv));
 }
 
 TEST(QelString, SetReplacesTheContentOrLeavesItAlone) {
