@@ -1,19 +1,28 @@
 /**
  * The admin client library of the session server: records, operations, release requests, trace callback.
  *
+ * The utility is linked to the name libolmdsess-admin-client.so.1 and uses nothing else of the library than what this
+ * header declares, so that another library with the same functions may stand in its place; all that such a library has
+ * to know stands here. What lies between library and server is the library's own affair.
+ *
  * Valid C11 and C++. Rules that hold for every declaration below:
  *
  *  1. A context and a handle are opaque. A context is made for the locations of one server instance; handles are
  *     made from it and released before it is shut down. After olm_dsess_admin_shutdown a new context can be made.
- *  2. A status of 0 is success. Any other value is an identifier of the utility's message catalogue that says what
- *     went wrong and what to do; its low byte is never 0, so it is a failing exit status too.
+ *  2. A status of 0 is success. Any other value is an identifier of the utility's message catalogue, one of
+ *     OLM_DSESS_ADMIN_STATUS_*, that says what went wrong and what to do. The utility shows it once as a message and
+ *     exits with its low byte, which must not be 0. Of a value that the catalogue lacks it shows the eight hexadecimal
+ *     digits, and that there is no text for them; otherwise it is a failure like any other.
  *  3. No operation ends the process or throws. A null handle, context or required argument is answered with a status.
  *  4. Text is NUL-terminated UTF-8. What comes from a server is passed on as it came: whoever shows it makes it
- *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC.
+ *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC. Any text in a result may be null: it is shown as
+ *     an empty one, and a realm without a name cannot be asked for. An array may be null when its count is 0 or less;
+ *     null with a count above 0 is taken for OLM_DSESS_ADMIN_STATUS_ANSWER_NOT_UNDERSTOOD.
  *  5. What the caller passes in stays the caller's and is only read. The URL list and the SSL settings given to
  *     olm_dsess_admin_initialize must stay valid until the context is shut down.
- *  6. Out-parameters are filled only on success. What they then point to is the library's until it is handed back
- *     with olm_dsess_admin_free, once, by nothing else.
+ *  6. Out-parameters are filled only on success, and ignored after a failure. What they then point to is the library's
+ *     until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands back what it got
+ *     before it makes another request.
  *  7. Calls are made from one thread, one at a time. The trace function is called from inside them, on that thread.
  *  8. A request that only reads may be sent to several locations in turn. One that changes something is sent on only
  *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that. Once
@@ -31,6 +40,53 @@
 #define OLM_DSESS_ADMIN_API
 #define OLM_DSESS_ADMIN_PRINTF(formatIndex, firstArgument)
 #endif
+
+/**
+ * The statuses, each with its meaning; the utility has its text. What is said to be unchanged is so in truth: who reads
+ * it may repeat the command.
+ */
+/** Memory is exhausted; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_NO_MEMORY UINT32_C(0x38C52097)
+/** No location gave a usable answer, for more than one reason or without any connection; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_NO_LOCATION UINT32_C(0x38C54011)
+/** No location answered in time; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_TIMED_OUT UINT32_C(0x38C54012)
+/** A request that changes something may have reached a server, and there is no answer to tell. Never repeat it. */
+#define OLM_DSESS_ADMIN_STATUS_OUTCOME_UNKNOWN UINT32_C(0x38C54013)
+/** No secure connection came about; nothing was sent. */
+#define OLM_DSESS_ADMIN_STATUS_TLS_FAILURE UINT32_C(0x38C54014)
+/** The server does not know the user, or the password is wrong. The library traces the user's name at level 0. */
+#define OLM_DSESS_ADMIN_STATUS_IDENTITY_REFUSED UINT32_C(0x38C54015)
+/** The server does not let this user do this. The library traces the user's name at level 0. */
+#define OLM_DSESS_ADMIN_STATUS_NOT_PERMITTED UINT32_C(0x38C54016)
+/** The server has no realm of the name given. */
+#define OLM_DSESS_ADMIN_STATUS_UNKNOWN_REALM UINT32_C(0x38C54017)
+/** The server has no replica set of the name given. */
+#define OLM_DSESS_ADMIN_STATUS_UNKNOWN_REPLICA_SET UINT32_C(0x38C54018)
+/** The server refused for another reason, which the library traces at level 0; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_REQUEST_REFUSED UINT32_C(0x38C54019)
+/** What came is no whole and sound answer; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_ANSWER_NOT_UNDERSTOOD UINT32_C(0x38C5401A)
+/** The handle is null or none of this library's; nothing was sent. */
+#define OLM_DSESS_ADMIN_STATUS_NO_HANDLE UINT32_C(0x38C5401B)
+/** A required argument is missing, too long, out of its range or not valid UTF-8; nothing was sent. */
+#define OLM_DSESS_ADMIN_STATUS_INVALID_ARGUMENT UINT32_C(0x38C5401C)
+/** The key file, its stash or its label cannot be used; the library traces why at level 0. */
+#define OLM_DSESS_ADMIN_STATUS_KEY_FILE UINT32_C(0x38C5401D)
+/** FIPS mode is asked for and not to be had. */
+#define OLM_DSESS_ADMIN_STATUS_NO_FIPS UINT32_C(0x38C5401E)
+/** The server could not do it, for a reason of its own; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_SERVER_FAILED UINT32_C(0x38C5401F)
+/** There was no session to terminate or refresh. */
+#define OLM_DSESS_ADMIN_STATUS_NO_MATCHING_SESSION UINT32_C(0x38C54021)
+/** What answered does not serve the instance of the URL; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_INSTANCE_NOT_SERVED UINT32_C(0x38C54022)
+
+/** The texts that name a selector: sessions by their user, and by their identifier. Never translated. */
+#define OLM_DSESS_ADMIN_USER_SELECTOR1 "user"
+#define OLM_DSESS_ADMIN_USER_SELECTOR2 "user name"
+#define OLM_DSESS_ADMIN_SESSION_SELECTOR1 "session"
+#define OLM_DSESS_ADMIN_SESSION_SELECTOR2 "session identifier"
 
 #ifdef __cplusplus
 extern "C" {
@@ -58,7 +114,9 @@ typedef struct olm_dsess_admin_ssl_info_t {
 
 /** Who asks. Sent with every server operation; any field may be null. */
 typedef struct olm_dsess_admin_sec_info_t {
+    /** "anonymous", with the other fields null, until the first login. */
     const char* user_name;
+    /** Null. */
     const char* reserved;
     /** Made anew by the caller at each login; equal for all requests of one login. */
     const char* login_id;
@@ -90,11 +148,15 @@ typedef struct olm_dsess_admin_replica_set_record_t {
 /** Selects sessions of one realm by one value of one selector. */
 typedef struct olm_dsess_admin_session_query_t {
     const char* realm;
-    /** The two catalogue texts that name the selector: by user or by session. */
+    /** OLM_DSESS_ADMIN_USER_SELECTOR1 and 2, or OLM_DSESS_ADMIN_SESSION_SELECTOR1 and 2. */
     const char* selector_text1;
     const char* selector_text2;
-    /** One value: a user name (in a listing a pattern, with * and ?) or a session identifier. */
+    /**
+     * One value, with a null pointer behind it in the array: a user name or a session identifier, compared exactly. In
+     * a listing it is a pattern: * stands for any characters, also none, ? for one, everything else for itself.
+     */
     olm_dsess_admin_mv_string_t value_list;
+    /** Both 0. */
     int32_t reserved1;
     int32_t reserved2;
 } olm_dsess_admin_session_query_t;
@@ -132,8 +194,9 @@ typedef struct olm_dsess_admin_free_info_t {
 } olm_dsess_admin_free_info_t;
 
 /**
- * Takes one diagnostic message of the library, printf-like. Levels: 0, what an administrator must see at once; 1,
- * each location tried and why it failed; 3 and up, requests and answers, without passwords.
+ * Takes one diagnostic message of the library, printf-like: a line, with the line feed at its end. The utility writes up
+ * to 4,095 bytes of it to standard output, made harmless. Levels: 0, what an administrator must see at once; 1, each
+ * location tried and why it failed; 3 and up, requests and answers, without passwords.
  */
 typedef void (*olm_dsess_admin_trace_fn)(int32_t level, const char* format, ...) OLM_DSESS_ADMIN_PRINTF(2, 3);
 
@@ -147,11 +210,12 @@ OLM_DSESS_ADMIN_API void olmdsess_admin_client_trace(int32_t level, const char* 
  * timeout: seconds, 0 or more; bounds getting a connection (over all locations together) and silence afterwards,
  *   not a long answer that keeps flowing (1 KiB a second or more). Each location has an equal share of what is left.
  *   0: the library's default, 30 seconds.
- * server_urls: one URL per location, tried in order; the one that last answered is tried first. User names and
- *   passwords in them are left out. Without a URL every operation ends in the status for no location.
- * ssl_info: required, also for plain HTTP.
- * trace: may be null.
- * context: receives the context, null on failure.
+ * server_urls: one URL per location of the instance, tried in order; the one that last answered is tried first. A URL
+ * is SCHEME://LOCATION/INSTANCE/services/DSessAdminProxy: the scheme https when the configuration names a key file,
+ * else http; the location as the configuration has it, host:port or [IPv6 address]:port. User names and passwords in
+ * them are left out. Without a URL every operation ends in the status for no location. ssl_info: required, also for
+ * plain HTTP. trace: may be null. context: receives the context, null on failure. One that is left there in spite of a
+ * failure is shut down.
  */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_initialize(int32_t timeout, const olm_dsess_admin_mv_string_t* server_urls,
                                                         const olm_dsess_admin_ssl_info_t* ssl_info,
@@ -166,7 +230,10 @@ OLM_DSESS_ADMIN_API void olm_dsess_admin_release_handle(void* context, void** ha
 /** Shuts a context down, with every handle still made from it, and sets it to null. Null is accepted. */
 OLM_DSESS_ADMIN_API void olm_dsess_admin_shutdown(void** context);
 
-/** Fetches the realms (release: OLM_DSESS_ADMIN_FREE_REALMS) and the key (OLM_DSESS_ADMIN_FREE_CLUSTER). */
+/**
+ * Fetches the realms (release: OLM_DSESS_ADMIN_FREE_REALMS) and the key (OLM_DSESS_ADMIN_FREE_CLUSTER). Both are handed
+ * back in this order, also when there are no realms.
+ */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                               int32_t* realm_count, olm_dsess_admin_realm_t** realms,
                                                               olm_dsess_admin_cluster_t* cluster);
@@ -192,12 +259,13 @@ OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_list_sessions(void* handle, const o
                                                            int32_t* total, int32_t* count,
                                                            olm_dsess_admin_session_t** sessions);
 
-/** Ends the sessions selected. */
+/** Ends the sessions selected; it is a failure when there are none. */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_terminate_sessions(void* handle,
                                                                 const olm_dsess_admin_sec_info_t* sec_info,
                                                                 const olm_dsess_admin_session_query_t* query);
 
-/** Makes the sessions selected fresh: their time becomes the server's present time. */
+/** Makes the sessions selected fresh: their time becomes the server's present time. It is a failure when there are
+ * none. */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_refresh_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                               const olm_dsess_admin_session_query_t* query);
 
@@ -205,7 +273,7 @@ OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_refresh_sessions(void* handle, cons
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                              int32_t* level);
 
-/** Sets the server's trace level. The server decides which levels are valid. */
+/** Sets the server's trace level. The server decides which levels are valid: OLM_DSESS_ADMIN_STATUS_REQUEST_REFUSED. */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                              int32_t level);
 

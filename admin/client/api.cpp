@@ -13,15 +13,6 @@
 
 namespace {
 
-// The selector texts of the catalogue: what names a selector to this library.
-namespace catalogue {
-#define QEL_FAILURE(name, identifier, kinds, text)
-#define QEL_TEXT(name, identifier, kinds, text) inline constexpr char name[] = text;
-#include "runtime/qel_messages.def"
-#undef QEL_TEXT
-#undef QEL_FAILURE
-}  // namespace catalogue
-
 namespace field = protocol::field;
 namespace method = protocol::method;
 
@@ -113,9 +104,13 @@ const char* selectorOf(const olm_dsess_admin_session_query_t* query) {
     const auto names = [query](const char* text1, const char* text2) {
         return std::strcmp(query->selector_text1, text1) == 0 && std::strcmp(query->selector_text2, text2) == 0;
     };
-    return names(catalogue::kMsgUserSelector1, catalogue::kMsgUserSelector2)         ? protocol::selector::kUser
-           : names(catalogue::kMsgSessionSelector1, catalogue::kMsgSessionSelector2) ? protocol::selector::kSession
-                                                                                     : nullptr;
+    if (names(OLM_DSESS_ADMIN_USER_SELECTOR1, OLM_DSESS_ADMIN_USER_SELECTOR2)) {
+        return protocol::selector::kUser;
+    }
+    if (names(OLM_DSESS_ADMIN_SESSION_SELECTOR1, OLM_DSESS_ADMIN_SESSION_SELECTOR2)) {
+        return protocol::selector::kSession;
+    }
+    return nullptr;
 }
 
 std::uint32_t changeSessions(void* handle, const olm_dsess_admin_sec_info_t* security,

@@ -48,7 +48,12 @@ inline constexpr olm_dsess_admin_sec_info_t kRoot{"root", nullptr, "login-1", "S
 /// A query of sessions by user.
 struct UserQuery : olm_dsess_admin_session_query_t {
     explicit UserQuery(const char* user)
-        : olm_dsess_admin_session_query_t{"east", "user", "user name", {1, values}, 0, 0},
+        : olm_dsess_admin_session_query_t{"east",
+                                          OLM_DSESS_ADMIN_USER_SELECTOR1,
+                                          OLM_DSESS_ADMIN_USER_SELECTOR2,
+                                          {1, values},
+                                          0,
+                                          0},
           values{const_cast<char*>(user), nullptr} {}
     char* values[2];
 };

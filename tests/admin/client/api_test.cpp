@@ -60,8 +60,8 @@ TEST(Api, EveryOperationDeliversWhatTheServerSays) {
     EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &kRoot, 4), 0U);
     EXPECT_EQ(olm_dsess_admin_refresh_sessions(library.handle, &kRoot, &query), 0U);
     UserQuery one("s");
-    one.selector_text1 = "session";
-    one.selector_text2 = "session identifier";
+    one.selector_text1 = OLM_DSESS_ADMIN_SESSION_SELECTOR1;
+    one.selector_text2 = OLM_DSESS_ADMIN_SESSION_SELECTOR2;
     EXPECT_EQ(olm_dsess_admin_terminate_sessions(library.handle, &kRoot, &one), 0U);
     for (const char* fragment :
          {R"("method":"session.terminate")", R"("realm":"east","selector":"user","value":"m*")",
