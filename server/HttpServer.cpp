@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "protocol/protocol.h"
+#include "runtime/qel_ascii.h"
 
 namespace dsessd {
 
@@ -20,7 +21,7 @@ constexpr char kBusyAnswer[] = "HTTP/1.1 503 Service Unavailable\r\nConnection: 
 
 bool isJson(const std::string& contentType) {
     const std::string type = contentType.substr(0, contentType.find_first_of("; \t"));
-    return ::strcasecmp(type.c_str(), protocol::kContentType) == 0;
+    return qel_ascii_equal(type, protocol::kContentType);
 }
 
 std::string addressOf(const Connection& connection) {
@@ -52,7 +53,7 @@ std::optional<std::size_t> contentLength(const httplib::Request& request) {
 bool isFramingClear(const httplib::Request& request) {
     if (isChunked(request)) {
         return request.get_header_value_count("Transfer-Encoding") == 1 && !request.has_header("Content-Length") &&
-               ::strcasecmp(request.get_header_value("Transfer-Encoding").c_str(), "chunked") == 0;
+               qel_ascii_equal(request.get_header_value("Transfer-Encoding"), "chunked");
     }
     return !request.has_header("Content-Length") ||
            (request.get_header_value_count("Content-Length") == 1 && contentLength(request).has_value());

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "protocol/protocol.h"
+#include "runtime/qel_ascii.h"
 
 namespace {
 
@@ -26,7 +27,7 @@ constexpr char kNotHttp[] = "it is not HTTP/1.1";
 constexpr char kTooLong[] = "it is too long";
 
 bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-    return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
+    return qel_ascii_equal(left, right);
 }
 
 std::string_view withoutBlanks(std::string_view text) {

@@ -1,12 +1,12 @@
 #include "admin/cli/common/TarnAdminConfig.h"
 
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
 
 #include "runtime/QelStringIter.h"
+#include "runtime/qel_ascii.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_strtol.h"
 #include "runtime/qel_svc.h"
@@ -170,7 +170,7 @@ std::uint32_t TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
     }
     m_sslInfo.fips_enabled = 0;
     if (loadData(file, m_fipsEnabledEntryName, true, value) == 0) {
-        const int first = std::toupper(static_cast<unsigned char>(value.data()[0]));
+        const char first = qel_ascii_upper(value.data()[0]);
         m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
     }
     std::uint32_t status = loadData(file, m_keyFileEntryName, false, value);

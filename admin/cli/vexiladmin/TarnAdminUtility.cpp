@@ -1,11 +1,9 @@
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
 
 #include <editline/readline.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +19,7 @@
 #include "admin/cli/vexiladmin/commands/TarnAdminSetInstance.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/QelCmdLine.h"
+#include "runtime/qel_ascii.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 #include "runtime/qel_path.h"
@@ -117,7 +116,7 @@ std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
 }
 
 bool isEndWord(const char* line) {
-    return strcasecmp(line, "exit") == 0 || strcasecmp(line, "quit") == 0;
+    return qel_ascii_equal(line, "exit") || qel_ascii_equal(line, "quit");
 }
 
 }  // namespace
@@ -202,7 +201,7 @@ std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
     if (cmdLine.findOption(m_interactiveOption, &interactive) != 0) {
         return ran ? 0 : processInteractiveMode();
     }
-    switch (interactive.empty() ? '\0' : std::toupper(static_cast<unsigned char>(interactive.data()[0]))) {
+    switch (interactive.empty() ? '\0' : qel_ascii_upper(interactive.data()[0])) {
         case 'Y':
             return processInteractiveMode();
         case 'N':
