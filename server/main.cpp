@@ -1,6 +1,7 @@
 #include <exception>
 #include <iostream>
 
+#include "runtime/qel_io.h"
 #include "server/Commands.h"
 #include "server/Options.h"
 
@@ -16,6 +17,10 @@ struct Run {
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (!qel_open_standard_descriptors()) {
+        std::cerr << "dsessd: a closed standard input, output or error cannot be replaced" << std::endl;
+        return 1;
+    }
     try {
         return std::visit(Run{}, dsessd::parseOptions(argc, argv));
     } catch (const std::exception& error) {

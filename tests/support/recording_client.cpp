@@ -13,6 +13,15 @@
 ///   member=NAME,TIME   session=FIRST,SECOND,TIME   one record; repeatable
 ///   label= time= second=  the cluster record
 ///   count= total= level=  numbers; count is the number of records unless given
+///
+/// RECORDING_READS and RECORDING_WRITES say what becomes of the reads and writes that the utility makes from its first
+/// call on, a letter each: i interrupted, b would block, f failed, 1 one byte only, anything else and the rest as
+/// usual.
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -106,6 +115,18 @@ struct Answer {
     std::uint32_t status() const { return static_cast<std::uint32_t>(std::stoul(text("status", "0"), nullptr, 16)); }
 };
 
+std::string g_reads;
+std::string g_writes;
+
+/// Whether the next of these calls fails; if not, it may be of one byte only.
+bool fails(std::string& faults, std::size_t& size) {
+    const char fault = faults.empty() ? ' ' : faults.front();
+    faults.erase(0, 1);
+    size = fault == '1' ? 1 : size;
+    errno = fault == 'i' ? EINTR : fault == 'b' ? EAGAIN : EIO;
+    return fault == 'i' || fault == 'b' || fault == 'f';
+}
+
 Answer nextAnswer(const std::string& operation) {
     static std::map<std::string, std::deque<Answer>> script;
     if (script.empty()) {
@@ -113,6 +134,8 @@ Answer nextAnswer(const std::string& operation) {
         for (std::string line; std::getline(file, line, '\x1D');) {
             script[line.substr(0, line.find('\x1E'))].push_back({split(line, '\x1E')});
         }
+        g_reads = std::getenv("RECORDING_READS");
+        g_writes = std::getenv("RECORDING_WRITES");
     }
     auto& answers = script[operation];
     const Answer answer = answers.empty() ? Answer() : answers.front();
@@ -131,7 +154,9 @@ int g_selections = 0;
 /// Records a call and plays the trace lines of its answer. A failure fills `out` with garbage.
 template <class... Out>
 Answer play(const std::string& call, Out*... out) {
-    std::ofstream(std::getenv("RECORDING_LOG"), std::ios::app) << call << '\n';
+    // Open for good and for reading too, so that it shows where it takes the place of a standard stream.
+    static const int log = open(std::getenv("RECORDING_LOG"), O_RDWR | O_APPEND | O_CREAT, 0600);
+    syscall(SYS_write, log, (call + "\n").data(), call.size() + 1);
     const Answer answer = nextAnswer(call.substr(0, call.find(' ')));
     for (const std::string& trace : answer.all("trace")) {
         g_trace(std::stoi(trace), "%s", trace.substr(trace.find(':') + 1).c_str());
@@ -200,6 +225,14 @@ void give(const Answer& answer, Cluster* cluster) {
 }
 
 }  // namespace
+
+// Stand in for the C library's where the utility calls them.
+extern "C" OLM_DSESS_ADMIN_API ssize_t read(int descriptor, void* buffer, std::size_t size) {
+    return fails(g_reads, size) ? -1 : syscall(SYS_read, descriptor, buffer, size);
+}
+extern "C" OLM_DSESS_ADMIN_API ssize_t write(int descriptor, const void* bytes, std::size_t size) {
+    return fails(g_writes, size) ? -1 : syscall(SYS_write, descriptor, bytes, size);
+}
 
 std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const StringList* urls, const SslInfo* ssl,
                                          olm_dsess_admin_trace_fn trace, void** context) {

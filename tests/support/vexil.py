@@ -102,6 +102,8 @@ class Case(unittest.TestCase):
             "QEL_SVC_LOG": str(self.dir / "service.log"),
             "RECORDING_SCRIPT": str(self.dir / "script"),
             "RECORDING_LOG": str(self.dir / "calls"),
+            "RECORDING_READS": "",
+            "RECORDING_WRITES": "",
             **env,
         }
 
@@ -109,10 +111,20 @@ class Case(unittest.TestCase):
         path = self.dir / name
         return path.read_bytes().decode(errors="surrogateescape").split("\n")[:-1] if path.exists() else []
 
-    def run_utility(self, *arguments, stdin="", merge=False, encoding="utf-8", **kwargs):
+    def locale(self, name, charset):
+        """Makes a locale, and returns the environment that selects it."""
+        path = self.dir / f"{name}.{charset}"
+        made = subprocess.run(["localedef", "-i", name, "-f", charset, path], stderr=subprocess.PIPE)
+        if made.returncode != 0:
+            self.skipTest(f"no locale {path.name} can be made: {made.stderr}")
+        return {"LC_ALL": path.name, "LOCPATH": str(self.dir)}
+
+    def run_utility(self, *arguments, stdin="", merge=False, encoding="utf-8", redirect="", fds=(), **kwargs):
+        """`redirect`: redirections of the shell, which may name the descriptors `fds`."""
         process = subprocess.run(
-            [VEXILADMIN, *arguments],
+            ["sh", "-c", f'exec "$0" "$@" {redirect}', VEXILADMIN, *arguments],
             env=self.environment(**kwargs),
+            pass_fds=fds,
             cwd=self.dir,
             timeout=60,
             input=stdin.encode(encoding, "surrogateescape"),

@@ -1,6 +1,7 @@
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
 
 #include <editline/readline.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,8 +11,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <utility>
+#include <string>
 
+#include "admin/cli/vexiladmin/LineReader.h"
 #include "admin/cli/vexiladmin/TarnAdminTrace.h"
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 #include "admin/cli/vexiladmin/commands/TarnAdminListInstances.h"
@@ -19,7 +21,9 @@
 #include "admin/cli/vexiladmin/commands/TarnAdminSetInstance.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/QelCmdLine.h"
+#include "runtime/QelFileDescriptor.h"
 #include "runtime/qel_ascii.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 #include "runtime/qel_path.h"
@@ -36,30 +40,12 @@ namespace {
 
 constexpr char kConfigFileName[] = "vexilclicfg.conf";
 /// A longer line of a command file is taken in pieces, each as a line of its own.
-constexpr int kLineBufferSize = 4096;
-
-struct FileCloser {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
+constexpr std::size_t kLongestFileLine = 4095;
 
 struct TextFreer {
     void operator()(char* text) const { std::free(text); }
 };
-using Line = std::unique_ptr<char, TextFreer>;
-
-/// A line of standard input, or null at its end. The line editor is for terminals: elsewhere it would drop bytes that
-/// are no characters of the locale, and so make another name of a name.
-Line readInputLine(const char* prompt, bool edit) {
-    if (edit) {
-        return Line(readline(prompt));
-    }
-    char* text = nullptr;
-    std::size_t capacity = 0;
-    const bool read = getline(&text, &capacity, stdin) >= 0;
-    Line line(text);
-    return read ? std::move(line) : nullptr;
-}
+using EditedLine = std::unique_ptr<char, TextFreer>;
 
 /// Creates a command and registers it; `created`, unless null, then points at it.
 template <class Command, class... Argument>
@@ -276,24 +262,48 @@ std::uint32_t TarnAdminUtility::processLine(char* line, bool& endsInput) {
 }
 
 std::uint32_t TarnAdminUtility::processInteractiveMode() {
-    const bool edit = isatty(STDIN_FILENO) != 0;
-    while (const Line line = readInputLine(m_prompt.data(), edit)) {
-        bool endsInput = false;
-        processLine(line.get(), endsInput);
-        if (edit) {
-            add_history(line.get());
-        }
-        if (endsInput) {
-            return 0;
-        }
+    // The line editor is for terminals: elsewhere it would drop bytes that are no characters of the locale, and so make
+    // another name of a name.
+    const bool exited = isatty(STDIN_FILENO) != 0 ? processEditedLines() : processInputLines();
+    if (!exited) {
+        std::fputs("\n", stdout);
     }
-    std::fputs("\n", stdout);
     return 0;
 }
 
+bool TarnAdminUtility::processEditedLines() {
+    rl_outstream = qel_descriptor_output();
+    bool exited = false;
+    while (!exited) {
+        std::fflush(stdout);
+        const EditedLine line(readline(m_prompt.data()));
+        if (line == nullptr) {
+            break;
+        }
+        processLine(line.get(), exited);
+        add_history(line.get());
+    }
+    return exited;
+}
+
+bool TarnAdminUtility::processInputLines() {
+    // A login reads its password from the line that follows.
+    LineReader input(STDIN_FILENO, LineReader::kNoLimit, LineReader::Ahead::kNever);
+    std::string line;
+    bool exited = false;
+    while (!exited && input.next(line)) {
+        processLine(line.data(), exited);
+    }
+    if (input.error() != 0) {
+        std::fflush(stdout);
+        qel_fprintf(stderr, kMsgInputRead, input.error());
+    }
+    return exited;
+}
+
 std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
-    const File file(std::fopen(path, "r"));
-    if (file == nullptr) {
+    const QelFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file.isOpen()) {
         const int error = errno;
         std::fflush(stdout);
         qel_fprintf(stderr, kMsgCommandFileOpen, path, error);
@@ -301,16 +311,19 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
     }
     // What is no regular file may be standard input under another name, from which a login reads its password.
     struct stat info {};
-    if (fstat(fileno(file.get()), &info) == 0 && !S_ISREG(info.st_mode)) {
-        std::setvbuf(file.get(), nullptr, _IONBF, 0);
-    }
-    char line[kLineBufferSize];
-    while (std::fgets(line, sizeof(line), file.get()) != nullptr) {
-        bool endsInput = false;
-        const std::uint32_t status = processLine(line, endsInput);
+    const bool isRegular = fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
+    LineReader input(file.get(), kLongestFileLine, isRegular ? LineReader::Ahead::kAllowed : LineReader::Ahead::kNever);
+    std::string line;
+    while (input.next(line)) {
+        bool exited = false;
+        const std::uint32_t status = processLine(line.data(), exited);
         if (status != 0) {
-            return endsInput ? 0 : status;
+            return exited ? 0 : status;
         }
+    }
+    if (input.error() != 0) {
+        std::fflush(stdout);
+        qel_fprintf(stderr, kMsgCommandFileRead, path, input.error());
     }
     return 0;
 }

@@ -37,7 +37,11 @@ class TarnAdminUtility : public TarnAdminConfig {
     std::uint32_t processLine(char* line, bool& endsInput);
     /// Runs lines from the prompt until they end. Always 0.
     std::uint32_t processInteractiveMode();
-    /// Runs the lines of a file up to its end, an exit line or the first failure.
+    /// Both return whether an exit line ended the input.
+    bool processEditedLines();
+    bool processInputLines();
+    /// Runs the lines of a file up to its end, an exit line or the first failure. An error while reading is an end that
+    /// is told.
     std::uint32_t processCmdFile(const char* path);
 
     static const QelString m_commandOption;

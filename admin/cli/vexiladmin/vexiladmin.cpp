@@ -7,6 +7,7 @@
 #include <new>
 
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -20,10 +21,8 @@ std::uint32_t runUtility(int argc, char** argv) {
 
 /// Results that never reached their reader must not look like success. A reader that left on its own is no failure.
 std::uint32_t flushOutput() {
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
-        return 0;
-    }
-    if (errno == EPIPE) {
+    const int error = qel_flush_output();
+    if (error == 0 || error == EPIPE) {
         return 0;
     }
     qel_fprintf(stderr, kStatusOutputLost);
@@ -33,10 +32,16 @@ std::uint32_t flushOutput() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);
-    // The line editor reads the descriptor, the password prompt the stream: neither may swallow the other's line.
-    std::setvbuf(stdin, nullptr, _IONBF, 0);
+    const bool isOpen = qel_open_standard_descriptors();
+    for (const int signal : {SIGPIPE, SIGXFSZ}) {
+        std::signal(signal, SIG_IGN);  // the write fails, which is told
+    }
+    qel_set_up_output();
     qelmsg_init(argv[0], 0);
+    if (!isOpen) {
+        qel_fprintf(stderr, kStatusNoDescriptor);
+        return static_cast<int>(kStatusNoDescriptor);
+    }
     std::uint32_t status = 0;
     try {
         status = runUtility(argc, argv);

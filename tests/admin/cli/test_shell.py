@@ -4,8 +4,9 @@ import errno
 import os
 import re
 import subprocess
+import time
 
-from vexil import ANON, MESSAGES, VEXILADMIN, Case, commands, end, line, msg, refused, shown_status
+from vexil import ANON, MESSAGES, VEXILADMIN, Case, commands, end, line, msg, refused, shown_status, start
 
 PATTERNS = [
     "set instance <instance>",
@@ -103,7 +104,7 @@ class Shell(Case):
         ]
         self.check_rows(*((["-file", "/dev/stdin"], {**seen, "stdin": text}) for text, seen in rows))
         (self.dir / "cmds").write_text("exit\nkey show\n")
-        self.check_rows((["-file", "cmds", *commands("key show")], once), (["-file", "."], {}))
+        self.check_rows((["-file", "cmds", *commands("key show")], once))
 
     def test_at_the_prompt_failures_do_not_end_the_input(self):
         self.check(
@@ -114,7 +115,7 @@ class Shell(Case):
             out=listing("foo") + line(0x38C54015) + "east\n" + refused("level") + "\n",
         )
         for ending in ("exit", "QUIT\r"):
-            self.check(stdin=f"{ending}\nkey show\n")
+            self.check(stdin=f"{ending}\nkey show\n", **self.locale("tr_TR", "UTF-8"))
 
     def test_a_library_may_fail_with_any_status(self):
         statuses = [*MESSAGES, 1, 0x38C50001, 0x38C520FF, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF]
@@ -194,21 +195,72 @@ class Shell(Case):
             out="Processing the command: 50% %s\\x0A\n" + listing("50% %s\n"),
         )
 
+    def test_a_line_that_a_read_error_cut_short_is_not_run(self):
+        text, reads = "trace get\nkey show\n", "1" * len("trace get\nkey") + "f"
+        (self.dir / "cmds").write_text(text)
+        no_more = f"{os.strerror(errno.EIO)} ({errno.EIO})"
+        for arguments, out, err in (
+            ([], LEVEL + "\n", msg(0x38C54055, no_more)),
+            (["-file", "cmds"], LEVEL, msg(0x38C54054, "cmds", no_more)),
+        ):
+            self.check(*arguments, stdin=text, RECORDING_READS=reads, out=out, err=err, calls=GET)
+        no_file = f"{os.strerror(errno.EISDIR)} ({errno.EISDIR})"
+        self.check("-file", ".", err=msg(0x38C54054, ".", no_file))
+        self.check(redirect="</", out="\n", err=msg(0x38C54055, no_file))
+
+    def test_what_is_only_interrupted_or_would_block_is_done_all_the_same(self):
+        self.check(
+            stdin="realm list\nexit\n",
+            script="get_cluster_info " + "realm=east " * 30000,
+            RECORDING_READS="ib1" * 20,
+            RECORDING_WRITES="i1b" * 20,
+            out="east\n" * 30000,
+            calls=[FETCH[0], "free kind=2 count=30000 own", FETCH[2]],
+        )
+        (typed, stdin), (shown, stdout) = os.pipe(), os.pipe()
+        for descriptor in (typed, stdout):
+            os.set_blocking(descriptor, False)
+        env = self.environment(script="get_cluster_info " + "realm=east " * 30000)
+        with subprocess.Popen([VEXILADMIN], env=env, stdin=typed, stdout=stdout) as process:
+            os.close(typed)
+            os.close(stdout)
+            time.sleep(0.2)  # until it waits for input, and then for room
+            os.write(stdin, b"realm list\nexit\n")
+            time.sleep(0.2)
+            with os.fdopen(shown) as shown:
+                self.assertEqual(shown.read(), "east\n" * 30000)
+        os.close(stdin)
+        self.assertEqual(process.returncode, 0)
+
     def test_lost_output_is_a_failure_and_a_reader_that_left_is_none(self):
         reader, left = os.pipe()
         os.close(reader)
-        with open("/dev/full", "wb") as full, os.fdopen(left, "wb") as left:
-            for realms in (1, 5000):
-                env = self.environment(script="get_cluster_info " + "realm=east " * realms)
-                for output, seen in ((full, (0x52, line(0x38C54052))), (left, (0, ""))):
-                    done = subprocess.run(
-                        [VEXILADMIN, *commands("realm list", "realm list")],
-                        env=env,
-                        stdout=output,
-                        stderr=subprocess.PIPE,
-                        text=True,
-                    )
-                    self.assertEqual((done.returncode, done.stderr, self.recorded("calls")[-2:]), (*seen, end()))
+        lost = {"status": 0x38C54052, "err": line(0x38C54052)}
+        for realms in (1, 30000):
+            for redirect, seen in ((">/dev/full", lost), (">&-", lost), (f">&{left}", {})):
+                self.check(
+                    *commands("realm list", "realm list"),
+                    script="get_cluster_info " + "realm=east " * realms,
+                    redirect=redirect,
+                    fds=[left],
+                    calls=[FETCH[0], f"free kind=2 count={realms} own", FETCH[2]] * 2,
+                    **seen,
+                )
+        os.close(left)
+
+    def test_nothing_takes_the_place_of_a_closed_stream(self):
+        self.check(redirect="<&-", out="\n")
+        self.check(
+            *commands("set instance blue"), redirect=">&-", whole=True, calls=start() + end() + start(number=2) + end(2)
+        )
+        for redirect in ("2>&-", "<&- >&- 2>&-"):
+            self.check(
+                *commands("trace get"),
+                redirect=redirect,
+                script="get_trace_level status=38C54013",
+                calls=GET,
+                status=0x13,
+            )
 
     def test_only_the_trace_function_is_exported(self):
         done = subprocess.run(["nm", "-D", "--defined-only", VEXILADMIN], stdout=subprocess.PIPE, check=True, text=True)

@@ -1,0 +1,29 @@
+/// Reads and writes that see through what is no failure, and the standard streams on top of them.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdio>
+#include <string_view>
+
+/// read(2), but tried again when a signal interrupts it, and waiting for input where the descriptor does not block.
+ssize_t qel_read(int descriptor, void* buffer, std::size_t size) noexcept;
+
+/// Writes all of `bytes`, in as many pieces as it takes; waits as qel_read does. Returns false, with errno, on a
+/// failure.
+bool qel_write(int descriptor, std::string_view bytes) noexcept;
+
+/// Opens those of the descriptors 0 to 2 that are closed, so that reading and writing them fails and no file or socket
+/// can take their place. Call it before anything is opened. Returns false when that is not possible.
+bool qel_open_standard_descriptors() noexcept;
+
+/// Lets stdout and stderr write by qel_write: the C library's own streams drop what they hold when a write is
+/// interrupted. Call it once, before anything is written. Without memory the streams stay as they are.
+void qel_set_up_output() noexcept;
+
+/// The stream that stdout was at first, for code that needs a stream with a descriptor. Flush stdout before it writes.
+std::FILE* qel_descriptor_output() noexcept;
+
+/// Writes out what stdout holds. Returns 0, or the error number of the first write of its that failed.
+int qel_flush_output() noexcept;
