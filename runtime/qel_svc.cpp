@@ -1,6 +1,9 @@
 #include "runtime/qel_svc.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -14,6 +17,7 @@
 
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/QelString.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_msg.h"
 
 namespace {
@@ -46,14 +50,47 @@ std::string timeText() {
     return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
-void appendToFile(const char* path, std::string_view line) {
+bool appendToFile(const char* path, std::string_view line) {
     // Opened anew, standard error would have a position of its own, and later output would overwrite the entry.
-    const bool isStandardError = std::string_view(path) == "/dev/stderr";
-    const QelFileDescriptor file(isStandardError
-                                     ? fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)
-                                     : open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600));
-    // One write, so that the entries of processes that share the file do not mix.
-    [[maybe_unused]] const ssize_t written = write(file.get(), line.data(), line.size());
+    if (std::string_view(path) == "/dev/stderr") {
+        return qel_write(STDERR_FILENO, line);
+    }
+    // One write, so that the entries of processes that share the file do not mix; and no wait for the reader of a FIFO.
+    const QelFileDescriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
+    return file.isOpen() && qel_write(file.get(), line);
+}
+
+/// syslog(3) does not tell when nobody listens.
+bool isSyslogThere() {
+    sockaddr_un address{AF_UNIX, _PATH_LOG};
+    for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+        const QelFileDescriptor probe(socket(AF_UNIX, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+/// Appends to the user's own file (XDG Base Directory Specification, state files). Makes the folders that are missing.
+bool appendToUserFile(std::string_view line) {
+    std::string folder;
+    std::size_t present = 0;  // of `folder`: what must be there
+    if (const char* state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state == '/') {
+        folder = state;
+    } else if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+        folder = home;
+        present = folder.size();
+        folder += "/.local/state";
+    } else {
+        return false;
+    }
+    folder += "/vexiladmin";
+    for (std::size_t end = present; end != std::string::npos;) {
+        end = folder.find('/', end + 1);
+        mkdir(folder.substr(0, end).c_str(), 0700);
+    }
+    return appendToFile((folder + "/service.log").c_str(), line);
 }
 
 void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint32_t severity, std::string_view text) {
@@ -62,14 +99,18 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
                                   .append(":" + std::to_string(line) + " ")
                                   .append(text);
     const QelString visible(entry, QelString::kForDisplay);
-    const char* path = std::getenv("QEL_SVC_LOG");
     const char* program = qel_msg_program_name();
-    if (path == nullptr || *path == '\0') {
-        openlog(program, LOG_PID, LOG_USER);
-        syslog(severity == kSvcErrorExit ? LOG_CRIT : LOG_ERR, "%s", visible.data());
+    const std::string full = timeText() + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n";
+    const char* path = std::getenv("QEL_SVC_LOG");
+    if (path != nullptr && *path != '\0' && appendToFile(path, full)) {
         return;
     }
-    appendToFile(path, timeText() + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n");
+    if (isSyslogThere()) {
+        openlog(program, LOG_PID, LOG_USER);
+        syslog(severity == kSvcErrorExit ? LOG_CRIT : LOG_ERR, "%s", visible.data());
+    } else if (!appendToUserFile(full)) {
+        qel_write(STDERR_FILENO, full);
+    }
 }
 
 }  // namespace

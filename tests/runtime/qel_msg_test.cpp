@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <libintl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -22,6 +23,7 @@ using testing::MatchesRegex;
 
 static std::pair<std::string_view, const char*> g_translated;
 static std::string g_syslog;
+static bool g_isSyslogThere = true;
 
 // Stand in for the C library's.
 extern "C" char* dgettext(const char* domain, const char* text) noexcept {
@@ -34,6 +36,9 @@ extern "C" void syslog(int priority, const char* format, ...) {
     EXPECT_STREQ(format, "%s");
     g_syslog += std::to_string(priority) + " " + va_arg(arguments, const char*) + "\n";
     va_end(arguments);
+}
+extern "C" int connect(int /*socket*/, const sockaddr* /*address*/, socklen_t /*length*/) {
+    return g_isSyslogThere ? 0 : -1;
 }
 
 namespace {
@@ -212,14 +217,44 @@ TEST_F(ServiceLog, SharesThePositionOfStandardError) {
     EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("[^\n]* 38C52097 Memory[^\n]*\nafter\n"));
 }
 
-TEST_F(ServiceLog, GoesToSyslogWithoutAFile) {
+TEST_F(ServiceLog, GoesToSyslogWithoutAFileThatTakesIt) {
     setenv("QEL_SVC_LOG", "", 1);
     report("%s%d", kSvcError, kMsgFileOpen, "%s\n", EACCES);
+    for (const char* file : {"/dev/full", "/", "/absent/log"}) {
+        setenv("QEL_SVC_LOG", file, 1);
+        report("", kSvcErrorExit, kStatusCommandFile);
+    }
     unsetenv("QEL_SVC_LOG");
     report("", kSvcErrorExit, kStatusCommandFile);
-    EXPECT_EQ(g_syslog,
-              "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n"
-              "2 client a.cpp:1 38C520A8 The command file was not run.\n");
+    const std::string line = "2 client a.cpp:1 38C520A8 The command file was not run.\n";
+    EXPECT_EQ(g_syslog, "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n" +
+                            line + line + line + line);
+}
+
+TEST_F(ServiceLog, GoesToAFileOfTheUsersWithoutSyslogAndAtLastToStandardError) {
+    g_isSyslogThere = false;
+    setenv("QEL_SVC_LOG", "/", 1);
+    setenv("HOME", (folder / "").c_str(), 1);
+    for (const char* state : {"", "not/absolute", "/dev/null/a"}) {
+        setenv("XDG_STATE_HOME", state, 1);
+        testing::internal::CaptureStderr();
+        report("", kSvcError, kStatusNoMemory);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().ends_with("again.\n"), *state == '/') << state;
+    }
+    log = folder / ".local/state/vexiladmin/service.log";
+    EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(std::filesystem::status(folder / ".local").permissions(), std::filesystem::perms(0700));
+    EXPECT_THAT(takeLog(), MatchesRegex("[^\n]* 38C52097 Mem[^\n]*\n[^\n]* 38C52097 Mem[^\n]*\n"));
+    setenv("XDG_STATE_HOME", (folder / "a/b").c_str(), 1);
+    report("", kSvcError, kStatusNoMemory);
+    log = folder / "a/b/vexiladmin/service.log";
+    EXPECT_THAT(takeLog(), EndsWith("again.\n"));
+    setenv("HOME", (folder / "absent").c_str(), 1);
+    unsetenv("XDG_STATE_HOME");
+    testing::internal::CaptureStderr();
+    report("", kSvcError, kStatusNoMemory);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("again.\n"));
+    g_isSyslogThere = true;
 }
 
 TEST_F(Stanzas, HaveTheirEntriesInFileOrder) {
