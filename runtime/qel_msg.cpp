@@ -141,9 +141,10 @@ std::string format(std::uint32_t identifier, std::va_list list, Language languag
 /// Arguments that stand for those which a status comes without.
 std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
     std::size_t count = 0;
-    for (; count < arguments.size() && kinds[count] != '\0'; ++count) {
-        arguments[count].conversion = kinds[count] == 'd' ? 'd' : 's';
-        arguments[count].text = "...";
+    for (const char kind : std::string_view(kinds).substr(0, arguments.size())) {
+        Argument& argument = arguments[count++];
+        argument.conversion = kind == 'd' ? 'd' : 's';
+        argument.text = "...";
     }
     return {arguments.data(), count};
 }
