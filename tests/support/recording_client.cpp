@@ -171,7 +171,8 @@ Answer play(const std::string& call, Out*... out) {
 std::uint32_t make(const std::string& call, const char* kind, void** pointer) {
     const Answer answer = play(call + " " + kind + "=" + shown(*pointer));
     if (answer.status() == 0 || answer.number(kind) != 0) {
-        *pointer = new std::string(kind + std::to_string(g_selections));
+        static std::deque<std::string> names;
+        *pointer = &names.emplace_back(kind + std::to_string(g_selections));
     }
     return answer.status();
 }
@@ -250,12 +251,10 @@ std::uint32_t olm_dsess_admin_create_handle(void* context, void** handle) {
 
 void olm_dsess_admin_release_handle(void* context, void** handle) {
     play("release_handle " + shown(context) + " " + shown(*handle));
-    delete static_cast<std::string*>(*handle);
 }
 
 void olm_dsess_admin_shutdown(void** context) {
     play("shutdown " + shown(*context) + (shown(g_urls, g_ssl) == g_settings ? " settings=kept" : " settings=lost"));
-    delete static_cast<std::string*>(*context);
 }
 
 std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const SecInfo* sec, std::int32_t* count, Realm** realms,
