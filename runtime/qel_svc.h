@@ -1,7 +1,7 @@
-/// The service log: failures that must not go to standard error. The file named by QEL_SVC_LOG, appended (mode 0600 when
-/// made anew), when that is set and not empty; without it, and when it cannot be written, syslog. Where no syslog listens:
-/// vexiladmin/service.log in XDG_STATE_HOME or ~/.local/state, and as the last resort standard error after all. One line
-/// an entry, in English, so that it can be searched whatever the locale:
+/// The service log: failures that must not go to standard error. The file named by QEL_SVC_LOG, appended (mode 0600
+/// when made anew), when that is set and not empty; without it, and when it cannot be written, syslog. Where no syslog
+/// listens: vexiladmin/service.log in XDG_STATE_HOME or ~/.local/state, and as the last resort standard error after
+/// all. One line an entry, in English, so that it can be searched whatever the locale:
 ///
 ///     2026-01-31T08:15:00Z vexiladmin[4711] client TarnAdminConfig.cpp:42 38C5209F Stanza [tarn] of ...
 ///
