@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "protocol/protocol.h"
+#include "runtime/QelJsonAllocator.h"
 #include "runtime/qel_utf8.h"
 
 namespace {
@@ -379,7 +380,7 @@ std::string parseAnswer(AnswerShape shape, std::int32_t requestId, Answer& answe
     constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
     AnswerHandler handler(shape, requestId, answer);
     rapidjson::InsituStringStream stream(answer.text.data());
-    rapidjson::Reader reader;
+    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator> reader;
     const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
     if (!handler.problem().empty()) {
         return handler.problem();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
 #include <optional>
 
 #include "protocol/protocol.h"
@@ -99,10 +100,15 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
     shown.password = security.password == nullptr ? nullptr : "***";
     m_trace.line(kTraceMessage,
                  "request: " + std::string(contents(writeRequest(id, operation.method, shown, parameters))));
-    return tryLocations(request, answer);
+    bool sent = false;
+    try {
+        return tryLocations(request, answer, sent);
+    } catch (const std::bad_alloc&) {
+        return operation.changes && sent ? kStatusOutcomeUnknown : kStatusNoMemory;
+    }
 }
 
-std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
+std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool& sent) {
     const auto start = Clock::now();
     auto end = start + m_timeout;
     std::optional<AttemptFailure> failure;
@@ -113,7 +119,7 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
         const auto patience = request.operation.changes ? end - now : share;
-        Attempt attempt = tryLocation(url, request, {now + share, now + patience, patience}, answer);
+        Attempt attempt = tryLocation(url, request, {now + share, now + patience, patience}, answer, sent);
         if (attempt.failure == AttemptFailure::kNone) {
             std::rotate(m_urls.begin(), m_urls.begin() + static_cast<std::ptrdiff_t>(index),
                         m_urls.begin() + static_cast<std::ptrdiff_t>(index) + 1);
@@ -132,10 +138,14 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer) {
     return failure && alike ? explained(statusOf(*failure), request, cause) : kStatusNoLocation;
 }
 
-Attempt Client::tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits,
-                            Answer& answer) {
+Attempt Client::tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer,
+                            bool& sent) {
     answer = Answer();
     Attempt attempt = m_transport.post(url, request.body, request.operation.changes, limits);
+    sent = attempt.sent;
+    if (attempt.failure == AttemptFailure::kNoMemory) {
+        throw std::bad_alloc();
+    }
     if (attempt.failure != AttemptFailure::kNone) {
         return attempt;
     }

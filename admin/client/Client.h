@@ -37,8 +37,8 @@ class Client {
     Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, const olm_dsess_admin_ssl_info_t& tlsSettings,
            Trace trace);
 
-    /// Carries an operation out and fills `answer` on success. Returns a status. Throws std::bad_alloc, but never when
-    /// an operation that changes something may have been carried out.
+    /// Carries an operation out and fills `answer` on success. Returns a status: when memory runs out,
+    /// kStatusOutcomeUnknown if something may have been changed. Throws std::bad_alloc before anything is sent.
     std::uint32_t perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                           std::span<const RequestParameter> parameters, Answer& answer);
 
@@ -51,9 +51,11 @@ class Client {
         SecretBuffer body;
     };
 
-    std::uint32_t tryLocations(const Request& request, Answer& answer);
+    /// `sent` tells, also after an exception, whether the last location tried can have got anything of the request.
+    std::uint32_t tryLocations(const Request& request, Answer& answer, bool& sent);
     /// One attempt, with its answer parsed.
-    Attempt tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer);
+    Attempt tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer,
+                        bool& sent);
     std::uint32_t statusOfAnswer(const std::string& url, const Request& request, const Answer& answer) const;
     /// Returns the status, having traced what its text leaves to say: under which name a request was sent that the
     /// server refused to that user, and `words`, the server's own, for other refusals.

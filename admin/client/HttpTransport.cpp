@@ -63,11 +63,13 @@ Attempt httpStatusFailure(int status) {
 /// What happens to one request on its way: filled by libcurl's callbacks.
 class Exchange {
   public:
-    Exchange(const std::string& url, bool once, const AttemptLimits& limits, TlsPolicy& tlsPolicy)
+    /// `sent`, false at first, tells whether any of the request can have left, and outlives the object.
+    Exchange(const std::string& url, bool once, const AttemptLimits& limits, TlsPolicy& tlsPolicy, bool& sent)
         : secure(equalsIgnoringCase(std::string_view(url).substr(0, 6), "https:")),
           policy(tlsPolicy),
           m_once(once),
-          m_limits(limits) {}
+          m_limits(limits),
+          m_sent(sent) {}
 
     /// A connection is about to be made, perhaps in place of a kept one that turned out to be closed: what that one
     /// failed of is no longer the cause.
@@ -189,7 +191,7 @@ class Exchange {
 
     const bool m_once;
     const AttemptLimits m_limits;
-    bool m_sent = false;
+    bool& m_sent;
     bool m_sentHere = false;
     bool m_inBody = false;
     bool m_isJson = false;
@@ -320,7 +322,10 @@ class Transfer {
             if (now >= deadline) {
                 return CURLE_OPERATION_TIMEDOUT;
             }
-            curl_multi_poll(m_multi, nullptr, 0, static_cast<int>(milliseconds(deadline - now)), nullptr);
+            const int patience = static_cast<int>(milliseconds(deadline - now));
+            if (const CURLMcode code = curl_multi_poll(m_multi, nullptr, 0, patience, nullptr); code != CURLM_OK) {
+                return code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
+            }
         }
     }
 
@@ -503,7 +508,8 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     return owner;
 }
 
-Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) {
+Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once,
+                            const AttemptLimits& limits) noexcept {
     bool fresh = once;
     Attempt attempt = postOn(fresh, url, body, limits);
     if (!fresh && attempt.failure == AttemptFailure::kUnreachable && attempt.sent) {
@@ -515,8 +521,21 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bo
 }
 
 Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretBuffer& body,
-                              const AttemptLimits& limits) {
-    Exchange exchange(url, fresh, limits, m_policy);
+                              const AttemptLimits& limits) noexcept {
+    bool sent = false;
+    try {
+        return perform(fresh, sent, url, body, limits);
+    } catch (const std::exception&) {
+        Attempt attempt;
+        attempt.failure = AttemptFailure::kNoMemory;
+        attempt.sent = sent;
+        return attempt;
+    }
+}
+
+Attempt HttpTransport::perform(bool& fresh, bool& sent, const std::string& url, const SecretBuffer& body,
+                               const AttemptLimits& limits) {
+    Exchange exchange(url, fresh, limits, m_policy, sent);
     // One for each request: libcurl before 8.0 keeps a pointer into the head of the last answer, which is gone, and
     // goes there when the next answer's head begins with a continuation line.
     const EasyPtr owner = makeEasy();
@@ -536,9 +555,10 @@ Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretB
     allocationFailed = false;
 
     const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
-    // Once the request is sent, libcurl allocates by our functions alone.
-    const bool lineTooLong = code == CURLE_OUT_OF_MEMORY && exchange.sentHere() && !allocationFailed;
-    if (exchange.outOfMemory || (code == CURLE_OUT_OF_MEMORY && !lineTooLong)) {
+    // Once the request is sent, libcurl allocates by our functions alone: without a failure of theirs, a line was too
+    // long for it. With one, whatever it says has that for its cause.
+    if (exchange.outOfMemory || (code != CURLE_OK && allocationFailed) ||
+        (code == CURLE_OUT_OF_MEMORY && !exchange.sentHere())) {
         throw std::bad_alloc();
     }
     long connectionsMade = 0;

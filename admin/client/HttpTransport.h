@@ -23,6 +23,7 @@ enum class AttemptFailure {
     kNotServed,      ///< HTTP status 404: it is no session server, or has not this instance
     kFailed,         ///< HTTP status 5xx
     kNotUnderstood,  ///< what came is not an answer
+    kNoMemory,       ///< memory ran out, with no cause in words
 };
 
 struct Attempt {
@@ -56,9 +57,8 @@ class HttpTransport {
     HttpTransport& operator=(const HttpTransport&) = delete;
 
     /// Posts `body` to `url`. `once`: uses a connection of its own, on which the request is sent at most once;
-    /// otherwise a kept connection that turns out to be closed is made anew. Throws std::bad_alloc; the request may
-    /// then have been sent.
-    Attempt post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits);
+    /// otherwise a kept connection that turns out to be closed is made anew.
+    Attempt post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) noexcept;
 
   private:
     struct MultiDeleter {
@@ -80,7 +80,11 @@ class HttpTransport {
     /// A handle with all the options that requests have in common.
     EasyPtr makeEasy() const;
     /// Posts on a connection of its own when `fresh` is set; sets it when there was no kept connection either.
-    Attempt postOn(bool& fresh, const std::string& url, const SecretBuffer& body, const AttemptLimits& limits);
+    Attempt postOn(bool& fresh, const std::string& url, const SecretBuffer& body, const AttemptLimits& limits) noexcept;
+    /// The same. `sent`, false at first, tells after an exception whether any of the request can have left. Throws
+    /// std::bad_alloc.
+    Attempt perform(bool& fresh, bool& sent, const std::string& url, const SecretBuffer& body,
+                    const AttemptLimits& limits);
 
     TlsPolicy& m_policy;
     CurlLibrary m_library;

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "protocol/protocol.h"
+#include "runtime/QelJsonAllocator.h"
 
 namespace {
 
@@ -16,7 +17,7 @@ struct SecretStream {
     SecretBuffer bytes;
 };
 
-using Writer = rapidjson::Writer<SecretStream>;
+using Writer = rapidjson::Writer<SecretStream, rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator>;
 
 void writeKey(Writer& writer, std::string_view name) {
     writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));

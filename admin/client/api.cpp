@@ -35,9 +35,18 @@ struct Context {
 };
 
 /// The contexts there are: an address that is not one of theirs, or of their handles, is refused instead of followed.
-std::vector<std::unique_ptr<Context>>& contexts() {
-    static auto* const all = new std::vector<std::unique_ptr<Context>>;
-    return *all;
+using Contexts = std::vector<std::unique_ptr<Context>>;
+
+/// Never destroyed: what is still there at the program's end may be in use by another part of it.
+union ContextStorage {
+    constexpr ContextStorage() : all() {}
+    ~ContextStorage() {}
+    Contexts all;
+};
+
+Contexts& contexts() {
+    constinit static ContextStorage storage;
+    return storage.all;
 }
 
 Context* findContext(const void* address) {
@@ -74,8 +83,7 @@ std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
 template <class Take>
 std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, bool argumentsGiven,
                       const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
-    // Whatever memory ran out for, a change may have been carried out before.
-    return guarded(operation.changes ? kStatusOutcomeUnknown : kStatusNoMemory, [&]() -> std::uint32_t {
+    return guarded(kStatusNoMemory, [&]() -> std::uint32_t {
         Client* client = findClient(handle);
         if (client == nullptr) {
             return kStatusNoHandle;
@@ -85,10 +93,14 @@ std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, 
         }
         Answer answer;
         const std::uint32_t status = client->perform(operation, *security, parameters, answer);
-        if (status == 0) {
-            take(answer);
+        if (status != 0) {
+            return status;
         }
-        return status;
+        // The change has been carried out, though its result cannot be handed over.
+        return guarded(operation.changes ? kStatusOutcomeUnknown : kStatusNoMemory, [&] {
+            take(answer);
+            return 0U;
+        });
     });
 }
 
