@@ -19,7 +19,12 @@ namespace {
 /// Converts between two encodings (iconv(3)).
 class Converter {
   public:
-    Converter(const char* to, const char* from) noexcept : m_descriptor(iconv_open(to, from)) {}
+    /// An encoding that is not known converts nothing. Throws std::bad_alloc.
+    Converter(const char* to, const char* from) : m_descriptor(iconv_open(to, from)) {
+        if (!isOpen() && errno == ENOMEM) {
+            throw std::bad_alloc();
+        }
+    }
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     ~Converter() {
@@ -160,15 +165,15 @@ std::string_view orEmpty(const char* text) {
 
 }  // namespace
 
-QelString::QelString(const char* text, Mode mode) : m_text(convert(orEmpty(text), mode)) {}
+QelString::QelString(const char* text, Mode mode) : m_made(convert(orEmpty(text), mode)) {}
 
-QelString::QelString(std::string_view text, Mode mode) : m_text(convert(text, mode)) {}
+QelString::QelString(std::string_view text, Mode mode) : m_made(convert(text, mode)) {}
 
-QelString::QelString(const QelStringRef& ref) : m_text(ref.view()) {}
+QelString::QelString(const QelStringRef& ref) : m_made(ref.view()) {}
 
 std::uint32_t QelString::set(const char* text, Mode mode) noexcept {
     try {
-        m_text = convert(orEmpty(text), mode);
+        m_made = convert(orEmpty(text), mode);
         return 0;
     } catch (const std::bad_alloc&) {
         return kStatusNoMemory;
@@ -176,17 +181,25 @@ std::uint32_t QelString::set(const char* text, Mode mode) noexcept {
 }
 
 void QelString::append(std::string_view text) {
-    m_text.append(text);
+    if (!m_made) {
+        m_made.emplace(m_literal);
+    }
+    m_made->append(text);
+}
+
+void QelString::clear() noexcept {
+    m_literal = "";
+    m_made.reset();
 }
 
 std::uint32_t QelString::hash() const noexcept {
     std::uint32_t hash = 0x811C9DC5;
-    for (const char byte : m_text) {
+    for (const char byte : view()) {
         hash = (hash ^ static_cast<unsigned char>(byte)) * 0x01000193;
     }
     return hash;
 }
 
 int QelString::compare(const QelString& other) const noexcept {
-    return m_text.compare(other.m_text);
+    return view().compare(other.view());
 }

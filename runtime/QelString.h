@@ -3,10 +3,22 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
 class QelStringRef;
+
+/// A string literal, for constants that exist before main without needing memory.
+class QelLiteral {
+  public:
+    template <std::size_t size>
+    consteval QelLiteral(const char (&text)[size]) : m_text(text, size - 1) {}
+    constexpr std::string_view view() const noexcept { return m_text; }
+
+  private:
+    std::string_view m_text;
+};
 
 class QelString {
   public:
@@ -23,6 +35,8 @@ class QelString {
     };
 
     QelString() = default;
+    /// Refers to the literal until the content changes.
+    constexpr explicit QelString(QelLiteral literal) noexcept : m_literal(literal.view()) {}
     /// Null counts as empty. Throws std::bad_alloc.
     explicit QelString(const char* text, Mode mode = kBytes);
     explicit QelString(std::string_view text, Mode mode = kBytes);
@@ -37,13 +51,13 @@ class QelString {
     std::uint32_t set(const char* text, Mode mode = kBytes) noexcept;
     /// Throws std::bad_alloc.
     void append(std::string_view text);
-    void clear() noexcept { m_text.clear(); }
+    void clear() noexcept;
 
     /// The bytes, NUL-terminated; valid until the string changes.
-    const char* data() const noexcept { return m_text.c_str(); }
-    std::size_t length() const noexcept { return m_text.size(); }
-    bool empty() const noexcept { return m_text.empty(); }
-    std::string_view view() const noexcept { return m_text; }
+    const char* data() const noexcept { return view().data(); }
+    std::size_t length() const noexcept { return view().size(); }
+    bool empty() const noexcept { return view().empty(); }
+    std::string_view view() const noexcept { return m_made ? *m_made : m_literal; }
 
     /// 32-bit FNV-1a over the bytes (draft-eastlake-fnv).
     std::uint32_t hash() const noexcept;
@@ -51,5 +65,6 @@ class QelString {
     int compare(const QelString& other) const noexcept;
 
   private:
-    std::string m_text;
+    std::string_view m_literal = "";    // the content, unless
+    std::optional<std::string> m_made;  // there is one of its own
 };

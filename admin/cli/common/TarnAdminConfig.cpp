@@ -11,20 +11,20 @@
 #include "runtime/qel_strtol.h"
 #include "runtime/qel_svc.h"
 
-const QelString TarnAdminConfig::m_tarnStanzaName("tarn");
-const QelString TarnAdminConfig::m_locationEntryName("location");
-const QelString TarnAdminConfig::m_instancesEntryName("instances");
-const QelString TarnAdminConfig::m_timeoutEntryName("timeout");
-const QelString TarnAdminConfig::m_serverDNsEntryName("server-dns");
-const QelString TarnAdminConfig::m_fipsEnabledEntryName("ssl-fips-enabled");
-const QelString TarnAdminConfig::m_keyFileEntryName("ssl-keyfile");
-const QelString TarnAdminConfig::m_keyFileStashEntryName("ssl-keyfile-stash");
-const QelString TarnAdminConfig::m_keyFileLabelEntryName("ssl-keyfile-label");
+constinit const QelString TarnAdminConfig::m_tarnStanzaName(QelLiteral("tarn"));
+constinit const QelString TarnAdminConfig::m_locationEntryName(QelLiteral("location"));
+constinit const QelString TarnAdminConfig::m_instancesEntryName(QelLiteral("instances"));
+constinit const QelString TarnAdminConfig::m_timeoutEntryName(QelLiteral("timeout"));
+constinit const QelString TarnAdminConfig::m_serverDNsEntryName(QelLiteral("server-dns"));
+constinit const QelString TarnAdminConfig::m_fipsEnabledEntryName(QelLiteral("ssl-fips-enabled"));
+constinit const QelString TarnAdminConfig::m_keyFileEntryName(QelLiteral("ssl-keyfile"));
+constinit const QelString TarnAdminConfig::m_keyFileStashEntryName(QelLiteral("ssl-keyfile-stash"));
+constinit const QelString TarnAdminConfig::m_keyFileLabelEntryName(QelLiteral("ssl-keyfile-label"));
 
 namespace {
 
-const QelString httpsScheme("https://");
-const QelString httpScheme("http://");
+constinit const QelString httpsScheme(QelLiteral("https://"));
+constinit const QelString httpScheme(QelLiteral("http://"));
 
 constexpr char kServicePath[] = "/services/DSessAdmin";
 constexpr char kProxySuffix[] = "Proxy";

@@ -3,7 +3,7 @@
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
 
-const QelString TarnAdminKeyShow::m_cmdFormat("key show");
+constinit const QelString TarnAdminKeyShow::m_cmdFormat(QelLiteral("key show"));
 
 std::uint32_t TarnAdminKeyShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                            TarnAdminCmdTokens const& /*tokens*/) {

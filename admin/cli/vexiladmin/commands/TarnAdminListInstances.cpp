@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-const QelString TarnAdminListInstances::m_cmdFormat("instances list");
+constinit const QelString TarnAdminListInstances::m_cmdFormat(QelLiteral("instances list"));
 
 TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
     : TarnAdminCmd(m_cmdFormat.data()), m_config(config) {}

@@ -13,8 +13,8 @@
 #include "runtime/qel_random.h"
 #include "runtime/qel_uuid.h"
 
-const QelString TarnAdminLogin::m_cmdFormat("login <user> [password]");
-const QelString TarnAdminLogin::m_anonUserName("anonymous");
+constinit const QelString TarnAdminLogin::m_cmdFormat(QelLiteral("login <user> [password]"));
+constinit const QelString TarnAdminLogin::m_anonUserName(QelLiteral("anonymous"));
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
-const QelString TarnAdminRealmList::m_cmdFormat("realm list");
+constinit const QelString TarnAdminRealmList::m_cmdFormat(QelLiteral("realm list"));
 
 std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& /*tokens*/) {

@@ -2,7 +2,7 @@
 
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 
-const QelString TarnAdminRealmShow::m_cmdFormat("realm show <realm-name>");
+constinit const QelString TarnAdminRealmShow::m_cmdFormat(QelLiteral("realm show <realm-name>"));
 
 std::uint32_t TarnAdminRealmShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& tokens) {

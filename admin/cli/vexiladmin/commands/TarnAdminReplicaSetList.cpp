@@ -5,7 +5,7 @@
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
 
-const QelString TarnAdminReplicaSetList::m_cmdFormat("replica set list [-realm <realm>]");
+constinit const QelString TarnAdminReplicaSetList::m_cmdFormat(QelLiteral("replica set list [-realm <realm>]"));
 
 std::uint32_t TarnAdminReplicaSetList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

@@ -7,7 +7,7 @@
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
-const QelString TarnAdminReplicaSetShow::m_cmdFormat("replica set show <replica-set-name>");
+constinit const QelString TarnAdminReplicaSetShow::m_cmdFormat(QelLiteral("replica set show <replica-set-name>"));
 
 std::uint32_t TarnAdminReplicaSetShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

@@ -31,7 +31,8 @@ void printSessions(const Sessions& sessions, std::int32_t total) {
 
 }  // namespace
 
-const QelString TarnAdminSessList::m_cmdFormat("session list -realm <realm-name> <pattern> <max>");
+constinit const QelString TarnAdminSessList::m_cmdFormat(
+    QelLiteral("session list -realm <realm-name> <pattern> <max>"));
 
 std::uint32_t TarnAdminSessList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& tokens) {

@@ -2,7 +2,8 @@
 
 #include "admin/cli/vexiladmin/records/SessionQuery.h"
 
-const QelString TarnAdminSessRefresh::m_cmdFormat("session refresh session <session-id> -realm <realm-name>");
+constinit const QelString TarnAdminSessRefresh::m_cmdFormat(
+    QelLiteral("session refresh session <session-id> -realm <realm-name>"));
 
 std::uint32_t TarnAdminSessRefresh::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                TarnAdminCmdTokens const& tokens) {

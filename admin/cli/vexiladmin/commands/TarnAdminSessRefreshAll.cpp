@@ -2,7 +2,8 @@
 
 #include "admin/cli/vexiladmin/records/SessionQuery.h"
 
-const QelString TarnAdminSessRefreshAll::m_cmdFormat("session refresh all_sessions <user-name> -realm <realm-name>");
+constinit const QelString TarnAdminSessRefreshAll::m_cmdFormat(
+    QelLiteral("session refresh all_sessions <user-name> -realm <realm-name>"));
 
 std::uint32_t TarnAdminSessRefreshAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                   TarnAdminCmdTokens const& tokens) {

@@ -2,7 +2,8 @@
 
 #include "admin/cli/vexiladmin/records/SessionQuery.h"
 
-const QelString TarnAdminSessTerminate::m_cmdFormat("session terminate session <session-id> -realm <realm-name>");
+constinit const QelString TarnAdminSessTerminate::m_cmdFormat(
+    QelLiteral("session terminate session <session-id> -realm <realm-name>"));
 
 std::uint32_t TarnAdminSessTerminate::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                  TarnAdminCmdTokens const& tokens) {

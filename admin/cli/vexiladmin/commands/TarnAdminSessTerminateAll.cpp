@@ -2,7 +2,8 @@
 
 #include "admin/cli/vexiladmin/records/SessionQuery.h"
 
-const QelString TarnAdminSessTerminateAll::m_cmdFormat("session terminate all_sessions <username> -realm <realm-name>");
+constinit const QelString TarnAdminSessTerminateAll::m_cmdFormat(
+    QelLiteral("session terminate all_sessions <username> -realm <realm-name>"));
 
 std::uint32_t TarnAdminSessTerminateAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                     TarnAdminCmdTokens const& tokens) {

@@ -5,7 +5,7 @@
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
-const QelString TarnAdminSetInstance::m_cmdFormat("set instance <instance>");
+constinit const QelString TarnAdminSetInstance::m_cmdFormat(QelLiteral("set instance <instance>"));
 
 TarnAdminSetInstance::TarnAdminSetInstance(TarnAdminConfig* config)
     : TarnAdminCmd(m_cmdFormat.data()), m_config(config) {}

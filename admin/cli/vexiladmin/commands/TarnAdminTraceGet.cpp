@@ -5,7 +5,7 @@
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
-const QelString TarnAdminTraceGet::m_cmdFormat("trace get");
+constinit const QelString TarnAdminTraceGet::m_cmdFormat(QelLiteral("trace get"));
 
 std::uint32_t TarnAdminTraceGet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& /*tokens*/) {

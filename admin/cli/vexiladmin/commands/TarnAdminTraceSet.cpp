@@ -3,7 +3,7 @@
 #include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/qel_strtol.h"
 
-const QelString TarnAdminTraceSet::m_cmdFormat("trace set <level>");
+constinit const QelString TarnAdminTraceSet::m_cmdFormat(QelLiteral("trace set <level>"));
 
 std::uint32_t TarnAdminTraceSet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                             TarnAdminCmdTokens const& tokens) {
