@@ -30,7 +30,7 @@ constexpr auto kTable = [] {
     return table;
 }();
 
-std::string g_programName = program_invocation_short_name;
+const char* g_programName = program_invocation_short_name;
 
 enum class Language { kLocale, kEnglish };
 
@@ -50,18 +50,18 @@ std::array<char, kIdentifierLength + 1> shownIdentifier(std::uint32_t identifier
 struct Argument {
     char conversion = 's';  // the placeholder that takes it
     std::string_view text;
-    std::string made;  // what `text` looks at unless the caller gave it
+    std::array<char, 256> made;  // what `text` looks at unless the caller gave it
 };
 
 using Arguments = std::array<Argument, kMaxArguments>;
 
-std::string systemErrorText(int error, Language language) {
+void makeSystemErrorText(int error, Language language, Argument& argument) {
     std::array<char, 64> buffer;
     const char* text = language == Language::kEnglish ? strerrordesc_np(error) : nullptr;
     if (text == nullptr) {
         text = strerror_r(error, buffer.data(), buffer.size());
     }
-    return std::string(text) + " (" + std::to_string(error) + ")";
+    std::snprintf(argument.made.data(), argument.made.size(), "%s (%d)", text, error);
 }
 
 std::span<const Argument> fetch(const char* kinds, std::va_list list, Language language, Arguments& arguments) {
@@ -75,12 +75,12 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, Language l
         }
         const int number = va_arg(list, int);
         if (kinds[count] == 'e') {
-            argument.made = systemErrorText(number, language);
+            makeSystemErrorText(number, language, argument);
         } else {
             argument.conversion = 'd';
-            argument.made = std::to_string(number);
+            std::snprintf(argument.made.data(), argument.made.size(), "%d", number);
         }
-        argument.text = argument.made;
+        argument.text = argument.made.data();
     }
     return {arguments.data(), count};
 }
@@ -119,23 +119,10 @@ bool expand(std::string_view text, std::span<const Argument> arguments, Put put)
     }
 }
 
-std::string format(std::uint32_t identifier, std::va_list list, Language language) {
-    const QelMessage* message = find(identifier);
-    if (message == nullptr) {
-        return shownIdentifier(identifier).data() + std::string(find(kMsgNoText)->text);
-    }
-    Arguments storage;
-    const std::span<const Argument> arguments = fetch(message->kinds, list, language, storage);
-    const std::size_t prefix = message->isFailure ? kIdentifierLength : 0;
-    const char* english = message->text + prefix;
-    std::string out(message->text, prefix);
-    const auto append = [&out](std::string_view piece) { out += piece; };
-    if (language == Language::kLocale && expand(dgettext(kTextDomain, english), arguments, append)) {
-        return out;
-    }
-    out.resize(prefix);
-    expand(english, arguments, append);
-    return out;
+/// The translation of a text, if the arguments fit it, else the text.
+std::string_view translated(const char* english, std::span<const Argument> arguments) {
+    const char* translation = dgettext(kTextDomain, english);
+    return expand(translation, arguments, [](std::string_view) {}) ? translation : english;
 }
 
 /// Arguments that stand for those which a status comes without.
@@ -149,6 +136,36 @@ std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
     return {arguments.data(), count};
 }
 
+/// Gathers a message on the stack, so that it needs no memory and comes out in one piece, and writes it at the end.
+class Output {
+  public:
+    explicit Output(std::FILE* stream) noexcept : m_stream(stream) {}
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+    ~Output() { flush(); }
+
+    void put(std::string_view text) {
+        if (text.size() > m_buffer.size() - m_length) {
+            flush();
+        }
+        if (text.size() > m_buffer.size()) {
+            std::fwrite(text.data(), 1, text.size(), m_stream);
+        } else {
+            m_length += text.copy(m_buffer.data() + m_length, text.size());
+        }
+    }
+
+  private:
+    void flush() {
+        std::fwrite(m_buffer.data(), 1, m_length, m_stream);
+        m_length = 0;
+    }
+
+    std::FILE* const m_stream;
+    std::array<char, 4096> m_buffer;
+    std::size_t m_length = 0;
+};
+
 }  // namespace
 
 void qelmsg_init(const char* programPath, int /*flags*/) {
@@ -159,22 +176,28 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
     }
     bindtextdomain(kTextDomain, VEXIL_LOCALEDIR);
     if (programPath != nullptr) {
-        const std::string_view path(programPath);
-        g_programName = path.substr(path.rfind('/') + 1);
+        const char* slash = std::strrchr(programPath, '/');
+        g_programName = slash == nullptr ? programPath : slash + 1;
     }
 }
 
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
-    std::va_list arguments;
-    va_start(arguments, identifier);
-    try {
-        const std::string text = qel_msg_vformat(identifier, arguments);
-        std::fwrite(text.data(), 1, text.size(), stream);
-    } catch (const std::bad_alloc&) {
-        const char* text = qel_msg_get_default_msg(identifier, nullptr);
-        std::fputs(text == nullptr ? "" : text, stream);
+    Output out(stream);
+    const QelMessage* message = find(identifier);
+    if (message == nullptr) {
+        out.put(shownIdentifier(identifier).data());
+        out.put(find(kMsgNoText)->text);
+        return;
     }
-    va_end(arguments);
+    Arguments storage;
+    std::va_list list;
+    va_start(list, identifier);
+    const std::span<const Argument> arguments = fetch(message->kinds, list, Language::kLocale, storage);
+    va_end(list);
+    const std::size_t prefix = message->isFailure ? kIdentifierLength : 0;
+    out.put({message->text, prefix});
+    expand(translated(message->text + prefix, arguments), arguments,
+           [&out](std::string_view piece) { out.put(piece); });
 }
 
 void qel_print_status(std::FILE* stream, std::uint32_t status) {
@@ -183,18 +206,16 @@ void qel_print_status(std::FILE* stream, std::uint32_t status) {
     const char* english = isFailure ? message->text + kIdentifierLength : find(kMsgNoText)->text;
     Arguments storage;
     const std::span<const Argument> arguments = ellipses(isFailure ? message->kinds : "", storage);
-    std::string_view text = dgettext(kTextDomain, english);
-    if (!expand(text, arguments, [](std::string_view) {})) {
-        text = english;
-    }
+    std::string_view text = translated(english, arguments);
     text = text.substr(0, text.find_last_not_of('\n') + 1);
-    std::fputs(shownIdentifier(status).data(), stream);
-    expand(text, arguments, [stream](std::string_view piece) {
-        for (const char byte : piece) {
-            std::fputc(byte == '\n' ? ' ' : byte, stream);
+    Output out(stream);
+    out.put(shownIdentifier(status).data());
+    expand(text, arguments, [&out](std::string_view piece) {
+        for (const char& byte : piece) {
+            out.put(byte == '\n' ? " " : std::string_view(&byte, 1));
         }
     });
-    std::fputc('\n', stream);
+    out.put("\n");
 }
 
 const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* status) {
@@ -209,14 +230,18 @@ std::span<const QelMessage> qel_msg_table() {
     return kTable;
 }
 
-std::string qel_msg_vformat(std::uint32_t identifier, std::va_list arguments) {
-    return format(identifier, arguments, Language::kLocale);
-}
-
-std::string qel_msg_vformat_default(std::uint32_t identifier, std::va_list arguments) {
-    return format(identifier, arguments, Language::kEnglish);
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list) {
+    const QelMessage* message = find(identifier);
+    if (message == nullptr) {
+        return shownIdentifier(identifier).data() + std::string(find(kMsgNoText)->text);
+    }
+    Arguments storage;
+    std::string out;
+    expand(message->text, fetch(message->kinds, list, Language::kEnglish, storage),
+           [&out](std::string_view piece) { out += piece; });
+    return out;
 }
 
 const char* qel_msg_program_name() {
-    return g_programName.c_str();
+    return g_programName;
 }

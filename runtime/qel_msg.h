@@ -19,16 +19,17 @@ struct QelMessage {
 
 /// Prepares the catalogue: takes the locale from the environment (LC_CTYPE of the C locale falls back to C.UTF-8),
 /// binds the translations, remembers the program's name for the service log: the last component of `programPath`, which
-/// may be null. Call once, first. `flags` is 0.
+/// may be null and otherwise must outlive the program's last message. Call once, first. `flags` is 0.
 void qelmsg_init(const char* programPath, int flags);
 
 /// Writes a message, translated, filled with its arguments, without a line feed of its own. Text arguments may be null
 /// (shown as empty). An identifier that the table lacks is shown as such. A translation whose placeholders are not
-/// those of the English text is passed over for it. When memory is exhausted the English text is written as it stands.
+/// those of the English text is passed over for it. Needs no memory, and reaches an unbuffered stream in one piece.
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...);
 
 /// Shows a status, whatever it is, on one line: its identifier, then the text of the failure, translated, with "..."
-/// where an argument would stand. A status that is no failure of the table gets a text that says so.
+/// where an argument would stand. A status that is no failure of the table gets a text that says so. As qel_fprintf, it
+/// needs no memory.
 void qel_print_status(std::FILE* stream, std::uint32_t status);
 
 /// The untranslated text of a message, or null when the table lacks it. `status` receives 0 or non-zero; may be null.
@@ -37,10 +38,8 @@ const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* sta
 /// The whole table.
 std::span<const QelMessage> qel_msg_table();
 
-/// A message as qel_fprintf would write it, with arguments from a list. Throws std::bad_alloc.
-std::string qel_msg_vformat(std::uint32_t identifier, std::va_list arguments);
-/// The same, untranslated.
-std::string qel_msg_vformat_default(std::uint32_t identifier, std::va_list arguments);
+/// A message as qel_fprintf would write it, but untranslated, with arguments from a list. Throws std::bad_alloc.
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list);
 
 /// The name of the running program.
 const char* qel_msg_program_name();

@@ -36,7 +36,7 @@ bool insertsFit(std::uint32_t identifier, std::string_view insertFormat) {
 }
 
 std::string entryText(std::uint32_t identifier, std::string_view insertFormat, std::va_list inserts) {
-    std::string text = insertsFit(identifier, insertFormat) ? qel_msg_vformat_default(identifier, inserts)
+    std::string text = insertsFit(identifier, insertFormat) ? qel_msg_vformat(identifier, inserts)
                                                             : qel_msg_get_default_msg(identifier, nullptr);
     text.erase(text.find_last_not_of('\n') + 1);
     return text;
