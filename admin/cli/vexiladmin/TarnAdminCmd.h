@@ -24,7 +24,8 @@ enum MatchResult : std::int32_t {
 
 class TarnAdminCmd {
   public:
-    /// `format`, the pattern, must outlive the command.
+    /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command has
+    /// no pattern.
     explicit TarnAdminCmd(const char* format);
     TarnAdminCmd(const TarnAdminCmd&) = delete;
     TarnAdminCmd& operator=(const TarnAdminCmd&) = delete;
@@ -38,6 +39,7 @@ class TarnAdminCmd {
 
     MatchResult matchCmd(TarnAdminCmdTokens const& words) const;
     const char* format() const { return m_format; }
+    bool hasPattern() const { return m_formatTokens.tokens() > 0; }
 
   private:
     MatchResult matchTail(TarnAdminCmdTokens const& words, std::int32_t tail, MatchResult grade) const;

@@ -11,7 +11,10 @@ TarnAdminCmdRegistry::~TarnAdminCmdRegistry() {
 }
 
 std::uint32_t TarnAdminCmdRegistry::registerCmd(TarnAdminCmd* command) {
-    CmdNode* node = new (std::nothrow) CmdNode{command, m_head};
+    if (!command->hasPattern()) {
+        return kStatusNoMemory;  // no line would ever fit it
+    }
+    auto* node = new (std::nothrow) CmdNode{command, m_head};
     if (node == nullptr) {
         qel_fprintf(stderr, kStatusNoMemory);
         return kStatusNoMemory;

@@ -13,7 +13,8 @@ class TarnAdminCmdRegistry {
     ~TarnAdminCmdRegistry();
 
     /// Puts a command in front of the earlier ones: the latest is searched, listed and deleted first. Returns 0 and
-    /// owns the command or, with the message written and the command still the caller's, kStatusNoMemory.
+    /// owns the command or, with the message written and the command still the caller's, kStatusNoMemory, also for a
+    /// command without its pattern.
     std::uint32_t registerCmd(TarnAdminCmd* command);
 
     /// The command to run for a line: the first that fits exactly, else the only one that fits abbreviated. Otherwise

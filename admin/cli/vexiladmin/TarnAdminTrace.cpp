@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include "runtime/QelString.h"
 
@@ -22,5 +23,11 @@ void olmdsess_admin_client_trace(std::int32_t level, const char* format, ...) {
     QelString line;
     if (line.set(buffer, QelString::kForDisplay) == 0) {
         std::fputs(line.data(), stdout);
+        return;
+    }
+    for (const char* next = buffer; *next != '\0'; ++next) {
+        // Without memory for the conversion, what it would have to look at is shown byte by byte.
+        const bool isPlain = (*next >= ' ' && *next <= '~') || std::strcmp(next, "\n") == 0;
+        std::printf(isPlain ? "%c" : "\\x%02X", static_cast<unsigned char>(*next));
     }
 }

@@ -29,12 +29,12 @@
 #include "runtime/qel_path.h"
 #include "runtime/qel_strtol.h"
 
-const QelString TarnAdminUtility::m_commandOption("command");
-const QelString TarnAdminUtility::m_fileOption("file");
-const QelString TarnAdminUtility::m_interactiveOption("interactive");
-const QelString TarnAdminUtility::m_helpOption("help");
-const QelString TarnAdminUtility::m_prompt("vexiladmin> ");
-const QelString TarnAdminUtility::m_debugEnvName("VEXILADMIN_DEBUG");
+constinit const QelString TarnAdminUtility::m_commandOption(QelLiteral("command"));
+constinit const QelString TarnAdminUtility::m_fileOption(QelLiteral("file"));
+constinit const QelString TarnAdminUtility::m_interactiveOption(QelLiteral("interactive"));
+constinit const QelString TarnAdminUtility::m_helpOption(QelLiteral("help"));
+constinit const QelString TarnAdminUtility::m_prompt(QelLiteral("vexiladmin> "));
+constinit const QelString TarnAdminUtility::m_debugEnvName(QelLiteral("VEXILADMIN_DEBUG"));
 
 namespace {
 
@@ -101,6 +101,15 @@ std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
     return kStatusUnknownName;
 }
 
+/// Passes a status on. A configuration that cannot be loaded is left to the service log, which needs memory too; so
+/// that is said here when there is none.
+std::uint32_t orNoMemory(std::uint32_t status) {
+    if (status == kStatusNoMemory) {
+        printStatus(status);
+    }
+    return status;
+}
+
 bool isEndWord(const char* line) {
     return qel_ascii_equal(line, "exit") || qel_ascii_equal(line, "quit");
 }
@@ -115,7 +124,7 @@ std::uint32_t TarnAdminUtility::initialize() {
     shutdown();
     QelString path = qel_get_path(kPathConfiguration);
     path.append(kConfigFileName);
-    std::uint32_t status = TarnAdminConfig::initialize(path.data(), true);
+    std::uint32_t status = orNoMemory(TarnAdminConfig::initialize(path.data(), true));
     if (status == 0) {
         status = setDebugLevel();
     }
@@ -123,7 +132,7 @@ std::uint32_t TarnAdminUtility::initialize() {
         status = registerCommands();
     }
     if (status == 0) {
-        status = m_setInstanceCmd->initialize();
+        status = orNoMemory(m_setInstanceCmd->initialize());
     }
     return status;
 }

@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
@@ -17,6 +18,20 @@ std::uint32_t runUtility(int argc, char** argv) {
     TarnAdminUtility utility;
     const std::uint32_t status = utility.initialize();
     return status != 0 ? status : utility.run(argc, argv);
+}
+
+/// Whether there is memory at all. Where it ran out before main, the C++ library has none set aside to throw with, and
+/// would abort.
+bool isThereMemory() {
+    void* volatile block = std::malloc(1);  // volatile, or the compiler takes the answer for granted
+    const bool found = block != nullptr;
+    std::free(block);
+    return found;
+}
+
+std::uint32_t noMemory() {
+    qel_fprintf(stderr, kStatusNoMemory);
+    return kStatusNoMemory;
 }
 
 /// Results that never reached their reader must not look like success. A reader that left on its own is no failure.
@@ -44,10 +59,9 @@ int main(int argc, char** argv) {
     }
     std::uint32_t status = 0;
     try {
-        status = runUtility(argc, argv);
+        status = isThereMemory() ? runUtility(argc, argv) : noMemory();
     } catch (const std::bad_alloc&) {
-        qel_fprintf(stderr, kStatusNoMemory);
-        status = kStatusNoMemory;
+        status = noMemory();
     }
     if (status == 0) {
         status = flushOutput();

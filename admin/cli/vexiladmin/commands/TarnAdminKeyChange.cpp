@@ -1,9 +1,12 @@
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 
+#include <new>
+
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
+#include "runtime/qel_messages.h"
 
-const QelString TarnAdminKeyChange::m_cmdFormat("key change");
+constinit const QelString TarnAdminKeyChange::m_cmdFormat(QelLiteral("key change"));
 
 std::uint32_t TarnAdminKeyChange::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                              TarnAdminCmdTokens const& /*tokens*/) {
@@ -12,6 +15,10 @@ std::uint32_t TarnAdminKeyChange::executeCmd(void* const& handle, olm_dsess_admi
         return status;
     }
     const ClusterRelease release(cluster);
-    printKeyReport(cluster);
-    return 0;
+    try {
+        printKeyReport(cluster);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return kStatusOutcomeUnknown;  // the key has been changed: nothing may invite to do it again
+    }
 }
