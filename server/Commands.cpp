@@ -140,7 +140,7 @@ int load(const LoadOptions& options) {
             progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
         }
         counts = loadCluster(input, *store, presentTime(), progress);
-    } catch (const SqliteError& error) {
+    } catch (const StoreError& error) {
         throw StoreError(options.data + " cannot be used: " + error.what() + "; nothing was loaded");
     } catch (const LoadError& error) {
         throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
@@ -154,12 +154,13 @@ int load(const LoadOptions& options) {
 
 namespace {
 
-void addAdministrator(const AdminOptions& options) {
-    if (options.name.empty() || options.name.size() > kMaxNameBytes || !qel_utf8_is_text(options.name) ||
-        options.name == kAnonymousUser) {
-        throw std::runtime_error("'" + harmless(options.name) + "' cannot be an administrator's name");
+void checkName(const std::string& name) {
+    if (name.empty() || name.size() > kMaxNameBytes || !qel_utf8_is_text(name) || name == kAnonymousUser) {
+        throw std::runtime_error("'" + harmless(name) + "' cannot be an administrator's name");
     }
-    const auto store = Store::open(options.data, Store::IfMissing::kCreate);
+}
+
+void addAdministrator(Store& store, const AdminOptions& options) {
     SecretString password(kMaxPasswordBytes);
     std::string problem;
     if (!readNewPassword(options.name, password, problem)) {
@@ -169,37 +170,49 @@ void addAdministrator(const AdminOptions& options) {
     if (hash.empty()) {
         throw std::runtime_error("the system's crypt library makes no yescrypt hash");
     }
-    const bool isNew = store->putAdministrator({options.name, hash, options.role});
+    const bool isNew = store.putAdministrator({options.name, hash, options.role});
     std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
               << (options.role == Role::kRead ? ", may read" : ", may change") << std::endl;
 }
 
-void removeAdministrator(const AdminOptions& options) {
-    if (!Store::open(options.data, Store::IfMissing::kFail)->removeAdministrator(options.name)) {
-        throw std::runtime_error("there is no administrator " + harmless(options.name));
+void removeAdministrator(Store& store, const std::string& name) {
+    if (!store.removeAdministrator(name)) {
+        throw std::runtime_error("there is no administrator " + harmless(name));
     }
-    std::cout << "dsessd: administrator " << harmless(options.name) << " removed" << std::endl;
+    std::cout << "dsessd: administrator " << harmless(name) << " removed" << std::endl;
 }
 
-void listAdministrators(const AdminOptions& options) {
-    for (const Administrator& administrator : Store::open(options.data, Store::IfMissing::kFail)->administrators()) {
+void listAdministrators(Store& store) {
+    for (const Administrator& administrator : store.administrators()) {
         std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
     }
 }
 
 }  // namespace
 
-int administrate(const AdminOptions& options) try {
-    if (options.action == AdminOptions::Action::kAdd) {
-        addAdministrator(options);
-    } else if (options.action == AdminOptions::Action::kRemove) {
-        removeAdministrator(options);
-    } else {
-        listAdministrators(options);
+int administrate(const AdminOptions& options) {
+    using Action = AdminOptions::Action;
+    if (options.action == Action::kAdd) {
+        checkName(options.name);
     }
-    return 0;
-} catch (const SqliteError& error) {
-    throw StoreError(options.data + " cannot be used: " + error.what());
+    const auto store =
+        Store::open(options.data, options.action == Action::kAdd ? Store::IfMissing::kCreate : Store::IfMissing::kFail);
+    try {
+        switch (options.action) {
+            case Action::kAdd:
+                addAdministrator(*store, options);
+                break;
+            case Action::kRemove:
+                removeAdministrator(*store, options.name);
+                break;
+            case Action::kList:
+                listAdministrators(*store);
+                break;
+        }
+        return 0;
+    } catch (const StoreError& error) {
+        throw StoreError(options.data + " cannot be used: " + error.what());
+    }
 }
 
 }  // namespace dsessd

@@ -165,7 +165,7 @@ void HttpServer::send(httplib::Response& response, Answer answer) {
                 shared->text = shared->rest->next();
             }
             return sent;
-        } catch (const SqliteError& failure) {
+        } catch (const StoreError& failure) {
             m_log.write(Topic::kFailure, std::string("a listing broke off: ") + failure.what());
             return false;
         }

@@ -123,7 +123,7 @@ struct OpenObject {
 class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ClusterHandler> {
   public:
     ClusterHandler(Store& store, Seconds now, const LoadProgress& progress, const CountingStream& stream)
-        : m_replacement(store), m_now(now), m_progress(progress), m_stream(stream) {}
+        : m_replacement(store.replace()), m_now(now), m_progress(progress), m_stream(stream) {}
 
     bool Default() { return fail("a value that is neither text nor a whole number nor a list"); }
     bool Int(int value) { return integer(value); }
@@ -209,7 +209,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
     }
 
     LoadCounts finish() {
-        m_replacement.commit();
+        m_replacement->commit();
         return m_counts;
     }
     const std::string& problem() const { return m_problem; }
@@ -276,30 +276,30 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
             case kCluster:
                 break;
             case kKey:
-                isNew = m_replacement.addKey(name, time);
+                isNew = m_replacement->addKey(name, time);
                 ++m_counts.keys;
                 break;
             case kRealm:
-                isNew = m_replacement.addRealm(object.number, name);
+                isNew = m_replacement->addRealm(object.number, name);
                 ++m_counts.realms;
                 break;
             case kReplicaSet:
-                isNew = m_replacement.addReplicaSet(object.number, parent, name);
+                isNew = m_replacement->addReplicaSet(object.number, parent, name);
                 ++m_counts.replicaSets;
                 break;
             case kMember:
-                isNew = m_replacement.addMember(parent, {name, time});
+                isNew = m_replacement->addMember(parent, {name, time});
                 ++m_counts.members;
                 break;
             case kSession:
-                isNew = m_replacement.addSession(parent, {name, object.texts[1], time});
+                isNew = m_replacement->addSession(parent, {name, object.texts[1], time});
                 ++m_counts.sessions;
                 break;
         }
         return isNew || fail(std::string(kObjects[object.kind].name) + " \"" + harmless(name, 64) + "\" comes twice");
     }
 
-    Store::Replacement m_replacement;
+    std::unique_ptr<Store::Replacement> m_replacement;
     const Seconds m_now;
     const LoadProgress& m_progress;
     const CountingStream& m_stream;

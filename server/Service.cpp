@@ -295,8 +295,6 @@ Answer Service::handle(SecretString& request, const Peer& peer) {
         result = answer(request, call);
     } catch (const Refusal& refusal) {
         refused(refusal);
-    } catch (const SqliteError& failure) {
-        failed(failure.what());
     } catch (const StoreError& failure) {
         failed(failure.what());
     }

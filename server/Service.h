@@ -27,7 +27,7 @@ struct Peer {
 class ListingAnswer {
   public:
     ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string_view id);
-    /// Gives the next piece of the answer, empty after the last. Throws SqliteError.
+    /// Gives the next piece of the answer, empty after the last. Throws StoreError.
     std::string next();
     /// Whether the last piece was given.
     bool done() const { return m_done; }

@@ -12,11 +12,9 @@
 #include <string_view>
 #include <vector>
 
-#include "server/Sqlite.h"
-
 namespace dsessd {
 
-/// The file cannot be used; the text is one line for people and names the file.
+/// The store cannot be used, or failed: one line for people, which names the file when it could not be opened.
 class StoreError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
@@ -72,90 +70,72 @@ struct Administrator {
     Role role = Role::kRead;
 };
 
-/// One connection to the file with its prepared statements. Used by one thread at a time.
+/// One connection to the file with its prepared statements. Used by one thread at a time. Whatever fails throws a
+/// StoreError, and nothing is changed then.
 class Store {
   public:
     /// What open() does when there is no such file.
     enum class IfMissing { kFail, kCreate };
     static std::unique_ptr<Store> open(const std::string& path, IfMissing ifMissing);
-    ~Store();
+    Store() = default;
+    Store(const Store&) = delete;
+    Store& operator=(const Store&) = delete;
+    virtual ~Store() = default;
 
-    ClusterState cluster();
+    virtual ClusterState cluster() = 0;
     /// Nothing: no replica set of this name.
-    std::optional<std::vector<Member>> members(std::string_view replicaSet);
+    virtual std::optional<std::vector<Member>> members(std::string_view replicaSet) = 0;
 
     /// The sessions of a realm whose user (or identifier) matches a pattern, sorted by user, time and identifier, read
     /// one by one. They come from one state of the file, whatever changes meanwhile.
     class SessionListing {
       public:
-        ~SessionListing();
-        std::int32_t total() const { return m_total; }
-        std::int32_t count() const { return m_count; }
-        /// False: no more.
-        bool next(SessionRow& row);
-
-      private:
-        friend class Store;
-        SessionListing(Store& store, std::int64_t realm, Selector selector, std::string_view pattern, std::int32_t max);
-        Transaction m_transaction;
-        std::string m_glob;
-        std::int32_t m_total = 0;
-        std::int32_t m_count = 0;
-        std::optional<Query> m_rows;
+        virtual ~SessionListing() = default;
+        virtual std::int32_t total() const = 0;
+        virtual std::int32_t count() const = 0;
+        /// False: no more; not to be called again then.
+        virtual bool next(SessionRow& row) = 0;
     };
     /// At most one listing of a store at a time. `pattern`: `*` any characters, `?` one character, all else literally.
     /// `max`: the most that are wanted, -1 for all. Null: no such realm.
-    std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
-                                                 std::int32_t max);
+    virtual std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector,
+                                                         std::string_view pattern, std::int32_t max) = 0;
 
     /// The number of sessions changed. Nothing: no such realm.
-    std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value);
-    std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value, Seconds now);
+    virtual std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) = 0;
+    virtual std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
+                                               Seconds now) = 0;
     /// Makes a new key the current one.
-    Key changeKey(Seconds now);
+    virtual Key changeKey(Seconds now) = 0;
 
-    int traceLevel();
-    void setTraceLevel(int level);
+    virtual int traceLevel() = 0;
+    virtual void setTraceLevel(int level) = 0;
 
-    std::optional<Administrator> administrator(std::string_view name);
-    std::vector<Administrator> administrators();
+    virtual std::optional<Administrator> administrator(std::string_view name) = 0;
+    virtual std::vector<Administrator> administrators() = 0;
     /// Adds an administrator or changes the one of this name; says whether it is new.
-    bool putAdministrator(const Administrator& administrator);
+    virtual bool putAdministrator(const Administrator& administrator) = 0;
     /// False: there is none of this name.
-    bool removeAdministrator(std::string_view name);
+    virtual bool removeAdministrator(std::string_view name) = 0;
 
-    /// Replaces the cluster's contents (administrators and the trace level stay) in one transaction, undone unless
-    /// committed. Parts may come before the whole they belong to; numbers tie them together.
+    /// New contents of the cluster, all in one transaction, undone unless committed. Parts may come before the whole
+    /// they belong to; numbers tie them together.
     class Replacement {
       public:
-        explicit Replacement(Store& store);
+        virtual ~Replacement() = default;
         /// These four return false when there is such a name already.
-        bool addRealm(std::int64_t number, std::string_view name);
-        bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name);
-        bool addMember(std::int64_t replicaSet, const Member& member);
-        bool addSession(std::int64_t realm, const SessionRow& session);
+        virtual bool addRealm(std::int64_t number, std::string_view name) = 0;
+        virtual bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) = 0;
+        virtual bool addMember(std::int64_t replicaSet, const Member& member) = 0;
+        virtual bool addSession(std::int64_t realm, const SessionRow& session) = 0;
         /// The last one added is the current one. False: there is such a label already.
-        bool addKey(std::string_view label, Seconds time);
+        virtual bool addKey(std::string_view label, Seconds time) = 0;
         /// Makes a first key when none was added.
-        void commit();
-
-      private:
-        Store& m_store;
-        Transaction m_transaction;
+        virtual void commit() = 0;
     };
-
-  private:
-    struct Statements;
-    explicit Store(Database database);
-    std::optional<std::int64_t> realmNumber(std::string_view name);
-    Key currentKey();
-
-    Database m_database;
-    std::unique_ptr<Statements> m_statements;
+    /// Begins by emptying the cluster; administrators and the trace level stay.
+    virtual std::unique_ptr<Replacement> replace() = 0;
 };
-
-/// The pattern `*`/`?` as an SQL GLOB pattern, in which `[` is special too.
-std::string globOf(std::string_view pattern);
 
 /// Connections to one file, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {

@@ -1,0 +1,521 @@
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "runtime/QelFileDescriptor.h"
+#include "runtime/qel_random.h"
+#include "server/Store.h"
+
+namespace dsessd {
+
+namespace {
+
+constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
+constexpr int kSchemaVersion = 1;
+constexpr int kDefaultTraceLevel = 1;
+constexpr int kBusyMilliseconds = 10'000;
+
+// References are checked when a transaction ends, so that a load may store the parts before the whole.
+constexpr char kSchema[] = R"(
+CREATE TABLE realms (
+    number INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE
+) STRICT;
+CREATE TABLE replica_sets (
+    number INTEGER PRIMARY KEY,
+    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    name TEXT NOT NULL UNIQUE
+) STRICT;
+CREATE INDEX replica_sets_by_realm ON replica_sets (realm, number);
+CREATE TABLE members (
+    number INTEGER PRIMARY KEY,
+    replica_set INTEGER NOT NULL REFERENCES replica_sets DEFERRABLE INITIALLY DEFERRED,
+    name TEXT NOT NULL,
+    last_contact INTEGER NOT NULL,
+    UNIQUE (replica_set, name)
+) STRICT;
+CREATE TABLE sessions (
+    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    id TEXT NOT NULL,
+    user TEXT NOT NULL,
+    time INTEGER NOT NULL,
+    PRIMARY KEY (realm, id)
+) STRICT, WITHOUT ROWID;
+CREATE INDEX sessions_by_user ON sessions (realm, user, time, id);
+CREATE TABLE keys (
+    number INTEGER PRIMARY KEY,
+    label TEXT NOT NULL UNIQUE,
+    time INTEGER NOT NULL
+) STRICT;
+CREATE TABLE settings (
+    name TEXT PRIMARY KEY,
+    value INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE TABLE administrators (
+    name TEXT PRIMARY KEY,
+    password_hash TEXT NOT NULL,
+    role TEXT NOT NULL CHECK (role IN ('read', 'change'))
+) STRICT, WITHOUT ROWID;
+)";
+
+/// What SQLite says, with its primary result code (https://sqlite.org/rescode.html).
+class SqliteError : public StoreError {
+  public:
+    explicit SqliteError(const SQLite::Exception& error) : StoreError(error.what()), m_code(error.getErrorCode()) {}
+    int code() const { return m_code & 0xFF; }
+
+  private:
+    int m_code;
+};
+
+/// Every call of the library goes through here, so that its own kind of failure is seen nowhere else.
+template <typename Action>
+auto sqlite(const Action& action) {
+    try {
+        return action();
+    } catch (const SQLite::Exception& error) {
+        throw SqliteError(error);
+    }
+}
+
+void execute(SQLite::Database& database, const char* sql) {
+    sqlite([&] { database.exec(sql); });
+}
+
+std::int64_t queryInteger(SQLite::Database& database, const char* sql) {
+    return sqlite([&] { return database.execAndGet(sql).getInt64(); });
+}
+
+/// One run of a statement: parameters in order, then step() for each row. The statement is reset when the run goes,
+/// since one that is left in the middle holds the transaction open.
+class Query {
+  public:
+    template <typename... Parameters>
+    explicit Query(SQLite::Statement& statement, const Parameters&... parameters) : m_statement(statement) {
+        int index = 0;
+        sqlite([&] { (statement.bind(++index, bindable(parameters)), ...); });
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+    ~Query() { m_statement.tryReset(); }
+
+    /// False: no more rows. Not to be called again then.
+    bool step() {
+        return sqlite([&] { return m_statement.executeStep(); });
+    }
+    /// False: the insertion would break a rule of uniqueness.
+    bool insert() {
+        try {
+            step();
+            return true;
+        } catch (const SqliteError& error) {
+            if (error.code() == SQLITE_CONSTRAINT) {
+                return false;
+            }
+            throw;
+        }
+    }
+    /// Valid until the next step.
+    std::string_view text(int column) const {
+        const SQLite::Column value = m_statement.getColumn(column);
+        const char* bytes = value.getText();
+        return {bytes, static_cast<std::size_t>(value.getBytes())};
+    }
+    std::int64_t integer(int column) const { return m_statement.getColumn(column).getInt64(); }
+    std::int32_t integer32(int column) const { return m_statement.getColumn(column).getInt(); }
+
+  private:
+    static std::string bindable(std::string_view text) { return std::string(text); }
+    static std::int64_t bindable(std::int64_t number) { return number; }
+
+    SQLite::Statement& m_statement;
+};
+
+/// A transaction, undone unless committed. One that writes takes the lock at once: a reader that turns writer would
+/// fail when another has written meanwhile.
+class Transaction {
+  public:
+    enum class Kind { kRead, kWrite };
+    Transaction(SQLite::Database& database, Kind kind) : m_database(database) {
+        execute(database, kind == Kind::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    ~Transaction() {
+        if (m_open) {
+            m_database.tryExec("ROLLBACK");
+        }
+    }
+    void commit() {
+        execute(m_database, "COMMIT");
+        m_open = false;
+    }
+
+  private:
+    SQLite::Database& m_database;
+    bool m_open = true;
+};
+
+std::string newKeyLabel(Seconds now) {
+    std::array<unsigned char, 8> random{};
+    if (qel_get_random_bytes(random.data(), random.size()) != 0) {
+        throw StoreError("no random bytes for a key's label");
+    }
+    const std::time_t seconds = now;
+    std::tm utc{};
+    gmtime_r(&seconds, &utc);
+    std::array<char, 48> label{};
+    std::size_t length = std::strftime(label.data(), label.size(), "key-%Y-%m-%d-", &utc);
+    for (const unsigned char byte : random) {
+        std::snprintf(label.data() + length, label.size() - length, "%02x", byte);
+        length += 2;
+    }
+    return label.data();
+}
+
+/// Needed before there are all tables for the prepared statements.
+void insertKey(SQLite::Database& database, Seconds now) {
+    SQLite::Statement statement =
+        sqlite([&] { return SQLite::Statement(database, "INSERT INTO keys (label, time) VALUES (?, ?)"); });
+    Query(statement, newKeyLabel(now), now).step();
+}
+
+void createSchema(SQLite::Database& database) {
+    execute(database, kSchema);
+    insertKey(database, presentTime());
+    execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
+    execute(database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+}
+
+/// Makes the schema in a new file; throws unless the file is ours and of this version.
+void establishSchema(SQLite::Database& database, const std::string& path) {
+    const auto isEmpty = [&] {
+        return queryInteger(database, "PRAGMA application_id") == 0 &&
+               queryInteger(database, "SELECT count(*) FROM sqlite_schema") == 0;
+    };
+    if (isEmpty()) {
+        Transaction transaction(database, Transaction::Kind::kWrite);
+        if (isEmpty()) {
+            createSchema(database);
+        }
+        transaction.commit();
+    }
+    if (queryInteger(database, "PRAGMA application_id") != kApplicationId) {
+        throw StoreError(path + " is not a data file of dsessd");
+    }
+    const std::int64_t version = queryInteger(database, "PRAGMA user_version");
+    if (version != kSchemaVersion) {
+        throw StoreError(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
+                         std::to_string(kSchemaVersion));
+    }
+}
+
+/// SQLite would make a file that others may read.
+void createPrivateFile(const std::string& path) {
+    const QelFileDescriptor file(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file.isOpen()) {
+        throw StoreError(path + " cannot be made: " + std::strerror(errno));
+    }
+}
+
+/// A pattern of `*` and `?` as SQLite's GLOB takes it, to which `[` is special too.
+std::string globOf(std::string_view pattern) {
+    std::string glob;
+    for (const char c : pattern) {
+        if (c == '[') {
+            glob += "[[]";
+        } else if (c != '*' || glob.empty() || glob.back() != '*') {
+            glob += c;
+        }
+    }
+    return glob;
+}
+
+struct Statements {
+    explicit Statements(const SQLite::Database& db)
+        : realms(db, "SELECT number, name FROM realms ORDER BY number"),
+          realm(db, "SELECT number FROM realms WHERE name = ?"),
+          replicaSets(db, "SELECT name FROM replica_sets WHERE realm = ? ORDER BY number"),
+          replicaSet(db, "SELECT number FROM replica_sets WHERE name = ?"),
+          members(db, "SELECT name, last_contact FROM members WHERE replica_set = ? ORDER BY number"),
+          keys(db, "SELECT label, time FROM keys ORDER BY number DESC LIMIT 2"),
+          countByUser(db, "SELECT count(*) FROM sessions WHERE realm = ? AND user GLOB ?"),
+          countById(db, "SELECT count(*) FROM sessions WHERE realm = ? AND id GLOB ?"),
+          listByUser(db,
+                     "SELECT id, user, time FROM sessions WHERE realm = ? AND user GLOB ? "
+                     "ORDER BY user, time, id LIMIT ?"),
+          listById(db,
+                   "SELECT id, user, time FROM sessions WHERE realm = ? AND id GLOB ? "
+                   "ORDER BY user, time, id LIMIT ?"),
+          terminateByUser(db, "DELETE FROM sessions WHERE realm = ? AND user = ?"),
+          terminateById(db, "DELETE FROM sessions WHERE realm = ? AND id = ?"),
+          refreshByUser(db, "UPDATE sessions SET time = ? WHERE realm = ? AND user = ?"),
+          refreshById(db, "UPDATE sessions SET time = ? WHERE realm = ? AND id = ?"),
+          setting(db, "SELECT value FROM settings WHERE name = ?"),
+          putSetting(db,
+                     "INSERT INTO settings (name, value) VALUES (?, ?) "
+                     "ON CONFLICT (name) DO UPDATE SET value = excluded.value"),
+          administrator(db, "SELECT name, password_hash, role FROM administrators WHERE name = ?"),
+          administrators(db, "SELECT name, password_hash, role FROM administrators ORDER BY name"),
+          putAdministrator(db,
+                           "INSERT INTO administrators (name, password_hash, role) VALUES (?, ?, ?) ON CONFLICT (name) "
+                           "DO UPDATE SET password_hash = excluded.password_hash, role = excluded.role"),
+          removeAdministrator(db, "DELETE FROM administrators WHERE name = ?"),
+          addRealm(db, "INSERT INTO realms (number, name) VALUES (?, ?)"),
+          addReplicaSet(db, "INSERT INTO replica_sets (number, realm, name) VALUES (?, ?, ?)"),
+          addMember(db, "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?)"),
+          addSession(db, "INSERT INTO sessions (realm, id, user, time) VALUES (?, ?, ?, ?)"),
+          addKey(db, "INSERT INTO keys (label, time) VALUES (?, ?)") {}
+
+    SQLite::Statement realms, realm, replicaSets, replicaSet, members, keys;
+    SQLite::Statement countByUser, countById, listByUser, listById;
+    SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
+    SQLite::Statement setting, putSetting;
+    SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
+    SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey;
+};
+
+Administrator administratorOf(const Query& row) {
+    return {std::string(row.text(0)), std::string(row.text(1)),
+            row.text(2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
+}
+
+class Listing final : public Store::SessionListing {
+  public:
+    explicit Listing(SQLite::Database& database) : m_transaction(database, Transaction::Kind::kRead) {}
+
+    void start(Statements& statements, std::int64_t realm, Selector selector, const std::string& glob,
+               std::int32_t max) {
+        const bool byUser = selector == Selector::kUser;
+        Query counting(byUser ? statements.countByUser : statements.countById, realm, glob);
+        counting.step();
+        m_total = counting.integer32(0);
+        m_count = max < 0 ? m_total : std::min(m_total, max);
+        m_rows.emplace(byUser ? statements.listByUser : statements.listById, realm, glob, m_count);
+    }
+    std::int32_t total() const override { return m_total; }
+    std::int32_t count() const override { return m_count; }
+    bool next(SessionRow& row) override {
+        if (!m_rows->step()) {
+            return false;
+        }
+        row = {m_rows->text(0), m_rows->text(1), m_rows->integer32(2)};
+        return true;
+    }
+
+  private:
+    Transaction m_transaction;
+    std::int32_t m_total = 0;
+    std::int32_t m_count = 0;
+    std::optional<Query> m_rows;
+};
+
+class Replacing final : public Store::Replacement {
+  public:
+    Replacing(SQLite::Database& database, Statements& statements)
+        : m_database(database), m_statements(statements), m_transaction(database, Transaction::Kind::kWrite) {
+        execute(database,
+                "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
+                "DELETE FROM keys");
+    }
+
+    bool addRealm(std::int64_t number, std::string_view name) override {
+        return Query(m_statements.addRealm, number, name).insert();
+    }
+    bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) override {
+        return Query(m_statements.addReplicaSet, number, realm, name).insert();
+    }
+    bool addMember(std::int64_t replicaSet, const Member& member) override {
+        return Query(m_statements.addMember, replicaSet, member.name, member.lastContact).insert();
+    }
+    bool addSession(std::int64_t realm, const SessionRow& session) override {
+        return Query(m_statements.addSession, realm, session.id, session.user, session.time).insert();
+    }
+    bool addKey(std::string_view label, Seconds time) override {
+        return Query(m_statements.addKey, label, time).insert();
+    }
+    void commit() override {
+        if (queryInteger(m_database, "SELECT count(*) FROM keys") == 0) {
+            insertKey(m_database, presentTime());
+        }
+        m_transaction.commit();
+    }
+
+  private:
+    SQLite::Database& m_database;
+    Statements& m_statements;
+    Transaction m_transaction;
+};
+
+class SqliteStore final : public Store {
+  public:
+    explicit SqliteStore(SQLite::Database database) : m_database(std::move(database)), m_statements(m_database) {}
+
+    ClusterState cluster() override {
+        Transaction transaction(m_database, Transaction::Kind::kRead);
+        ClusterState state;
+        Query realms(m_statements.realms);
+        while (realms.step()) {
+            Realm& realm = state.realms.emplace_back();
+            realm.name = realms.text(1);
+            Query sets(m_statements.replicaSets, realms.integer(0));
+            while (sets.step()) {
+                realm.replicaSets.emplace_back(sets.text(0));
+            }
+        }
+        state.key = currentKey();
+        return state;
+    }
+
+    std::optional<std::vector<Member>> members(std::string_view replicaSet) override {
+        Transaction transaction(m_database, Transaction::Kind::kRead);
+        Query set(m_statements.replicaSet, replicaSet);
+        if (!set.step()) {
+            return std::nullopt;
+        }
+        std::vector<Member> members;
+        Query query(m_statements.members, set.integer(0));
+        while (query.step()) {
+            members.push_back({std::string(query.text(0)), query.integer32(1)});
+        }
+        return members;
+    }
+
+    std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
+                                                 std::int32_t max) override {
+        auto listing = std::make_unique<Listing>(m_database);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return nullptr;
+        }
+        listing->start(m_statements, *number, selector, globOf(pattern), max);
+        return listing;
+    }
+
+    std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        Query(selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, *number, value)
+            .step();
+        const int count = m_database.getChanges();
+        transaction.commit();
+        return count;
+    }
+
+    std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
+                                       Seconds now) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        Query(selector == Selector::kUser ? m_statements.refreshByUser : m_statements.refreshById, now, *number, value)
+            .step();
+        const int count = m_database.getChanges();
+        transaction.commit();
+        return count;
+    }
+
+    Key changeKey(Seconds now) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        insertKey(m_database, now);
+        Key key = currentKey();
+        transaction.commit();
+        return key;
+    }
+
+    int traceLevel() override {
+        Query query(m_statements.setting, "trace level");
+        return query.step() ? query.integer32(0) : kDefaultTraceLevel;
+    }
+
+    void setTraceLevel(int level) override { Query(m_statements.putSetting, "trace level", level).step(); }
+
+    std::optional<Administrator> administrator(std::string_view name) override {
+        Query query(m_statements.administrator, name);
+        return query.step() ? std::optional(administratorOf(query)) : std::nullopt;
+    }
+
+    std::vector<Administrator> administrators() override {
+        std::vector<Administrator> all;
+        Query query(m_statements.administrators);
+        while (query.step()) {
+            all.push_back(administratorOf(query));
+        }
+        return all;
+    }
+
+    bool putAdministrator(const Administrator& administrator) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        const bool isNew = !this->administrator(administrator.name).has_value();
+        Query(m_statements.putAdministrator, administrator.name, administrator.passwordHash, nameOf(administrator.role))
+            .step();
+        transaction.commit();
+        return isNew;
+    }
+
+    bool removeAdministrator(std::string_view name) override {
+        Query(m_statements.removeAdministrator, name).step();
+        return m_database.getChanges() > 0;
+    }
+
+    std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_database, m_statements); }
+
+  private:
+    std::optional<std::int64_t> realmNumber(std::string_view name) {
+        Query query(m_statements.realm, name);
+        return query.step() ? std::optional(query.integer(0)) : std::nullopt;
+    }
+
+    Key currentKey() {
+        Key key;
+        Query query(m_statements.keys);
+        if (query.step()) {
+            key.label = query.text(0);
+            key.time = query.integer32(1);
+            key.previousTime = query.step() ? query.integer32(1) : 0;
+        }
+        return key;
+    }
+
+    SQLite::Database m_database;
+    Statements m_statements;
+};
+
+}  // namespace
+
+std::unique_ptr<Store> Store::open(const std::string& path, IfMissing ifMissing) {
+    if (ifMissing == IfMissing::kCreate) {
+        createPrivateFile(path);
+    } else if (::access(path.c_str(), F_OK) != 0) {
+        throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");
+    }
+    try {
+        SQLite::Database database = sqlite([&] {
+            return SQLite::Database(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+                                    kBusyMilliseconds);
+        });
+        execute(database, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF");
+        establishSchema(database, path);
+        execute(database, "PRAGMA journal_mode=WAL");
+        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(database)); });
+    } catch (const SqliteError& error) {
+        if (error.code() == SQLITE_NOTADB) {
+            throw StoreError(path + " is not a data file of dsessd");
+        }
+        throw StoreError(path + " cannot be used: " + error.what());
+    }
+}
+
+}  // namespace dsessd
