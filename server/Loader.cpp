@@ -3,13 +3,16 @@
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 
+#include <algorithm>
 #include <array>
 #include <limits>
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
+#include "runtime/QelJsonAllocator.h"
 #include "runtime/qel_utf8.h"
 #include "server/Text.h"
 
@@ -98,7 +101,7 @@ struct ObjectRule {
     bool timed;
 };
 
-constexpr std::array<ObjectRule, 6> kObjects{{{"the cluster", kClusterFields, false},
+constexpr std::array<ObjectRule, 6> kObjects{{{"a cluster", kClusterFields, false},
                                               {"a key", kKeyFields, true},
                                               {"a realm", kRealmFields, false},
                                               {"a replica set", kReplicaSetFields, false},
@@ -106,6 +109,7 @@ constexpr std::array<ObjectRule, 6> kObjects{{{"the cluster", kClusterFields, fa
                                               {"a session", kSessionFields, true}}};
 
 constexpr std::size_t kMaxFields = 4;
+constexpr std::size_t kMaxTextBytes = 65'536;
 
 /// An object whose end has not come yet.
 struct OpenObject {
@@ -115,21 +119,35 @@ struct OpenObject {
     std::array<bool, kMaxFields> seen{};
     std::array<std::string, kMaxFields> texts{};
     std::array<std::optional<std::int64_t>, kMaxFields> integers{};
-    /// The field that is being read.
-    std::size_t field = 0;
-    bool inList = false;
+    /// The field that is being read, and in a list the element.
+    std::size_t field = kMaxFields;
+    std::optional<std::size_t> element{};
+
+    const ObjectRule& rule() const { return kObjects[kind]; }
 };
 
+/// A text is far longer than any that is taken.
+struct TextTooLong {};
+
+/// Where RapidJSON puts the text that it is reading.
+struct BoundedAllocator : QelJsonAllocator {
+    void* Realloc(void* block, std::size_t oldSize, std::size_t size) {
+        return size > kMaxTextBytes ? throw TextTooLong() : QelJsonAllocator::Realloc(block, oldSize, size);
+    }
+};
+
+/// Walks through kObjects with the parser's events and stores each object at its end, so that only those are kept that
+/// are still open.
 class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ClusterHandler> {
   public:
     ClusterHandler(Store& store, Seconds now, const LoadProgress& progress, const CountingStream& stream)
         : m_replacement(store.replace()), m_now(now), m_progress(progress), m_stream(stream) {}
 
-    bool Default() { return fail("a value that is neither text nor a whole number nor a list"); }
+    bool Default() { return fail("is neither text nor a whole number nor a list"); }
     bool Int(int value) { return integer(value); }
     bool Uint(unsigned value) { return integer(value); }
     bool Int64(std::int64_t value) { return integer(value); }
-    bool Uint64(std::uint64_t) { return fail("a number that is too large"); }
+    bool Uint64(std::uint64_t) { return fail("is too large a number"); }
 
     bool String(const char* bytes, SizeType length, bool) {
         const std::string_view value(bytes, length);
@@ -137,42 +155,37 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
             return false;
         }
         if (value.empty() || value.size() > kMaxNameBytes || !qel_utf8_is_text(value)) {
-            return fail(describe() + " is empty, longer than " + std::to_string(kMaxNameBytes) +
-                        " bytes, or not UTF-8 without NUL");
+            return failForText();
         }
         m_open.back().texts[m_open.back().field] = value;
-        return true;
+        return valueEnds();
     }
 
     bool Key(const char* bytes, SizeType length, bool) {
         OpenObject& object = m_open.back();
-        const ObjectRule& rule = kObjects[object.kind];
+        const auto fields = object.rule().fields;
         const std::string_view name(bytes, length);
-        for (std::size_t i = 0; i < rule.fields.size(); ++i) {
-            if (rule.fields[i].name != name) {
-                continue;
-            }
-            object.field = i;
-            if (object.seen[i]) {
-                return fail(describe() + " comes twice");
-            }
-            object.seen[i] = true;
-            return true;
+        const auto found =
+            std::find_if(fields.begin(), fields.end(), [&](const auto& rule) { return rule.name == name; });
+        if (found == fields.end()) {
+            return fail("has a field \"" + harmless(name, 64) + "\", which " + std::string(object.rule().name) +
+                        " does not have");
         }
-        return fail(std::string(rule.name) + " has no field \"" + harmless(name, 64) + "\"");
+        object.field = static_cast<std::size_t>(found - fields.begin());
+        return !std::exchange(object.seen[object.field], true) || fail("comes twice");
     }
 
     bool StartArray() {
         if (!expects(Kind::kList)) {
             return false;
         }
-        m_open.back().inList = true;
+        m_open.back().element = 0;
         return true;
     }
 
     bool EndArray(SizeType) {
-        m_open.back().inList = false;
-        return true;
+        m_open.back().element.reset();
+        return valueEnds();
     }
 
     bool StartObject() {
@@ -181,26 +194,22 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
             return true;
         }
         const OpenObject& parent = m_open.back();
-        if (!parent.inList) {
-            return fail("an object where there should be none");
+        if (!parent.element) {
+            return fail("is an object where there should be none");
         }
-        OpenObject child{kObjects[parent.kind].fields[parent.field].element};
+        OpenObject child{parent.rule().fields[parent.field].element};
         child.number = ++m_lastNumber;
         m_open.push_back(std::move(child));
         return true;
     }
 
     bool EndObject(SizeType) {
-        const OpenObject object = std::move(m_open.back());
-        m_open.pop_back();
-        const ObjectRule& rule = kObjects[object.kind];
-        for (std::size_t i = 0; i < rule.fields.size(); ++i) {
-            if (rule.fields[i].required && !object.seen[i]) {
-                return fail(std::string(rule.name) + " without the field \"" + std::string(rule.fields[i].name) + "\"");
-            }
-        }
-        if (!store(object)) {
+        if (!isComplete() || !store(m_open.back())) {
             return false;
+        }
+        m_open.pop_back();
+        if (!m_open.empty()) {
+            ++*m_open.back().element;
         }
         if (m_progress && ++m_stored % 4096 == 0) {
             m_progress(m_stream.Tell(), m_counts);
@@ -212,31 +221,40 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         m_replacement->commit();
         return m_counts;
     }
+    bool failForText() {
+        return fail("is empty, longer than " + std::to_string(kMaxNameBytes) + " bytes, or not UTF-8 without NUL");
+    }
     const std::string& problem() const { return m_problem; }
 
   private:
     bool fail(const std::string& why) {
-        m_problem = why;
+        m_problem = where() + " " + why;
         return false;
     }
 
-    std::string describe() const {
-        const ObjectRule& rule = kObjects[m_open.back().kind];
-        return "the field \"" + std::string(rule.fields[m_open.back().field].name) + "\" of " + std::string(rule.name);
+    /// What is being read, such as `realms[1].sessions[3].user`.
+    std::string where() const {
+        std::string path;
+        for (const OpenObject& object : m_open) {
+            if (object.field != kMaxFields) {
+                path += (path.empty() ? "" : ".") + std::string(object.rule().fields[object.field].name);
+            }
+            if (object.element) {
+                path += "[" + std::to_string(*object.element) + "]";
+            }
+        }
+        return path.empty() ? "the cluster" : path;
     }
 
     bool expects(Kind kind) {
         if (m_open.empty()) {
-            return fail("the cluster is not an object");
+            return fail("is not an object");
         }
         const OpenObject& object = m_open.back();
-        if (object.inList) {
-            return fail("something other than an object in " + describe());
+        if (object.element) {
+            return fail("is something other than an object");
         }
-        if (kObjects[object.kind].fields[object.field].kind != kind) {
-            return fail(describe() + " is of the wrong type");
-        }
-        return true;
+        return object.rule().fields[object.field].kind == kind || fail("is of the wrong type");
     }
 
     bool integer(std::int64_t value) {
@@ -244,31 +262,46 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
             return false;
         }
         m_open.back().integers[m_open.back().field] = value;
+        return valueEnds();
+    }
+
+    bool valueEnds() {
+        m_open.back().field = kMaxFields;
+        return true;
+    }
+
+    bool isComplete() {
+        const OpenObject& object = m_open.back();
+        for (std::size_t i = 0; i < object.rule().fields.size(); ++i) {
+            const FieldRule& field = object.rule().fields[i];
+            if (field.required && !object.seen[i]) {
+                return fail("lacks the field \"" + std::string(field.name) + "\"");
+            }
+        }
         return true;
     }
 
     /// The time of an object, whose last two fields are "time" and "age".
     bool timeOf(const OpenObject& object, Seconds& time) {
-        const ObjectRule& rule = kObjects[object.kind];
-        const auto& absolute = object.integers[rule.fields.size() - 2];
-        const auto& age = object.integers[rule.fields.size() - 1];
+        const auto& absolute = object.integers[object.rule().fields.size() - 2];
+        const auto& age = object.integers[object.rule().fields.size() - 1];
         if (absolute.has_value() == age.has_value()) {
-            return fail(std::string(rule.name) + " needs one of the fields \"time\" and \"age\"");
+            return fail("needs one of the fields \"time\" and \"age\"");
         }
         constexpr std::int64_t kLatest = std::numeric_limits<Seconds>::max();
         if ((age && (*age < 0 || *age > m_now)) || (absolute && (*absolute < 0 || *absolute > kLatest))) {
-            return fail("the time of " + std::string(rule.name) + " is not between 0 and " + std::to_string(kLatest));
+            return fail("has a time that is not between 0 and " + std::to_string(kLatest));
         }
         time = static_cast<Seconds>(absolute ? *absolute : m_now - *age);
         return true;
     }
 
-    /// Keeps what ended, under what is still open around it.
+    /// Keeps the object that ends, as a part of the one around it.
     bool store(const OpenObject& object) {
-        const std::int64_t parent = m_open.empty() ? 0 : m_open.back().number;
+        const std::int64_t parent = m_open.size() < 2 ? 0 : m_open[m_open.size() - 2].number;
         const std::string& name = object.texts[0];
         Seconds time = 0;
-        if (kObjects[object.kind].timed && !timeOf(object, time)) {
+        if (object.rule().timed && !timeOf(object, time)) {
             return false;
         }
         bool isNew = true;
@@ -296,7 +329,8 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
                 ++m_counts.sessions;
                 break;
         }
-        return isNew || fail(std::string(kObjects[object.kind].name) + " \"" + harmless(name, 64) + "\" comes twice");
+        return isNew ||
+               fail("is " + std::string(object.rule().name) + " \"" + harmless(name, 64) + "\" that comes twice");
     }
 
     std::unique_ptr<Store::Replacement> m_replacement;
@@ -315,8 +349,14 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
 LoadCounts loadCluster(std::istream& input, Store& store, Seconds now, const LoadProgress& progress) {
     CountingStream stream(input);
     ClusterHandler handler(store, now, progress, stream);
-    rapidjson::Reader reader;
-    const rapidjson::ParseResult result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
+    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, BoundedAllocator> reader;
+    rapidjson::ParseResult result;
+    try {
+        result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
+    } catch (const TextTooLong&) {
+        handler.failForText();
+        result.Set(rapidjson::kParseErrorTermination);
+    }
     if (input.bad()) {
         throw LoadError(stream.line(), "reading failed");
     }

@@ -142,37 +142,43 @@ class Loading(unittest.TestCase):
             self.assertEqual(server.call("cluster.get", **AS_ROOT)["result"]["key"]["previousTime"], 0, "a first key")
             self.assertEqual(server.call("trace.get", **AS_ROOT)["result"]["level"], 7)
 
-    def test_names_the_line_of_a_mistake_and_changes_nothing(self):
-        name = "the field 'name' of a realm "
+    def test_names_line_and_place_of_a_mistake_and_changes_nothing(self):
         with Dsessd(administrators=ROOT) as server:
             before = server.call("cluster.get", **AS_ROOT)["result"]
             for text, problem in [
                 ("", "1: The document is empty"),
                 ("[]", "1: the cluster is not an object"),
-                ("{}", "1: the cluster without the field 'realms'"),
-                ("{\n'realms': [\n{'nmae': 1}]}", "3: a realm has no field 'nmae'"),
-                ("{'realms': [1]}", "1: something other than an object in the field 'realms' of the cluster"),
-                ("{'realms': {}}", "1: an object where there should be none"),
+                ("{}", "1: the cluster lacks the field 'realms'"),
+                ("{\n'realms': [\n{'nmae': 1}]}", "3: realms[0] has a field 'nmae', which a realm does not have"),
+                ("{'realms': [1]}", "1: realms[0] is something other than an object"),
+                ("{'realms': {}}", "1: realms is an object where there should be none"),
                 ("{'realms': []}\n}", "2: The document root must not be followed by other values"),
                 ("{'realms': []}\0x", "1: a NUL byte"),
-                ("{'realms': " + "[" * 100000, "1: something other than an object"),
-                (realm(""), "1: a realm without the field 'name'"),
-                (realm("'name':'a'},\n{'name':'a'"), "2: a realm 'a' comes twice"),
-                (realm("'name':'a',\n'name':'b'"), f"2: {name}comes twice"),
+                ("{'realms': " + "[" * 100000, "1: realms[0] is something other than an object"),
+                (realm(""), "1: realms[0] lacks the field 'name'"),
+                (realm("'name':'a'},\n{'name':'a'"), "2: realms[1] is a realm 'a' that comes twice"),
+                (realm("'name':'a',\n'name':'b'"), "2: realms[0].name comes twice"),
                 *(
-                    (realm(f"'name':'{text}'"), f"1: {name}is empty, longer than 1024 bytes, or not UTF-8")
-                    for text in ("", "\udcff", "\\udc00", "a\\u0000b", "x" * 1025)
+                    (realm(f"'name':'{text}'"), "1: realms[0].name is empty, longer than 1024 bytes, or not UTF-8")
+                    for text in ("", "\udcff", "\\udc00", "a\\u0000b", "x" * 1025, "x" * 10**6)
                 ),
-                (realm("'name':5"), f"1: {name}is of the wrong type"),
-                (realm("'name':'r','replicaSets':[{'name':'s'},{'name':'s'}]"), "a replica set 's' comes twice"),
+                (realm("'name':5"), "1: realms[0].name is of the wrong type"),
+                (
+                    realm("'name':'r'},{'name':'s','replicaSets':[{'name':'s'},{'name':'s'}]"),
+                    "realms[1].replicaSets[1] is a replica set 's' that comes twice",
+                ),
                 *((session(both), "one of the fields 'time' and 'age'") for both in ("", ",'age':1,'time':1")),
                 *(
-                    (session(f",{time}"), "is not between 0 and 2147483647")
+                    (session(f",{time}"), "realms[0].sessions[0] has a time that is not between 0 and 2147483647")
                     for time in ("'time':2147483648", "'time':-1", "'age':2147483648", "'age':-1")
                 ),
-                (session(",'time':1.5"), "neither text nor a whole number"),
-                (session(",'time':18446744073709551615"), "too large"),
-                (session(",'time':1", ",\n{'id':'s','user':'v','time':1}"), "2: a session 's' comes twice"),
+                (session(",'time':1.5"), "sessions[0].time is neither text nor a whole number"),
+                (session(",'time':18446744073709551615"), "sessions[0].time is too large"),
+                (
+                    session(",'time':1", ",\n{'id':'s','user':'v','time':1}"),
+                    "2: realms[0].sessions[1] is a session 's'",
+                ),
+                (session(",'time':1", ",{'id':'t','user':''}"), "realms[0].sessions[1].user is empty"),
             ]:
                 said = self.load(server, text)
                 self.assertRegex(said, "^dsessd: -, line [^\n]*; nothing was loaded\n$")
