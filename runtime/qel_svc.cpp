@@ -7,7 +7,6 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <array>
 #include <cstdarg>
 #include <cstdlib>
 #include <ctime>
@@ -17,6 +16,7 @@
 
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/QelString.h"
+#include "runtime/QelTimeText.h"
 #include "runtime/qel_io.h"
 #include "runtime/qel_msg.h"
 
@@ -40,14 +40,6 @@ std::string entryText(std::uint32_t identifier, std::string_view insertFormat, s
                                                             : qel_msg_get_default_msg(identifier, nullptr);
     text.erase(text.find_last_not_of('\n') + 1);
     return text;
-}
-
-std::string timeText() {
-    const std::time_t now = std::time(nullptr);
-    std::tm utc{};
-    gmtime_r(&now, &utc);
-    std::array<char, sizeof "2026-01-31T08:15:00Z" + 8> text;
-    return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &utc)};
 }
 
 bool appendToFile(const char* path, std::string_view line) {
@@ -100,7 +92,9 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
                                   .append(text);
     const QelString visible(entry, QelString::kForDisplay);
     const char* program = qel_msg_program_name();
-    const std::string full = timeText() + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n";
+    const QelTimeText now(std::time(nullptr), "%Y-%m-%dT%H:%M:%SZ");
+    const std::string full =
+        std::string(now.data()) + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n";
     const char* path = std::getenv("QEL_SVC_LOG");
     if (path != nullptr && *path != '\0' && appendToFile(path, full)) {
         return;

@@ -5,8 +5,9 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <string>
+
+#include "runtime/QelTimeText.h"
 
 namespace dsessd {
 
@@ -36,13 +37,10 @@ TopicTraits traitsOf(Topic topic) {
 std::string timestamp() {
     using namespace std::chrono;
     const auto now = system_clock::now();
-    const std::time_t seconds = system_clock::to_time_t(now);
+    const QelTimeText seconds(system_clock::to_time_t(now), "%Y-%m-%dT%H:%M:%S");
     const auto milliseconds = duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::array<char, 40> text{};
-    const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &utc);
-    std::snprintf(text.data() + length, text.size() - length, ".%03dZ", static_cast<int>(milliseconds));
+    std::array<char, 80> text{};
+    std::snprintf(text.data(), text.size(), "%s.%03dZ", seconds.data(), static_cast<int>(milliseconds));
     return text.data();
 }
 

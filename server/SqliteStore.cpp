@@ -6,11 +6,10 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <ctime>
 
 #include "runtime/QelFileDescriptor.h"
+#include "runtime/QelTimeText.h"
 #include "runtime/qel_random.h"
 #include "server/Store.h"
 
@@ -21,6 +20,7 @@ namespace {
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
 constexpr int kSchemaVersion = 1;
 constexpr int kDefaultTraceLevel = 1;
+// Another process may write: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
 
 // References are checked when a transaction ends, so that a load may store the parts before the whole.
@@ -169,16 +169,12 @@ std::string newKeyLabel(Seconds now) {
     if (qel_get_random_bytes(random.data(), random.size()) != 0) {
         throw StoreError("no random bytes for a key's label");
     }
-    const std::time_t seconds = now;
-    std::tm utc{};
-    gmtime_r(&seconds, &utc);
-    std::array<char, 48> label{};
-    std::size_t length = std::strftime(label.data(), label.size(), "key-%Y-%m-%d-", &utc);
+    std::string label = QelTimeText(now, "key-%Y-%m-%d-").data();
     for (const unsigned char byte : random) {
-        std::snprintf(label.data() + length, label.size() - length, "%02x", byte);
-        length += 2;
+        label += "0123456789abcdef"[byte >> 4];
+        label += "0123456789abcdef"[byte & 15];
     }
-    return label.data();
+    return label;
 }
 
 /// Needed before there are all tables for the prepared statements.
@@ -203,7 +199,7 @@ void establishSchema(SQLite::Database& database, const std::string& path) {
     };
     if (isEmpty()) {
         Transaction transaction(database, Transaction::Kind::kWrite);
-        if (isEmpty()) {
+        if (isEmpty()) {  // another process may have been faster
             createSchema(database);
         }
         transaction.commit();
@@ -508,7 +504,7 @@ std::unique_ptr<Store> Store::open(const std::string& path, IfMissing ifMissing)
         });
         execute(database, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF");
         establishSchema(database, path);
-        execute(database, "PRAGMA journal_mode=WAL");
+        execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
         return sqlite([&] { return std::make_unique<SqliteStore>(std::move(database)); });
     } catch (const SqliteError& error) {
         if (error.code() == SQLITE_NOTADB) {

@@ -8,6 +8,7 @@ namespace dsessd {
 
 namespace {
 
+// Each holds three descriptors and a cache; more are seldom busy at once.
 constexpr std::size_t kIdleStores = 8;
 
 }  // namespace

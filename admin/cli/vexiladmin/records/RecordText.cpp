@@ -1,7 +1,6 @@
 #include "admin/cli/vexiladmin/records/RecordText.h"
 
 #include <cstdio>
-#include <ctime>
 
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
@@ -14,11 +13,6 @@ QelString recordText(const char* text) {
         return escaped;
     }
     return shown;
-}
-
-TimeText::TimeText(std::int32_t seconds) {
-    const std::time_t time = seconds;
-    std::strftime(m_text, sizeof(m_text), "%Y-%m-%d-%H:%M:%S UTC", std::gmtime(&time));
 }
 
 void printKeyReport(const olm_dsess_admin_cluster_t& cluster) {

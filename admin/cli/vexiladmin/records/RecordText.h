@@ -5,20 +5,15 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "runtime/QelString.h"
+#include "runtime/QelTimeText.h"
 
 /// A text of a record in the locale's encoding, on one line whatever a server put into it: what could drive a terminal
 /// is visible, a final line feed included. Null counts as empty.
 QelString recordText(const char* text);
 
 /// The text of a server's time: "2026-11-24-09:30:00 UTC", always in UTC.
-class TimeText {
-  public:
-    /// `seconds` since 1970-01-01 00:00:00 UTC, negative before.
-    explicit TimeText(std::int32_t seconds);
-    const char* data() const { return m_text; }
-
-  private:
-    char m_text[1024];
+struct TimeText : QelTimeText {
+    explicit TimeText(std::int32_t seconds) : QelTimeText(seconds, "%Y-%m-%d-%H:%M:%S UTC") {}
 };
 
 /// Prints the key's label and time, and the time of the key before it if there is one, as one message and a line feed.
