@@ -7,6 +7,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "runtime/SecretBuffer.h"
 #include "server/Password.h"
 
 namespace dsessd {
@@ -50,19 +51,15 @@ std::uint64_t Authenticator::hashCount() const {
 Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, std::string_view passwordHash) const {
     const std::array<std::string_view, 4> parts{credentials.user, credentials.loginId, credentials.password,
                                                 passwordHash};
-    std::size_t room = 0;
+    SecretBuffer joined;
     for (const std::string_view part : parts) {
-        room += part.size() + 1;
-    }
-    SecretString joined(room);
-    for (const std::string_view part : parts) {
-        joined.append(part);
-        joined.append({"\0", 1});
+        joined.insert(joined.end(), part.begin(), part.end());
+        joined.push_back('\0');
     }
     Digest digest{};
     unsigned length = 0;
     HMAC(EVP_sha256(), m_key.data(), static_cast<int>(m_key.size()),
-         reinterpret_cast<const unsigned char*>(joined.view().data()), joined.view().size(), digest.data(), &length);
+         reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest.data(), &length);
     return digest;
 }
 

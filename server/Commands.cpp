@@ -18,6 +18,7 @@
 #include "server/Loader.h"
 #include "server/Log.h"
 #include "server/Password.h"
+#include "server/Text.h"
 
 namespace dsessd {
 
@@ -161,15 +162,7 @@ void checkName(const std::string& name) {
 }
 
 void addAdministrator(Store& store, const AdminOptions& options) {
-    SecretString password(kMaxPasswordBytes);
-    std::string problem;
-    if (!readNewPassword(options.name, password, problem)) {
-        throw std::runtime_error(problem);
-    }
-    const std::string hash = hashPassword(password.c_str());
-    if (hash.empty()) {
-        throw std::runtime_error("the system's crypt library makes no yescrypt hash");
-    }
+    const std::string hash = hashOfNewPassword(options.name);
     const bool isNew = store.putAdministrator({options.name, hash, options.role});
     std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
               << (options.role == Role::kRead ? ", may read" : ", may change") << std::endl;

@@ -131,10 +131,13 @@ void HttpServer::admit(httplib::Request& request, const Connection& connection, 
 
 void HttpServer::answer(const httplib::Request& request, httplib::Response& response,
                         const httplib::ContentReader& readBody) {
-    SecretString body(protocol::kMaxRequestBytes);
+    SecretBuffer body;
     bool tooLong = false;
     const auto take = [&](const char* bytes, std::size_t size) {
-        tooLong = !body.append({bytes, size});
+        tooLong = size > protocol::kMaxRequestBytes - body.size();
+        if (!tooLong) {
+            body.insert(body.end(), bytes, bytes + size);
+        }
         return !tooLong;
     };
     const bool hasBody = isChunked(request) || request.has_header("Content-Length");

@@ -8,9 +8,12 @@
 #include <csignal>
 #include <cstdlib>
 #include <memory>
+#include <stdexcept>
 
+#include "runtime/SecretBuffer.h"
 #include "runtime/qel_hidden.h"
 #include "runtime/qel_utf8.h"
+#include "server/Text.h"
 
 namespace dsessd {
 
@@ -49,52 +52,50 @@ bool passwordMatches(const char* password, const std::string& hash) {
 
 namespace {
 
-/// Room for the longest password, and for one byte more, which shows that a line is too long.
-using PasswordLine = std::array<char, kMaxPasswordBytes + 2>;
-
 void say(std::string_view text) {
     [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
 }
 
-/// Reads a line, without echo and after the prompt if from a terminal. False: longer than a password may be, or nothing
-/// came before the end of input.
-bool promptLine(std::string_view prompt, SecretString& password) {
-    const bool terminal = ::isatty(STDIN_FILENO) == 1;
+/// A line, without echo and after the prompt if from a terminal. Empty when nothing came before the end of input, or
+/// more than a password may have.
+SecretBuffer readLine(std::string_view prompt, bool terminal) {
     const auto showPrompt = [&] { say(terminal ? prompt : ""); };
     showPrompt();
-    PasswordLine buffer;
+    SecretBuffer buffer(kMaxPasswordBytes + 2);  // with the NUL, and a byte more that shows that a line is too long
     std::string_view line;
     const QelHidden result = qel_read_hidden(buffer, line, showPrompt);
     say(terminal ? "\n" : "");
     if (result == QelHidden::kInterrupted) {
         ::raise(SIGINT);
     }
-    const bool got = result == QelHidden::kLine && password.append(line);
-    OPENSSL_cleanse(buffer.data(), buffer.size());
-    return got;
+    if (!terminal && line.ends_with('\r')) {
+        line.remove_suffix(1);
+    }
+    buffer.resize(line.size() > kMaxPasswordBytes ? 0 : line.size());
+    return buffer;
 }
 
 }  // namespace
 
-bool readNewPassword(std::string_view name, SecretString& password, std::string& problem) {
+std::string hashOfNewPassword(std::string_view name) {
     const bool terminal = ::isatty(STDIN_FILENO) == 1;
-    const bool got = promptLine("Password for " + harmless(name) + ": ", password);
-    if (!password.view().empty() && password.view().back() == '\r' && !terminal) {
-        password.popBack();
+    SecretBuffer password = readLine("Password for " + harmless(name) + ": ", terminal);
+    if (password.empty()) {
+        throw std::runtime_error("no password was given, or one of more than " + std::to_string(kMaxPasswordBytes) +
+                                 " bytes");
     }
-    if (!got || password.view().empty()) {
-        problem = "no password was given, or one of more than " + std::to_string(kMaxPasswordBytes) + " bytes";
-    } else if (!qel_utf8_is_text(password.view())) {
-        problem = "the password is not valid UTF-8";
+    if (!qel_utf8_is_text({password.data(), password.size()})) {
+        throw std::runtime_error("the password is not valid UTF-8");
     }
-    if (!problem.empty() || !terminal) {
-        return problem.empty();
+    if (terminal && readLine("Once more: ", terminal) != password) {
+        throw std::runtime_error("the two passwords differ");
     }
-    SecretString again(kMaxPasswordBytes);
-    if (!promptLine("Once more: ", again) || again.view() != password.view()) {
-        problem = "the two passwords differ";
+    password.push_back('\0');
+    std::string hash = hashPassword(password.data());
+    if (hash.empty()) {
+        throw std::runtime_error("the system's crypt library makes no yescrypt hash");
     }
-    return problem.empty();
+    return hash;
 }
 
 }  // namespace dsessd

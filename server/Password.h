@@ -1,11 +1,8 @@
 /// Passwords of administrators: hashes for storage (crypt(3), yescrypt) and how one is entered.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
-
-#include "server/Text.h"
 
 namespace dsessd {
 
@@ -19,9 +16,8 @@ std::string hashPassword(const char* password);
 /// Whether the password is the one `hash` was made from. Costs the same whether it is or not.
 bool passwordMatches(const char* password, const std::string& hash);
 
-/// Reads a new password for `name` from standard input: when that is a terminal without echo and twice, else its first
-/// line. The terminal gets its echo back whatever happens, signals included. Nothing, with the reason on `problem`,
-/// when the two differ or there is none.
-bool readNewPassword(std::string_view name, SecretString& password, std::string& problem);
+/// Reads a new password for `name` from standard input, without echo and twice when that is a terminal, else its first
+/// line, and gives its hash. Throws std::runtime_error with one line that says why there is none.
+std::string hashOfNewPassword(std::string_view name);
 
 }  // namespace dsessd

@@ -20,8 +20,10 @@ namespace method = protocol::method;
 using rapidjson::Value;
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
+// Large enough that a chunk's own cost does not count, small enough to have one for each connection.
 constexpr std::size_t kPieceBytes = 65'536;
 
+// As long as a store waits for another process that writes.
 constexpr std::chrono::seconds kWaitForChange{10};
 
 /// Why a request is not done; thrown by whatever finds out.
@@ -278,7 +280,7 @@ const Service::Method Service::kMethods[] = {
 Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
     : m_stores(stores), m_authenticator(authenticator), m_log(log), m_anonymous(anonymous) {}
 
-Answer Service::handle(SecretString& request, const Peer& peer) {
+Answer Service::handle(SecretBuffer& request, const Peer& peer) {
     const auto start = std::chrono::steady_clock::now();
     Call call(peer);
     Answer result;
@@ -302,8 +304,9 @@ Answer Service::handle(SecretString& request, const Peer& peer) {
     return result;
 }
 
-Answer Service::answer(SecretString& request, Call& call) {
+void Service::read(SecretBuffer& request, Call& call) const {
     rapidjson::Document& document = call.document;
+    request.push_back('\0');
     if (!parseStrictly(request.data(), document)) {
         refuseForm(code::kParseError, "The request is not acceptable JSON.", 400);
     }
@@ -330,7 +333,10 @@ Answer Service::answer(SecretString& request, Call& call) {
     }
     call.credentials = credentialsOf(*parameters);
     call.parameters = parametersOf(*parameters, call.method->takes);
+}
 
+Answer Service::answer(SecretBuffer& request, Call& call) {
+    read(request, call);
     call.store = m_stores.take();
     identify(call);
     permit(call);

@@ -9,10 +9,10 @@
 #include <string>
 #include <string_view>
 
+#include "runtime/SecretBuffer.h"
 #include "server/Authenticator.h"
 #include "server/Log.h"
 #include "server/Store.h"
-#include "server/Text.h"
 
 namespace dsessd {
 
@@ -64,14 +64,15 @@ class Service {
     Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous);
 
     /// Answers one request. Its text is changed: it is parsed in place. Failures of the store are logged and answered.
-    Answer handle(SecretString& request, const Peer& peer);
+    Answer handle(SecretBuffer& request, const Peer& peer);
 
   private:
     struct Call;
     struct Method;
     static const Method kMethods[];
 
-    Answer answer(SecretString& request, Call& call);
+    void read(SecretBuffer& request, Call& call) const;
+    Answer answer(SecretBuffer& request, Call& call);
     void identify(Call& call);
     void permit(const Call& call) const;
     void logRequest(const Call& call, std::string_view outcome, std::string_view duration);

@@ -1,7 +1,5 @@
 #include "server/Text.h"
 
-#include <openssl/crypto.h>
-
 #include <cstdint>
 
 #include "runtime/qel_utf8.h"
@@ -42,24 +40,6 @@ std::string harmless(std::string_view text, std::size_t maxBytes) {
         out += "...";
     }
     return out;
-}
-
-bool SecretString::append(std::string_view more) {
-    if (more.size() > m_text.capacity() - m_text.size()) {
-        return false;
-    }
-    m_text += more;
-    return true;
-}
-
-void SecretString::wipe() {
-    OPENSSL_cleanse(m_text.data(), m_text.capacity());
-    m_text.clear();
-}
-
-void SecretString::popBack() {
-    OPENSSL_cleanse(&m_text.back(), 1);
-    m_text.pop_back();
 }
 
 }  // namespace dsessd

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "admin/client/ResultBlock.h"
-#include "admin/client/SecretBuffer.h"
 #include "admin/client/TlsPolicy.h"
+#include "runtime/SecretBuffer.h"
 
 using Clock = std::chrono::steady_clock;
 

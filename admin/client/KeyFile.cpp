@@ -12,8 +12,8 @@
 #include <string_view>
 
 #include "admin/client/DistinguishedName.h"
-#include "admin/client/SecretBuffer.h"
 #include "admin/client/TlsProblem.h"
+#include "runtime/SecretBuffer.h"
 #include "runtime/qel_messages.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <variant>
 
 #include "admin/client-interface/olm_dsess_admin.h"
-#include "admin/client/SecretBuffer.h"
+#include "runtime/SecretBuffer.h"
 
 /// A parameter of a method, beside the security information.
 struct RequestParameter {

@@ -1,9 +1,8 @@
 /// Storage for text that must not stay behind in memory: passwords, and requests that carry one.
 #pragma once
 
-#include <openssl/crypto.h>
-
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -18,7 +17,7 @@ struct WipingAllocator {
 
     Element* allocate(std::size_t count) { return std::allocator<Element>().allocate(count); }
     void deallocate(Element* block, std::size_t count) noexcept {
-        OPENSSL_cleanse(block, count * sizeof(Element));
+        explicit_bzero(block, count * sizeof(Element));
         std::allocator<Element>().deallocate(block, count);
     }
     bool operator==(const WipingAllocator&) const noexcept { return true; }
