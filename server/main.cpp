@@ -7,11 +7,20 @@
 
 namespace {
 
+/// What a command says is its result: lost, it must not look like success.
+int told(int status) {
+    if (status == 0 && !std::cout.flush()) {
+        std::cerr << "dsessd: it was done, but the output could not be written in full" << std::endl;
+        return 1;
+    }
+    return status;
+}
+
 struct Run {
-    int operator()(const dsessd::EndWith& end) const { return end.status; }
+    int operator()(const dsessd::EndWith& end) const { return told(end.status); }
     int operator()(const dsessd::ServeOptions& options) const { return dsessd::serve(options); }
-    int operator()(const dsessd::LoadOptions& options) const { return dsessd::load(options); }
-    int operator()(const dsessd::AdminOptions& options) const { return dsessd::administrate(options); }
+    int operator()(const dsessd::LoadOptions& options) const { return told(dsessd::load(options)); }
+    int operator()(const dsessd::AdminOptions& options) const { return told(dsessd::administrate(options)); }
 };
 
 }  // namespace

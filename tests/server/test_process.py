@@ -6,6 +6,7 @@ import os
 import signal
 import socket
 import sqlite3
+import subprocess
 import time
 import unittest
 
@@ -206,6 +207,11 @@ class Administrators(unittest.TestCase):
     def outcome(self, server, name, password):
         answer = server.call("cluster.get", user=name, password=password, login_id="same")
         return "done" if "result" in answer else answer["error"]["data"]["name"]
+
+    def test_are_no_success_when_what_they_say_is_lost(self):
+        for lost in (">/dev/full", ">&-"):
+            done = subprocess.run(["sh", "-c", f'"$DSESSD" --version {lost}'], stderr=subprocess.PIPE, text=True)
+            self.assertEqual((done.returncode, "could not be written" in done.stderr), (1, True), lost)
 
     def test_take_effect_at_once_in_a_running_server(self):
         with Dsessd() as server:
