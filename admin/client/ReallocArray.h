@@ -40,17 +40,19 @@ class ReallocArray {
         }
         if (count > m_capacity - m_size) {
             std::size_t wanted = m_capacity < kFirstCapacity ? kFirstCapacity : 2 * m_capacity;
-            reallocate(wanted > m_size + count ? wanted : m_size + count);
+            if (!tryReallocate(wanted > m_size + count ? wanted : m_size + count)) {
+                throw std::bad_alloc();
+            }
         }
         std::memcpy(data() + m_size, elements, count * sizeof(Element));
         m_size += count;
     }
     void append(const Element& element) { append(&element, 1); }
 
-    /// Gives back what growing took in advance. Keeps at least the header.
-    void trim() {
+    /// Gives back what growing took in advance, unless the allocator cannot.
+    void trim() noexcept {
         if (m_size < m_capacity) {
-            reallocate(m_size);
+            tryReallocate(m_size);
         }
     }
 
@@ -66,15 +68,16 @@ class ReallocArray {
   private:
     static constexpr std::size_t kFirstCapacity = 16;
 
-    void reallocate(std::size_t capacity) {
+    bool tryReallocate(std::size_t capacity) noexcept {
         // Never 0 bytes: what realloc returns for those says nothing about success.
         void* block = std::realloc(m_block.get(), headerBytes + capacity * sizeof(Element) + 1);
         if (block == nullptr) {
-            throw std::bad_alloc();
+            return false;
         }
         static_cast<void>(m_block.release());
         m_block.reset(static_cast<char*>(block));
         m_capacity = capacity;
+        return true;
     }
 
     std::unique_ptr<char, FreeDeleter> m_block;

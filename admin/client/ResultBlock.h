@@ -20,10 +20,9 @@ using NameList = ReallocArray<char*>;
 template <class Record>
 using RecordList = ReallocArray<Record, sizeof(ResultHeader)>;
 
-/// Makes a result of the given kind and hands it to the caller; null when there are no records. Throws nothing that the
-/// lists do not throw when trimmed, and then leaves them whole.
+/// Makes a result of the given kind and hands it to the caller; null when there are no records.
 template <class Record>
-Record* makeResult(std::int32_t kind, RecordList<Record>& records, AnswerText& text, NameList& names) {
+Record* makeResult(std::int32_t kind, RecordList<Record>& records, AnswerText& text, NameList& names) noexcept {
     if (records.size() == 0) {
         return nullptr;
     }

@@ -79,18 +79,19 @@ std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
     }
 }
 
-/// Performs an operation after the checks that all of them share; `take` moves the answer into the caller's storage.
+/// Performs an operation. `usable`: whether the caller's further arguments are; nothing is done unless they are.
+/// `take` moves the answer into the caller's storage.
 template <class Take>
-std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, bool argumentsGiven,
+std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* security, bool usable,
                       const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
+    Client* client = findClient(handle);
+    if (client == nullptr) {
+        return kStatusNoHandle;
+    }
+    if (security == nullptr || !usable) {
+        return kStatusInvalidArgument;
+    }
     return guarded(kStatusNoMemory, [&]() -> std::uint32_t {
-        Client* client = findClient(handle);
-        if (client == nullptr) {
-            return kStatusNoHandle;
-        }
-        if (security == nullptr || !argumentsGiven) {
-            return kStatusInvalidArgument;
-        }
         Answer answer;
         const std::uint32_t status = client->perform(operation, *security, parameters, answer);
         if (status != 0) {
@@ -104,37 +105,45 @@ std::uint32_t perform(void* handle, const olm_dsess_admin_sec_info_t* security, 
     });
 }
 
-void ignoreAnswer(const Answer&) {}
+/// Performs an operation whose answer says nothing but that it was carried out.
+std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* security, bool usable,
+                      const Operation& operation, std::initializer_list<RequestParameter> parameters) {
+    return perform(handle, security, usable, operation, parameters, [](const Answer&) {});
+}
 
-/// The selector's name on the wire, null when the query names none or lacks something.
-const char* selectorOf(const olm_dsess_admin_session_query_t* query) {
+/// What a query asks for, by its names on the wire. All null when it lacks something, or names no selector.
+struct Selection {
+    const char* realm = nullptr;
+    const char* selector = nullptr;
+    const char* value = nullptr;
+
+    bool isUsable() const { return selector != nullptr; }
+};
+
+Selection selectionOf(const olm_dsess_admin_session_query_t* query) {
     if (query == nullptr || query->realm == nullptr || query->selector_text1 == nullptr ||
         query->selector_text2 == nullptr || query->value_list.count != 1 || query->value_list.values == nullptr ||
         query->value_list.values[0] == nullptr) {
-        return nullptr;
+        return {};
     }
     const auto names = [query](const char* text1, const char* text2) {
         return std::strcmp(query->selector_text1, text1) == 0 && std::strcmp(query->selector_text2, text2) == 0;
     };
+    const char* value = query->value_list.values[0];
     if (names(OLM_DSESS_ADMIN_USER_SELECTOR1, OLM_DSESS_ADMIN_USER_SELECTOR2)) {
-        return protocol::selector::kUser;
+        return {query->realm, protocol::selector::kUser, value};
     }
     if (names(OLM_DSESS_ADMIN_SESSION_SELECTOR1, OLM_DSESS_ADMIN_SESSION_SELECTOR2)) {
-        return protocol::selector::kSession;
+        return {query->realm, protocol::selector::kSession, value};
     }
-    return nullptr;
+    return {};
 }
 
 std::uint32_t changeSessions(void* handle, const olm_dsess_admin_sec_info_t* security,
                              const olm_dsess_admin_session_query_t* query, const Operation& operation) {
-    const char* selector = selectorOf(query);
-    if (selector == nullptr) {
-        return perform(handle, security, false, operation, {}, ignoreAnswer);
-    }
-    return perform(
-        handle, security, true, operation,
-        {{field::kRealm, query->realm}, {field::kSelector, selector}, {field::kValue, query->value_list.values[0]}},
-        ignoreAnswer);
+    const Selection wanted = selectionOf(query);
+    return perform(handle, security, wanted.isUsable(), operation,
+                   {{field::kRealm, wanted.realm}, {field::kSelector, wanted.selector}, {field::kValue, wanted.value}});
 }
 
 /// The key outlives the other results of its answer, so its label gets a block of its own. Throws std::bad_alloc.
@@ -225,8 +234,8 @@ void olm_dsess_admin_shutdown(void** context) {
 std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                std::int32_t* realm_count, olm_dsess_admin_realm_t** realms,
                                                olm_dsess_admin_cluster_t* cluster) {
-    const bool given = realm_count != nullptr && realms != nullptr && cluster != nullptr;
-    return perform(handle, sec_info, given, kClusterGet, {}, [&](Answer& answer) {
+    const bool usable = realm_count != nullptr && realms != nullptr && cluster != nullptr;
+    return perform(handle, sec_info, usable, kClusterGet, {}, [&](Answer& answer) {
         const olm_dsess_admin_cluster_t key = clusterResult(answer);
         *realms = makeResult(OLM_DSESS_ADMIN_FREE_REALMS, answer.realms, answer.text, answer.replicaSetNames);
         *realm_count = answer.count;
@@ -237,9 +246,9 @@ std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_adm
 std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                    const char* replica_set_name, std::int32_t* count,
                                                    olm_dsess_admin_replica_set_record_t** records) {
-    const bool given = replica_set_name != nullptr && count != nullptr && records != nullptr;
+    const bool usable = replica_set_name != nullptr && count != nullptr && records != nullptr;
     return perform(
-        handle, sec_info, given, kReplicaSetGet, {{field::kReplicaSet, replica_set_name}}, [&](Answer& answer) {
+        handle, sec_info, usable, kReplicaSetGet, {{field::kReplicaSet, replica_set_name}}, [&](Answer& answer) {
             *records =
                 makeResult(OLM_DSESS_ADMIN_FREE_REPLICA_SET, answer.members, answer.text, answer.replicaSetNames);
             *count = answer.count;
@@ -256,14 +265,12 @@ std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_
                                             const olm_dsess_admin_session_query_t* query, std::int32_t max,
                                             std::int32_t* total, std::int32_t* count,
                                             olm_dsess_admin_session_t** sessions) {
-    const char* selector = selectorOf(query);
-    if (selector == nullptr || max < -1 || total == nullptr || count == nullptr || sessions == nullptr) {
-        return perform(handle, sec_info, false, kSessionList, {}, ignoreAnswer);
-    }
-    return perform(handle, sec_info, true, kSessionList,
-                   {{field::kRealm, query->realm},
-                    {field::kSelector, selector},
-                    {field::kValue, query->value_list.values[0]},
+    const Selection wanted = selectionOf(query);
+    const bool usable = wanted.isUsable() && max >= -1 && total != nullptr && count != nullptr && sessions != nullptr;
+    return perform(handle, sec_info, usable, kSessionList,
+                   {{field::kRealm, wanted.realm},
+                    {field::kSelector, wanted.selector},
+                    {field::kValue, wanted.value},
                     {field::kMax, max}},
                    [&](Answer& answer) {
                        *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.text,
@@ -290,7 +297,7 @@ std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admi
 
 std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                               std::int32_t level) {
-    return perform(handle, sec_info, true, kTraceSet, {{field::kLevel, level}}, ignoreAnswer);
+    return perform(handle, sec_info, true, kTraceSet, {{field::kLevel, level}});
 }
 
 void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {
