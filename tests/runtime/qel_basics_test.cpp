@@ -156,7 +156,10 @@ TEST(QelHashTable, FindsTheLatestOfEqualKeysAndTakesNothingThatItCannotHold) {
 
 TEST(QelHashTable, FoldsTheHashByTheNumberOfBuckets) {
     EXPECT_EQ(Table::bucketOf(0x01020408, 0xFF), 0x0102040FU % 0xFF);
+    EXPECT_EQ(Table::bucketOf(0x01020408, 0x100), 0x0AU);
+    EXPECT_EQ(Table::bucketOf(0xABCD0000, 0xFFFF), 0xABCDABCDU % 0xFFFF);
     EXPECT_EQ(Table::bucketOf(0xABCD0000, 0x10000), 0x0AB0U);
+    EXPECT_EQ(Table::bucketOf(0xABCD0000, 0xFFFFFF), 0xABCD0AB0U % 0xFFFFFF);
     EXPECT_EQ(Table::bucketOf(0xABCD1234, 0x1000000), 0xCD1234U);
 }
 
