@@ -13,7 +13,8 @@
  *     OLM_DSESS_ADMIN_STATUS_*, that says what went wrong and what to do. The utility shows it once as a message and
  *     exits with its low byte, which must not be 0. Of a value that the catalogue lacks it shows the eight hexadecimal
  *     digits, and that there is no text for them; otherwise it is a failure like any other.
- *  3. No operation ends the process or throws. A null handle, context or required argument is answered with a status.
+ *  3. No operation ends the process or throws, and only olm_dsess_admin_interrupt ends one early. A null handle,
+ * context or required argument is answered with a status.
  *  4. Text is NUL-terminated UTF-8. What comes from a server is passed on as it came: whoever shows it makes it
  *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC. Any text in a result may be null: it is shown as
  *     an empty one, and a realm without a name cannot be asked for. An array may be null when its count is 0 or less;
@@ -23,7 +24,8 @@
  *  6. Out-parameters are filled only on success, and ignored after a failure. What they then point to is the library's
  *     until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands back what it got
  *     before it makes another request.
- *  7. Calls are made from one thread, one at a time. The trace function is called from inside them, on that thread.
+ *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace function
+ * is called from inside them, on that thread.
  *  8. A request that only reads may be sent to several locations in turn. One that changes something is sent on only
  *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that. Once
  *     some of it left, only what TLS has authenticated counts as word that it was not read.
@@ -81,6 +83,8 @@
 #define OLM_DSESS_ADMIN_STATUS_NO_MATCHING_SESSION UINT32_C(0x38C54021)
 /** What answered does not serve the instance of the URL; nothing was changed. */
 #define OLM_DSESS_ADMIN_STATUS_INSTANCE_NOT_SERVED UINT32_C(0x38C54022)
+/** olm_dsess_admin_interrupt ended the operation; nothing was changed. */
+#define OLM_DSESS_ADMIN_STATUS_INTERRUPTED UINT32_C(0x38C54023)
 
 /** The texts that name a selector: sessions by their user, and by their identifier. Never translated. */
 #define OLM_DSESS_ADMIN_USER_SELECTOR1 "user"
@@ -194,8 +198,8 @@ typedef struct olm_dsess_admin_free_info_t {
 } olm_dsess_admin_free_info_t;
 
 /**
- * Takes one diagnostic message of the library, printf-like: a line, with the line feed at its end. The utility writes up
- * to 4,095 bytes of it to standard output, made harmless. Levels: 0, what an administrator must see at once; 1, each
+ * Takes one diagnostic message of the library, printf-like: a line, with the line feed at its end. The utility writes
+ * up to 4,095 bytes of it to standard output, made harmless. Levels: 0, what an administrator must see at once; 1, each
  * location tried and why it failed; 3 and up, requests and answers, without passwords.
  */
 typedef void (*olm_dsess_admin_trace_fn)(int32_t level, const char* format, ...) OLM_DSESS_ADMIN_PRINTF(2, 3);
@@ -279,6 +283,15 @@ OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_set_trace_level(void* handle, const
 
 /** Releases one result. Null, and a result that holds nothing, are accepted. */
 OLM_DSESS_ADMIN_API void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info);
+
+/**
+ * on 1: the operation that is running, and those after it, end at once in OLM_DSESS_ADMIN_STATUS_INTERRUPTED, or in
+ * OLM_DSESS_ADMIN_STATUS_OUTCOME_UNKNOWN if it is a change that may have been sent. 0: operations run again.
+ *
+ * May be called from a signal handler, and from any thread, at any time. A library may lack this function: the utility
+ * refers to it weakly, and without it an interrupt ends the utility.
+ */
+OLM_DSESS_ADMIN_API void olm_dsess_admin_interrupt(int32_t on);
 
 #ifdef __cplusplus
 }

@@ -5,6 +5,7 @@
 #include <new>
 #include <optional>
 
+#include "admin/client/Interruption.h"
 #include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_utf8.h"
@@ -115,6 +116,9 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool&
     std::string cause;
     bool alike = true;
     for (std::size_t index = 0; index < m_urls.size(); ++index) {
+        if (interruption::isOn()) {
+            return kStatusInterrupted;
+        }
         const std::string url = m_urls[index];
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
@@ -129,6 +133,9 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool&
         if (request.operation.changes && attempt.sent) {
             return isRefusal(attempt.failure) ? explained(statusOf(attempt.failure), request, attempt.cause)
                                               : kStatusOutcomeUnknown;
+        }
+        if (attempt.failure == AttemptFailure::kInterrupted) {
+            return kStatusInterrupted;
         }
         end += attempt.flowed;
         alike = alike && failure.value_or(attempt.failure) == attempt.failure;

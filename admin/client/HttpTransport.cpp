@@ -15,6 +15,7 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "admin/client/Interruption.h"
 #include "protocol/protocol.h"
 #include "runtime/qel_ascii.h"
 
@@ -136,6 +137,8 @@ class Exchange {
         const auto silenceEnd = m_lastByte + m_limits.silence;
         return m_windowBytes < leastBytesPerWindow() ? std::min(windowEnd, silenceEnd) : silenceEnd;
     }
+
+    void onInterruption() { m_refusal = failed(AttemptFailure::kInterrupted, "interrupted"); }
 
     bool sent() const { return m_sent; }
     /// Whether it was sent on the connection in hand.
@@ -306,7 +309,7 @@ class Transfer {
     Transfer(const Transfer&) = delete;
     Transfer& operator=(const Transfer&) = delete;
 
-    /// Runs until libcurl is done, or until the exchange's deadline.
+    /// Runs until libcurl is done, until the exchange's deadline, or until it is interrupted.
     CURLcode run(Exchange& exchange) {
         for (;;) {
             int running = 0;
@@ -322,9 +325,17 @@ class Transfer {
             if (now >= deadline) {
                 return CURLE_OPERATION_TIMEDOUT;
             }
+            if (interruption::isOn()) {
+                exchange.onInterruption();
+                return CURLE_ABORTED_BY_CALLBACK;
+            }
+            curl_waitfd interrupted{interruption::descriptor(), CURL_WAIT_POLLIN, 0};
             const int patience = static_cast<int>(milliseconds(deadline - now));
-            if (const CURLMcode code = curl_multi_poll(m_multi, nullptr, 0, patience, nullptr); code != CURLM_OK) {
+            if (const CURLMcode code = curl_multi_poll(m_multi, &interrupted, 1, patience, nullptr); code != CURLM_OK) {
                 return code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
+            }
+            if (interrupted.revents != 0) {
+                interruption::rest();
             }
         }
     }

@@ -24,6 +24,7 @@ enum class AttemptFailure {
     kFailed,         ///< HTTP status 5xx
     kNotUnderstood,  ///< what came is not an answer
     kNoMemory,       ///< memory ran out, with no cause in words
+    kInterrupted,    ///< given up because someone asked for it (Interruption.h)
 };
 
 struct Attempt {

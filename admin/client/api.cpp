@@ -7,6 +7,7 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/Client.h"
+#include "admin/client/Interruption.h"
 #include "admin/client/TlsProblem.h"
 #include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
@@ -183,6 +184,7 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
         }
         std::vector<std::string> urls(server_urls->values, server_urls->values + server_urls->count);
         std::transform(urls.begin(), urls.end(), urls.begin(), withoutUserInfo);
+        interruption::prepare();
         try {
             contexts().emplace_back(new Context{Client(timeout, std::move(urls), *ssl_info, Trace(trace)), {}});
         } catch (const TlsProblem& problem) {
@@ -310,4 +312,8 @@ void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {
     if (releaseResult(free_info->kind, *records)) {
         *records = nullptr;
     }
+}
+
+void olm_dsess_admin_interrupt(std::int32_t on) {
+    interruption::set(on != 0);
 }

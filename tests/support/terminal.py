@@ -18,6 +18,7 @@ class Terminal:
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
         self.shown, self.events = "", []
+        self.settings = termios.tcgetattr(self.slave)
         self.shell = os.fork()
         if self.shell == 0:
             try:
@@ -32,7 +33,7 @@ class Terminal:
             if job_control:
                 os.setpgid(0, 0)
                 os.tcsetpgrp(0, os.getpid())
-            for number in (signal.SIGTTOU, signal.SIGINT):
+            for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
                 signal.signal(number, signal.SIG_DFL)
 
         os.login_tty(self.slave)
@@ -71,6 +72,10 @@ class Terminal:
 
     def echoes(self):
         return bool(termios.tcgetattr(self.master)[3] & termios.ECHO)
+
+    def restored(self):
+        """Whether the terminal is as the program found it."""
+        return termios.tcgetattr(self.master) == self.settings
 
     def event(self):
         """What the shell reports next, if anything: that the program stopped, or its wait status."""

@@ -1,6 +1,5 @@
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
 
-#include <editline/readline.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,9 +10,12 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "admin/cli/vexiladmin/LineReader.h"
+#include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
+#include "admin/cli/vexiladmin/TarnAdminPrompt.h"
 #include "admin/cli/vexiladmin/TarnAdminTrace.h"
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 #include "admin/cli/vexiladmin/commands/TarnAdminListInstances.h"
@@ -41,11 +43,6 @@ namespace {
 constexpr char kConfigFileName[] = "vexilclicfg.conf";
 /// A longer line of a command file is taken in pieces, each as a line of its own.
 constexpr std::size_t kLongestFileLine = 4095;
-
-struct TextFreer {
-    void operator()(char* text) const { std::free(text); }
-};
-using EditedLine = std::unique_ptr<char, TextFreer>;
 
 /// Creates a command and registers it; `created`, unless null, then points at it.
 template <class Command, class... Argument>
@@ -243,13 +240,25 @@ std::uint32_t TarnAdminUtility::processCmd(const char* text) {
     if (command == nullptr) {
         return kStatusNoCommand;
     }
+    return runCommand(*command, words);
+}
+
+std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words) {
+    std::optional<TarnAdminInterrupt> interrupt;
+    if (!m_isAtPrompt) {
+        interrupt.emplace(TarnAdminInterrupt::Second::kEndsProgram);
+    }
+    std::uint32_t status = 0;
     try {
-        status = command->executeCmd(m_setInstanceCmd->handle(), m_loginCmd->secInfo(), words);
+        status = command.executeCmd(m_setInstanceCmd->handle(), m_loginCmd->secInfo(), words);
     } catch (const std::bad_alloc&) {
         status = kStatusNoMemory;
     }
     if (status != 0) {
         printStatus(status);
+    }
+    if (!m_isAtPrompt && TarnAdminInterrupt::came()) {
+        TarnAdminInterrupt::endProgram();
     }
     return status;
 }
@@ -281,17 +290,19 @@ std::uint32_t TarnAdminUtility::processInteractiveMode() {
 }
 
 bool TarnAdminUtility::processEditedLines() {
-    rl_outstream = qel_descriptor_output();
+    m_isAtPrompt = true;
+    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Second::kAsTheFirst);
+    TarnAdminPrompt prompt;
     bool exited = false;
     while (!exited) {
-        std::fflush(stdout);
-        const EditedLine line(readline(m_prompt.data()));
+        const TarnAdminPrompt::Line line = prompt.read(m_prompt.data());
         if (line == nullptr) {
             break;
         }
         processLine(line.get(), exited);
-        add_history(line.get());
+        prompt.remember(line.get());
     }
+    m_isAtPrompt = false;
     return exited;
 }
 

@@ -31,6 +31,7 @@ class TarnAdminUtility : public TarnAdminConfig {
 
     /// Runs one command text. A failure's message is written before its status is returned.
     std::uint32_t processCmd(const char* text);
+    std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
     /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
     /// kStatusEndOfInput and set `endsInput`, which tells them from a command that failed with that status. Cuts the
     /// line end off in place.
@@ -54,4 +55,5 @@ class TarnAdminUtility : public TarnAdminConfig {
     TarnAdminCmdRegistry m_cmdRegistry;
     TarnAdminLogin* m_loginCmd = nullptr;
     TarnAdminSetInstance* m_setInstanceCmd = nullptr;
+    bool m_isAtPrompt = false;
 };

@@ -1,19 +1,12 @@
-"""login: the identity of later commands; the password from a pipe, a file, or hidden and amid signals on a terminal."""
+"""login: the identity of later commands, and the password from a pipe or a file."""
 
-import contextlib
-import itertools
-import os
-import random
 import re
-import signal
 import subprocess
-import time
 
 from vexil import VEXILADMIN, Case, commands, end, line, msg, start
 
 PASSWORD, UNKNOWN = msg(0x38C52145), line(0x38C52136)
 PROMPT = PASSWORD + "\n"
-FATAL = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGALRM, signal.SIGUSR1, signal.SIGUSR2]
 RELEASE = ["free kind=2 count=0 own", "free kind=5 count=1 own"]
 LOGIN_ID = r"[A-Za-z0-9+/]{86}==[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
 
@@ -121,117 +114,3 @@ class Login(Case):
             **seen,
             out="Processing the command: login bob %s\nTarnAdminLogin (bob: %s) - id1\n",
         )
-
-
-class OnTerminal(Case):
-    def at_password(self, prompt=PASSWORD, **kwargs):
-        return self.terminal("-command", "login bob", prompt=prompt, **kwargs)
-
-    def check_end(self, terminal, status=0):
-        self.assertEqual((terminal.ended(), terminal.echoes()), ((status, "\r\n"), True))
-
-    def check_login(self, terminal):
-        terminal.type("secret\n")
-        self.check_end(terminal)
-        self.check_requests("bob secret")
-
-    def check_requests(self, *users_and_passwords):
-        sent = re.findall("^get_cluster_info handle1 sec=(.*),~,.*,(.*)$", "\n".join(self.recorded("calls")), re.M)
-        self.assertEqual([" ".join(request) for request in sent], [*users_and_passwords])
-
-    def test_lines_may_be_typed_ahead_of_a_password(self):
-        for ending in "\n\r":
-            terminal = self.terminal()
-            terminal.type(ending.join(("login bob", "pass word", "realm show x", "exit", "")))
-            self.assertEqual(terminal.ended()[0], 0)
-            self.check_requests("bob pass word", "bob pass word")
-
-    def test_a_login_that_got_no_password_leaves_the_former_identity(self):
-        terminal = self.terminal()
-        terminal.answer("login carol old")
-        terminal.answer("login bob", PASSWORD)
-        terminal.type("\x04")
-        self.assertEqual(terminal.asks(), "\n" + line(0x38C5209D))
-        terminal.answer("realm show x")
-        terminal.answer("login bob", PASSWORD)
-        self.assertEqual(terminal.answer("new pass"), "")
-        self.check_requests("carol old", "carol old", "bob new pass")
-        os.kill(terminal.pid, signal.SIGALRM)  # which acts as before again
-        self.assertEqual(terminal.ended()[0], -signal.SIGALRM)
-
-    def test_signals_at_the_password_restore_the_echo_and_take_their_course(self):
-        for number, key in [*((number, None) for number in FATAL), (signal.SIGINT, "\x03"), (signal.SIGQUIT, "\x1c")]:
-            terminal = self.at_password()
-            if key:
-                terminal.type(key)
-            else:
-                os.kill(terminal.pid, number)
-            self.check_end(terminal, -number)
-
-    def test_signals_that_are_ignored_change_nothing(self):
-        terminal = self.at_password()
-        for number in (signal.SIGPIPE, signal.SIGWINCH, signal.SIGPIPE):
-            os.kill(terminal.pid, number)
-            time.sleep(0.01)
-            self.assertFalse(terminal.echoes())
-        self.check_login(terminal)
-
-    def test_a_stop_gives_the_terminal_back_until_the_program_has_it_again(self):
-        terminal = self.at_password()
-        for stop in (lambda: terminal.type("\x1a"), lambda: os.kill(terminal.pid, signal.SIGTSTP)) * 3:
-            stop()
-            for _ in range(3):
-                terminal.stop()
-                self.assertTrue(terminal.echoes())
-                os.kill(terminal.pid, signal.SIGCONT)  # in the background it stops again and leaves the echo alone
-            terminal.stop()
-            terminal.foreground()
-            terminal.asks(PASSWORD)
-        os.kill(terminal.pid, signal.SIGSTOP)
-        terminal.stop()
-        terminal.foreground()
-        self.assertEqual(terminal.asks(PASSWORD), "")
-        self.check_login(terminal)
-        terminal = self.at_password(job_control=False)
-        os.kill(terminal.pid, signal.SIGTSTP)  # to no effect
-        terminal.asks(PASSWORD)
-        self.check_login(terminal)
-
-    def test_a_program_that_stopped_or_lost_the_terminal_can_be_killed(self):
-        stops = itertools.product((signal.SIGTSTP, signal.SIGSTOP), FATAL)
-        for stop, number in [(None, 0), (None, signal.SIGTERM), *stops]:
-            terminal = self.at_password()
-            if stop:
-                os.kill(terminal.pid, stop)
-            else:
-                terminal.take()
-                terminal.type("secret\n")  # it stops before it reads this
-            terminal.stop()
-            if number:
-                os.kill(terminal.pid, number)
-                os.kill(terminal.pid, signal.SIGCONT)
-            else:
-                terminal.foreground()
-            self.assertEqual(terminal.ended()[0], -number)
-
-    def test_signals_at_random_moments_neither_get_lost_nor_leave_the_echo_off(self):
-        chance = random.Random(1)
-        began = time.monotonic()
-        self.at_password()
-        usual = time.monotonic() - began
-        for turn in range(210):
-            number = chance.choice(FATAL) if turn % 3 else signal.SIGTSTP
-            terminal = self.at_password(prompt=None)
-            if turn % 3 == 1:
-                terminal.type("secret\n")
-            time.sleep(chance.uniform(0, 1.5 * usual))
-            with contextlib.suppress(ProcessLookupError):  # it may have ended with the password typed
-                os.kill(terminal.pid, number)
-            if turn % 3 == 0:
-                terminal.stop()
-                self.assertTrue(terminal.echoes())
-                terminal.foreground()
-                terminal.type("secret\n")
-            status, shown = terminal.ended()
-            self.assertTrue(terminal.echoes(), (turn, number, shown))
-            self.assertIn(status, [(0,), (0, -number), (-number,)][turn % 3], (turn, number, shown))

@@ -1,10 +1,10 @@
 #include "admin/cli/vexiladmin/commands/TarnAdminLogin.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
+#include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "runtime/qel_base64.h"
 #include "runtime/qel_hidden.h"
@@ -79,7 +79,8 @@ std::uint32_t TarnAdminLogin::promptForPassword(QelString& password) {
     const QelHidden result = qel_read_hidden(line, read, showPasswordPrompt);
     std::fputs("\n", stdout);
     if (result == QelHidden::kInterrupted) {
-        std::raise(SIGINT);
+        TarnAdminInterrupt::note();
+        return kStatusInterrupted;
     }
     const std::uint32_t status =
         result == QelHidden::kLine ? password.set(line, QelString::kFromLocale) : kStatusNoPassword;

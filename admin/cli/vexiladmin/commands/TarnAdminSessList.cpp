@@ -2,6 +2,7 @@
 
 #include <cstdio>
 
+#include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
 #include "admin/cli/vexiladmin/records/FetchedRecords.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
 #include "admin/cli/vexiladmin/records/SessionQuery.h"
@@ -15,10 +16,13 @@ constexpr std::int32_t kNoLimit = -1;
 
 using Sessions = FetchedRecords<olm_dsess_admin_session_t, OLM_DSESS_ADMIN_FREE_SESSIONS>;
 
-void printSessions(const Sessions& sessions, std::int32_t total) {
+std::uint32_t printSessions(const Sessions& sessions, std::int32_t total) {
     qel_fprintf(stdout, kMsgSessionsHeading, total, sessions.count());
     std::fputs("\n", stdout);
     for (const olm_dsess_admin_session_t& session : sessions.records()) {
+        if (TarnAdminInterrupt::came()) {
+            return kStatusInterrupted;
+        }
         qel_fprintf(stdout, kMsgSession, recordText(session.second_text).data(), TimeText(session.time).data(),
                     recordText(session.first_text).data());
         std::fputs("\n", stdout);
@@ -27,6 +31,7 @@ void printSessions(const Sessions& sessions, std::int32_t total) {
         qel_fprintf(stdout, kMsgNoSessions);
         std::fputs("\n", stdout);
     }
+    return 0;
 }
 
 }  // namespace
@@ -50,8 +55,5 @@ std::uint32_t TarnAdminSessList::executeCmd(void* const& handle, olm_dsess_admin
         return olm_dsess_admin_list_sessions(handle, &secInfo, query.record(), max == 0 ? kNoLimit : max, &total, count,
                                              records);
     });
-    if (status == 0) {
-        printSessions(sessions, total);
-    }
-    return status;
+    return status == 0 ? printSessions(sessions, total) : status;
 }

@@ -1,0 +1,55 @@
+#include "admin/client/Interruption.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <new>
+
+namespace interruption {
+
+namespace {
+
+// The flag tells, the descriptor only wakes: whoever waits looks at the flag after each `rest`.
+std::atomic<bool> g_on{false};
+std::atomic<int> g_descriptor{-1};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+
+}  // namespace
+
+// The descriptor stays open as long as the process: a signal handler may be about to write to it.
+void prepare() {
+    if (g_descriptor < 0) {
+        g_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        if (g_descriptor < 0) {
+            throw std::bad_alloc();
+        }
+    }
+}
+
+void set(bool on) noexcept {
+    const int error = errno;
+    g_on = on;
+    if (on && g_descriptor >= 0) {
+        const std::uint64_t one = 1;
+        [[maybe_unused]] const ssize_t written = write(g_descriptor, &one, sizeof(one));
+    }
+    errno = error;
+}
+
+bool isOn() noexcept {
+    return g_on;
+}
+
+int descriptor() noexcept {
+    return g_descriptor;
+}
+
+void rest() noexcept {
+    std::uint64_t count = 0;
+    [[maybe_unused]] const ssize_t got = read(g_descriptor, &count, sizeof(count));
+}
+
+}  // namespace interruption

@@ -1,0 +1,202 @@
+"""Signals: the terminal is put back, whatever ends or stops the program; Ctrl-C ends a line or a command.
+
+SIGNAL_TURNS is the number of turns at random moments, SIGNAL_SEED what they are drawn from."""
+
+import contextlib
+import itertools
+import os
+import random
+import re
+import signal
+import socket
+import time
+
+from vexil import CONFIG, Case, commands, line, msg
+
+PASSWORD, INTERRUPTED = msg(0x38C52145), line(0x38C54023)
+TURNS, SEED = int(os.environ.get("SIGNAL_TURNS", 45)), int(os.environ.get("SIGNAL_SEED", 1))
+GO_ON = {"KILL", "STOP", "CHLD", "URG", "TTIN", "TTOU", "TSTP", "CONT", "WINCH", "PIPE", "XFSZ", "INT"}
+ENDING = sorted(signal.valid_signals() - {signal.Signals[f"SIG{name}"] for name in GO_ON})
+FATAL = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP, signal.SIGQUIT, signal.SIGALRM, signal.SIGUSR1, signal.SIGUSR2]
+
+
+class AtThePassword(Case):
+    def at_password(self, prompt=PASSWORD, **kwargs):
+        return self.terminal("-command", "login bob", prompt=prompt, **kwargs)
+
+    def check_end(self, terminal, status=0):
+        self.assertEqual((terminal.ended(), terminal.restored()), ((status, "\r\n"), True))
+
+    def check_login(self, terminal):
+        terminal.type("secret\n")
+        self.check_end(terminal)
+        self.check_requests("bob secret")
+
+    def check_requests(self, *users_and_passwords):
+        sent = re.findall("^get_cluster_info handle1 sec=(.*),~,.*,(.*)$", "\n".join(self.recorded("calls")), re.M)
+        self.assertEqual([" ".join(request) for request in sent], [*users_and_passwords])
+
+    def test_lines_may_be_typed_ahead_of_a_password(self):
+        for ending in "\n\r":
+            terminal = self.terminal()
+            terminal.type(ending.join(("login bob", "pass word", "realm show x", "exit", "")))
+            self.assertEqual(terminal.ended()[0], 0)
+            self.check_requests("bob pass word", "bob pass word")
+
+    def test_a_carriage_return_that_is_typed_belongs_to_the_password(self):
+        terminal = self.at_password()
+        terminal.type("pass\x16\rword\n")
+        self.check_end(terminal)
+        self.check_requests("bob pass\rword")
+
+    def test_a_login_that_got_no_password_leaves_the_former_identity(self):
+        terminal = self.terminal()
+        terminal.answer("login carol old")
+        terminal.answer("login bob", PASSWORD)
+        terminal.type("\x04")
+        self.assertEqual(terminal.asks(), "\n" + line(0x38C5209D))
+        terminal.answer("realm show x")
+        terminal.answer("login bob", PASSWORD)
+        self.assertEqual(terminal.answer("new pass"), "")
+        self.check_requests("carol old", "carol old", "bob new pass")
+        os.kill(terminal.pid, signal.SIGALRM)  # which acts as before again
+        self.assertEqual(terminal.ended()[0], -signal.SIGALRM)
+
+    def test_signals_at_the_password_restore_the_echo_and_take_their_course(self):
+        for number in (signal.SIGTERM, signal.SIGUSR1, signal.SIGRTMAX, signal.SIGQUIT):
+            terminal = self.at_password()
+            if number == signal.SIGQUIT:
+                terminal.type("\x1c")
+            else:
+                os.kill(terminal.pid, number)
+            self.check_end(terminal, -number)
+        for send in (lambda: terminal.type("\x03"), lambda: os.kill(terminal.pid, signal.SIGINT)):
+            terminal = self.at_password()
+            send()
+            self.assertEqual(terminal.ended(), (-signal.SIGINT, "\r\n" + INTERRUPTED.replace("\n", "\r\n")))
+            self.assertTrue(terminal.restored())
+
+    def test_signals_that_are_ignored_change_nothing(self):
+        terminal = self.at_password()
+        for number in (signal.SIGPIPE, signal.SIGWINCH, signal.SIGPIPE):
+            os.kill(terminal.pid, number)
+            time.sleep(0.01)
+            self.assertFalse(terminal.echoes())
+        self.check_login(terminal)
+
+    def test_a_stop_gives_the_terminal_back_until_the_program_has_it_again(self):
+        terminal = self.at_password()
+        for stop in (lambda: terminal.type("\x1a"), lambda: os.kill(terminal.pid, signal.SIGTSTP)) * 3:
+            stop()
+            for _ in range(3):
+                terminal.stop()
+                self.assertTrue(terminal.echoes())
+                os.kill(terminal.pid, signal.SIGCONT)  # in the background it stops again and leaves the echo alone
+            terminal.stop()
+            terminal.foreground()
+            terminal.asks(PASSWORD)
+        os.kill(terminal.pid, signal.SIGSTOP)
+        terminal.stop()
+        terminal.foreground()
+        self.assertEqual(terminal.asks(PASSWORD), "")
+        self.check_login(terminal)
+        terminal = self.at_password(job_control=False)
+        os.kill(terminal.pid, signal.SIGTSTP)  # to no effect
+        terminal.asks(PASSWORD)
+        self.check_login(terminal)
+
+    def test_a_program_that_stopped_or_lost_the_terminal_can_be_killed(self):
+        stops = itertools.product((signal.SIGTSTP, signal.SIGSTOP), FATAL)
+        for stop, number in [(None, 0), (None, signal.SIGTERM), *stops]:
+            terminal = self.at_password()
+            if stop:
+                os.kill(terminal.pid, stop)
+            else:
+                terminal.take()
+                terminal.type("secret\n")  # it stops before it reads this
+            terminal.stop()
+            if number:
+                os.kill(terminal.pid, number)
+                os.kill(terminal.pid, signal.SIGCONT)
+            else:
+                terminal.foreground()
+            self.assertEqual(terminal.ended()[0], -number)
+
+
+class OfACommand(Case):
+    """Commands that wait for a server which takes connections and never answers, through the real client library."""
+
+    def setUp(self):
+        super().setUp()
+        server = self.enterContext(socket.create_server(("127.0.0.1", 0)))
+        self.silent = {
+            "config": CONFIG.replace("node1:9080", f"127.0.0.1:{server.getsockname()[1]}"),
+            "LD_LIBRARY_PATH": "",
+        }
+
+    def interrupt(self, terminal, command):
+        """Types a command, and Ctrl-C while it waits. Returns what is shown for it."""
+        terminal.type(command + "\n")
+        terminal.until(lambda: terminal.echoes() and command in terminal.shown, "run of the command")
+        time.sleep(0.1)
+        terminal.type("\x03")
+        return terminal.asks().split("\n", 2)[2]
+
+    def test_ctrl_c_at_the_prompt_gives_up_the_line(self):
+        terminal = self.terminal(TERM="vt100")
+        terminal.answer("login carol old")
+        for typed in ("", "realm sh", "grün\x1b[D"):
+            terminal.type(typed)
+            terminal.until(lambda: typed[:3] in terminal.shown, "echo")
+            terminal.type("\x03")
+            self.assertTrue(terminal.asks().endswith("^C\n"))
+        terminal.answer("login bob", PASSWORD)
+        terminal.type("\x03")
+        self.assertEqual(terminal.asks(), "\n" + INTERRUPTED)
+        self.assertEqual(terminal.answer("realm show x"), line(0x38C52136))
+        self.assertIn("sec=carol", self.recorded("calls")[-3])
+        terminal.type("\x04")
+        self.assertEqual((terminal.ended()[0], terminal.restored()), (0, True))
+
+    def test_ctrl_c_ends_the_wait_for_a_server_and_not_the_prompt(self):
+        terminal = self.terminal(**self.silent)
+        for _ in range(2):
+            self.assertEqual(self.interrupt(terminal, "realm list"), INTERRUPTED)
+            self.assertEqual(self.interrupt(terminal, "key change"), line(0x38C54013))
+        self.assertEqual(terminal.answer("instances list"), "blue\ngreen\n")
+
+    def test_ctrl_c_ends_a_run_after_saying_what_became_of_the_command(self):
+        (self.dir / "cmds").write_text("key change\ninstances list\n")
+        for arguments, status in [
+            (commands("realm list", "instances list"), 0x38C54023),
+            (["-file", str(self.dir / "cmds")], 0x38C54013),
+        ]:
+            terminal = self.terminal(*arguments, prompt=None, **self.silent)
+            time.sleep(1)
+            terminal.type("\x03")
+            self.assertEqual(terminal.ended(), (-signal.SIGINT, ("^C\n" + line(status)).replace("\n", "\r\n")))
+
+    def test_signals_at_random_moments_neither_get_lost_nor_leave_the_terminal_changed(self):
+        chance = random.Random(SEED)
+        # A sanitizer has handlers of its own.
+        faults = ":".join(f"handle_{name}=0" for name in ("segv", "sigbus", "sigfpe", "sigill", "abort", "sigtrap"))
+        began = time.monotonic()
+        self.terminal("-command", "login bob", prompt=PASSWORD)
+        usual = time.monotonic() - began
+        for turn in range(TURNS):
+            at, stops, number = turn % 3, turn % 5 == 0 and turn % 3 < 2, chance.choice(ENDING)
+            arguments = [(), commands("login bob"), commands("realm list")][at]
+            terminal = self.terminal(*arguments, prompt=None, ASAN_OPTIONS=faults, **(self.silent if at == 2 else {}))
+            with self.subTest(turn=turn, at=at, stops=stops, number=number):
+                time.sleep(chance.uniform(0, 1.5 * usual))
+                if stops:
+                    os.kill(terminal.pid, signal.SIGTSTP)
+                    terminal.stop()
+                    self.assertTrue(terminal.restored())
+                    terminal.foreground()
+                    terminal.type("exit\n")
+                else:
+                    os.kill(terminal.pid, number)
+                status, shown = terminal.ended()
+                self.assertTrue(terminal.restored(), shown)
+                self.assertEqual(status, 0 if stops else -number, shown)
