@@ -9,19 +9,14 @@ ROOT_LOGIN = "login root SECRET"
 
 NO_LOCATION, TIMED_OUT, OUTCOME_UNKNOWN, TLS_FAILURE = 0x38C54011, 0x38C54012, 0x38C54013, 0x38C54014
 IDENTITY_REFUSED, NOT_PERMITTED, UNKNOWN_REALM, UNKNOWN_REPLICA_SET = 0x38C54015, 0x38C54016, 0x38C54017, 0x38C54018
-REQUEST_REFUSED, NOT_UNDERSTOOD, NO_MATCHING_SESSION = 0x38C54019, 0x38C5401A, 0x38C54021
-NOT_SERVED = 0x38C54022
+REQUEST_REFUSED, NOT_UNDERSTOOD, NO_MATCHING_SESSION, NOT_SERVED = 0x38C54019, 0x38C5401A, 0x38C54021, 0x38C54022
 
 
 def configuration(*servers, timeout=5, **entries):
     """The text of a configuration whose locations are these servers; in names of further entries _ stands for -."""
-    lines = {
-        "location": ",".join(f"127.0.0.1:{server.port}" for server in servers),
-        "instances": "blue,green",
-        "timeout": timeout,
-        **{name.replace("_", "-"): value for name, value in entries.items()},
-    }
-    return "[tarn]\n" + "".join(f"{name} = {value}\n" for name, value in lines.items())
+    location = ",".join(f"127.0.0.1:{server.port}" for server in servers)
+    lines = {"location": location, "instances": "blue,green", "timeout": timeout, **entries}
+    return "[tarn]\n" + "".join(f"{name.replace('_', '-')} = {value}\n" for name, value in lines.items())
 
 
 def when(seconds):

@@ -1,43 +1,26 @@
-"""The prompt on a terminal with a real server behind it, which dies and comes back."""
+"""The prompt on a terminal with real servers behind it, which die and come back."""
 
 from dsessd import Dsessd
-from endtoend import (
-    ADMINISTRATORS,
-    IDENTITY_REFUSED,
-    NO_LOCATION,
-    NO_MATCHING_SESSION,
-    NOT_PERMITTED,
-    configuration,
-    key_report,
-    listing,
-    sent_as,
-)
+from endtoend import *
 from vexil import Case, line, msg
 
 PASSWORD = msg(0x38C52145)
 T = 1700000000
-CLUSTER = {
-    "keys": [{"label": "first", "time": T}],
-    "realms": [
-        {
-            "name": "öst",
-            "sessions": [{"id": "s-1", "user": "Жанна", "time": T}, {"id": "s-2", "user": "zoë", "time": T + 1}],
-        }
-    ],
-}
+SESSIONS = [{"id": "s-1", "user": "Жанна", "time": T}, {"id": "s-2", "user": "zoë", "time": T + 1}]
+CLUSTER = {"keys": [{"label": "first", "time": T}], "realms": [{"name": "öst", "sessions": SESSIONS}]}
+OTHER = {"keys": [{"label": "other", "time": T}], "realms": []}
 
 
 class AtPrompt(Case):
-    def check_answers(self, terminal, *rows):
+    def check_answers(self, *rows):
         """Rows of what is typed, what is shown for it, and perhaps another prompt behind that."""
-        self.check_table(rows, lambda typed, shown, *prompt: self.assertEqual(terminal.answer(typed, *prompt), shown))
+        self.check_table(rows, lambda typed, out, *asks: self.assertEqual(self.prompt.answer(typed, *asks), out))
 
     def test_a_day_at_the_prompt(self):
         zoe, zhanna = listing(1, ("zoë", T + 1, "s-2")), listing(1, ("Жанна", T, "s-1"))
-        with Dsessd(CLUSTER, ADMINISTRATORS, anonymous="read") as server:
-            terminal = self.terminal(config=configuration(server, timeout=2), TERM="vt100")
+        with Dsessd(CLUSTER, ADMINISTRATORS, anonymous="read") as server, Dsessd(OTHER, ADMINISTRATORS) as other:
+            self.prompt = self.terminal(config=configuration(server, other), TERM="vt100")
             self.check_answers(
-                terminal,
                 ("session list -realm öst zoë 0", zoe),
                 # Characters of several bytes are rubbed out as one.
                 ("session list -realm ööst Жаннаё 0\x1b[D\x1b[D\x7f" + "\x1b[D" * 6 + "\x7f" * 4 + "öst", zhanna),
@@ -52,11 +35,14 @@ class AtPrompt(Case):
                 ("SECRET", ""),
                 ("session terminate all_sessions zoë -realm öst", ""),
                 ("\x1b[A", line(NO_MATCHING_SESSION)),
+                ("key show", key_report("first", T)),
             )
             server.kill()
-            self.check_answers(terminal, ("key show", line(NO_LOCATION)), ("key change", line(NO_LOCATION)))
+            self.check_answers(("key show", key_report("other", T)), ("trace set 2", ""))
+            other.kill()
+            self.check_answers(("key show", line(NO_LOCATION)), ("key change", line(NO_LOCATION)))
             server.start()
-            self.check_answers(terminal, ("key show", key_report("first", T)), ("session list -realm öst * 0", zhanna))
-            terminal.type("\x04")
-            status, rest = terminal.ended()
-            self.assertEqual((status, rest[-1:], terminal.echoes()), (0, "\n", True))
+            self.check_answers(("key show", key_report("first", T)), ("session list -realm öst * 0", zhanna))
+            self.prompt.type("\x04")
+            status, rest = self.prompt.ended()
+            self.assertEqual((status, rest[-1:], self.prompt.echoes()), (0, "\n", True))
