@@ -1,5 +1,7 @@
 #include "admin/cli/common/TarnAdminConfig.h"
 
+#include <algorithm>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -8,6 +10,7 @@
 #include "runtime/QelStringIter.h"
 #include "runtime/qel_ascii.h"
 #include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
 #include "runtime/qel_strtol.h"
 #include "runtime/qel_svc.h"
 
@@ -79,6 +82,14 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
     return urls;
 }
 
+std::string messageText(std::uint32_t message, ...) {
+    std::va_list inserts;
+    va_start(inserts, message);
+    std::string text = qel_msg_vformat(message, inserts);
+    va_end(inserts);
+    return text;
+}
+
 }  // namespace
 
 TarnAdminConfig::ServerURLs::~ServerURLs() {
@@ -105,6 +116,7 @@ std::uint32_t TarnAdminConfig::shutdown() {
     freeText(m_sslInfo.keyfile);
     freeText(m_sslInfo.keyfile_stash);
     freeText(m_sslInfo.keyfile_label);
+    m_notice.clear();
     return 0;
 }
 
@@ -126,6 +138,8 @@ std::uint32_t TarnAdminConfig::loadEntries(qelStanzaFile* file, bool proxy) {
     }
     if (status == 0 && ssl) {
         status = loadSslInfo(file);
+    } else if (status == 0) {
+        watchUnusedSsl(file);
     }
     return status;
 }
@@ -168,11 +182,7 @@ std::uint32_t TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
             return status;
         }
     }
-    m_sslInfo.fips_enabled = 0;
-    if (loadData(file, m_fipsEnabledEntryName, true, value) == 0) {
-        const char first = qel_ascii_upper(value.data()[0]);
-        m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
-    }
+    loadFipsMode(file);
     std::uint32_t status = loadData(file, m_keyFileEntryName, false, value);
     if (status == 0) {
         status = copyText(value, m_sslInfo.keyfile);
@@ -187,6 +197,40 @@ std::uint32_t TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
         status = copyText(value, m_sslInfo.keyfile_label);
     }
     return status;
+}
+
+void TarnAdminConfig::loadFipsMode(qelStanzaFile* file) {
+    QelString value;
+    m_sslInfo.fips_enabled = 0;
+    if (loadData(file, m_fipsEnabledEntryName, true, value) != 0) {
+        return;
+    }
+    const char first = qel_ascii_upper(value.data()[0]);
+    m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
+    const bool saysNo = first == 'N' || first == 'F' || (first == 'O' && qel_ascii_upper(value.data()[1]) == 'F');
+    if (m_sslInfo.fips_enabled == 0 && !saysNo) {
+        takeNotice(__LINE__, kMsgFipsNotAsked, value.data());
+    }
+}
+
+void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
+    const QelString* const names[] = {&m_serverDNsEntryName, &m_fipsEnabledEntryName, &m_keyFileStashEntryName,
+                                      &m_keyFileLabelEntryName};
+    for (std::uint32_t status = qelStzMoveStanza(file, m_tarnStanzaName.data());
+         status == 0 && qelStzEntryName(file) != nullptr; status = qelStzMoveNextEntry(file)) {
+        const std::string_view name = qelStzEntryName(file);
+        const bool isSsl =
+            std::any_of(std::begin(names), std::end(names), [&](const auto* one) { return one->view() == name; });
+        if (name == m_keyFileEntryName.view() || (isSsl && *qelStzEntryValue(file) != '\0')) {
+            takeNotice(__LINE__, kMsgSslNotUsed, qelStzFileName(file));
+            return;
+        }
+    }
+}
+
+void TarnAdminConfig::takeNotice(int line, std::uint32_t message, const char* insert) {
+    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcError, message, insert);
+    m_notice = messageText(message, insert);
 }
 
 std::uint32_t TarnAdminConfig::loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value) {

@@ -125,6 +125,9 @@ std::uint32_t TarnAdminUtility::initialize() {
     if (status == 0) {
         status = setDebugLevel();
     }
+    if (status == 0 && !notice().empty()) {
+        olmdsess_admin_client_trace(0, "%s", notice().c_str());
+    }
     if (status == 0) {
         status = registerCommands();
     }

@@ -48,7 +48,7 @@ class Configuration(Case):
                     (f"timeout {text}", conf(timeout=text), {"timeout": int(text)})
                     for text in ("0", "+7", "2147483647")
                 ),
-                ("no SSL without a key file", CONFIG + "ssl-keyfile =\nserver-dns = a\nssl-keyfile-stash = s\n", {}),
+                ("an empty SSL entry", CONFIG + "server-dns =\nssl-fips-enabled\n", {}),
                 ("SSL", SSL, ssl()),
                 (
                     "all of SSL",
@@ -58,11 +58,33 @@ class Configuration(Case):
                 ("two key files are one odd path", SSL + "ssl-keyfile = b\n", ssl(keyfile="/k.p12,b")),
                 *(
                     (f"fips {text}", SSL + f"ssl-fips-enabled = {text}\n", ssl(fips=fips))
-                    for text, fips in (("Yes", 1), ("y", 1), ("true", 1), ("on", 0), ("1", 0), (",y", 0))
+                    for text, fips in (("Yes", 1), ("y", 1), ("true", 1), ("No", 0), ("false", 0), ("off", 0))
                 ),
             ],
             self.accepts,
         )
+
+    def test_ssl_entries_that_do_not_secure_anything_are_told_once_a_run(self):
+        path = str(self.dir / "vexilclicfg.conf")
+        for more, message, insert, expected in [
+            *(
+                (more, 0x38C54047, path, {})
+                for more in ("ssl-keyfile =\n", "server-dns = a\n", "ssl-fips-enabled = y\n")
+            ),
+            *(
+                (f"{SSL[len(CONFIG):]}ssl-fips-enabled = {text}\n", 0x38C54048, text, ssl())
+                for text in ("on", "1", ",y")
+            ),
+        ]:
+            text = msg(message, insert)
+            self.check(
+                *commands("set instance blue"),
+                config=CONFIG + more,
+                out=text,
+                log=[("client", text.rstrip("\n"))],
+                whole=True,
+                calls=start(**expected) + end() + start(number=2, **expected) + end(2),
+            )
 
     def test_the_first_wrong_entry_ends_the_start_and_only_the_service_log_says_why(self):
         no_such_file = f"{os.strerror(errno.ENOENT)} ({errno.ENOENT})"
