@@ -1,9 +1,8 @@
 /// The client's key file: its identity and the CA certificates it trusts.
 ///
-/// PKCS#12 (RFC 7292): an identity is a private key and its certificate; its label is their friendly name. PEM (RFC
-/// 7468): one private key and its certificate; its label is the certificate's common name. In both, further CA
-/// certificates, and certificates that sign themselves, are trusted. A file without a private key holds trusted
-/// certificates only.
+/// PKCS#12: an identity is a private key and its certificate; its label is their friendly name. PEM: one private key
+/// and its certificate; its label is the certificate's common name. In both, further CA certificates, and certificates
+/// that sign themselves, are trusted. A file without a private key holds trusted certificates only.
 #pragma once
 
 #include <string>
@@ -12,8 +11,9 @@
 #include "admin/client/openssl_ptr.h"
 
 struct KeyFile {
-    PrivateKeyPtr key;           ///< null: no identity
-    CertificatePtr certificate;  ///< of the key
+    PrivateKeyPtr key;                  ///< null: no identity
+    CertificatePtr certificate;         ///< of the key
+    std::vector<CertificatePtr> chain;  ///< the certificates above it, in order, as far as the file has them
     std::vector<CertificatePtr> trusted;
 };
 
@@ -21,7 +21,8 @@ struct KeyFile {
 ///
 /// stashPath: a file whose first line is the password; null: none. It has to be a regular file, not a link, that
 /// belongs
-///   to this user or root and gives nobody else any permission.
+///   to this user or root and gives nobody else any permission. So has a key file whose private key is not encrypted,
+///   though it may be a link; one that is not sealed by a password must not be for others to write.
 /// label: of the identity; null: the only one there is.
 ///
 /// Throws TlsProblem with kStatusKeyFile, or std::bad_alloc.

@@ -69,6 +69,21 @@ void dropCiphersWithoutSecurity(SSL_CTX* context) {
     }
 }
 
+/// Why OpenSSL does not take a certificate. Empties its queue of errors.
+std::string weaknessText(unsigned long error) {
+    ERR_clear_error();
+    switch (ERR_GET_REASON(error)) {
+        case SSL_R_EE_KEY_TOO_SMALL:
+        case SSL_R_CA_KEY_TOO_SMALL:
+            return "its key is shorter than OpenSSL's security level allows";
+        case SSL_R_CA_MD_TOO_WEAK:
+            return "its signature's digest (such as SHA-1) is weaker than OpenSSL's security level allows";
+        default:
+            const char* reason = ERR_reason_error_string(error);
+            return reason == nullptr ? "OpenSSL does not take it" : reason;
+    }
+}
+
 std::string timeText(const ASN1_TIME* time) {
     const BioPtr bio(BIO_new(BIO_s_mem()));
     char* text = nullptr;
@@ -85,30 +100,75 @@ TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace) : 
     if (settings.fips_enabled != 0) {
         m_fips.emplace();
     }
-    for (std::int32_t index = 0; index < settings.server_dns.count; ++index) {
-        const char* text = settings.server_dns.values[index];
-        const std::optional<DistinguishedName> name = parseDistinguishedName(text);
-        if (!name) {
-            throw TlsProblem{kStatusKeyFile, "the server name (server-dns) " + std::string(text) +
-                                                 " cannot be read; write it like /C=DE/O=Example/CN=node1"};
-        }
-        m_serverNames.push_back(*name);
-    }
+    loadServerNames(settings.server_dns);
     if (settings.keyfile != nullptr) {
-        m_keyFile = loadKeyFile(settings.keyfile, settings.keyfile_stash, settings.keyfile_label);
-        if (!m_keyFile.trusted.empty()) {
-            m_anchors = makeStore(m_keyFile.trusted);
-        }
-        const std::string whose = std::string("of the key file ") + settings.keyfile;
-        if (hasIdentity()) {
-            watchExpiry(whose.c_str(), m_keyFile.certificate.get());
-        }
-        for (const CertificatePtr& certificate : m_keyFile.trusted) {
-            watchExpiry(whose.c_str(), certificate.get());
-        }
+        load(settings.keyfile, settings.keyfile_stash, settings.keyfile_label);
     }
     if (m_fips) {
         m_fips->enable();
+    }
+    if (hasIdentity()) {
+        checkIdentity(settings.keyfile);
+    }
+}
+
+void TlsPolicy::loadServerNames(const olm_dsess_admin_mv_string_t& names) {
+    for (std::int32_t index = 0; index < names.count; ++index) {
+        const std::string_view text = names.values[index];
+        const auto fail = [text](const char* why) {
+            throw TlsProblem{kStatusKeyFile,
+                             "the server name (server-dns) \"" + std::string(text) + "\" cannot be read" + why};
+        };
+        if (text.starts_with(' ') || text.ends_with(' ')) {
+            fail(": write no blank before or after it; one that belongs to a name is written \\20");
+        }
+        std::optional<DistinguishedName> name = parseDistinguishedName(text);
+        if (!name) {
+            fail(
+                "; write it like /C=DE/O=Example/CN=node1, in a value \\2C for a comma, \\/ for a slash, \\+ for a "
+                "plus");
+        }
+        m_serverNames.push_back(std::move(*name));
+    }
+}
+
+void TlsPolicy::load(const char* keyFile, const char* stash, const char* label) {
+    m_keyFile = loadKeyFile(keyFile, stash, label);
+    if (!m_keyFile.trusted.empty()) {
+        m_anchors = makeStore(m_keyFile.trusted);
+    }
+    const std::string whose = std::string("of the key file ") + keyFile;
+    if (hasIdentity()) {
+        watchExpiry(whose.c_str(), m_keyFile.certificate.get());
+    }
+    for (const CertificatePtr& certificate : m_keyFile.trusted) {
+        watchExpiry(whose.c_str(), certificate.get());
+    }
+}
+
+const X509* TlsPolicy::offerIdentity(SSL_CTX* context) const {
+    // The chain is the key file's, not one that OpenSSL makes up to the first certificate that we trust.
+    SSL_CTX_set_mode(context, SSL_MODE_NO_AUTO_CHAIN);
+    if (SSL_CTX_use_certificate(context, m_keyFile.certificate.get()) != 1 ||
+        SSL_CTX_use_PrivateKey(context, m_keyFile.key.get()) != 1) {
+        return m_keyFile.certificate.get();
+    }
+    for (const CertificatePtr& certificate : m_keyFile.chain) {
+        if (SSL_CTX_add1_chain_cert(context, certificate.get()) != 1) {
+            return certificate.get();
+        }
+    }
+    return nullptr;
+}
+
+void TlsPolicy::checkIdentity(const char* keyFile) const {
+    const ContextPtr trial(SSL_CTX_new(TLS_client_method()));
+    if (trial == nullptr) {
+        throw std::bad_alloc();
+    }
+    if (const X509* refused = offerIdentity(trial.get())) {
+        throw TlsProblem{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " + keyFile +
+                                             " cannot be used: " + weaknessText(ERR_get_error())};
     }
 }
 
@@ -148,8 +208,7 @@ bool TlsPolicy::configure(SSL_CTX* context) {
     if (m_anchors != nullptr) {
         SSL_CTX_set1_cert_store(context, m_anchors.get());
     }
-    return !hasIdentity() || (SSL_CTX_use_certificate(context, m_keyFile.certificate.get()) == 1 &&
-                              SSL_CTX_use_PrivateKey(context, m_keyFile.key.get()) == 1);
+    return !hasIdentity() || offerIdentity(context) == nullptr;
 }
 
 void TlsPolicy::beginConnection() {

@@ -45,6 +45,12 @@ class TlsPolicy {
     static int askedCallback(SSL* connection, void* policy);
     static void infoCallback(const SSL* connection, int where, int value);
     bool verify(X509_STORE_CTX* chain);
+    void loadServerNames(const olm_dsess_admin_mv_string_t& names);
+    void load(const char* keyFile, const char* stash, const char* label);
+    /// Gives a context our certificate, its chain and its key. Returns the certificate that OpenSSL does not take.
+    const X509* offerIdentity(SSL_CTX* context) const;
+    /// Shows at once what would fail with every connection.
+    void checkIdentity(const char* keyFile) const;
     /// Mentions a certificate that ends soon.
     void watchExpiry(const char* whose, const X509* certificate) const;
 

@@ -21,6 +21,7 @@ struct OpensslDeleter {
 using BioPtr = std::unique_ptr<BIO, OpensslDeleter<BIO_free_all>>;
 using CertificatePtr = std::unique_ptr<X509, OpensslDeleter<X509_free>>;
 using PrivateKeyPtr = std::unique_ptr<EVP_PKEY, OpensslDeleter<EVP_PKEY_free>>;
+using ContextPtr = std::unique_ptr<SSL_CTX, OpensslDeleter<SSL_CTX_free>>;
 using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
 using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;

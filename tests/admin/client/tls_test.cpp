@@ -56,12 +56,15 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
     const std::string refused = "our certificate was refused: ";
     const std::string subject = "the server's certificate /C=DE/O=Example/CN=";
     const std::string node1 = "/C=DE/O=Example/CN=node1";
+    const std::string comma = R"(/C=DE/O=Example\2C Inc./OU=a\/b\+c/CN=comma)";
     const std::string noName = "this name is not on the list (server-dns)";
     const Case cases[] = {
         {"node1", true, "alice.p12", {}, ""},
         {"node2", true, "alice-pem.pem", {}, ""},
         {"node1", true, "anchors.pem", {}, refused + "a certificate is required, and the key file"},
         {"node1", true, "foreign.p12", {}, refused + "unknown CA"},
+        {"node1", true, "deep.p12", {}, ""},     // below two CAs that the server does not have
+        {"under", false, "mid-ca.pem", {}, ""},  // trusted without the CA above it
         {"stranger", false, "anchors.pem", {}, subject + "stranger: unable to get"},
         {"far", false, "anchors.pem", {}, "the server's certificate: SSL: no alternative certificate subject name"},
         // A list of names takes the place of the host name.
@@ -71,6 +74,10 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         {"node1", false, "anchors.pem", {"/O=Example/C=DE/CN=node1"}, noName},
         {"node1", false, "anchors.pem", {"/C=DE/O=Example/CN=Node1", "/CN=node1"}, noName},
         {"stranger", false, "anchors.pem", {"/C=DE/O=Example/CN=stranger"}, "unable to get local issuer certificate"},
+        {"multi", false, "anchors.pem", {"/C=DE/O=Example+CN=multi"}, ""},
+        {"multi", false, "anchors.pem", {"/C=DE/O=Example/CN=multi"}, "/C=DE/CN=multi+O=Example: " + noName},
+        {"comma", false, "anchors.pem", {comma}, ""},
+        {"comma", false, "anchors.pem", {node1}, comma + ": " + noName},
         // Without CA certificates of our own, the system's are asked.
         {"node1", false, "", {}, subject + "node1: unable to get"},
     };
@@ -161,7 +168,8 @@ TEST_F(Tls, AFailedHandshakeSendsAChangeToTheNextLocationAndALostAnswerDoesNot) 
 }
 
 /// A PKCS#12 file of several identities, which the openssl command cannot write, and their CA's certificate.
-void writeIdentities(const std::string& path, const std::vector<std::pair<std::string, std::string>>& filesAndLabels) {
+void writeIdentities(const std::string& path, const std::vector<std::pair<std::string, std::string>>& filesAndLabels,
+                     long iterations = 2048) {
     const char word[] = "stash word";
     STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
     for (const auto& [name, label] : filesAndLabels) {
@@ -183,20 +191,23 @@ void writeIdentities(const std::string& path, const std::vector<std::pair<std::s
     PKCS12_add_safe(&safes, bags, NID_aes_256_cbc, 2048, word);
     const Pkcs12Ptr file(PKCS12_add_safes(safes, 0));
     PKCS12_set_mac(file.get(), word, -1, nullptr, 0, 2048, EVP_sha256());
+    const ASN1_INTEGER* given = nullptr;
+    PKCS12_get0_mac(nullptr, nullptr, nullptr, &given, file.get());
+    ASN1_INTEGER_set(const_cast<ASN1_INTEGER*>(given), iterations);
     i2d_PKCS12_bio(BioPtr(BIO_new_file(path.c_str(), "w")).get(), file.get());
     sk_PKCS7_pop_free(safes, PKCS7_free);
     sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
 }
 
 TEST_F(Tls, TheLabelChoosesTheIdentity) {
-    writeIdentities(at("two.p12"), {{at("alice.p12"), "J\xC3\xBCrgen"}, {at("foreign.p12"), "b"}});
+    writeIdentities(at("two.p12"), {{at("alice.p12"), "\u65E5\u672C\u8A9E"}, {at("foreign.p12"), "b"}});
     writeIdentities(at("twins.p12"), {{at("alice.p12"), "a"}, {at("soon.p12"), "a"}, {at("foreign.p12"), "b"}});
     struct Case {
         std::string keyFile, label, reason;  // empty: chosen
     };
     const Case cases[] = {
-        {"two.p12", "", "no label (ssl-keyfile-label) chooses one of them: J\xC3\xBCrgen, b"},
-        {"two.p12", "c", "holds no identity labelled c; labels in it: J\xC3\xBCrgen, b"},
+        {"two.p12", "", "no label (ssl-keyfile-label) chooses one of them: \u65E5\u672C\u8A9E, b"},
+        {"two.p12", "c", "holds no identity labelled c; labels in it: \u65E5\u672C\u8A9E, b"},
         {"twins.p12", "a", "holds several identities labelled a"},
         {"twins.p12", "b", ""},
         {"alice.p12", "ALICE", "holds no identity labelled ALICE; labels in it: alice"},
@@ -210,7 +221,7 @@ TEST_F(Tls, TheLabelChoosesTheIdentity) {
     }
     // The identity that was chosen is the one shown to the server.
     FaultServers servers({"tls:good"}, as("node1", true));
-    Library good(servers.urls, 2, with("two.p12", "J\xC3\xBCrgen"));
+    Library good(servers.urls, 2, with("two.p12", "\u65E5\u672C\u8A9E"));
     EXPECT_EQ(good.read(), 0U);
     Library foreign(servers.urls, 2, with("two.p12", "b"));
     EXPECT_EQ(foreign.read(), kStatusTlsFailure);
@@ -227,11 +238,21 @@ TEST_F(Tls, TheLabelChoosesTheIdentity) {
 TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     shell(
         R"(printf 'stash word\r\nsecond line\n' >crlf; printf 'stash word' >no-line-end; echo other word >wrong; >empty
-        cp stash theirs; cp stash group; chmod 640 group
+        cp stash theirs; cp stash group; chmod 640 group; cp stash world; chmod 604 world
         chown 65534 theirs || rm theirs; ln -s stash link; ln -s alice.p12 link.p12; mkfifo fifo
         printf -- '-----BEGIN CERTIFICATE-----\nAAAA\n-----END CERTIFICATE-----\n' >rubbish.pem
         head -c 2000000 /dev/zero >big.pem; cat alice.key soon.key alice.crt >two-keys.pem
-        cat alice.key ca.pem >no-certificate.pem; cat ca.pem alice.crt alice.key >plain.pem)");
+        cat alice.key ca.pem >no-certificate.pem; cat ca.pem alice.crt alice.key >plain.pem
+        cat plain.pem alice.crt alice.key >twice.pem; cp plain.pem open.pem; chmod 604 open.pem
+        cp ca.pem written.pem; chmod 662 written.pem; cat alice.p12 ca.pem >tail.p12
+        openssl x509 -in ca.pem -trustout | cat alice.crt alice.key - >trusted.pem
+        openssl crl2pkcs7 -nocrl -certfile ca.pem | cat alice.crt alice.key - >p7.pem
+        sed 1s/-// ca.pem | cat alice.crt alice.key - >dash.pem; sed '1d;$d' ca.pem | cat alice.crt alice.key - >bare.pem
+        sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem; cat stranger.crt alice.crt alice.key >other.pem
+        (openssl x509 -text -in ca.pem; openssl ecparam -name P-256; openssl pkcs12 -nodes -in alice.p12 -passin file:stash) |
+            sed 's/$/\r/' >text.pem; openssl req -x509 -newkey rsa:1024 -days 99 -nodes -subj /CN=weak -keyout - 2>&1 >weak.pem
+        cp alice.p12 damaged.p12; printf BAD | dd of=damaged.p12 bs=1 seek=300 conv=notrunc)");
+    writeIdentities(at("endless.p12"), {{at("alice.p12"), "a"}}, 0x7FFFFFFF);
     struct Case {
         std::string keyFile, stash, reason;  // empty: usable
     };
@@ -241,10 +262,25 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice.p12", "no-line-end", ""},
         {"link.p12", "stash", ""},
         {"plain.pem", "", ""},
+        {"twice.pem", "", ""},
+        {"text.pem", "", ""},
         {"alice.p12", "wrong", "cannot be decrypted: " + wrong},
         {"alice.p12", "", "cannot be decrypted: " + wrong},
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "group", "cannot be used: others than its owner have permissions on it"},
+        {"alice.p12", "world", "cannot be used: others than its owner have permissions on it"},
+        {"open.pem", "stash", "others than its owner have permissions on it, and its private key is not encrypted"},
+        {"written.pem", "stash", "others than its owner have permissions on it, and could put in whom to trust"},
+        {"trusted.pem", "", "holds something that is not understood: TRUSTED CERTIFICATE (line 1"},
+        {"p7.pem", "", "holds something that is not understood: PKCS7 (line 1"},
+        {"dash.pem", "", "holds something that is not understood (line 1"},
+        {"bare.pem", "", "holds something that is not understood (line 1"},
+        {"other.pem", "", "holds neither a CA certificate nor the private key of /C=DE/O=Example/CN=stranger"},
+        {"damaged.pem", "", "holds a private key that is damaged (line 1"},
+        {"weak.pem", "", "the certificate /CN=weak of the key file"},
+        {"tail.p12", "stash", "something follows its end, from byte"},
+        {"damaged.p12", "stash", "is damaged: the password opens it"},
+        {"endless.p12", "stash", "asks for more than 10,000,000 iterations"},
         {"alice.p12", "link", "cannot be opened: it is a symbolic link"},
         {"alice.p12", "fifo", "cannot be used: it is not a regular file"},
         {"nowhere.p12", "stash", "cannot be opened: No such file or directory"},
@@ -253,7 +289,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"big.pem", "stash", "it is longer than 1 MiB"},
         {"two-keys.pem", "stash", "holds several private keys"},
         {"no-certificate.pem", "stash", "holds a private key, but not its certificate"},
-        {"alice.crt", "stash", "holds neither an identity nor a CA certificate"},
+        {"alice.crt", "stash", "holds neither a CA certificate nor the private key of /C=DE/O=Example/CN=alice"},
         {"legacy.p12", "stash", "no longer reads; this converts it: openssl pkcs12 -legacy -nodes -in"},
     };
     if (std::filesystem::exists(at("theirs"))) {  // only root gives files away
@@ -266,6 +302,20 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         EXPECT_EQ(traced.size(), reason.empty() ? 0U : 1U);
         EXPECT_TRUE(reason.empty() || (wasTraced("0 the ") && wasTraced(reason))) << traced[0];
         EXPECT_FALSE(wasTraced("stash word"));
+    }
+}
+
+TEST_F(Tls, FipsModeUsesItsProviderWhereThereIsOne) {
+    if (std::system("openssl list -providers -provider fips >/dev/null 2>&1") != 0) {
+        GTEST_SKIP() << "this host has no FIPS provider; docs/tls.md tells how to build one";
+    }
+    FaultServers servers({"tls:good", "tls1.2:good"}, as("node1", true));
+    for (const std::string& url : servers.urls) {
+        TlsSettings tls = with("alice.p12");
+        tls.fips = true;
+        Library library({url}, 5, tls);
+        EXPECT_EQ(library.change(), 0U) << traced.back();
+        EXPECT_EQ(DigestPtr(EVP_MD_fetch(nullptr, "MD5", nullptr)), nullptr);
     }
 }
 
@@ -288,9 +338,11 @@ TEST_F(Tls, FipsModeWithoutARealProviderRefusesBeforeAnythingIsSent) {
 
 TEST(DistinguishedName, IsReadComponentByComponent) {
     EXPECT_EQ(parseDistinguishedName("/C=DE/CN=a"), parseDistinguishedName("/countryName=DE/2.5.4.3=a"));
-    EXPECT_EQ(parseDistinguishedName(R"(/O=a\/b\\c)")->at(0).value, "a/b\\c");
-    EXPECT_EQ(parseDistinguishedName("/O=a=b, c")->at(0).value, "a=b, c");
-    for (const char* bad : {"", "/", "CN=a", "/CN", "/CN=", "/CN=a/", "/CN=a//O=b", "/=a", "/nothing=a", R"(/CN=a\)"}) {
+    EXPECT_EQ(parseDistinguishedName(R"(/O=a\/b\\c=\2c\+)")->at(0).at(0).value, "a/b\\c=,+");
+    EXPECT_EQ(parseDistinguishedName("/O=a+CN=b"), parseDistinguishedName("/CN=b+O=a"));
+    EXPECT_NE(parseDistinguishedName("/O=a+CN=b"), parseDistinguishedName("/O=a/CN=b"));
+    for (const char* bad : {"", "/", "CN=a", "/CN", "/CN=", "/CN=a/", "/CN=a//O=b", "/=a", "/nothing=a", R"(/CN=a\)",
+                            "/O=a+b", "+O=a", " /CN=a"}) {
         EXPECT_FALSE(parseDistinguishedName(bad)) << bad;
         Library library({}, 2, {"", "", "", {"/CN=a", bad}});
         EXPECT_EQ(library.initialized, kStatusKeyFile);
