@@ -39,7 +39,7 @@ ERRORS = ["EIO", "EINTR", "ENOMEM"]
 FOREVER = 2**62
 LIMIT = 30  # seconds: more than the timeout of the configuration
 NO_MEMORY, OUTCOME_UNKNOWN, OUTPUT_LOST = 0x97, 0x13, 0x52
-CARRIERS = r"failing_malloc|libc\.so|libstdc\+\+|libgcc_s|ld-linux"  # who asks for memory on behalf of others
+CARRIERS = r"libfailing_malloc|libc\.so|libstdc\+\+|libgcc_s|ld-linux"  # who asks for memory on behalf of others
 OURS = r"vexiladmin|libolmdsess|\?"
 
 
