@@ -1,3 +1,5 @@
+#include <sys/prctl.h>
+
 #include <exception>
 #include <iostream>
 
@@ -26,6 +28,8 @@ struct Run {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // No core dump: it would hold passwords. A limit on its size does not stop one that is piped to a program.
+    prctl(PR_SET_DUMPABLE, 0);
     if (!qel_open_standard_descriptors()) {
         std::cerr << "dsessd: a closed standard input, output or error cannot be replaced" << std::endl;
         return 1;

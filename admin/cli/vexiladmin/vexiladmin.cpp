@@ -1,5 +1,7 @@
 /// The entry point of vexiladmin.
 
+#include <sys/prctl.h>
+
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
@@ -47,6 +49,8 @@ std::uint32_t flushOutput() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // No core dump: it would hold a password. A limit on its size does not stop one that is piped to a program.
+    prctl(PR_SET_DUMPABLE, 0);
     const bool isOpen = qel_open_standard_descriptors();
     for (const int signal : {SIGPIPE, SIGXFSZ}) {
         std::signal(signal, SIG_IGN);  // the write fails, which is told

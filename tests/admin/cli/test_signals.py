@@ -7,11 +7,13 @@ import itertools
 import os
 import random
 import re
+import resource
 import signal
 import socket
+import subprocess
 import time
 
-from vexil import CONFIG, Case, commands, line, msg
+from vexil import CONFIG, VEXILADMIN, Case, commands, line, msg
 
 PASSWORD, INTERRUPTED = msg(0x38C52145), line(0x38C54023)
 TURNS, SEED = int(os.environ.get("SIGNAL_TURNS", 45)), int(os.environ.get("SIGNAL_SEED", 1))
@@ -141,6 +143,30 @@ class OfACommand(Case):
         time.sleep(0.1)
         terminal.type("\x03")
         return terminal.asks().split("\n", 2)[2]
+
+    def dumps(self, *arguments, shows=b""):
+        """Whether a program that gets as far as to show this, and is then told to quit, leaves a core dump."""
+        limit = resource.getrlimit(resource.RLIMIT_CORE)[1]
+        process = subprocess.Popen(
+            arguments,
+            env=self.environment(),
+            cwd=self.dir,
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, (limit, limit)),
+        )
+        with process.stdin, process.stdout:
+            self.assertEqual(process.stdout.read(len(shows)), shows)
+            process.send_signal(signal.SIGQUIT)
+            status = os.waitpid(process.pid, 0)[1]
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(process.returncode, -signal.SIGQUIT)
+        return os.WCOREDUMP(status)
+
+    def test_no_core_dump_holds_a_password(self):
+        if not self.dumps("sh", "-c", "echo; read x", shows=b"\n"):
+            self.skipTest("no program leaves a core dump here")
+        self.assertFalse(self.dumps(VEXILADMIN, "-command", "login bob", shows=PASSWORD.encode()))
 
     def test_ctrl_c_at_the_prompt_gives_up_the_line(self):
         terminal = self.terminal(TERM="vt100")
