@@ -36,7 +36,7 @@ class QelString {
 
     QelString() = default;
     /// Refers to the literal until the content changes.
-    constexpr explicit QelString(QelLiteral literal) noexcept : m_literal(literal.view()) {}
+    constexpr explicit QelString(const QelLiteral& literal) noexcept : m_literal(literal.view()) {}
     /// Null counts as empty. Throws std::bad_alloc.
     explicit QelString(const char* text, Mode mode = kBytes);
     explicit QelString(std::string_view text, Mode mode = kBytes);
