@@ -13,14 +13,12 @@ that); before the colon "@FILE" names another certificate, and "+HEX" bytes that
 with commas between them the first is that of the first connection and so on; the last is that of all further ones.
 
     good               answers every method
-    close-after        the same, but closes the kept connection after each answer
-    one-answer         the same, but resets the kept connection once it is used again
-    slow=S             the same, S seconds late
-    flow=S, flow-stall=S  the same, but the body takes S seconds without ever stopping; and stops there
+    close-after, one-answer  closes the kept connection after each answer; resets it once it is used again
+    slow=S, flow=S, flow-stall=S  S seconds late; with a body that flows for S seconds; and stops there
     answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id
     status=N           HTTP status N, empty
     refuse, blackhole  nothing listens; connections are neither accepted nor refused
-    silence, no-answer  accepts, and never says a byte, nor shakes hands; reads the request and says nothing
+    silence, no-answer  accepts, and never says a byte; reads the request and says nothing
     reset=STAGE, close=STAGE  ends the connection at a stage: accept, request, head, body
     stall=STAGE, drip=STAGE   stops there, with the connection open; goes on with one byte every 20 ms: head, body
     endless=HOW        never ends: length (and announces 2^40 bytes), close (no length), chunked, head, interim
@@ -39,7 +37,6 @@ import struct
 import sys
 import threading
 import time
-import warnings
 
 KEY = {"label": "key-1", "time": 1700000000, "previousTime": 0}
 REALMS = [{"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}]
@@ -55,7 +52,6 @@ RESULTS = {
 
 
 def good_answer(request):
-    """The answer's body for a request's body."""
     message = json.loads(request)
     return json.dumps({"jsonrpc": "2.0", "id": message["id"], "result": RESULTS[message["method"]]}).encode()
 
@@ -105,7 +101,6 @@ class FaultServer(contextlib.AbstractContextManager):
         context = tls and ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         if context:
             context.set_ciphers("ALL@SECLEVEL=0")
-            warnings.simplefilter("ignore", DeprecationWarning)  # old versions are the point
             context.minimum_version = ssl.TLSVersion.TLSv1
             context.maximum_version = getattr(ssl.TLSVersion, "TLSv" + (tls[3:] or "1.3").replace(".", "_"))
             context.load_cert_chain(own_cert or cert)
@@ -126,8 +121,7 @@ class FaultServer(contextlib.AbstractContextManager):
 
 class Peer:
     def __init__(self, server, mode):
-        self.server = server
-        self.tls, self.before, self.behaviour, self.argument = mode
+        self.server, (self.tls, self.before, self.behaviour, self.argument) = server, mode
 
     def serve(self, connection):
         with contextlib.suppress(OSError), contextlib.ExitStack() as stack:
@@ -174,7 +168,6 @@ class Peer:
             data += piece
 
     def _answer(self, connection):
-        """Serves one request; nothing true ends the connection."""
         request = self._read_request(connection)
         if request is None or self.argument == "request":
             return self._end(connection)
@@ -230,8 +223,7 @@ class Peer:
         time.sleep(3600 if self.behaviour == "flow-stall" else 0)
 
     def _endless(self, connection, request):
-        body = good_answer(request)[:-1]
-        blanks = b" " * 65536
+        body, blanks = good_answer(request)[:-1], b" " * 65536
         start, piece = {
             "length": (head(None, f"Content-Length: {1 << 40}") + body, blanks),
             "close": (head() + body, blanks),
@@ -239,16 +231,15 @@ class Peer:
             "head": (b"HTTP/1.1 200 OK\r\n", b"X-More: and more\r\n"),
             "interim": (b"", b"HTTP/1.1 102 Processing\r\n\r\n"),
         }[self.argument]
-        connection.sendall(start)
         while True:
-            connection.sendall(piece)
+            connection.sendall(start)
+            start = piece
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--tls-cert")
-    parser.add_argument("--client-ca")
-    parser.add_argument("modes", nargs="+", metavar="MODE")
+    for argument, count in [("--tls-cert", None), ("--client-ca", None), ("modes", "+")]:
+        parser.add_argument(argument, nargs=count)
     options = parser.parse_args()
     servers = [FaultServer(mode, options.tls_cert, options.client_ca) for mode in options.modes]
     for server in servers:

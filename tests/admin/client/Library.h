@@ -128,7 +128,7 @@ class FaultServers {
 
     explicit FaultServers(const std::vector<std::string>& modes, const std::string& options = "") {
         const std::string pipe = "counts-" + std::to_string(getpid());
-        std::string command = "exec python3 " VEXIL_TESTS_SUPPORT "/fault_server.py " + options + " >" + pipe;
+        std::string command = "exec python3 -W ignore " VEXIL_TESTS_SUPPORT "/fault_server.py " + options + " >" + pipe;
         for (const std::string& mode : modes) {
             command += " " + mode;
         }
