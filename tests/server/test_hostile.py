@@ -14,6 +14,7 @@ from dsessd import AS_ROOT, DEADLINE, ROOT, Dsessd, request_text
 
 PATH = "/blue/services/DSessAdminProxy"
 GOOD = request_text("trace.get").encode()
+CLUSTER = request_text("cluster.get").encode()
 RESULT = b'{"jsonrpc":"2.0","id":1,"result":{"level":1}}'
 JSON = "Content-Type: application/json"
 CLOSE = (JSON, "Connection: close")
@@ -116,6 +117,7 @@ class Hostile(unittest.TestCase):
     def check_good_ones_are_served(self):
         for _ in range(10):
             self.assertEqual(self.server.post(GOOD), (200, RESULT))
+        self.assertNotIn("more are refused", self.server.log())
 
     def test_requests_that_are_refused_by_their_head(self):
         self.serve()
@@ -146,15 +148,12 @@ class Hostile(unittest.TestCase):
         self.serve()
         crowd = [self.connect(first) for first in [b"", *DAWDLERS] * 110 + [b""]]  # more than there is room for
         self.check_good_ones_are_served()
-        self.assertEqual(crowd[0].recv(1), b"")
-        self.assertEqual(select.select(crowd[-1:], [], [], 0)[0], [])
+        self.assertEqual(select.select([crowd[0], crowd[-1]], [], [], 0)[0], crowd[:1], "the oldest was cut off")
 
     def test_who_takes_no_answer_makes_room_too(self):
-        sessions = [{"id": f"{i:01024}", "user": "m" * 1024, "time": i} for i in range(150)]
-        self.serve({"realms": [{"name": "east", "sessions": sessions}]})
-        listing = request_text("session.list", realm="east", selector="user", value="*", max=-1).encode()
+        self.serve({"realms": [{"name": f"{i:01024}"} for i in range(300)]})
         for _ in range(210):  # more than there is room for
-            self.assertEqual(self.connect(request(listing), room=4096).recv(12, socket.MSG_PEEK), b"HTTP/1.1 200")
+            self.assertEqual(self.connect(request(CLUSTER), room=4096).recv(12, socket.MSG_PEEK), b"HTTP/1.1 200")
         self.check_good_ones_are_served()
 
     def test_bad_logins_by_the_hundred_do_not_lock_out_who_is_logged_in(self):

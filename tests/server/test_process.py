@@ -119,6 +119,7 @@ class Serving(unittest.TestCase):
             deadline = time.monotonic() + DEADLINE
             while any(secret.encode() in block for block in memory_of(server.process.pid)):
                 self.assertLess(time.monotonic(), deadline)
+            self.assertEqual(server.post(text, connection=kept)[0], 200, "and not because the connection has ended")
             kept.close()
 
 
@@ -189,7 +190,8 @@ class Loading(unittest.TestCase):
             self.assertEqual(
                 [now - 20 <= listing[0]["time"] < now - 9, now - 15 <= members[0]["time"] < now - 4], [True] * 2
             )
-            self.assertEqual(result("cluster.get")["key"]["previousTime"], 0, "a first key")
+            key = result("cluster.get")["key"]
+            self.assertEqual((key["label"][:4], key["previousTime"]), ("key-", 0), "a first key")
             self.assertEqual(result("trace.get"), {"level": 7})
 
     def test_names_line_and_place_of_a_mistake_and_changes_nothing(self):
