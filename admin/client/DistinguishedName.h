@@ -10,12 +10,14 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 struct NameValue {
     std::string type;   ///< its object identifier in dotted form, so that "CN" and "commonName" are the same
     std::string value;  ///< UTF-8
-    auto operator<=>(const NameValue&) const = default;
+    bool operator==(const NameValue&) const = default;
+    bool operator<(const NameValue& other) const { return std::tie(type, value) < std::tie(other.type, other.value); }
 };
 
 using NameComponent = std::vector<NameValue>;  ///< sorted: the values of one component have no order

@@ -75,7 +75,7 @@ SecretBuffer readStash(const char* path) {
     if (!bytes.empty() && bytes.back() == '\r') {
         bytes.pop_back();
     }
-    return std::move(bytes);
+    return std::move(file.bytes);
 }
 
 /// DER of this size begins with a sequence whose length takes more than one byte.
