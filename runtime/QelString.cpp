@@ -34,7 +34,7 @@ class Converter {
     }
 
     /// Appends `text`, converted up to the first character that cannot be. Returns how many bytes of it that took.
-    std::size_t append(std::string_view text, std::string& out) {
+    std::size_t append(std::string_view text, SecretText& out) {
         if (!isOpen()) {
             return 0;
         }
@@ -49,13 +49,14 @@ class Converter {
   private:
     bool isOpen() const noexcept { return reinterpret_cast<std::intptr_t>(m_descriptor) != -1; }
 
-    bool step(char** from, std::size_t* left, std::string& out) {
+    bool step(char** from, std::size_t* left, SecretText& out) {
         std::array<char, 256> buffer;
         char* to = buffer.data();
         std::size_t room = buffer.size();
         const bool converted = iconv(m_descriptor, from, left, &to, &room) != static_cast<std::size_t>(-1);
         const int error = errno;
         out.append(buffer.data(), to);
+        explicit_bzero(buffer.data(), buffer.size());
         errno = error;
         return converted;
     }
@@ -70,13 +71,13 @@ const char* foreignEncoding() {
     return std::strcmp(codeset, "UTF-8") == 0 || std::strcmp(codeset, "ANSI_X3.4-1968") == 0 ? nullptr : codeset;
 }
 
-std::string fromLocale(std::string_view text) {
+SecretText fromLocale(std::string_view text) {
     const char* encoding = foreignEncoding();
     if (encoding == nullptr) {
-        return std::string(text);
+        return SecretText(text);
     }
     Converter converter("UTF-8", encoding);
-    std::string out;
+    SecretText out;
     while (!text.empty()) {
         text.remove_prefix(converter.append(text, out));
         if (!text.empty()) {
@@ -112,17 +113,18 @@ bool isControl(std::uint32_t codePoint) {
            (codePoint >= 0x2066 && codePoint <= 0x2069);
 }
 
-void appendEscape(const char* format, unsigned value, std::string& out) {
+void appendEscape(const char* format, unsigned value, SecretText& out) {
     std::array<char, 16> escape;
     const int length = std::snprintf(escape.data(), escape.size(), format, value);
     out.append(escape.data(), static_cast<std::size_t>(length));
 }
 
-std::string forDisplay(std::string_view text) {
-    std::string out(text.substr(0, plainPrefix(text)));
+SecretText forDisplay(std::string_view text) {
+    SecretText out(text.substr(0, plainPrefix(text)));
     text.remove_prefix(out.size());
     if (text.empty() || text == "\n") {
-        return out += text;
+        out += text;
+        return out;
     }
     const char* encoding = foreignEncoding();
     std::optional<Converter> converter;
@@ -144,10 +146,11 @@ std::string forDisplay(std::string_view text) {
         out += text.substr(0, plain);
         text.remove_prefix(plain);
     }
-    return out += text;
+    out += text;
+    return out;
 }
 
-std::string convert(std::string_view text, QelString::Mode mode) {
+SecretText convert(std::string_view text, QelString::Mode mode) {
     switch (mode) {
         case QelString::kFromLocale:
             return fromLocale(text);
@@ -156,7 +159,7 @@ std::string convert(std::string_view text, QelString::Mode mode) {
         case QelString::kBytes:
             break;
     }
-    return std::string(text);
+    return SecretText(text);
 }
 
 std::string_view orEmpty(const char* text) {

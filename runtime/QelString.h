@@ -4,8 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 #include <string_view>
+
+#include "runtime/SecretBuffer.h"
 
 class QelStringRef;
 
@@ -20,6 +21,7 @@ class QelLiteral {
     std::string_view m_text;
 };
 
+/// Leaves none of its bytes behind in memory: some strings are passwords.
 class QelString {
   public:
     /// What becomes of the bytes that a string is made from.
@@ -65,6 +67,6 @@ class QelString {
     int compare(const QelString& other) const noexcept;
 
   private:
-    std::string_view m_literal = "";    // the content, unless
-    std::optional<std::string> m_made;  // there is one of its own
+    std::string_view m_literal = "";   // the content, unless
+    std::optional<SecretText> m_made;  // there is one of its own
 };

@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 /// Wipes every block before it is given back, also those that a growing container leaves behind.
@@ -23,5 +25,32 @@ struct WipingAllocator {
     bool operator==(const WipingAllocator&) const noexcept { return true; }
 };
 
-/// A vector rather than a string: a short string would lie inside the object and never be wiped.
 using SecretBuffer = std::vector<char, WipingAllocator<char>>;
+
+/// A string that wipes what it held, also the room for short texts inside the object.
+class SecretText : public std::basic_string<char, std::char_traits<char>, WipingAllocator<char>> {
+    using Base = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
+
+  public:
+    using Base::Base;
+    SecretText() = default;
+    SecretText(const SecretText&) = default;
+    SecretText(SecretText&& other) noexcept : Base(std::move(other)) { other.wipe(); }
+    SecretText& operator=(const SecretText& other) {
+        SecretText copy(other);
+        return *this = std::move(copy);
+    }
+    SecretText& operator=(SecretText&& other) noexcept {
+        wipe();
+        Base::operator=(std::move(other));
+        other.wipe();
+        return *this;
+    }
+    ~SecretText() { wipe(); }
+
+    /// Leaves it empty.
+    void wipe() noexcept {
+        explicit_bzero(data(), capacity());
+        clear();
+    }
+};

@@ -1,5 +1,7 @@
 """The prompt on a terminal with real servers behind it, which die and come back."""
 
+import re
+
 from dsessd import Dsessd
 from endtoend import *
 from vexil import Case, line, msg
@@ -11,10 +13,32 @@ CLUSTER = {"keys": [{"label": "first", "time": T}], "realms": [{"name": "öst", 
 OTHER = {"keys": [{"label": "other", "time": T}], "realms": []}
 
 
+def holds(process, text):
+    """Whether writable memory of a process holds the text, as bytes or as the line editor's wide characters."""
+    needles = [text.encode(), text.encode("utf-32-le")]
+    with open(f"/proc/{process}/maps") as maps, open(f"/proc/{process}/mem", "rb", 0) as memory:
+        for area in re.findall("^([0-9a-f]+)-([0-9a-f]+) rw", maps.read(), re.M):
+            begin, end = (int(bound, 16) for bound in area)
+            memory.seek(begin)
+            content = memory.read(end - begin)
+            if any(needle in content for needle in needles):
+                return True
+    return False
+
+
 class AtPrompt(Case):
     def check_answers(self, *rows):
         """Rows of what is typed, what is shown for it, and perhaps another prompt behind that."""
         self.check_table(rows, lambda typed, out, *asks: self.assertEqual(self.prompt.answer(typed, *asks), out))
+
+    def test_a_password_in_a_line_is_gone_after_the_next_login(self):
+        refused = sent_as("root") + line(IDENTITY_REFUSED)
+        with Dsessd(CLUSTER, ADMINISTRATORS) as server:
+            self.prompt = self.terminal(config=configuration(server), TERM="vt100")
+            self.check_answers(("login root MISTYPED-SECRET", refused), ("login root SECRET", ""))
+            self.assertFalse(holds(self.prompt.pid, "MISTYPED"))
+            self.assertTrue(holds(self.prompt.pid, "SECRET"))
+            self.check_answers(("\x1b[A\x1b[A", refused))  # what the history has left of the line
 
     def test_a_day_at_the_prompt(self):
         zoe, zhanna = listing(1, ("zoë", T + 1, "s-2")), listing(1, ("Жанна", T, "s-1"))

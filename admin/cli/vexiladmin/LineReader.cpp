@@ -2,21 +2,24 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 
 #include "runtime/qel_io.h"
 
-bool LineReader::next(std::string& line) {
-    line.clear();
+bool LineReader::next(SecretText& line) {
+    line.wipe();
     while (line.size() < m_longest && !line.ends_with('\n')) {
         if (m_taken == m_filled && !fill()) {
             return m_error == 0 && !line.empty();
         }
-        const char* begin = m_buffer.data() + m_taken;
-        const char* end = begin + std::min(m_filled - m_taken, m_longest - line.size());
-        const char* lineFeed = std::find(begin, end, '\n');
+        char* const begin = m_buffer.data() + m_taken;
+        char* end = begin + std::min(m_filled - m_taken, m_longest - line.size());
+        char* const lineFeed = std::find(begin, end, '\n');
         end = lineFeed == end ? end : lineFeed + 1;
-        line.append(begin, end);
-        m_taken += static_cast<std::size_t>(end - begin);
+        const auto length = static_cast<std::size_t>(end - begin);
+        line.append(begin, length);
+        explicit_bzero(begin, length);
+        m_taken += length;
     }
     return true;
 }

@@ -1,9 +1,11 @@
-/// The lines of standard input that is no terminal, and of command files.
+/// The lines of standard input that is no terminal, and of command files. Any may hold a password, so none stays
+/// behind.
 #pragma once
 
 #include <array>
 #include <cstddef>
-#include <string>
+
+#include "runtime/SecretBuffer.h"
 
 class LineReader {
   public:
@@ -19,7 +21,7 @@ class LineReader {
 
     /// The next line, with its line feed unless the input ends without one. Returns false at the end of the input and
     /// after an error; what was read of a line before the error is dropped. Throws std::bad_alloc.
-    bool next(std::string& line);
+    bool next(SecretText& line);
 
     /// The error number of what ended the input; 0 when it was its end.
     int error() const noexcept { return m_error; }

@@ -8,12 +8,21 @@
 #include "runtime/qel_msg.h"
 
 TarnAdminCmdTokens::~TarnAdminCmdTokens() {
-    std::free(m_buffer);
+    clear();
+}
+
+void TarnAdminCmdTokens::clear() {
+    m_count = 0;
+    if (m_buffer != nullptr) {
+        explicit_bzero(m_buffer, m_length);
+        std::free(m_buffer);
+        m_buffer = nullptr;
+    }
 }
 
 std::uint32_t TarnAdminCmdTokens::set(const char* text) {
-    std::free(m_buffer);
-    m_count = 0;
+    clear();
+    m_length = std::strlen(text);
     m_buffer = strdup(text);
     if (m_buffer == nullptr) {
         qel_fprintf(stderr, kStatusNoMemory);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 class TarnAdminCmdTokens {
@@ -23,7 +24,11 @@ class TarnAdminCmdTokens {
     const char* operator[](std::int32_t index) const;
 
   private:
+    /// Lets go of the words, which may hold a password.
+    void clear();
+
     std::int32_t m_count = 0;
     std::array<char*, kMaxTokens> m_tokens;
     char* m_buffer = nullptr;
+    std::size_t m_length = 0;  // of the text in it
 };

@@ -2,15 +2,18 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cwchar>
+#include <string_view>
 
 // The line editor's header uses FILE without declaring it.
 #include <editline/readline.h>
 
 #include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
 #include "runtime/QelTerminalSignals.h"
+#include "runtime/SecretBuffer.h"
 #include "runtime/qel_io.h"
 
 namespace {
@@ -96,6 +99,31 @@ TarnAdminPrompt::Line TarnAdminPrompt::read(const char* prompt) {
     }
 }
 
-void TarnAdminPrompt::remember(const char* line) {
+void TarnAdminPrompt::remember(const char* line, Kind kind) {
+    if (kind != Kind::kOther) {
+        maskPassword();
+    }
     add_history(line);
+    if (kind == Kind::kLoginWithPassword) {
+        m_withPassword = history_base + history_length - 1;
+        // The line editor's own buffers, of wide characters and of bytes, keep the line until a longer one is typed.
+        const SecretText mask(std::strlen(line), '*');
+        rl_replace_line(mask.c_str(), 1);
+        std::free(rl_copy_text(0, static_cast<int>(mask.size())));
+    }
+}
+
+void TarnAdminPrompt::maskPassword() {
+    const HIST_ENTRY* entry = m_withPassword == 0 ? nullptr : history_get(m_withPassword);
+    m_withPassword = 0;
+    if (entry == nullptr) {
+        return;
+    }
+    // The history's own text.
+    char* text = const_cast<char*>(entry->line);
+    constexpr char kBlanks[] = " \t";
+    const std::string_view line(text);
+    const std::size_t end = line.find_last_not_of(kBlanks) + 1;
+    const std::size_t begin = line.substr(0, end).find_last_of(kBlanks) + 1;
+    std::fill(text + begin, text + end, '*');
 }

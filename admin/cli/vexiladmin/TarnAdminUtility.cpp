@@ -11,11 +11,9 @@
 #include <memory>
 #include <new>
 #include <optional>
-#include <string>
 
 #include "admin/cli/vexiladmin/LineReader.h"
 #include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
-#include "admin/cli/vexiladmin/TarnAdminPrompt.h"
 #include "admin/cli/vexiladmin/TarnAdminTrace.h"
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 #include "admin/cli/vexiladmin/commands/TarnAdminListInstances.h"
@@ -24,6 +22,7 @@
 #include "admin/cli/vexiladmin/records/RecordText.h"
 #include "runtime/QelCmdLine.h"
 #include "runtime/QelFileDescriptor.h"
+#include "runtime/SecretBuffer.h"
 #include "runtime/qel_ascii.h"
 #include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
@@ -105,6 +104,12 @@ std::uint32_t orNoMemory(std::uint32_t status) {
         printStatus(status);
     }
     return status;
+}
+
+/// Overwrites what calls that have returned left on the stack, such as a request with a password.
+[[gnu::noinline]] void wipeDeadStack() {
+    char area[128 * 1024];
+    explicit_bzero(area, sizeof(area));
 }
 
 bool isEndWord(const char* line) {
@@ -216,6 +221,9 @@ std::uint32_t TarnAdminUtility::runArguments(int argc, char** argv, bool& ran) {
             status = processCmdFile(argv[++i]);
         } else if (m_commandOption.view() == argv[i] + 1) {
             status = processCmd(argv[++i]);
+            if (kindOf(argv[i]) == TarnAdminPrompt::Kind::kLoginWithPassword) {
+                explicit_bzero(argv[i], std::strlen(argv[i]));
+            }
         } else {
             continue;
         }
@@ -257,6 +265,7 @@ std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdmi
     } catch (const std::bad_alloc&) {
         status = kStatusNoMemory;
     }
+    wipeDeadStack();
     if (status != 0) {
         printStatus(status);
     }
@@ -264,6 +273,14 @@ std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdmi
         TarnAdminInterrupt::endProgram();
     }
     return status;
+}
+
+TarnAdminPrompt::Kind TarnAdminUtility::kindOf(const char* line) const {
+    TarnAdminCmdTokens words;
+    if (words.set(line) != 0 || m_loginCmd->matchCmd(words) > MatchAbbreviated) {
+        return TarnAdminPrompt::Kind::kOther;
+    }
+    return words.tokens() == 3 ? TarnAdminPrompt::Kind::kLoginWithPassword : TarnAdminPrompt::Kind::kLogin;
 }
 
 std::uint32_t TarnAdminUtility::processLine(char* line, bool& endsInput) {
@@ -303,7 +320,7 @@ bool TarnAdminUtility::processEditedLines() {
             break;
         }
         processLine(line.get(), exited);
-        prompt.remember(line.get());
+        prompt.remember(line.get(), kindOf(line.get()));
     }
     m_isAtPrompt = false;
     return exited;
@@ -312,7 +329,7 @@ bool TarnAdminUtility::processEditedLines() {
 bool TarnAdminUtility::processInputLines() {
     // A login reads its password from the line that follows.
     LineReader input(STDIN_FILENO, LineReader::kNoLimit, LineReader::Ahead::kNever);
-    std::string line;
+    SecretText line;
     bool exited = false;
     while (!exited && input.next(line)) {
         processLine(line.data(), exited);
@@ -336,7 +353,7 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
     struct stat info {};
     const bool isRegular = fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
     LineReader input(file.get(), kLongestFileLine, isRegular ? LineReader::Ahead::kAllowed : LineReader::Ahead::kNever);
-    std::string line;
+    SecretText line;
     while (input.next(line)) {
         bool exited = false;
         const std::uint32_t status = processLine(line.data(), exited);

@@ -5,6 +5,7 @@
 
 #include "admin/cli/common/TarnAdminConfig.h"
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
+#include "admin/cli/vexiladmin/TarnAdminPrompt.h"
 #include "runtime/QelString.h"
 
 class TarnAdminLogin;
@@ -31,6 +32,8 @@ class TarnAdminUtility : public TarnAdminConfig {
 
     /// Runs one command text. A failure's message is written before its status is returned.
     std::uint32_t processCmd(const char* text);
+    /// Whether a line logs in, and holds a password.
+    TarnAdminPrompt::Kind kindOf(const char* line) const;
     std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
     /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
     /// kStatusEndOfInput and set `endsInput`, which tells them from a command that failed with that status. Cuts the
