@@ -28,33 +28,23 @@ struct Command : TarnAdminCmd {
     }
 };
 
-bool isControl(char byte) {
-    return (static_cast<unsigned char>(byte) < 0x20 && byte != '\t') || byte == 0x7F;
-}
-
 std::string shown(std::string_view text) {
-    const QelString visible(text, QelString::kForDisplay);
-    std::string_view line = visible.view();
-    if (text.ends_with('\n')) {
-        REQUIRE(line.ends_with('\n'));
-        line.remove_suffix(1);
-    }
-    REQUIRE(std::none_of(line.begin(), line.end(), isControl));
-    return std::string(visible.view());
+    const std::string visible(QelString(text, QelString::kForDisplay).view());
+    REQUIRE(!text.ends_with('\n') || visible.ends_with('\n'));
+    REQUIRE(std::none_of(visible.begin(), visible.end() - (text.ends_with('\n') ? 1 : 0), [](char byte) {
+        return (static_cast<unsigned char>(byte) < 0x20 && byte != '\t') || byte == 0x7F;
+    }));
+    return visible;
 }
 
 void requireConversions(std::string_view text) {
-    const auto high = std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0x80) != 0; });
-
     g_codeset = "EUC-JP";
     shown(QelString(text, QelString::kFromLocale).view());
-
     g_codeset = "ISO-8859-1";
-    const QelString typed(text, QelString::kFromLocale);
-    REQUIRE(typed.length() == text.size() + high);
+    const auto high = std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0x80) != 0; });
+    REQUIRE(QelString(text, QelString::kFromLocale).length() == text.size() + high);
     const std::string latin = shown(text);
     REQUIRE(std::none_of(latin.begin(), latin.end(), [](char byte) { return (byte & 0xE0) == 0x80; }));
-
     g_codeset = "UTF-8";
     REQUIRE(QelString(text, QelString::kFromLocale).view() == text);
     const std::string visible = shown(text);
@@ -64,7 +54,6 @@ void requireConversions(std::string_view text) {
 
 void requireWords(const std::string& text) {
     static const Command commands[] = {Command("realm list"), Command("replica set list [-realm <realm>]"),
-                                       Command("replica set show <replica-set-name>"),
                                        Command("session list -realm <realm-name> <pattern> <max>"),
                                        Command("login <user> [password]")};
     TarnAdminCmdTokens words;
@@ -76,15 +65,12 @@ void requireWords(const std::string& text) {
         REQUIRE(*words[index] != '\0' && std::strpbrk(words[index], " \t\n") == nullptr);
         together += words[index];
     }
-    std::string bare = text.substr(0, text.find('\0'));
-    bare.erase(
-        std::remove_if(bare.begin(), bare.end(), [](char byte) { return std::strchr(" \t\n", byte) != nullptr; }),
-        bare.end());
+    std::string bare = text.c_str();
+    std::erase_if(bare, [](char byte) { return std::strchr(" \t\n", byte) != nullptr; });
     REQUIRE(words.tokens() == TarnAdminCmdTokens::kMaxTokens ? bare.starts_with(together) : bare == together);
     for (const Command& command : commands) {
         const MatchResult grade = command.matchCmd(words);
-        REQUIRE(grade >= MatchExact && grade <= MatchNone);
-        REQUIRE(grade == MatchNone || words.tokens() <= 7);
+        REQUIRE(grade >= MatchExact && (grade == MatchNone || (grade < MatchNone && words.tokens() <= 7)));
     }
 }
 
