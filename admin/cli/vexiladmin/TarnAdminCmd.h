@@ -24,8 +24,8 @@ enum MatchResult : std::int32_t {
 
 class TarnAdminCmd {
   public:
-    /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command has
-    /// no pattern.
+    /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command
+    /// has no pattern.
     explicit TarnAdminCmd(const char* format);
     TarnAdminCmd(const TarnAdminCmd&) = delete;
     TarnAdminCmd& operator=(const TarnAdminCmd&) = delete;
