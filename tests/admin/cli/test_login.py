@@ -19,37 +19,21 @@ class Login(Case):
     def run_utility(self, *arguments, **kwargs):
         """Gives the login identifiers names in order of their appearance: id1, id2, ..."""
         result = super().run_utility(*arguments, **kwargs)
-        seen = dict.fromkeys(re.findall(LOGIN_ID, "\n".join([result.out, *result.calls])))
-        for number, name in enumerate(seen, 1):
-            result = result._replace(
-                out=result.out.replace(name, f"id{number}"),
-                calls=[call.replace(name, f"id{number}") for call in result.calls],
-            )
-        return result
+        names = {}
+
+        def renamed(text):
+            return re.sub(LOGIN_ID, lambda found: names.setdefault(found[0], f"id{len(names) + 1}"), text)
+
+        return result._replace(out=renamed(result.out), calls=[renamed(call) for call in result.calls])
 
     def test_an_identity_stays_until_the_next_login_and_is_new_each_time(self):
+        show, bob = "realm show x", fetch("bob,~,id1,secret")
+        green = fetch("bob,~,id1,secret", "handle2") + fetch("bob,~,id2,50%s", "handle2") * 2
         self.check(
-            *commands(
-                "realm show x",
-                "login bob secret",
-                "set instance green",
-                "realm show x",
-                "l bob secret",
-                "realm show x",
-                "login eve 50%s",
-                "realm show x",
-            ),
+            *commands(show, "login bob secret", "set instance green", show, "l bob 50%s", show),
             whole=True,
-            out=UNKNOWN * 4,
-            calls=start()
-            + fetch("anonymous,~,~,~")
-            + fetch("bob,~,id1,secret")
-            + end()
-            + start("green", 2)
-            + fetch("bob,~,id1,secret", "handle2")
-            + fetch("bob,~,id2,secret", "handle2") * 2
-            + fetch("eve,~,id3,50%s", "handle2") * 2
-            + end(2),
+            out=UNKNOWN * 3,
+            calls=[*start(), *fetch("anonymous,~,~,~"), *bob, *end(), *start("green", 2), *green, *end(2)],
         )
 
     def test_a_refused_identity_stays_in_force(self):
@@ -66,15 +50,9 @@ class Login(Case):
         long = "x" * 1023
         self.check_table(
             [
-                ("secret", "secret"),
-                ("two words\t", "two words\t"),
-                ("", ""),
-                ("cr\r", "cr\r"),
-                (long, long),
+                *[(typed, typed) for typed in ("", "two words\t", "cr\r", "grün %s%n", "exit", long)],
                 (f"{long}y", long),
                 (long + "y" * 5000, long),
-                ("grün %s%n", "grün %s%n"),
-                ("exit", "exit"),
             ],
             lambda typed, sent: self.check(
                 stdin=f"login bob\n{typed}\nrealm show x\n",
@@ -82,35 +60,18 @@ class Login(Case):
                 calls=fetch(f"bob,~,id1,{sent}") * 2,
             ),
         )
-        two = "login bob\none\nrealm show x\nlogin eve\ntwo"
         both = {"out": PROMPT + UNKNOWN + PROMPT, "calls": fetch("bob,~,id1,one") * 2 + fetch("eve,~,id2,two")}
         (self.dir / "cmds").write_text("login bob\nrealm show x\nlogin eve\n")
         self.check("-file", "cmds", stdin="one\ntwo\n", **both)
-        self.check("-file", "/dev/stdin", stdin=two, **both)
-        (self.dir / "cmds").write_text(two)
-        with (self.dir / "cmds").open() as file:
-            done = subprocess.run([VEXILADMIN], stdin=file, stdout=subprocess.PIPE, env=self.environment(), text=True)
-        self.assertEqual((done.stdout, done.returncode), (both["out"] + "\n", 0))
+        self.check("-file", "/dev/stdin", stdin="login bob\none\nrealm show x\nlogin eve\ntwo", **both)
 
     def test_input_that_ends_at_the_prompt_is_no_password(self):
-        environment = self.environment()
         for redirection in ("</dev/null", "<&-", "< /"):
-            done = subprocess.run(
-                ["sh", "-c", f'"$0" -command "login bob" {redirection}', VEXILADMIN],
-                env=environment,
-                stdout=subprocess.PIPE,
-                stderr=subprocess.STDOUT,
-                text=True,
-            )
+            command = ["sh", "-c", f'"$0" -command "login bob" 2>&1 {redirection}', VEXILADMIN]
+            done = subprocess.run(command, env=self.environment(), stdout=subprocess.PIPE, text=True)
             self.assertEqual((done.stdout, done.returncode), (PROMPT + line(0x38C5209D), 0x9D), redirection)
 
     def test_the_trace_shows_the_identity_from_level_3_on(self):
-        seen = {"calls": fetch("bob,~,id1,%s")}
-        self.check("-command", "login bob %s", VEXILADMIN_DEBUG="2", **seen)
-        self.check(
-            "-command",
-            "login bob %s",
-            VEXILADMIN_DEBUG="3",
-            **seen,
-            out="Processing the command: login bob %s\nTarnAdminLogin (bob: %s) - id1\n",
-        )
+        shown = "Processing the command: login bob %s\nTarnAdminLogin (bob: %s) - id1\n"
+        for level, out in [("2", ""), ("3", shown)]:
+            self.check("-command", "login bob %s", VEXILADMIN_DEBUG=level, out=out, calls=fetch("bob,~,id1,%s"))

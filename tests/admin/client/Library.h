@@ -45,18 +45,12 @@ inline void release(std::int32_t kind, std::int32_t count, void* result) {
 
 inline constexpr olm_dsess_admin_sec_info_t kRoot{"root", nullptr, "login-1", "SECRET"};
 
-/// A query of sessions by user.
-struct UserQuery : olm_dsess_admin_session_query_t {
-    explicit UserQuery(const char* user)
-        : olm_dsess_admin_session_query_t{"east",
-                                          OLM_DSESS_ADMIN_USER_SELECTOR1,
-                                          OLM_DSESS_ADMIN_USER_SELECTOR2,
-                                          {1, values},
-                                          0,
-                                          0},
-          values{const_cast<char*>(user), nullptr} {}
-    char* values[2];
-};
+/// A query of all sessions, by user.
+inline olm_dsess_admin_session_query_t allSessions() {
+    static char any[] = "*";
+    static char* values[] = {any};
+    return {"east", OLM_DSESS_ADMIN_USER_SELECTOR1, OLM_DSESS_ADMIN_USER_SELECTOR2, {1, values}, 0, 0};
+}
 
 /// Settings of a connection, as the configuration would give them; empty texts are null pointers.
 struct TlsSettings {
@@ -71,12 +65,13 @@ class Library {
     explicit Library(std::vector<std::string> urls, std::int32_t timeout = 2, TlsSettings tls = {}) {
         std::vector<char*> pointers[2];
         const auto listOf = [](std::vector<std::string>& texts, std::vector<char*>& list) {
-            std::transform(texts.begin(), texts.end(), std::back_inserter(list),
-                           [](auto& text) { return text.data(); });
+            for (std::string& text : texts) {
+                list.push_back(text.data());
+            }
             return olm_dsess_admin_mv_string_t{static_cast<std::int32_t>(list.size()), list.data()};
         };
         const auto orNull = [](std::string& text) { return text.empty() ? nullptr : text.data(); };
-        const olm_dsess_admin_mv_string_t list = listOf(urls, pointers[0]);
+        const auto list = listOf(urls, pointers[0]);
         const olm_dsess_admin_ssl_info_t settings{listOf(tls.serverNames, pointers[1]), orNull(tls.keyFile),
                                                   orNull(tls.stash), orNull(tls.label), tls.fips ? 1 : 0};
         traced.clear();
@@ -123,7 +118,7 @@ inline std::string answerFile(const std::string& text) {
 class FaultServers {
   public:
     struct Counts {
-        long connections = -1, requests = -1, bytes = -1;
+        long connections = -1, requests = -1;
     };
 
     explicit FaultServers(const std::vector<std::string>& modes, const std::string& options = "") {
@@ -136,13 +131,11 @@ class FaultServers {
         m_input = popen(command.c_str(), "we");
         m_output.open(pipe);
         std::remove(pipe.c_str());
-        std::string word, port;
         for (const std::string& mode : modes) {
-            m_output >> word >> port >> word;
-            urls.push_back((mode.starts_with("tls") ? "https" : "http") + ("://127.0.0.1:" + port) +
-                           "/blue/services/DSessAdminProxy");
+            std::string word, port;
+            m_output >> word >> port;
+            urls.push_back((mode.starts_with("tls") ? "https://127.0.0.1:" : "http://127.0.0.1:") + port + "/");
         }
-        m_output >> word;  // "ready"
     }
     ~FaultServers() { pclose(m_input); }
     FaultServers(const FaultServers&) = delete;
@@ -153,9 +146,8 @@ class FaultServers {
         std::fputs("counts\n", m_input);
         std::fflush(m_input);
         std::vector<Counts> all(urls.size());
-        for (auto& [connections, requests, bytes] : all) {
-            std::string word;
-            m_output >> word >> connections >> requests >> bytes;
+        for (auto& [connections, requests] : all) {
+            m_output >> connections >> requests;
         }
         return all;
     }

@@ -59,7 +59,6 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         bool wantsClients = false;
     } cases[] = {
         {"node1", "alice.p12", {}, "", true},
-        {"node2", "alice-pem.pem", {}, "", true},
         {"node1", "anchors.pem", {}, kRefused + "a certificate is required, and the key file", true},
         {"node1", "deep.p12", {}, "", true},  // below two CAs that the server does not have
         {"under", "mid-ca.pem", {}, ""},      // trusted without the CA above it
@@ -86,8 +85,8 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
             EXPECT_EQ(library.change(), wanted);
             EXPECT_TRUE(wasTraced(cause)) << traced.back();
         }
-        for (const auto& [connections, requests, bytes] : servers.counts()) {
-            EXPECT_TRUE(cause.empty() || (connections == 2 && bytes == 0)) << connections << " " << bytes;
+        for (const auto& [connections, requests] : servers.counts()) {
+            EXPECT_TRUE(cause.empty() || (connections == 2 && requests == 0)) << connections << " " << requests;
         }
     }
 }
@@ -112,8 +111,8 @@ TEST_F(Tls, AnAlertThatNobodyVouchesForDecidesNothing) {
 }
 
 TEST_F(Tls, AFailedHandshakeSendsAChangeToTheNextLocationAndALostAnswerDoesNot) {
-    FaultServers servers({"tls1.1:good", "tls:silence", "tls:close=accept", "tls:reset=accept", "tls:reset=request",
-                          "tls:close=body", "tls:good"},
+    FaultServers servers({"tls1.1:good", "tls:stall=accept", "tls:close=accept", "tls:reset=accept",
+                          "tls:reset=request", "tls:close=body", "tls:good"},
                          as("node1"));
     for (std::size_t index = 0; index < 6; ++index) {
         const bool lost = index >= 4;
@@ -137,7 +136,7 @@ TEST_F(Tls, WhatAReplacedConnectionFailsOfIsTold) {
         {"tls1.1:good", "no TLS connection: ", kStatusTlsFailure},
         {"tls:close=accept", "the server ended the connection in the handshake", kStatusTlsFailure},
         {"tls@" + at("node2.pem") + ":good", "node2: this name is not on the list", kStatusTlsFailure},
-        {"silence", "no TLS handshake in time", kStatusTimedOut}};
+        {"stall=accept", "no TLS handshake in time", kStatusTimedOut}};
     for (const auto& [next, cause, status] : cases) {
         SCOPED_TRACE(next);
         FaultServers servers({"tls:one-answer," + next}, as("node1"));
@@ -149,17 +148,16 @@ TEST_F(Tls, WhatAReplacedConnectionFailsOfIsTold) {
     }
 }
 
-/// A PKCS#12 file of several identities, which the openssl command cannot write.
-void writeIdentities(const std::string& path, const std::vector<std::pair<std::string, std::string>>& filesAndLabels,
+/// A PKCS#12 file of two identities, which the openssl command cannot write.
+void writeIdentities(const std::string& folder, const char* name, const char* label1, const char* label2,
                      long iterations = 2048) {
     const char word[] = "stash word";
     STACK_OF(PKCS12_SAFEBAG)* bags = nullptr;
-    for (const auto& [name, label] : filesAndLabels) {
-        const BioPtr in(BIO_new_file((name + ".pem").c_str(), "r"));
+    for (const auto& [pem, label] : {std::pair("/node1.pem", label1), {"/stranger.pem", label2}}) {
+        const BioPtr in(BIO_new_file((folder + pem).c_str(), "r"));
         const CertificatePtr certificate(PEM_read_bio_X509(in.get(), nullptr, nullptr, nullptr));
         const PrivateKeyPtr key(PEM_read_bio_PrivateKey(in.get(), nullptr, nullptr, nullptr));
-        const auto* labelBytes = reinterpret_cast<const unsigned char*>(label.c_str());
-        X509_alias_set1(certificate.get(), labelBytes, static_cast<int>(label.size()));
+        X509_alias_set1(certificate.get(), reinterpret_cast<const unsigned char*>(label), -1);
         PKCS12_add_cert(&bags, certificate.get());
         PKCS12_add_key(&bags, key.get(), 0, 2048, NID_aes_256_cbc, word);
     }
@@ -170,76 +168,50 @@ void writeIdentities(const std::string& path, const std::vector<std::pair<std::s
     const ASN1_INTEGER* given = nullptr;
     PKCS12_get0_mac(nullptr, nullptr, nullptr, &given, file.get());
     ASN1_INTEGER_set(const_cast<ASN1_INTEGER*>(given), iterations);
-    i2d_PKCS12_bio(BioPtr(BIO_new_file(path.c_str(), "w")).get(), file.get());
+    i2d_PKCS12_bio(BioPtr(BIO_new_file((folder + "/" + name).c_str(), "w")).get(), file.get());
     sk_PKCS7_pop_free(safes, PKCS7_free);
     sk_PKCS12_SAFEBAG_pop_free(bags, PKCS12_SAFEBAG_free);
 }
 
-TEST_F(Tls, TheLabelChoosesTheIdentity) {
-    const std::string japanese = "\u65E5\u672C\u8A9E";
-    writeIdentities(at("two.p12"), {{at("node1"), japanese}, {at("stranger"), "b"}});
-    writeIdentities(at("twins.p12"), {{at("node1"), "a"}, {at("node2"), "a"}, {at("stranger"), "b"}});
-    const std::tuple<std::string, std::string, std::string> cases[] = {
-        {"two.p12", "", "no label (ssl-keyfile-label) chooses one of them: " + japanese + ", b"},
-        {"two.p12", "c", "holds no identity labelled c; labels in it: " + japanese + ", b"},
-        {"two.p12", japanese, ""},
-        {"twins.p12", "a", "holds several identities labelled a"},
-        {"twins.p12", "b", ""},
-        {"alice.p12", "ALICE", "holds no identity labelled ALICE; labels in it: alice"},
-        {"alice-pem.pem", "bob", "holds no identity labelled bob; labels in it: alice"},
-        {"anchors.pem", "alice", "holds no identity labelled alice; labels in it: none"},
-    };
-    for (const auto& [keyFile, label, reason] : cases) {
-        Library library({}, 2, with(keyFile, label));
-        EXPECT_EQ(library.initialized, reason.empty() ? 0 : kStatusKeyFile) << keyFile << label;
-        EXPECT_TRUE(reason.empty() || (wasTraced("0 the key file " + at(keyFile)) && wasTraced(reason))) << reason;
-    }
-    // A certificate that ends soon is mentioned once a run.
-    for (const bool first : {true, false}) {
-        Library library({}, 2, with("soon.p12"));
-        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=soon of the key file " + at("soon.p12")), first);
-    }
-}
-
 TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     shell(
-        R"(printf 'stash word\r\nsecond line\n' >crlf; printf 'stash word' >no-line-end; echo other word >wrong; >empty
-        cp stash theirs; cp stash group; chmod 640 group; cp stash world; chmod 604 world
-        chown 65534 theirs || rm theirs; ln -s stash link; ln -s alice.p12 link.p12; mkfifo fifo
-        cat alice.crt alice.key >alice; cat alice ca.pem >plain.pem; cat plain.pem alice >twice.pem
+        R"(printf 'stash word\r\nsecond line\n' >crlf; echo other word >wrong; >empty; mkfifo fifo; ln -s stash link
+        cp stash group; chmod 640 group; cp stash world; chmod 604 world; cp stash theirs; chown 65534 theirs || rm theirs
+        cat alice.crt alice.key >alice; cat alice ca.pem >open.pem; cat open.pem alice >twice.pem; chmod 604 open.pem
         head -c 2000000 /dev/zero >big.pem; cat alice node1.key >two-keys.pem; cat alice.key ca.pem >no-certificate.pem
-        cp plain.pem open.pem; chmod 604 open.pem; cp ca.pem written.pem; chmod 662 written.pem
-        cat alice.p12 ca.pem >tail.p12; cat alice stranger.crt >other.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
-        openssl x509 -in ca.pem -trustout | cat alice - >trusted.pem
-        openssl crl2pkcs7 -nocrl -certfile ca.pem | cat alice - >p7.pem
+        cp ca.pem written.pem; chmod 662 written.pem; cat alice stranger.crt >other.pem; cat alice.p12 ca.pem >tail.p12
+        openssl x509 -in ca.pem -trustout >trusted.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
         sed 1s/-// ca.pem | cat alice - >dash.pem; sed '1d;$d' ca.pem | cat alice - >bare.pem
         sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem
         (openssl x509 -text -in ca.pem; openssl ecparam -name P-256
          openssl pkcs12 -nodes -in alice.p12 -passin file:stash) | sed 's/$/\r/' >text.pem
         openssl req -x509 -newkey rsa:1024 -days 99 -nodes -subj /CN=weak -keyout - 2>&1 >weak.pem
         cp alice.p12 damaged.p12; printf BAD | dd of=damaged.p12 bs=1 seek=300 conv=notrunc 2>shell.log)");
-    writeIdentities(at("endless.p12"), {{at("node1"), "a"}}, 0x7FFFFFFF);
+    const std::string japanese = "\u65E5\u672C\u8A9E";
+    writeIdentities(folder, "two.p12", japanese.c_str(), "b");
+    writeIdentities(folder, "twins.p12", "a", "a");
+    writeIdentities(folder, "endless.p12", "a", "b", 0x7FFFFFFF);
     struct Case {
-        std::string keyFile, stash, reason;  // empty: usable
+        std::string keyFile, stash, reason, label;  // no reason: usable
     };
     const std::string wrong = "the stash file's password is not its password";
     const std::string others = "cannot be used: others than its owner have permissions on it";
     const std::string notUnderstood = "holds something that is not understood";
     std::vector<Case> cases = {
         {"alice.p12", "crlf", ""},
-        {"alice.p12", "no-line-end", ""},
-        {"link.p12", "stash", ""},
         {"twice.pem", "", ""},
         {"text.pem", "", ""},
+        {"two.p12", "stash", "", japanese},
+        {"two.p12", "stash", "no label (ssl-keyfile-label) chooses one of them: " + japanese + ", b"},
+        {"two.p12", "stash", "holds no identity labelled c; labels in it: " + japanese + ", b", "c"},
+        {"twins.p12", "stash", "holds several identities labelled a", "a"},
         {"alice.p12", "wrong", "cannot be decrypted: " + wrong},
-        {"alice.p12", "", "cannot be decrypted: " + wrong},
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "group", others},
         {"alice.p12", "world", others},
         {"open.pem", "", others + ", and its private key is not encrypted"},
         {"written.pem", "", others + ", and could put in whom to trust"},
-        {"trusted.pem", "", notUnderstood + ": TRUSTED CERTIFICATE (line 1"},
-        {"p7.pem", "", notUnderstood + ": PKCS7 (line 1"},
+        {"trusted.pem", "", notUnderstood + ": TRUSTED CERTIFICATE (line 1)"},
         {"dash.pem", "", notUnderstood + " (line 1"},
         {"bare.pem", "", notUnderstood + " (line 1"},
         {"other.pem", "", "holds neither a CA certificate nor the private key of /C=DE/O=Example/CN=stranger"},
@@ -250,7 +222,6 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"endless.p12", "stash", "asks for more than 10,000,000 iterations"},
         {"alice.p12", "link", "cannot be opened: it is a symbolic link"},
         {"alice.p12", "fifo", "cannot be used: it is not a regular file"},
-        {"nowhere.p12", "stash", "cannot be opened: No such file or directory"},
         {"empty", "stash", "is neither PKCS#12 nor PEM"},
         {"bad.pem", "", "holds a certificate that cannot be read (line 1)"},
         {"big.pem", "stash", "it is longer than 1 MiB"},
@@ -261,13 +232,18 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     if (std::filesystem::exists(at("theirs"))) {  // only root gives files away
         cases.push_back({"alice.p12", "theirs", "cannot be used: it belongs to another user"});
     }
-    for (const auto& [keyFile, stash, reason] : cases) {
-        SCOPED_TRACE(testing::Message() << keyFile << " " << stash);
-        Library library({}, 2, {at(keyFile), stash.empty() ? "" : at(stash), "", {}});
+    for (const auto& [keyFile, stash, reason, label] : cases) {
+        SCOPED_TRACE(keyFile + " " + stash + " " + label);
+        Library library({}, 2, {at(keyFile), stash.empty() ? "" : at(stash), label, {}});
         EXPECT_EQ(library.initialized, reason.empty() ? 0 : kStatusKeyFile);
         EXPECT_EQ(traced.size(), reason.empty() ? 0U : 1U);
         EXPECT_TRUE(reason.empty() || (wasTraced("0 the ") && wasTraced(reason))) << traced[0];
         EXPECT_FALSE(wasTraced("stash word"));
+    }
+    // A certificate that ends soon is mentioned once a run.
+    for (const bool first : {true, false}) {
+        Library library({}, 2, with("soon.p12"));
+        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=soon of the key file " + at("soon.p12")), first);
     }
 }
 
@@ -283,7 +259,7 @@ TEST_F(Tls, FipsModeUsesItsProviderWhereThereIsOne) {
     EXPECT_EQ(DigestPtr(EVP_MD_fetch(nullptr, "MD5", nullptr)), nullptr);
 }
 
-TEST_F(Tls, FipsModeWithoutARealProviderRefusesBeforeAnythingIsSent) {
+TEST_F(Tls, FipsModeWithoutARealProviderRefusesAndLeavesNothingBehind) {
     FaultServers servers({"tls:good"}, as("node1"));
     TlsSettings tls = with("anchors.pem");
     tls.fips = true;
@@ -297,15 +273,14 @@ TEST_F(Tls, FipsModeWithoutARealProviderRefusesBeforeAnythingIsSent) {
     }
     EXPECT_EQ(servers.counts()[0].connections, 0);
     Library library(servers.urls, 2, with("anchors.pem"));
-    EXPECT_EQ(library.read(), 0U);  // what was tried leaves nothing behind
+    EXPECT_EQ(library.read(), 0U);
 }
 
 TEST(DistinguishedName, IsReadComponentByComponent) {
     EXPECT_EQ(parseDistinguishedName("/C=DE/CN=a"), parseDistinguishedName("/countryName=DE/2.5.4.3=a"));
     EXPECT_EQ(parseDistinguishedName(R"(/O=a\/b\\c=\2c\+)")->at(0).at(0).value, "a/b\\c=,+");
     EXPECT_EQ(parseDistinguishedName("/O=a+CN=b"), parseDistinguishedName("/CN=b+O=a"));
-    for (const char* bad : {"", "/", "CN=a", "/CN", "/CN=", "/CN=a/", "/CN=a//O=b", "/=a", "/nothing=a", R"(/CN=a\)",
-                            "/O=a+b", "+O=a", " /CN=a", "/CN=a "}) {
+    for (const char* bad : {"", "/", "CN=a", "/CN", "/CN=", "/CN=a/", "/nothing=a", R"(/CN=a\)", "+O=a", "/CN=a "}) {
         Library library({}, 2, {"", "", "", {"/CN=a", bad}});
         EXPECT_EQ(library.initialized, kStatusKeyFile) << bad;
         EXPECT_TRUE(wasTraced("0 the server name (server-dns) "));

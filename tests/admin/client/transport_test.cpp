@@ -74,30 +74,26 @@ TEST(Transport, BadAnswersAreRefusedAtOnceAndChangesNotRepeated) {
         {{"status=503"}, kStatusNoLocation, kUnknown, "HTTP status 503"},
         {{"status=403"}, kStatusRequestRefused, kStatusRequestRefused, "0 the server says: HTTP status 403\n"},
         {{"status=404"}, kStatusInstanceNotServed, kStatusInstanceNotServed, "HTTP status 404"},
-        {{"status=204"}, kNotUnderstood, kUnknown, "HTTP status 204"},
-        {{"redirect"}, kNotUnderstood, kUnknown, "HTTP status 307"},
-        {{"garbage", "http09"}, kNotUnderstood, kUnknown, "it is not HTTP/1.1"},
-        {{"big-head", "long-line", "endless=head", "endless=interim"},
-         kNotUnderstood,
-         kUnknown,
-         "its head is too long"},
+        {{"status=307"}, kNotUnderstood, kUnknown, "HTTP status 307"},
+        {{"http09"}, kNotUnderstood, kUnknown, "it is not HTTP/1.1"},
+        {{"long-line", "endless=head", "endless=interim"}, kNotUnderstood, kUnknown, "its head is too long"},
         {{"folded-head"}, kNotUnderstood, kUnknown, "answer not understood"},
         {{"compressed", "transfer-gzip"}, kNotUnderstood, kUnknown, "it is compressed"},
         {{"wrong-type", "no-type"}, kNotUnderstood, kUnknown, "its type is not application/json"},
-        {{"endless=length", "endless=close", "endless=chunked"}, kNotUnderstood, kUnknown, "it is too long"}};
+        {{"endless=length", "endless=close"}, kNotUnderstood, kUnknown, "it is too long"}};
     expectPeers(rows, 20, 0, 10);
 }
 
 TEST(Transport, SlowServersAreLeftAtTheDeadlineAndChangesNotRepeated) {
     const std::vector<Peers> rows{
         {{"blackhole"}, kStatusTimedOut, 0, "no connection in time"},
-        {{"silence", "no-answer", "stall=head", "drip=head"}, kStatusTimedOut, kUnknown, "no answer in time"},
+        {{"stall=accept", "stall=request", "drip=head"}, kStatusTimedOut, kUnknown, "no answer in time"},
         {{"stall=body", "drip=body"}, kStatusTimedOut, kUnknown, "the rest of the answer did not come in time"}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
 }
 
 TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
-    FaultServers servers({"refuse", "garbage", "wrong-type", "blackhole", "drip=body"});
+    FaultServers servers({"refuse", "http09", "wrong-type", "blackhole", "drip=body"});
     for (const auto& [first, status] : {std::pair(0, kStatusNoLocation), {1, kNotUnderstood}, {3, kStatusTimedOut}}) {
         Library library({servers.urls[first], servers.urls[first + 1]}, 1);
         EXPECT_EQ(library.read(), status) << first;
@@ -159,8 +155,8 @@ int occurrencesInMemory(const std::string& moved) {
         unsigned long start = 0;
         unsigned long end = 0;
         const bool isAnonymous = line.ends_with("[heap]") || line.find(" 00:00 0") != std::string::npos;
-        if (std::sscanf(line.c_str(), "%lx-%lx", &start, &end) != 2 || line.find(" rw") == std::string::npos ||
-            !isAnonymous || line.ends_with("[stack]")) {
+        std::sscanf(line.c_str(), "%lx-%lx", &start, &end);
+        if (line.find(" rw") == std::string::npos || !isAnonymous || line.ends_with("[stack]")) {
             continue;
         }
         std::string bytes(end - start, '\0');
@@ -169,10 +165,9 @@ int occurrencesInMemory(const std::string& moved) {
         const auto isLetter = [](char byte, char letter) { return byte == letter - 1; };
         auto at = bytes.begin();
         while ((at = std::search(at, bytes.end(), moved.begin(), moved.end(), isLetter)) != bytes.end()) {
+            *at++ = '\0';
             ++found;
-            ++at;
         }
-        std::fill(bytes.begin(), bytes.end(), '\0');
     }
     return found;
 }
@@ -195,27 +190,27 @@ TEST(Transport, NoCopyOfAPasswordStaysBehindInMemory) {
 
 TEST(Transport, AListingNeedsNoMoreMemoryThanItsBytesAndItsRecords) {
     constexpr int kCount = 300000;
-    const std::string record = R"({"id":"0123456789abcdef0123456789abcdef","user":"user-with-a-name","time":1})";
-    const std::string path = answerFile(R"({"jsonrpc":"2.0","id":@ID@,"result":{"total":300000,"count":300000,)");
+    const std::string record = R"({"id":"0123456789abcdef0123456789abcdef","user":"user-with-a-name","time":1},)";
+    const std::string path = answerFile(R"({"jsonrpc":"2.0","id":@ID@,"result":{"total":300001,"count":300000,)");
     std::ofstream file(path, std::ios::app);
-    for (int index = 0; index < kCount; ++index) {
-        file << (index == 0 ? "\"sessions\":[" : ",") << record;
+    file << R"("sessions":[)";
+    for (int index = 1; index < kCount; ++index) {
+        file << record;
     }
-    file << "]}}";
-    file.close();
-    const auto wanted = kCount * (record.size() + 1 + sizeof(olm_dsess_admin_session_t)) + 4'000'000;
+    file << record.substr(0, record.size() - 1) << "]}}" << std::flush;
+    const auto wanted = kCount * (record.size() + sizeof(olm_dsess_admin_session_t)) + 4'000'000;
     FaultServers servers({"answer=" + path});
     Library library(servers.urls, 20);
     rusage before{};
     rusage after{};
     getrusage(RUSAGE_SELF, &before);
-    const UserQuery query("*");
+    const auto query = allSessions();
     std::int32_t total = 0;
     std::int32_t count = 0;
     olm_dsess_admin_session_t* sessions = nullptr;
     ASSERT_EQ(olm_dsess_admin_list_sessions(library.handle, &kRoot, &query, -1, &total, &count, &sessions), 0U);
     getrusage(RUSAGE_SELF, &after);
-    EXPECT_EQ(count, kCount);
+    EXPECT_EQ(std::pair(count, total), std::pair(kCount, kCount + 1));
     EXPECT_STREQ(sessions[kCount - 1].first_text, "user-with-a-name");
     EXPECT_LE(static_cast<std::size_t>(after.ru_maxrss - before.ru_maxrss) * 1024, wanted);
     release(OLM_DSESS_ADMIN_FREE_SESSIONS, count, &sessions);
