@@ -192,7 +192,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     writeIdentities(folder, "twins.p12", "a", "a");
     writeIdentities(folder, "endless.p12", "a", "b", 0x7FFFFFFF);
     struct Case {
-        std::string keyFile, stash, reason, label;  // no reason: usable
+        std::string keyFile, stash, reason, label = {};  // no reason: usable
     };
     const std::string wrong = "the stash file's password is not its password";
     const std::string others = "cannot be used: others than its owner have permissions on it";
