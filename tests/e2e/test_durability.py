@@ -6,7 +6,7 @@ import subprocess
 import time
 
 from dsessd import DEADLINE, Dsessd
-from endtoend import *
+from endtoend import ADMINISTRATORS, NO_LOCATION, OUTCOME_UNKNOWN, ROOT_LOGIN, configuration
 from vexil import VEXILADMIN, Case, commands, line
 
 SESSIONS = {f"{turn}-{worker}-{step:04}" for turn in range(4) for worker in range(3) for step in range(1000)}

@@ -1,6 +1,6 @@
 """Several locations, some of them dead: what reads goes on, and whatever changes something is sent to one and once."""
 
-from endtoend import *
+from endtoend import OUTCOME_UNKNOWN, configuration, key_report
 from fault_server import FaultServer
 from vexil import Case, commands, line
 

@@ -6,7 +6,7 @@ import pathlib
 import signal
 import subprocess
 
-from endtoend import *
+from endtoend import NOT_PERMITTED, NO_MATCHING_SESSION, ROOT_LOGIN, listing, sent_as
 from terminal import PROMPT
 from vexil import ROOT, Case, commands, line
 

@@ -3,7 +3,17 @@
 import re
 
 from dsessd import Dsessd
-from endtoend import *
+from endtoend import (
+    ADMINISTRATORS,
+    IDENTITY_REFUSED,
+    NOT_PERMITTED,
+    NO_LOCATION,
+    NO_MATCHING_SESSION,
+    configuration,
+    key_report,
+    listing,
+    sent_as,
+)
 from vexil import Case, line, msg
 
 PASSWORD = msg(0x38C52145)

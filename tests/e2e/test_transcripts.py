@@ -4,7 +4,20 @@ import re
 import time
 
 from dsessd import Dsessd
-from endtoend import *
+from endtoend import (
+    ADMINISTRATORS,
+    IDENTITY_REFUSED,
+    NOT_PERMITTED,
+    NO_MATCHING_SESSION,
+    REQUEST_REFUSED,
+    UNKNOWN_REALM,
+    UNKNOWN_REPLICA_SET,
+    configuration,
+    key_report,
+    listing,
+    sent_as,
+    when,
+)
 from vexil import Case, commands, line, msg
 
 T, FRESH = 1700000000, 2000000000
