@@ -1,21 +1,10 @@
 /// Fixtures of the tests of the runtime and of what stands on it.
 #pragma once
 
-#include <climits>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
-
-/// While one lives, operator new fails, from its `granted`-th call on.
-struct FailingNew {
-    explicit FailingNew(int granted = 0) { left = granted; }
-    FailingNew(const FailingNew&) = delete;
-    FailingNew& operator=(const FailingNew&) = delete;
-    ~FailingNew() { left = INT_MAX; }
-
-    static inline int left = INT_MAX;
-};
 
 /// A new folder, removed with all it holds.
 class TempFolder {

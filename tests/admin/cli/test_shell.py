@@ -4,7 +4,6 @@ import errno
 import os
 import re
 import subprocess
-import time
 
 from vexil import ANON, MESSAGES, VEXILADMIN, Case, commands, end, line, msg, refused, shown_status, start
 
@@ -60,7 +59,6 @@ class Shell(Case):
                 for arguments in ("", "-command", "-file", "-", "realm list", "-interactive Y", "-interactive yonder")
             ),
             *((["-interactive", *value], {"stdin": "realm list", **maybe}) for value in (["maybe"], [""], [])),
-            (["-interactive", "nothing"], {"stdin": "realm list"}),
             (["-interactive", "N", *realms], {"stdin": "key show", **shown}),
             (realms, {"stdin": "key show", **shown}),
             ([*realms, "-interactive", "yes"], {"stdin": "key show", "out": f"east\n{KEY}\n", "calls": FETCH * 2}),
@@ -70,6 +68,7 @@ class Shell(Case):
                 {"out": f"east\n{KEY}{LEVEL}{KEY}", "calls": FETCH * 2 + GET + FETCH},
             ),
             (["-file", "bad", "-file", "good"], {"err": refused("max"), "status": 0x38C52146}),
+            (["-interactive", "N", "-interactive", "Y"], {"stdin": "realm list"}),
             (
                 [*realms, "-file", "nowhere", "-file", "good"],
                 {"out": f"east\n{no_file}", "merge": True, "status": 0x38C520A8, "calls": FETCH},
@@ -99,7 +98,6 @@ class Shell(Case):
             # A longer line than 4095 bytes is taken in pieces.
             ("realm list".ljust(4095) + "key show\n", twice),
             ("realm list".ljust(4094) + "\nkey show\n", twice),
-            ("realm list".ljust(4095) + "\nkey show\n", twice),
             ("#".ljust(4095) + "key show\n", once),
         ]
         self.check_rows(*((["-file", "/dev/stdin"], {**seen, "stdin": text}) for text, seen in rows))
@@ -144,24 +142,18 @@ class Shell(Case):
             ("rea l", FETCH, "east\n"),
             ("rep s l -r east", FETCH, "    r1\n"),
             ("replica set list - east", FETCH, "    r1\n"),
-            ("t g", GET, LEVEL),
             ("rep set show x", [f"get_replica_set_info {ANON} x"], line(0x38C52135)),
         ]
         nearest = [
             ("foo", PATTERNS),
             ("REALM LIST", PATTERNS),
-            ("realms", PATTERNS),
             ("trace get now", PATTERNS[4:5]),
             ("s t", PATTERNS[:1] + PATTERNS[5:10]),
-            ("session list -realm e *", PATTERNS[5:10]),
             ("re", PATTERNS[12:]),
             ("trace set", PATTERNS[3:5]),
-            ("login", PATTERNS[1:2]),
             ("login a b c", PATTERNS),
             ("replica set list -realm", PATTERNS[14:]),
-            ("realm list\r", PATTERNS[12:14]),
             ("replica set list -zone east", PATTERNS),
-            ('"realm list"', PATTERNS),
             ("%s%n", PATTERNS),
         ]
         self.check_rows(
@@ -217,20 +209,6 @@ class Shell(Case):
             out="east\n" * 30000,
             calls=[FETCH[0], "free kind=2 count=30000 own", FETCH[2]],
         )
-        (typed, stdin), (shown, stdout) = os.pipe(), os.pipe()
-        for descriptor in (typed, stdout):
-            os.set_blocking(descriptor, False)
-        env = self.environment(script="get_cluster_info " + "realm=east " * 30000)
-        with subprocess.Popen([VEXILADMIN], env=env, stdin=typed, stdout=stdout) as process:
-            os.close(typed)
-            os.close(stdout)
-            time.sleep(0.2)  # until it waits for input, and then for room
-            os.write(stdin, b"realm list\nexit\n")
-            time.sleep(0.2)
-            with os.fdopen(shown) as shown:
-                self.assertEqual(shown.read(), "east\n" * 30000)
-        os.close(stdin)
-        self.assertEqual(process.returncode, 0)
 
     def test_lost_output_is_a_failure_and_a_reader_that_left_is_none(self):
         reader, left = os.pipe()
