@@ -35,7 +35,9 @@ class SecretText : public std::basic_string<char, std::char_traits<char>, Wiping
     using Base::Base;
     SecretText() = default;
     SecretText(const SecretText&) = default;
-    SecretText(SecretText&& other) noexcept : Base(std::move(other)) { other.wipe(); }
+    SecretText(SecretText&& other) noexcept : Base(std::move(other)) {
+        other.wipe();  // NOLINT(bugprone-use-after-move): a short text has been copied and is still there
+    }
     SecretText& operator=(const SecretText& other) {
         SecretText copy(other);
         return *this = std::move(copy);
@@ -43,7 +45,7 @@ class SecretText : public std::basic_string<char, std::char_traits<char>, Wiping
     SecretText& operator=(SecretText&& other) noexcept {
         wipe();
         Base::operator=(std::move(other));
-        other.wipe();
+        other.wipe();  // NOLINT(bugprone-use-after-move)
         return *this;
     }
     ~SecretText() { wipe(); }
