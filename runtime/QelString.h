@@ -67,6 +67,7 @@ class QelString {
     int compare(const QelString& other) const noexcept;
 
   private:
-    std::string_view m_literal = "";   // the content, unless
-    std::optional<SecretText> m_made;  // there is one of its own
+    // The content, unless there is one of its own. NOLINTNEXTLINE(readability-redundant-string-init): never null
+    std::string_view m_literal = "";
+    std::optional<SecretText> m_made;
 };

@@ -8,7 +8,7 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 
-// Null when the client library lacks it.
+// Null when the client library lacks it. NOLINTNEXTLINE(readability-redundant-declaration): the header's is not weak
 extern "C" __attribute__((weak)) void olm_dsess_admin_interrupt(std::int32_t on);
 
 namespace {
