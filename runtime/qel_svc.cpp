@@ -64,7 +64,7 @@ bool isSyslogThere() {
     return false;
 }
 
-/// Appends to the user's own file (XDG Base Directory Specification, state files). Makes the folders that are missing.
+/// Appends to the user's own file, where XDG has state files. Makes the folders that are missing.
 bool appendToUserFile(std::string_view line) {
     std::string folder;
     std::size_t present = 0;  // of `folder`: what must be there
