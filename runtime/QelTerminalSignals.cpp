@@ -77,10 +77,6 @@ QelTerminalSignals::~QelTerminalSignals() {
 }
 
 QelTerminalSignals::Event QelTerminalSignals::wait() {
-    termios own = m_settings;
-    if (m_isTerminal && !isPending(SIGCONT)) {
-        tcgetattr(STDIN_FILENO, &own);
-    }
     for (;;) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
         const int ready = ppoll(&input, 1, nullptr, &m_mask);
@@ -94,7 +90,7 @@ QelTerminalSignals::Event QelTerminalSignals::wait() {
             return Event::kInterrupt;
         }
         if (takeCame(SIGCONT) && m_isTerminal) {
-            resume(own);
+            resume();
             return Event::kResume;
         }
         if (takeCame(SIGWINCH)) {
@@ -134,9 +130,8 @@ void QelTerminalSignals::stop() {
     readSettings();
 }
 
-void QelTerminalSignals::resume(const termios& own) {
+void QelTerminalSignals::resume() {
     awaitForeground();
-    tcsetattr(STDIN_FILENO, TCSANOW, &own);
     letPendingIn();
     takeCame(SIGCONT);
     show("\r");

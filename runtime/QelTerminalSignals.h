@@ -18,7 +18,8 @@ class QelTerminalSignals {
     enum class Event {
         kInput,      ///< read(2) has something to give: bytes, the end of the input, or a failure
         kInterrupt,  ///< SIGINT came, as by Ctrl-C
-        kResume,     ///< the program has the terminal again: what was shown must be shown anew, on the line it is on
+        kResume,     ///< the program has the terminal again, with settings of whoever had it meanwhile: what it had
+                     ///< changed must be changed anew, and what was shown be shown anew, on the line it is on
         kResize,     ///< the terminal has another size
     };
 
@@ -51,7 +52,7 @@ class QelTerminalSignals {
     void readSettings();
     void giveBack() const;
     void stop();
-    void resume(const termios& own);
+    void resume();
 
     termios m_settings{};
     bool m_isTerminal;

@@ -16,9 +16,7 @@ class Reader {
     explicit Reader(const std::function<void()>& showPrompt) : m_showPrompt(showPrompt) {
         if (m_signals.isTerminal()) {
             ioctl(STDIN_FILENO, FIONREAD, &m_typedAhead);
-            termios silent = m_signals.settings();
-            silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
-            tcsetattr(STDIN_FILENO, TCSANOW, &silent);
+            hide();
         }
     }
 
@@ -39,12 +37,19 @@ class Reader {
     }
 
   private:
+    void hide() const {
+        termios silent = m_signals.settings();
+        silent.c_lflag &= ~static_cast<tcflag_t>(ECHO | ECHONL);
+        tcsetattr(STDIN_FILENO, TCSANOW, &silent);
+    }
+
     QelHidden readByte(char& byte) {
         for (;;) {
             switch (m_signals.wait()) {
                 case QelTerminalSignals::Event::kInterrupt:
                     return QelHidden::kInterrupted;
                 case QelTerminalSignals::Event::kResume:
+                    hide();
                     m_showPrompt();
                     break;
                 case QelTerminalSignals::Event::kResize:

@@ -35,6 +35,8 @@ int readByte(Reading& reading) {
                 reading.interrupted = true;
                 return EOF;
             case QelTerminalSignals::Event::kResume:
+                rl_deprep_terminal();  // or the line editor takes the terminal to be as it left it
+                rl_prep_terminal(1);
                 rl_forced_update_display();
                 break;
             case QelTerminalSignals::Event::kResize:
