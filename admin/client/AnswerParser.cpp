@@ -11,6 +11,8 @@
 #include "runtime/QelJsonAllocator.h"
 #include "runtime/qel_utf8.h"
 
+namespace olmdsess {
+
 namespace {
 
 namespace field = protocol::field;
@@ -392,3 +394,5 @@ std::string parseAnswer(AnswerShape shape, std::int32_t requestId, Answer& answe
     linkReplicaSetNames(answer);
     return {};
 }
+
+}  // namespace olmdsess

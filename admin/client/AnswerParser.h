@@ -8,6 +8,8 @@
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/ResultBlock.h"
 
+namespace olmdsess {
+
 /// Shapes of a result.
 enum class AnswerShape { kCluster, kReplicaSet, kKey, kSessions, kCount, kLevel };
 
@@ -30,3 +32,5 @@ struct Answer {
 /// Parses `answer.text`, which ends in a NUL of its own, in place and fills the rest. Returns an empty text, or what is
 /// wrong; the answer is then good for nothing. Nesting and memory are bounded whatever the text. Throws std::bad_alloc.
 std::string parseAnswer(AnswerShape shape, std::int32_t requestId, Answer& answer);
+
+}  // namespace olmdsess

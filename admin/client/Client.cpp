@@ -10,6 +10,8 @@
 #include "runtime/qel_messages.h"
 #include "runtime/qel_utf8.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr std::size_t kExcerptBytes = 2048;
@@ -201,3 +203,5 @@ std::string Client::excerpt(const Request& request, std::string_view text) {
     head.resize(std::min(head.size(), kExcerptBytes));
     return head;
 }
+
+}  // namespace olmdsess

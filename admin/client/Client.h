@@ -13,6 +13,8 @@
 #include "admin/client/RequestWriter.h"
 #include "admin/client/Trace.h"
 
+namespace olmdsess {
+
 /// In place of a timeout of 0.
 inline constexpr std::int32_t kDefaultTimeoutSeconds = 30;
 
@@ -70,3 +72,5 @@ class Client {
     HttpTransport m_transport;
     std::int32_t m_lastId = 0;
 };
+
+}  // namespace olmdsess

@@ -9,6 +9,8 @@
 
 #include "admin/client/openssl_ptr.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr bool kDotted = true;
@@ -166,3 +168,5 @@ std::string commonName(const X509* certificate) {
     });
     return found;
 }
+
+}  // namespace olmdsess

@@ -7,6 +7,8 @@
 #include "admin/client/openssl_ptr.h"
 #include "runtime/qel_messages.h"
 
+namespace olmdsess {
+
 namespace {
 
 [[noreturn]] void fail() {
@@ -40,3 +42,5 @@ FipsMode::~FipsMode() {
         EVP_default_properties_enable_fips(nullptr, 0);
     }
 }
+
+}  // namespace olmdsess

@@ -5,6 +5,8 @@
 
 #include <memory>
 
+namespace olmdsess {
+
 /// Ends the mode, unless the system's configuration had chosen it before.
 class FipsMode {
   public:
@@ -25,3 +27,5 @@ class FipsMode {
     std::unique_ptr<OSSL_PROVIDER, Unload> m_provider;
     bool m_enabled = false;
 };
+
+}  // namespace olmdsess

@@ -19,6 +19,8 @@
 #include "protocol/protocol.h"
 #include "runtime/qel_ascii.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr char kCutShort[] = "it was cut short";
@@ -584,3 +586,5 @@ Attempt HttpTransport::perform(bool& fresh, bool& sent, const std::string& url, 
     }
     return attempt;
 }
+
+}  // namespace olmdsess

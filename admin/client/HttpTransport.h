@@ -11,6 +11,8 @@
 #include "admin/client/TlsPolicy.h"
 #include "runtime/SecretBuffer.h"
 
+namespace olmdsess {
+
 using Clock = std::chrono::steady_clock;
 
 /// What an attempt failed of.
@@ -92,3 +94,5 @@ class HttpTransport {
     std::unique_ptr<CURLM, MultiDeleter> m_multi;  // holds the connection
     std::unique_ptr<curl_slist, ListDeleter> m_headers;
 };
+
+}  // namespace olmdsess

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <new>
 
+namespace olmdsess {
+
 namespace interruption {
 
 namespace {
@@ -53,3 +55,5 @@ void rest() noexcept {
 }
 
 }  // namespace interruption
+
+}  // namespace olmdsess

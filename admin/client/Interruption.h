@@ -1,6 +1,8 @@
 /// Ends the operation that is running, and those to come, from a signal handler or another thread.
 #pragma once
 
+namespace olmdsess {
+
 namespace interruption {
 
 /// Makes what wakes a waiting operation, if there is none yet. Without it, a wait only ends when its time is up. Throws
@@ -16,3 +18,5 @@ int descriptor() noexcept;
 void rest() noexcept;
 
 }  // namespace interruption
+
+}  // namespace olmdsess

@@ -14,6 +14,8 @@
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/SecretBuffer.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr std::size_t kMaxFileBytes = std::size_t{1024} * 1024;
@@ -232,3 +234,5 @@ KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) 
     }
     return result;
 }
+
+}  // namespace olmdsess

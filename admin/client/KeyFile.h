@@ -10,6 +10,8 @@
 
 #include "admin/client/openssl_ptr.h"
 
+namespace olmdsess {
+
 struct KeyFile {
     PrivateKeyPtr key;                  ///< null: no identity
     CertificatePtr certificate;         ///< of the key
@@ -27,3 +29,5 @@ struct KeyFile {
 ///
 /// Throws TlsProblem with kStatusKeyFile, or std::bad_alloc.
 KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label);
+
+}  // namespace olmdsess

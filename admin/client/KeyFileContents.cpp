@@ -8,6 +8,8 @@
 #include "admin/client/TlsProblem.h"
 #include "runtime/qel_messages.h"
 
+namespace olmdsess {
+
 namespace {
 
 /// A few seconds of it. OpenSSL's own files ask for 2,048 and careful ones for a million.
@@ -117,3 +119,5 @@ void DerivationWork::add(double iterations) {
                       " cannot be used: it asks for more than 10,000,000 iterations over its password");
     }
 }
+
+}  // namespace olmdsess

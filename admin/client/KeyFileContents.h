@@ -6,6 +6,8 @@
 
 #include "admin/client/openssl_ptr.h"
 
+namespace olmdsess {
+
 struct KeyFileContents {
     struct Certificate {
         CertificatePtr certificate;
@@ -49,3 +51,5 @@ class DerivationWork {
     const std::string& m_path;
     double m_iterations = 0;
 };
+
+}  // namespace olmdsess

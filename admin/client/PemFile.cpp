@@ -9,6 +9,8 @@
 #include "admin/client/DistinguishedName.h"
 #include "runtime/qel_ascii.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr std::string_view kBegin = "-----BEGIN ";
@@ -231,3 +233,5 @@ KeyFileContents readPem(const std::string& path, const SecretBuffer& bytes, Secr
     }
     return PemReader(path, text, password).read();
 }
+
+}  // namespace olmdsess

@@ -2,6 +2,8 @@
 
 #include <openssl/err.h>
 
+namespace olmdsess {
+
 namespace {
 
 using SafesPtr = std::unique_ptr<STACK_OF(PKCS7),
@@ -232,3 +234,5 @@ KeyFileContents readPkcs12(const std::string& path, const SecretBuffer& bytes, c
     }
     return Pkcs12Reader(path, password).read(file.get());
 }
+
+}  // namespace olmdsess

@@ -10,6 +10,8 @@
 #include <type_traits>
 #include <utility>
 
+namespace olmdsess {
+
 struct FreeDeleter {
     void operator()(void* block) const noexcept { std::free(block); }
 };
@@ -84,3 +86,5 @@ class ReallocArray {
     std::size_t m_size = 0;
     std::size_t m_capacity = 0;
 };
+
+}  // namespace olmdsess

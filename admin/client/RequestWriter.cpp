@@ -7,6 +7,8 @@
 #include "protocol/protocol.h"
 #include "runtime/QelJsonAllocator.h"
 
+namespace olmdsess {
+
 namespace {
 
 /// RapidJSON's output stream, over storage that is wiped.
@@ -67,3 +69,5 @@ SecretBuffer writeRequest(std::int32_t id, const char* method, const olm_dsess_a
     writer.EndObject();
     return std::move(stream.bytes);
 }
+
+}  // namespace olmdsess

@@ -8,6 +8,8 @@
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "runtime/SecretBuffer.h"
 
+namespace olmdsess {
+
 /// A parameter of a method, beside the security information.
 struct RequestParameter {
     const char* name;
@@ -17,3 +19,5 @@ struct RequestParameter {
 /// The text of a request. Throws std::bad_alloc.
 SecretBuffer writeRequest(std::int32_t id, const char* method, const olm_dsess_admin_sec_info_t& security,
                           std::span<const RequestParameter> parameters);
+
+}  // namespace olmdsess

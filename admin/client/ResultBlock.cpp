@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+namespace olmdsess {
+
 char* makeTextResult(std::int32_t kind, const char* text) {
     RecordList<char> copy;
     copy.append(text, std::strlen(text) + 1);
@@ -23,3 +25,5 @@ bool releaseResult(std::int32_t kind, void* records) {
     std::free(header);
     return true;
 }
+
+}  // namespace olmdsess

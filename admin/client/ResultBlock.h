@@ -8,6 +8,8 @@
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/ReallocArray.h"
 
+namespace olmdsess {
+
 struct alignas(std::max_align_t) ResultHeader {
     std::int32_t kind;  ///< OLM_DSESS_ADMIN_FREE_*
     void* text;         ///< the text of the records, or null
@@ -37,3 +39,5 @@ char* makeTextResult(std::int32_t kind, const char* text);
 
 /// Releases the result whose first record lies at `records`. Null, and a result of another kind, are left alone: false.
 bool releaseResult(std::int32_t kind, void* records);
+
+}  // namespace olmdsess

@@ -11,6 +11,8 @@
 #include "admin/client/TlsProblem.h"
 #include "runtime/qel_messages.h"
 
+namespace olmdsess {
+
 namespace {
 
 constexpr int kExpiryWarningDays = 30;
@@ -282,3 +284,5 @@ void TlsPolicy::infoCallback(const SSL* connection, int where, int value) {
         policy->m_refusalProven = authenticated;
     }
 }
+
+}  // namespace olmdsess

@@ -12,6 +12,8 @@
 #include "admin/client/KeyFile.h"
 #include "admin/client/Trace.h"
 
+namespace olmdsess {
+
 /// Outlives every connection made with it.
 class TlsPolicy {
   public:
@@ -65,3 +67,5 @@ class TlsPolicy {
     bool m_certificateAsked = false;
     bool m_handshakeBegun = false;
 };
+
+}  // namespace olmdsess

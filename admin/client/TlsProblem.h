@@ -4,8 +4,12 @@
 #include <cstdint>
 #include <string>
 
+namespace olmdsess {
+
 /// Thrown while a context is made; the text is shown to the administrator at once.
 struct TlsProblem {
     std::uint32_t status;
     std::string text;
 };
+
+}  // namespace olmdsess

@@ -6,6 +6,8 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 
+namespace olmdsess {
+
 inline constexpr std::int32_t kTraceAlways = 0;   ///< what an administrator must see at once
 inline constexpr std::int32_t kTraceFailure = 1;  ///< each location tried and why it failed
 inline constexpr std::int32_t kTraceFlow = 2;     ///< which location answered
@@ -25,3 +27,5 @@ class Trace {
   private:
     olm_dsess_admin_trace_fn m_function;
 };
+
+}  // namespace olmdsess

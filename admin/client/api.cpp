@@ -12,6 +12,7 @@
 #include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 
+namespace olmdsess {
 namespace {
 
 namespace field = protocol::field;
@@ -169,6 +170,9 @@ bool isList(const olm_dsess_admin_mv_string_t& list) {
 }
 
 }  // namespace
+}  // namespace olmdsess
+
+using namespace olmdsess;
 
 std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_admin_mv_string_t* server_urls,
                                          const olm_dsess_admin_ssl_info_t* ssl_info, olm_dsess_admin_trace_fn trace,

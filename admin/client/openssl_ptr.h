@@ -10,6 +10,8 @@
 
 #include <memory>
 
+namespace olmdsess {
+
 template <auto function>
 struct OpensslDeleter {
     template <class Object>
@@ -27,3 +29,5 @@ using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;
 using Pkcs12Ptr = std::unique_ptr<PKCS12, OpensslDeleter<PKCS12_free>>;
 using Pkcs8Ptr = std::unique_ptr<PKCS8_PRIV_KEY_INFO, OpensslDeleter<PKCS8_PRIV_KEY_INFO_free>>;
+
+}  // namespace olmdsess

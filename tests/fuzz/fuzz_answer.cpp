@@ -8,6 +8,8 @@
 #include "admin/client/AnswerParser.h"
 #include "runtime/qel_utf8.h"
 
+using namespace olmdsess;
+
 namespace {
 
 void requireTexts(std::initializer_list<const char*> texts) {

@@ -12,6 +12,8 @@
 #include "admin/client/TlsProblem.h"
 #include "runtime/qel_messages.h"
 
+using namespace olmdsess;
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const mode_t before = umask(077);
     static const std::string path = scratchFolder() + "/key", stash = path + ".stash";

@@ -3,6 +3,8 @@
 
 #include "admin/client/AnswerParser.h"
 
+using namespace olmdsess;
+
 namespace {
 
 struct Parsed {

@@ -10,6 +10,8 @@
 #include "runtime/qel_messages.h"
 #include "tests/admin/client/Library.h"
 
+using namespace olmdsess;
+
 namespace {
 
 /// The certificates of tests/support/make_certificates, in a folder that is gone at the end.
