@@ -11,6 +11,7 @@
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/QelTimeText.h"
 #include "runtime/qel_random.h"
+#include "runtime/qel_uuid.h"
 #include "server/Store.h"
 
 namespace dsessd {
@@ -18,13 +19,25 @@ namespace dsessd {
 namespace {
 
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 constexpr int kDefaultTraceLevel = 1;
 // Another process may write: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
+constexpr int kKeepChangesSeconds = 3600;
 
 // References are checked when a transaction ends, so that a load may store the parts before the whole.
 constexpr char kSchema[] = R"(
+CREATE TABLE cluster (
+    id TEXT PRIMARY KEY
+) STRICT, WITHOUT ROWID;
+CREATE TABLE changes (
+    id TEXT PRIMARY KEY,
+    user TEXT NOT NULL,
+    digest TEXT NOT NULL,
+    answer TEXT NOT NULL,
+    time INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE INDEX changes_by_time ON changes (time);
 CREATE TABLE realms (
     number INTEGER PRIMARY KEY,
     name TEXT NOT NULL UNIQUE
@@ -139,13 +152,16 @@ class Query {
     SQLite::Statement& m_statement;
 };
 
-/// A transaction, undone unless committed. One that writes takes the lock at once: a reader that turns writer would
-/// fail when another has written meanwhile.
+/// A transaction, undone unless committed; inside another one, a part of that. One that writes takes the lock at once:
+/// a reader that turns writer would fail when another has written meanwhile.
 class Transaction {
   public:
     enum class Kind { kRead, kWrite };
-    Transaction(SQLite::Database& database, Kind kind) : m_database(database) {
-        execute(database, kind == Kind::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    Transaction(SQLite::Database& database, Kind kind)
+        : m_database(database), m_open(sqlite3_get_autocommit(database.getHandle()) != 0) {
+        if (m_open) {
+            execute(database, kind == Kind::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+        }
     }
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
@@ -155,13 +171,16 @@ class Transaction {
         }
     }
     void commit() {
-        execute(m_database, "COMMIT");
-        m_open = false;
+        if (m_open) {
+            execute(m_database, "COMMIT");
+            m_open = false;
+        }
     }
 
   private:
     SQLite::Database& m_database;
-    bool m_open = true;
+    /// Whether it is this one that ends it.
+    bool m_open;
 };
 
 std::string newKeyLabel(Seconds now) {
@@ -177,6 +196,17 @@ std::string newKeyLabel(Seconds now) {
     return label;
 }
 
+std::string newUuid() {
+    std::uint32_t status = 0;
+    const qel_uuid_t uuid = qel_uuid_create(&status);
+    if (status != 0) {
+        throw StoreError("no random bytes for a UUID");
+    }
+    std::array<char, UUID_STR_LEN> text{};
+    uuid_unparse_lower(uuid.bytes, text.data());
+    return text.data();
+}
+
 /// Needed before there are all tables for the prepared statements.
 void insertKey(SQLite::Database& database, Seconds now) {
     SQLite::Statement statement =
@@ -187,6 +217,7 @@ void insertKey(SQLite::Database& database, Seconds now) {
 void createSchema(SQLite::Database& database) {
     execute(database, kSchema);
     insertKey(database, presentTime());
+    execute(database, ("INSERT INTO cluster (id) VALUES ('" + newUuid() + "')").c_str());
     execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
     execute(database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
 }
@@ -255,6 +286,15 @@ struct Statements {
           terminateById(db, "DELETE FROM sessions WHERE realm = ? AND id = ?"),
           refreshByUser(db, "UPDATE sessions SET time = ? WHERE realm = ? AND user = ?"),
           refreshById(db, "UPDATE sessions SET time = ? WHERE realm = ? AND id = ?"),
+          clusterId(db, "SELECT id FROM cluster"),
+          change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
+          recordChange(db, "INSERT INTO changes (id, user, digest, answer, time) VALUES (?, ?, ?, ?, ?)"),
+          forgetChanges(db,
+                        "DELETE FROM changes WHERE id IN "
+                        "(SELECT id FROM changes WHERE time < ? ORDER BY time LIMIT 100)"),
+          contact(db,
+                  "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?) "
+                  "ON CONFLICT (replica_set, name) DO UPDATE SET last_contact = excluded.last_contact"),
           setting(db, "SELECT value FROM settings WHERE name = ?"),
           putSetting(db,
                      "INSERT INTO settings (name, value) VALUES (?, ?) "
@@ -274,7 +314,7 @@ struct Statements {
     SQLite::Statement realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
-    SQLite::Statement setting, putSetting;
+    SQLite::Statement clusterId, change, recordChange, forgetChanges, contact, setting, putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
     SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey;
 };
@@ -355,6 +395,14 @@ class SqliteStore final : public Store {
   public:
     explicit SqliteStore(SQLite::Database database) : m_database(std::move(database)), m_statements(m_database) {}
 
+    std::string clusterId() override {
+        Query query(m_statements.clusterId);
+        if (!query.step()) {
+            throw StoreError("the cluster has no identifier");
+        }
+        return std::string(query.text(0));
+    }
+
     ClusterState cluster() override {
         Transaction transaction(m_database, Transaction::Kind::kRead);
         ClusterState state;
@@ -431,6 +479,32 @@ class SqliteStore final : public Store {
         return key;
     }
 
+    std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        if (auto recorded = answerTo(change)) {
+            return *recorded;
+        }
+        std::string answer = action();
+        if (!change.id.empty()) {
+            const Seconds now = presentTime();
+            Query(m_statements.recordChange, change.id, change.user, change.digest, answer, now).step();
+            Query(m_statements.forgetChanges, now - kKeepChangesSeconds).step();
+        }
+        transaction.commit();
+        return answer;
+    }
+
+    bool contact(std::string_view replicaSet, const Member& member) override {
+        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Query set(m_statements.replicaSet, replicaSet);
+        if (!set.step()) {
+            return false;
+        }
+        Query(m_statements.contact, set.integer(0), member.name, member.lastContact).step();
+        transaction.commit();
+        return true;
+    }
+
     int traceLevel() override {
         Query query(m_statements.setting, "trace level");
         return query.step() ? query.integer32(0) : kDefaultTraceLevel;
@@ -472,6 +546,17 @@ class SqliteStore final : public Store {
     std::optional<std::int64_t> realmNumber(std::string_view name) {
         Query query(m_statements.realm, name);
         return query.step() ? std::optional(query.integer(0)) : std::nullopt;
+    }
+
+    std::optional<std::string> answerTo(const ChangeRecord& change) {
+        Query query(m_statements.change, change.id);
+        if (!query.step()) {
+            return std::nullopt;
+        }
+        if (query.text(0) != change.user || query.text(1) != change.digest) {
+            throw ChangeMismatch("the identifier of a change has been used for another");
+        }
+        return std::string(query.text(2));
     }
 
     Key currentKey() {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -18,6 +19,12 @@ namespace dsessd {
 class StoreError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+};
+
+/// A change's identifier has come before, with another user or other content: it is refused, and nothing is done.
+class ChangeMismatch : public StoreError {
+  public:
+    using StoreError::StoreError;
 };
 
 /// Seconds since 1970-01-01 00:00:00 UTC, as they go over the wire.
@@ -59,6 +66,15 @@ struct SessionRow {
 /// By what sessions are selected.
 enum class Selector { kUser, kSession };
 
+/// By what a change is known again when it is repeated.
+struct ChangeRecord {
+    /// Made by whoever asks for the change; empty: it will not be known again.
+    std::string_view id;
+    std::string_view user;
+    /// Stands for all that the change is about, in printable characters; equal only for equal content.
+    std::string_view digest;
+};
+
 enum class Role { kRead, kChange };
 /// `read` or `change`.
 const char* nameOf(Role role);
@@ -81,6 +97,9 @@ class Store {
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
     virtual ~Store() = default;
+
+    /// Names the cluster: a UUID made with the store. New contents (replace()) are still the same cluster.
+    virtual std::string clusterId() = 0;
 
     virtual ClusterState cluster() = 0;
     /// Nothing: no replica set of this name.
@@ -108,6 +127,19 @@ class Store {
     /// Makes a new key the current one.
     virtual Key changeKey(Seconds now) = 0;
 
+    /// Carries out a change once, however often and at however many nodes of the cluster it is asked for. In one
+    /// transaction: `action` runs and makes its changes through this store; its answer, text without NUL, is recorded
+    /// under the change's identifier for at least an hour. When it is recorded already, for the same user and content,
+    /// that answer comes back and `action` does not run; of two nodes that ask at a time one waits for the other.
+    ///
+    /// Whatever `action` throws comes out of here, with nothing changed and nothing recorded; it must not swallow a
+    /// StoreError. Conflicts with another node may run it once more from the start, so that it should touch nothing
+    /// but this store. Throws ChangeMismatch. Not to be called inside itself.
+    virtual std::string once(const ChangeRecord& change, const std::function<std::string()>& action) = 0;
+
+    /// Notes that a member of a replica set was there, and adds it when it is none yet. False: no such replica set.
+    virtual bool contact(std::string_view replicaSet, const Member& member) = 0;
+
     virtual int traceLevel() = 0;
     virtual void setTraceLevel(int level) = 0;
 
@@ -133,7 +165,8 @@ class Store {
         /// Makes a first key when none was added.
         virtual void commit() = 0;
     };
-    /// Begins by emptying the cluster; administrators and the trace level stay.
+    /// Begins by emptying the cluster; administrators, the trace level, the cluster's identifier and recorded changes
+    /// stay.
     virtual std::unique_ptr<Replacement> replace() = 0;
 };
 

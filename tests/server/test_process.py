@@ -56,7 +56,7 @@ class Serving(unittest.TestCase):
             files = {name: str(server.directory / name) for name in ("text", "foreign", "newer", "none", ".")}
             (server.directory / "text").write_text("x" * 5000)
             server.run("load", "--data", files["newer"], SAMPLE)
-            for name, change in [("foreign", "CREATE TABLE songs (name TEXT)"), ("newer", "PRAGMA user_version=2")]:
+            for name, change in [("foreign", "CREATE TABLE songs (name TEXT)"), ("newer", "PRAGMA user_version=9")]:
                 with contextlib.closing(sqlite3.connect(files[name])) as database:
                     database.execute(change)
             for listen, data, problem in [
@@ -65,7 +65,7 @@ class Serving(unittest.TestCase):
                 ("no.such.host.invalid:80", None, "no address for no.such.host.invalid"),
                 ("127.0.0.1:0", "text", "is not a data file of dsessd"),
                 ("127.0.0.1:0", "foreign", "is not a data file of dsessd"),
-                ("127.0.0.1:0", "newer", "has schema version 2"),
+                ("127.0.0.1:0", "newer", "has schema version 9"),
                 ("127.0.0.1:0", "none", "there is no data file"),
                 ("127.0.0.1:0", ".", "cannot be used"),
             ]:
