@@ -4,20 +4,8 @@ import re
 import time
 
 from dsessd import Dsessd
-from endtoend import (
-    ADMINISTRATORS,
-    IDENTITY_REFUSED,
-    NOT_PERMITTED,
-    NO_MATCHING_SESSION,
-    REQUEST_REFUSED,
-    UNKNOWN_REALM,
-    UNKNOWN_REPLICA_SET,
-    configuration,
-    key_report,
-    listing,
-    sent_as,
-    when,
-)
+from endtoend import ADMINISTRATORS, IDENTITY_REFUSED, NOT_PERMITTED, NO_MATCHING_SESSION, REQUEST_REFUSED
+from endtoend import UNKNOWN_REALM, configuration, key_report, listing, sent_as, when
 from vexil import Case, commands, line, msg
 
 T, FRESH = 1700000000, 2000000000
@@ -25,7 +13,6 @@ NASTY = "x\x1b[2J\x07\n%s%n\u202e\u2066\x85\x7fé\t\n"
 SHOWN = "x\\x1B[2J\\x07\\x0A%s%n\\u{202E}\\u{2066}\\u{0085}\\x7Fé\t\\x0A"
 MALLORY = [("mallory", T + 5, "s-2"), ("mallory", T + 7, "s-1")]
 MARIE, ZHANNA, TANAKA = ("marie", T, "s-3"), ("Жанна", T + 1, "s-5"), ("田中太郎", T + 2, "s-4")
-MEMBERS = [("node2", T + 2), ("node1", T + 1)]
 CLUSTER = {
     "keys": [{"label": "first", "time": T - 100}, {"label": "second", "time": T}],
     "realms": [
@@ -33,46 +20,35 @@ CLUSTER = {
         {
             "name": "east",
             "sessions": [dict(zip(("user", "time", "id"), row)) for row in (MARIE, ZHANNA, TANAKA, *MALLORY)],
-            "replicaSets": [
-                {"name": "idle"},
-                {"name": "web", "members": [{"name": name, "time": contact} for name, contact in MEMBERS]},
-            ],
+            "replicaSets": [{"name": "idle"}, {"name": "web", "members": [{"name": "node", "time": T}]}],
         },
     ],
 }
-ANYONE, READER, ROOT = (sent_as(user) for user in ("anonymous", "reader", "root"))
 TRANSCRIPT = [  # what is typed, what is shown for it, and the status of a failure
     ("instances list", "blue\ngreen\n"),
     ("set instance green", ""),
     ("realm list", f"{SHOWN}\neast\n"),
     ("realm show east", "    idle\n    web\n"),
-    ("realm show eas", line(0x38C52136)),
     ("replica set list", f"{SHOWN}:\n    mail\neast:\n    idle\n    web\n"),
-    ("replica set show web", "".join(msg(0x38C52134, name, when(contact)) for name, contact in MEMBERS) + "\n"),
+    ("replica set show web", msg(0x38C52134, "node", when(T)) + "\n"),
     ("replica set show idle", line(0x38C52135)),
-    ("replica set show east", "", UNKNOWN_REPLICA_SET),
     ("session list -realm east m?l*y 1", listing(2, MALLORY[0])),
     ("session list -realm nowhere * 0", "", UNKNOWN_REALM),
-    ("session terminate session s-3 -realm east", ANYONE, NOT_PERMITTED),
+    ("session terminate session s-3 -realm east", sent_as("anonymous"), NOT_PERMITTED),
     ("login reader GLANCE", ""),
-    ("trace get", line(0x38C5213A, 1)),
-    ("key change", READER, NOT_PERMITTED),
-    ("login root WRONG", ROOT, IDENTITY_REFUSED),
+    ("key change", sent_as("reader"), NOT_PERMITTED),
+    ("login root WRONG", sent_as("root"), IDENTITY_REFUSED),
     ("login root", line(0x38C52145)),
     ("SECRET", ""),
     ("trace set 3", ""),
     ("trace get", line(0x38C5213A, 3)),
     ("trace set 10", "the server says: A trace level is a number from 0 to 9.\n", REQUEST_REFUSED),
-    ("key show", key_report("second", T, T - 100)),
     ("key change", key_report("LABEL", FRESH, T)),
     ("key show", key_report("LABEL", FRESH, T)),
-    ("session terminate session s-3 -realm nowhere", "", UNKNOWN_REALM),
     ("session terminate session s-3 -realm east", ""),
     ("session terminate session s-3 -realm east", "", NO_MATCHING_SESSION),
     ("session terminate all_sessions mallory -realm east", ""),
-    ("session refresh session s-1 -realm east", "", NO_MATCHING_SESSION),
     ("session refresh all_sessions 田中 -realm east", "", NO_MATCHING_SESSION),
-    ("session list -realm east * 0", listing(2, ZHANNA, TANAKA)),
     ("session refresh session s-5 -realm east", ""),
     ("session refresh all_sessions 田中太郎 -realm east", ""),
     ("session list -realm east * 9", listing(2, *((user, FRESH, name) for user, _, name in (ZHANNA, TANAKA)))),

@@ -26,20 +26,27 @@ def request_text(method, user="anonymous", password=None, login_id=None, **param
     return json.dumps({"jsonrpc": "2.0", "id": 1, "method": method, "params": {"security": security, **parameters}})
 
 
+def memory_of(pid):
+    """What a process has written to its memory, without the huge map that a sanitizer keeps of it."""
+    with open(f"/proc/{pid}/maps") as maps, open(f"/proc/{pid}/mem", "rb", 0) as memory:
+        for start, end in re.findall(r"(?m)^(\w+)-(\w+) rw", maps.read()):
+            size = int(end, 16) - int(start, 16)
+            memory.seek(int(start, 16))
+            with contextlib.suppress(OSError):  # what has just gone, or was never there
+                yield memory.read(size if size < 1 << 28 else 0)
+
+
 class Dsessd:
-    def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), **settings):
-        """cluster: path of a JSON file or an object to write as one. administrators: (name, password, role). settings:
-        listen, anonymous; tls, the paths "cert", "key" and perhaps "client_ca"; client_context for call() with tls."""
+    def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), **options):
+        """cluster: path of a JSON file, or what to write as one. administrators: (name, password, role). options: those
+        of serve, with _ for -."""
         self._directory = tempfile.TemporaryDirectory(prefix="dsessd-")
         self.directory = pathlib.Path(self._directory.name)
-        self.data = str(self.directory / "cluster.db")
-        self.instances, self.listen = list(instances), settings.get("listen", "127.0.0.1:0")
-        self.anonymous, self.tls = settings.get("anonymous", "none"), settings.get("tls") or {}
-        self.client_context = settings.get("client_context")
-        if not isinstance(cluster, os.PathLike):
-            source, cluster = cluster, self.directory / "cluster.json"
-            cluster.write_text(json.dumps(source), encoding="utf-8")
-        self.run("load", "--data", self.data, cluster)
+        self.data, self.instances = str(self.directory / "cluster.db"), instances
+        self.options = {"listen": "127.0.0.1:0", "data": self.data, "anonymous": "none", **options}
+        self.context = ssl._create_unverified_context() if "tls_cert" in options else None
+        text = cluster.read_text() if isinstance(cluster, os.PathLike) else json.dumps(cluster)
+        self.run("load", "--data", self.data, "-", input=text)
         for name, password, role in administrators:
             self.run("admin", "add", name, "--data", self.data, "--role", role, input=password + "\n")
 
@@ -49,19 +56,17 @@ class Dsessd:
         return subprocess.run([BINARY, *arguments], check=check, text=True, **options)
 
     def start(self):
-        arguments = [BINARY, "serve", "--listen", self.listen, "--data", self.data, "--anonymous", self.anonymous]
-        arguments += ["--instance", *self.instances]
-        for name, path in self.tls.items():
-            arguments += [{"cert": "--tls-cert", "key": "--tls-key", "client_ca": "--client-ca"}[name], path]
+        words = [word for name, value in self.options.items() for word in ("--" + name.replace("_", "-"), value)]
         with open(self.directory / "log", "ab") as log:
-            self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
+            command = [BINARY, "serve", *words, "--instance", *self.instances]
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
         self.ready_line = self.process.stdout.readline().decode()
-        match = re.match(r"dsessd: listening on https?://(.*):(\d+)/ for instances ", self.ready_line)
+        match = re.match(r"dsessd: listening on https?://((.*):(\d+))/ for instances ", self.ready_line)
         if not match:
-            self.kill()
+            self.stop(signal.SIGKILL)
             raise RuntimeError(f"{self.ready_line!r} is no readiness line; log: {self.log()}")
-        self.host, self.port = match[1].strip("[]"), int(match[2])
-        self.listen = f"{match[1]}:{self.port}"  # a restart comes back to the same place
+        self.options["listen"] = match[1]  # a restart comes back to the same place
+        self.host, self.port = match[2].strip("[]"), int(match[3])
         return self
 
     def stop(self, how=signal.SIGTERM):
@@ -70,14 +75,11 @@ class Dsessd:
             process.send_signal(how)
             return process.wait(DEADLINE)
 
-    def kill(self):
-        self.stop(signal.SIGKILL)
-
     def __enter__(self):
         return self.start()
 
     def __exit__(self, *_):
-        self.kill()
+        self.stop(signal.SIGKILL)
         self._directory.cleanup()
 
     def log(self):
@@ -85,10 +87,9 @@ class Dsessd:
 
     def connect(self):
         """A connection for post()."""
-        if not self.tls:
-            return http.client.HTTPConnection(self.host, self.port, timeout=DEADLINE)
-        context = self.client_context or ssl._create_unverified_context()
-        return http.client.HTTPSConnection(self.host, self.port, timeout=DEADLINE, context=context)
+        if self.context:
+            return http.client.HTTPSConnection(self.host, self.port, timeout=DEADLINE, context=self.context)
+        return http.client.HTTPConnection(self.host, self.port, timeout=DEADLINE)
 
     def post(self, body, path="/blue/services/DSessAdminProxy", connection=None):
         """(HTTP status, body) of one POST."""
