@@ -14,7 +14,7 @@ NOT_PERMITTED, UNKNOWN_REALM, REQUEST_REFUSED, NO_MATCHING_SESSION = 0x38C54016,
 def configuration(*servers, **entries):
     """The text of a configuration whose locations are these servers; in names of further entries _ stands for -."""
     location = ",".join(f"127.0.0.1:{server.port}" for server in servers)
-    lines = {"location": location, "instances": "blue,green", "timeout": 5, **entries}
+    lines = {"location": location, "instances": "blue,green", "timeout": 30, **entries}
     return "[tarn]\n" + "".join(f"{name.replace('_', '-')} = {value}\n" for name, value in lines.items())
 
 
