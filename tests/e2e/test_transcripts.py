@@ -59,7 +59,9 @@ class Transcripts(Case):
     def test_every_command_and_how_it_fails(self):
         with Dsessd(CLUSTER, ADMINISTRATORS, anonymous="read", instances=["blue", "green"]) as server:
             config, start = configuration(server), when(time.time())
-            result = self.run_utility(stdin="".join(f"{row[0]}\n" for row in TRANSCRIPT), merge=True, config=config)
+            result = self.run_utility(
+                stdin="".join(f"{row[0]}\n" for row in TRANSCRIPT), redirect="2>&1", config=config
+            )
             now = lambda shown: when(FRESH) if start <= shown[0] <= when(time.time()) else shown[0]
             out = re.sub(r"\d{4}-[-\d:]+ UTC", now, re.sub(r"key-[\w-]+", "LABEL", result.out))
             expected = "".join("".join([row[1], *map(line, row[2:])]) for row in TRANSCRIPT)

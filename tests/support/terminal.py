@@ -37,7 +37,7 @@ class Terminal:
                 signal.signal(number, signal.SIG_DFL)
 
         os.login_tty(self.slave)
-        resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+        resource.setrlimit(resource.RLIMIT_CORE, (resource.getrlimit(resource.RLIMIT_CORE)[1],) * 2)
         signal.signal(signal.SIGTTOU, signal.SIG_IGN)
         process = subprocess.Popen(arguments, env=env, preexec_fn=claim)
         program = process.pid
@@ -64,7 +64,6 @@ class Terminal:
         self.until(lambda: self.event() == "taken", "change of hands")
 
     def foreground(self):
-        """What the shell's fg does."""
         os.kill(self.shell, signal.SIGUSR1)
 
     def type(self, text):
@@ -74,7 +73,6 @@ class Terminal:
         return bool(termios.tcgetattr(self.master)[3] & termios.ECHO)
 
     def restored(self):
-        """Whether the terminal is as the program found it."""
         return termios.tcgetattr(self.master) == self.settings
 
     def event(self):
@@ -97,7 +95,6 @@ class Terminal:
         return value
 
     def _read(self, seconds):
-        """Reads what is shown within the time. Returns whether there was anything."""
         if not select.select([self.master], [], [], seconds)[0]:
             return False
         self.shown += os.read(self.master, 65536).decode(errors="replace")
@@ -116,9 +113,10 @@ class Terminal:
         return self.asks(prompt).split("\n", 1)[1]
 
     def ended(self):
-        """Waits for the end. Returns the negative signal number or the exit status, and the rest of what was shown."""
-        status = self.until(self.event, "end")
+        """Waits for the end. Returns the exit status or the negative signal number, less 128 if that left a core dump
+        (which might hold passwords), and the rest of what was shown."""
+        status = int(self.until(self.event, "end"))
         while self._read(0):
             pass
         rest, self.shown = self.shown, ""
-        return os.waitstatus_to_exitcode(int(status)), rest
+        return status >> 8 or -status, rest

@@ -15,21 +15,18 @@ from terminal import PROMPT, Terminal
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 VEXILADMIN = os.environ["VEXILADMIN"]
 CONFIG = "[tarn]\nlocation = node1:9080\ninstances = blue,green\ntimeout = 5\n"
-ANON = "handle1 sec=anonymous,~,~,~"
+ANON = "handle1 sec=anonymous,~,~"
 
 
 def start(instance="blue", number=1, timeout=5, urls=None, ssl="dns=[] keyfile=~ stash=~ label=~ fips=0"):
     """The calls that select an instance."""
-    urls = urls or [f"http://node1:9080/{instance}/services/DSessAdminProxy"]
-    return [
-        f'initialize timeout={timeout} urls=[{",".join(urls)}] {ssl} context=~',
-        f"create_handle context{number} handle=~",
-    ]
+    urls = f"http://node1:9080/{instance}/services/DSessAdminProxy" if urls is None else urls
+    return [f"initialize timeout={timeout} urls=[{urls}] {ssl} context=~", f"create_handle context{number} handle=~"]
 
 
 def end(number=1):
     """The calls that let go of one."""
-    return [f"release_handle context{number} handle{number}", f"shutdown context{number} settings=kept"]
+    return [f"release_handle context{number} handle{number}", f"shutdown context{number}"]
 
 
 def read_table():
@@ -53,16 +50,14 @@ def line(identifier, *arguments):
     return msg(identifier, *arguments).removesuffix("\n") + "\n"
 
 
-def shown_status(status):
-    """How a status is shown, which comes without the arguments that its text may take."""
-    text, identifier = MESSAGES.get(status, ""), f"{status:08X} "
-    text = text if text.startswith(identifier) else identifier + MESSAGES[0x38C54053]
-    return re.sub(r"%(\d\$)?[sd]", "...", text).rstrip("\n") + "\n"
+def error(number):
+    """How a system error number is shown."""
+    return f"{os.strerror(number)} ({number})"
 
 
 def refused(value):
-    """What is shown for a value of a command or option that is not valid."""
-    return line(0x38C5213E, value) + line(0x38C52146)
+    """What is seen of a value of a command or option that is not valid."""
+    return {"err": line(0x38C5213E, value) + line(0x38C52146), "status": 0x38C52146}
 
 
 def commands(*texts):
@@ -84,52 +79,31 @@ class Case(unittest.TestCase):
     def environment(self, config=CONFIG, script="", **env):
         """Prepares configuration and script, forgets earlier records, and returns the environment that names them. In a
         script %XX stands for a byte that would end a text."""
-        for name in ("calls", "service.log", "vexilclicfg.conf"):
-            (self.dir / name).unlink(missing_ok=True)
+        files = {name: self.dir / name for name in ("calls", "service.log", "vexilclicfg.conf", "script")}
+        for path in files.values():
+            path.unlink(missing_ok=True)
         separated = script.translate({ord("\n"): "\x1D", ord(" "): "\x1E", ord(","): "\x1F"})
-        (self.dir / "script").write_bytes(urllib.parse.unquote_to_bytes(separated))
+        files["script"].write_bytes(urllib.parse.unquote_to_bytes(separated))
         if config is not None:
-            (self.dir / "vexilclicfg.conf").write_bytes(config.encode())
-        inherited = {
-            name: value for name, value in os.environ.items() if not re.match(r"LC_|LANG|QEL_|VEXILADMIN_|TZ$", name)
-        }
-        return {
-            **inherited,
-            "LC_ALL": "C.UTF-8",
-            "TERM": "dumb",
-            "TZ": "Asia/Tokyo",
-            "QEL_CONFIG_DIR": str(self.dir),
-            "QEL_SVC_LOG": str(self.dir / "service.log"),
-            "RECORDING_SCRIPT": str(self.dir / "script"),
-            "RECORDING_LOG": str(self.dir / "calls"),
-            "RECORDING_READS": "",
-            "RECORDING_WRITES": "",
-            **env,
-        }
+            files["vexilclicfg.conf"].write_text(config, encoding="utf-8")
+        inherited = {name: os.environ[name] for name in os.environ if not re.match("LC_|LANG|QEL_|VEXILADMIN_", name)}
+        settings = {"LC_ALL": "C.UTF-8", "TERM": "dumb", "TZ": "Asia/Tokyo", "QEL_CONFIG_DIR": str(self.dir)}
+        records = {"RECORDING_SCRIPT": str(files["script"]), "RECORDING_LOG": str(files["calls"])}
+        return {**inherited, **settings, **records, "QEL_SVC_LOG": str(files["service.log"]), **env}
 
     def recorded(self, name):
         path = self.dir / name
         return path.read_bytes().decode(errors="surrogateescape").split("\n")[:-1] if path.exists() else []
 
-    def locale(self, name, charset):
-        """Makes a locale, and returns the environment that selects it."""
-        path = self.dir / f"{name}.{charset}"
-        made = subprocess.run(["localedef", "-i", name, "-f", charset, path], stderr=subprocess.PIPE)
-        if made.returncode != 0:
-            self.skipTest(f"no locale {path.name} can be made: {made.stderr}")
-        return {"LC_ALL": path.name, "LOCPATH": str(self.dir)}
-
-    def run_utility(self, *arguments, stdin="", merge=False, encoding="utf-8", redirect="", fds=(), **kwargs):
-        """`redirect`: redirections of the shell, which may name the descriptors `fds`."""
+    def run_utility(self, *arguments, stdin="", encoding="utf-8", redirect="", streams=None, **kwargs):
+        """`redirect`: redirections of the shell. `streams`: what subprocess.run() is given for the standard streams."""
+        captured = {"input": stdin.encode(encoding, "surrogateescape"), "capture_output": True}
         process = subprocess.run(
             ["sh", "-c", f'exec "$0" "$@" {redirect}', VEXILADMIN, *arguments],
             env=self.environment(**kwargs),
-            pass_fds=fds,
             cwd=self.dir,
             timeout=60,
-            input=stdin.encode(encoding, "surrogateescape"),
-            stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT if merge else subprocess.PIPE,
+            **(streams or captured),
         )
         out, err = ((text or b"").decode(encoding, "surrogateescape") for text in (process.stdout, process.stderr))
         return Result(out, err, process.returncode, self.recorded("calls"), self.recorded("service.log"))

@@ -1,4 +1,4 @@
-"""What the documents and the client library's header tell of the catalogue is what it holds."""
+"""What the documents and the client library's header tell of the message catalogue is what it holds."""
 
 import re
 import unittest
@@ -15,28 +15,36 @@ def read(path):
 class Documents(unittest.TestCase):
     catalogue = read("runtime/qel_messages.def")
 
+    def check_pairs(self, *lists):
+        """Compares names, whatever way they are written, and what belongs to them."""
+        found, expected = ([(name.replace("_", "").lower(), value) for name, value in pairs] for pairs in lists)
+        self.assertEqual(found, expected)
+
+    def test_messages_have_identifiers_of_their_own_and_placeholders_for_their_arguments(self):
+        entries = re.findall(r'^QEL_\w+\((\w+), (\w+), "(\w*)",((?:\s*"(?:[^"\\]|\\.)*")+)\)', self.catalogue, re.M)
+        self.assertEqual(len(entries), self.catalogue.count("\nQEL_"))
+        self.assertEqual(len(entries), len({identifier for _, identifier, _, _ in entries}))
+        for name, identifier, kinds, text in entries:
+            self.assertNotEqual(identifier[-2:], "00", f"{name} would be an exit status of success")
+            placeholders = re.findall(r"%(?:(\d)\$)?([sd])", text)
+            ordered = sorted({found for found in placeholders if found[0]}) or placeholders
+            self.assertEqual("".join(kind for _, kind in ordered), kinds.replace("e", "s"), name)
+
     def test_the_tables_of_exit_statuses_are_complete(self):
         statuses = re.findall(r"^QEL_FAILURE\(kStatus\w+, (\w+)", self.catalogue, re.M)
         expected = sorted((str(int(name, 16) & 0xFF), name) for name in statuses if name != END_OF_INPUT)
-        for path, row in [
-            ("README.md", r"^\| (\d+) \| (38C\w+) \| "),
-            ("docs/vexiladmin.1", r"^(\d+)\t(38C\w+)\t"),
-        ]:
+        for path, row in [("README.md", r"^\| (\d+) \| (38C\w+) \| "), ("docs/vexiladmin.1", r"^(\d+)\t(38C\w+)\t")]:
             self.assertEqual(sorted(re.findall(row, read(path), re.M)), expected, path)
 
     def test_the_header_has_the_librarys_statuses_and_the_selectors(self):
         header = read("admin/client-interface/olm_dsess_admin.h")
-        statuses = re.findall(r"^#define OLM_DSESS_ADMIN_STATUS_(\w+) UINT32_C\(0x(\w+)\)$", header, re.M)
         library = self.catalogue[self.catalogue.index("// Client library") :]
-        expected = re.findall(r"^QEL_FAILURE\(kStatus(\w+), (\w+)", library, re.M)
-        expected.insert(0, re.search(r"kStatus(NoMemory), (\w+)", self.catalogue).groups())
-        self.assertEqual(
-            [(name.replace("_", "").lower(), value) for name, value in statuses],
-            [(name.lower(), value) for name, value in expected],
+        self.check_pairs(
+            re.findall(r"^#define OLM_DSESS_ADMIN_STATUS_(\w+) UINT32_C\(0x(\w+)\)$", header, re.M),
+            re.findall(r"kStatus(NoMemory), (\w+)", self.catalogue)
+            + re.findall(r"^QEL_FAILURE\(kStatus(\w+), (\w+)", library, re.M),
         )
-        selectors = re.findall(r"^#define OLM_DSESS_ADMIN_(\w+_SELECTOR\d) (\".*\")$", header, re.M)
-        expected = re.findall(r"kMsg(\w+Selector\d), \w+, \"\", (\".*\")\)", self.catalogue)
-        self.assertEqual(
-            [(name.replace("_", "").lower(), text) for name, text in selectors],
-            [(name.lower(), text) for name, text in expected],
+        self.check_pairs(
+            re.findall(r"^#define OLM_DSESS_ADMIN_(\w+_SELECTOR\d) (\".*\")$", header, re.M),
+            re.findall(r"kMsg(\w+Selector\d), \w+, \"\", (\".*\")\)", self.catalogue),
         )
