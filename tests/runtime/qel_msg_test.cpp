@@ -11,14 +11,13 @@
 #include <cstdarg>
 #include <iterator>
 #include <memory>
-#include <set>
 
 #include "Support.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_stanza.h"
 #include "runtime/qel_svc.h"
 
-using namespace std::string_view_literals;
+using namespace std::literals;
 using testing::EndsWith;
 using testing::MatchesRegex;
 
@@ -30,6 +29,9 @@ static bool g_isSyslogThere = true;
 extern "C" char* dgettext(const char* domain, const char* text) noexcept {
     EXPECT_STREQ(domain, "vexiladmin");
     return const_cast<char*>(text == g_translated.first ? g_translated.second : text);
+}
+extern "C" int connect(int /*socket*/, const sockaddr* /*address*/, socklen_t /*length*/) {
+    return g_isSyslogThere ? 0 : -1;
 }
 static void keep(int priority, const char* format, std::va_list arguments) {
     EXPECT_STREQ(format, "%s");
@@ -48,39 +50,14 @@ extern "C" void __syslog_chk(int priority, int /*flag*/, const char* format, ...
     keep(priority, format, arguments);
     va_end(arguments);
 }
-extern "C" int connect(int /*socket*/, const sockaddr* /*address*/, socklen_t /*length*/) {
-    return g_isSyslogThere ? 0 : -1;
-}
 
 namespace {
 
 template <class... Arguments>
 std::string format(std::uint32_t identifier, Arguments... arguments) {
-    char* text = nullptr;
-    std::size_t length = 0;
-    std::FILE* stream = open_memstream(&text, &length);
-    qel_fprintf(stream, identifier, arguments...);
-    std::fclose(stream);
-    const std::unique_ptr<char, decltype(&std::free)> owner(text, std::free);
-    return {text, length};
-}
-
-TEST(Messages, HaveIdentifiersOfTheirOwnAndPlaceholdersForTheirArguments) {
-    std::set<std::uint32_t> identifiers;
-    for (const QelMessage& message : qel_msg_table()) {
-        EXPECT_TRUE(identifiers.insert(message.identifier).second) << message.name;
-        EXPECT_NE(message.identifier & 0xFF, 0U) << message.name << " would be an exit status of success";
-        const std::string kinds = message.kinds, text = message.text;
-        std::set<std::size_t> used;
-        for (std::size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
-            const std::string place = text.substr(at + 1, 3);
-            const bool isNumbered = place.ends_with("$s");
-            const std::size_t index = isNumbered ? static_cast<std::size_t>(place[0] - '1') : used.size();
-            EXPECT_EQ(isNumbered ? 's' : place[0], kinds.at(index) == 'd' ? 'd' : 's') << message.name;
-            used.insert(index);
-        }
-        EXPECT_EQ(used.size(), kinds.size()) << message.name;
-    }
+    testing::internal::CaptureStderr();
+    qel_fprintf(stderr, identifier, arguments...);
+    return testing::internal::GetCapturedStderr();
 }
 
 TEST(Messages, AreFilledWithTheirArguments) {
@@ -94,10 +71,13 @@ TEST(Messages, AreFilledWithTheirArguments) {
 }
 
 TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
-    const auto translated = [](std::uint32_t identifier, const char* translation, auto... arguments) {
+    const auto translate = [](std::uint32_t identifier, const char* translation) {
+        const std::string_view source = qel_msg_get_default_msg(identifier, nullptr);
+        g_translated = {source.substr(source.starts_with("38C5") ? 9 : 0), translation};
+    };
+    const auto translated = [&](std::uint32_t identifier, const char* translation, auto... arguments) {
         const std::string english = format(identifier, arguments...);
-        const std::string source = qel_msg_get_default_msg(identifier, nullptr);
-        g_translated = {std::string_view(source).substr(source.starts_with("38C5") ? 9 : 0), translation};
+        translate(identifier, translation);
         const std::string text = format(identifier, arguments...);
         return text == english ? "English" : text;
     };
@@ -109,18 +89,14 @@ TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
     EXPECT_EQ(translated(kMsgReplicaSetRecord, "%2$s", "a", "b"), "English");
     EXPECT_EQ(translated(kMsgSessionsHeading, "%d %s", 2, 1), "English");
     EXPECT_EQ(translated(kMsgSession, "%s %s %s %1$", "a", "b", "c"), "English");
-}
-
-TEST(Messages, ShowAStatusOnOneLineWithoutArguments) {
-    const auto shown = [](std::uint32_t status, const char* translation) {
-        g_translated = {std::string_view(qel_msg_get_default_msg(status, nullptr)).substr(9), translation};
+    const auto statusShown = [&](std::uint32_t status, const char* translation) {
+        translate(status, translation);
         testing::internal::CaptureStderr();
         qel_print_status(stderr, status);
         return testing::internal::GetCapturedStderr();
     };
-    EXPECT_EQ(shown(kMsgInvalidNumber, "%2$s:\n%1$s, 100%%, %3$s\n\n"), "38C532BE ...: ..., 100%, ...\n");
-    EXPECT_EQ(shown(kMsgCommandFileOpen, "%s"), "38C520A2 The command file ... cannot be opened: ....\n");
-    EXPECT_EQ(shown(kMsgFileSyntax, "%s%d%s%n"), "38C54046 The file ... is malformed at line ...: ....\n");
+    EXPECT_EQ(statusShown(kMsgInvalidNumber, "%2$s:\n%1$s, 100%%, %3$s\n\n"), "38C532BE ...: ..., 100%, ...\n");
+    EXPECT_EQ(statusShown(kMsgFileSyntax, "%s%d%s%n"), "38C54046 The file ... is malformed at line ...: ....\n");
 }
 
 TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
@@ -130,7 +106,6 @@ TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
         qelmsg_init("/usr/bin/vexil", 0);
         EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8") << name;
     }
-    qelmsg_init(nullptr, 0);
     EXPECT_STREQ(qel_msg_program_name(), "vexil");
 }
 
@@ -172,10 +147,15 @@ struct Files : testing::Test {
     std::string log = folder / "log", path = folder / "file";
 };
 
-using ServiceLog = Files;
-using Stanzas = Files;
+TEST_F(Files, TheLogSharesThePositionOfStandardError) {
+    setenv("QEL_SVC_LOG", "/dev/stderr", 1);
+    testing::internal::CaptureStderr();
+    report("", kSvcError, kStatusNoMemory);
+    std::fputs("after\n", stderr);
+    EXPECT_THAT(testing::internal::GetCapturedStderr(), EndsWith("try again.\nafter\n"));
+}
 
-TEST_F(ServiceLog, AppendsOneLineAnEntryToTheFileNamed) {
+TEST_F(Files, TheLogTakesOneLineAnEntry) {
     report("%s%s%s", kSvcError, kMsgEntryMissing, "tarn", "/Zoë\n\x1B[m", nullptr);
     g_translated = {"The file %s cannot be opened: %s.\n", "%s ? %s"};
     report("%s%d", kSvcErrorExit, kMsgFileOpen, "x", ENOENT);
@@ -185,61 +165,47 @@ TEST_F(ServiceLog, AppendsOneLineAnEntryToTheFileNamed) {
         MatchesRegex("[-0-9]{10}T[:0-9]{8}Z vexil\\[" + std::to_string(getpid()) +
                      "\\] client a.cpp:1 38C5209F Stanza \\[tarn\\] of /Zoë\\\\x0A\\\\x1B\\[m has [^\n]* entry \\. "
                      "Add[^\n]*\n[^\n]* 38C54042 The file x cannot be opened: No such file or directory \\(2\\)\\.\n"));
-}
-
-TEST_F(ServiceLog, WritesTheBareMessageForInsertsThatAreNotItsOwn) {
-    for (const char* inserts : {"", "%s", "%d%s", "%s%d%d"}) {
+    // Inserts that are not the message's.
+    for (const char* inserts : {"", "%d%s", "%s%d%d"}) {
         report(inserts, kSvcError, kMsgFileOpen);
         EXPECT_THAT(takeLog(), EndsWith(" a.cpp:1 38C54042 The file %s cannot be opened: %s.\n")) << inserts;
     }
-    report("%s", kSvcError, 0x38C5FFFF, nullptr);
-    EXPECT_THAT(takeLog(), EndsWith(" a.cpp:1 38C5FFFF The catalogue has no text for this status.\n"));
 }
 
-TEST_F(ServiceLog, SharesThePositionOfStandardError) {
-    setenv("QEL_SVC_LOG", "/dev/stderr", 1);
-    testing::internal::CaptureStderr();
-    report("", kSvcError, kStatusNoMemory);
-    std::fputs("after\n", stderr);
-    EXPECT_THAT(testing::internal::GetCapturedStderr(), MatchesRegex("[^\n]* 38C52097 Memory[^\n]*\nafter\n"));
-}
-
-TEST_F(ServiceLog, GoesToSyslogWithoutAFileThatTakesIt) {
+TEST_F(Files, TheLogIsSyslogWithoutAFileThatTakesIt) {
     setenv("QEL_SVC_LOG", "", 1);
     report("%s%d", kSvcError, kMsgFileOpen, "%s\n", EACCES);
-    for (const char* file : {"/dev/full", "/"}) {
-        setenv("QEL_SVC_LOG", file, 1);
-        report("", kSvcErrorExit, kStatusCommandFile);
-    }
-    const std::string line = "2 client a.cpp:1 38C520A8 The command file was not run.\n";
+    setenv("QEL_SVC_LOG", "/dev/full", 1);
+    report("", kSvcErrorExit, kStatusCommandFile);
     EXPECT_EQ(g_syslog,
-              "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n" + line + line);
+              "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n"
+              "2 client a.cpp:1 38C520A8 The command file was not run.\n");
 }
 
-TEST_F(ServiceLog, GoesToAFileOfTheUsersWithoutSyslogAndAtLastToStandardError) {
+TEST_F(Files, TheLogIsTheUsersWithoutSyslogAndAtLastStandardError) {
     g_isSyslogThere = false;
     setenv("QEL_SVC_LOG", "/", 1);
     const std::string root = folder / "";
-    const auto check = [&](const std::string& home, const std::string& state, const char* base) {
+    for (const auto& [home, state, base] : {std::tuple(root, "not/absolute"s, root + ".local/state"),
+                                            {root, root + "a/b", root + "a/b"},
+                                            {root, "/dev/null/a", "none"},
+                                            {"", "", "none"}}) {
         setenv("HOME", home.c_str(), 1);
         setenv("XDG_STATE_HOME", state.c_str(), 1);
-        log = root + base + "/vexiladmin/service.log";
+        log = base + "/vexiladmin/service.log";
         testing::internal::CaptureStderr();
         report("", kSvcError, kStatusNoMemory);
         const std::string shown = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(shown.empty(), base != "none");
         if (shown.empty()) {
-            EXPECT_EQ(std::filesystem::status(root + base).permissions(), std::filesystem::perms(0700));
+            EXPECT_EQ(std::filesystem::status(base).permissions(), std::filesystem::perms(0700));
             EXPECT_EQ(std::filesystem::status(log).permissions(), std::filesystem::perms(0600));
         }
         EXPECT_THAT(takeLog() + shown, MatchesRegex("[^\n]* 38C52097 Mem[^\n]*\n")) << home << " " << state;
-        return shown.empty();
-    };
-    EXPECT_TRUE(check(root, "", ".local/state") && check(root, "not/absolute", ".local/state"));
-    EXPECT_TRUE(check(root, root + "a/b", "a/b"));
-    EXPECT_FALSE(check(root, "/dev/null/a", "x") || check("/dev/null", "", "x") || check("", "", "x"));
+    }
 }
 
-TEST_F(Stanzas, HaveTheirEntriesInFileOrder) {
+TEST_F(Files, StanzasHaveTheirEntriesInFileOrder) {
     writeFile(
         path,
         "\xEF\xBB\xBF[a]\r\nk= 1 \n\tk \n[ b c ]\t\n;[\n[x]\nx=9\n [a]\n[x]\n  # y = 7\ny=8 = z # ; c\r\r\n[[d]]\n]=[\n"
@@ -251,10 +217,9 @@ TEST_F(Stanzas, HaveTheirEntriesInFileOrder) {
     EXPECT_EQ(read("A") + read("ab") + read(""), "nonenonenone");
 }
 
-TEST_F(Stanzas, AreRefusedWithAReasonInTheServiceLog) {
+TEST_F(Files, StanzasAreRefusedWithAReasonInTheLog) {
     const std::pair<std::string_view, const char*> malformed[] = {
         {"# a\r\nk=v", "2: an entry stands before the first stanza"},
-        {"[a]\n[", "2: a stanza name ends in ]"},
         {"[a] # b\nk=v", "1: a stanza name ends in ]"},
         {"[a]\n\n[ \t]", "3: the name is missing"},
         {"[a]\nk=1\n = v\nk=2", "3: the name is missing"},
