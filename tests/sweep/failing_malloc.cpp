@@ -1,17 +1,15 @@
-// Preloaded into a program, fails allocations by their number, counted from the process's start. Numbers and findings
-// lie in the file that SWEEP_CONTROL names, mapped, so that whoever runs the program sets and reads them.
+// Preloaded into a program, fails the allocations from number SWEEP_FIRST to SWEEP_LAST, counted from the process's
+// start. Who asked for the first of them, innermost first, is written to the file that SWEEP_REPORT names.
 
-#include <dlfcn.h>
+#include <execinfo.h>
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
-#include <unwind.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 
 extern "C" void* __libc_malloc(std::size_t size);
 extern "C" void* __libc_calloc(std::size_t count, std::size_t size);
@@ -20,45 +18,28 @@ extern "C" void* __libc_memalign(std::size_t alignment, std::size_t size);
 
 namespace {
 
-struct Control {
-    std::atomic<std::uint64_t> count;
-    std::uint64_t first, last;  // the allocations to fail
-    char callers[2000];         // the files whose code asked for the first of them, innermost first
-};
-
-Control* control() {
-    static Control* mapped = nullptr;
-    const char* path = mapped == nullptr && environ != nullptr ? std::getenv("SWEEP_CONTROL") : nullptr;
-    const int file = path == nullptr ? -1 : open(path, O_RDWR | O_CLOEXEC);
-    if (file >= 0) {
-        void* page = mmap(nullptr, sizeof(Control), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
-        mapped = page == MAP_FAILED ? nullptr : static_cast<Control*>(page);
-        close(file);
-    }
-    return mapped;
-}
-
-_Unwind_Reason_Code addFile(_Unwind_Context* frame, void* callers) {
-    char* text = static_cast<char*>(callers);
-    Dl_info info{};
-    if (dladdr(reinterpret_cast<void*>(_Unwind_GetIP(frame)), &info) != 0 &&
-        std::strlen(text) + std::strlen(info.dli_fname) + 2 < sizeof(Control::callers)) {
-        std::strcat(std::strcat(text, basename(info.dli_fname)), " ");
-    }
-    return _URC_NO_REASON;
+std::uint64_t setting(const char* name) {
+    return std::strtoull(std::getenv(name), nullptr, 10);
 }
 
 bool fails() {
-    static thread_local bool busy = false;
-    Control* plan = busy ? nullptr : control();
-    const std::uint64_t number = plan == nullptr ? 0 : ++plan->count;
-    if (plan == nullptr || number < plan->first || number > plan->last) {
+    static std::atomic<std::uint64_t> count;
+    static thread_local bool reporting = false;
+    if (reporting) {
         return false;
     }
-    if (number == plan->first) {
-        busy = true;  // what follows may allocate
-        _Unwind_Backtrace(addFile, plan->callers);
-        busy = false;
+    const std::uint64_t number = ++count;
+    // The loader's come before there is an environment.
+    if (environ == nullptr || number < setting("SWEEP_FIRST") || number > setting("SWEEP_LAST")) {
+        return false;
+    }
+    if (number == setting("SWEEP_FIRST")) {
+        reporting = true;  // what follows may allocate
+        std::array<void*, 50> frames;
+        const int file = open(std::getenv("SWEEP_REPORT"), O_WRONLY | O_CLOEXEC);
+        backtrace_symbols_fd(frames.data(), backtrace(frames.data(), frames.size()), file);
+        close(file);
+        reporting = false;
     }
     errno = ENOMEM;
     return true;

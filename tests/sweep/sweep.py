@@ -7,14 +7,13 @@ status 1 if there was any of that. VEXILADMIN, DSESSD and FAILING_MALLOC, a libr
 """
 
 import argparse
+import bisect
 import collections
 import concurrent.futures
 import itertools
-import mmap
 import os
 import pathlib
 import re
-import struct
 import subprocess
 import sys
 import tempfile
@@ -81,24 +80,24 @@ class Sweep:
         if fault:
             self.faults[f"{outcome}: {what} by {by} ({ended.stderr[-200:]!r})"].append(number)
 
+    def refuse(self, arguments, first, last):
+        """A run without some allocations, and the files whose code asked for the first: none if there was none."""
+        report = pathlib.Path(self.folder, "report")
+        report.write_text("")
+        plan = {"SWEEP_FIRST": str(first), "SWEEP_LAST": str(last), "SWEEP_REPORT": str(report)}
+        ended = self.run(arguments, LD_PRELOAD=os.environ["FAILING_MALLOC"], **plan)
+        return ended, [os.path.basename(file) for file in re.findall(r"^([^(\n]+)\(", report.read_text(), re.M)]
+
     def memory(self):
-        with open(os.path.join(self.folder, "control"), "w+b") as file:
-            file.truncate(4096)
-            page = mmap.mmap(file.fileno(), 4096)
-
-            def run(arguments, first=FOREVER, last=FOREVER):
-                page[:] = struct.pack("QQQ", 0, first, last).ljust(4096, b"\0")
-                ended = self.run(arguments, LD_PRELOAD=os.environ["FAILING_MALLOC"], SWEEP_CONTROL=file.name)
-                return struct.unpack_from("Q", page)[0], ended
-
-            # What comes before the first command is the same for all.
-            start = 1 if self.name == "help" else run(["-help"])[0] - 100
-            for number in range(start, run(self.arguments)[0] + 1, self.step):
-                for last in (number, FOREVER):
-                    ended = run(self.arguments, number, last)[1]
-                    files = page[24:].split(b"\0")[0].decode().split()
-                    by = next((file for file in files if not re.match(CARRIERS, file)), "?")
-                    self.judge("one allocation" if last == number else "all allocations from one on", number, ended, by)
+        # What comes before the first command is the same for all.
+        numbers, counted = range(1, 2**20), lambda number: not self.refuse(["-help"], number, number)[1]
+        start = 1 if self.name == "help" else bisect.bisect(numbers, False, key=counted) - 100
+        for number in itertools.count(start, self.step):
+            for last, what in ((number, "one allocation"), (FOREVER, "all allocations from one on")):
+                ended, files = self.refuse(self.arguments, number, last)
+                if not files:
+                    return
+                self.judge(what, number, ended, next((file for file in files if not re.match(CARRIERS, file)), "?"))
 
     def calls(self):
         log = pathlib.Path(self.folder, "calls")
