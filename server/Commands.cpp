@@ -142,7 +142,7 @@ int load(const LoadOptions& options) {
         }
         counts = loadCluster(input, *store, presentTime(), progress);
     } catch (const StoreError& error) {
-        throw StoreError(options.data + " cannot be used: " + error.what() + "; nothing was loaded");
+        throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
     } catch (const LoadError& error) {
         throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
                                  "; nothing was loaded");
@@ -204,7 +204,7 @@ int administrate(const AdminOptions& options) {
         }
         return 0;
     } catch (const StoreError& error) {
-        throw StoreError(options.data + " cannot be used: " + error.what());
+        throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what());
     }
 }
 

@@ -16,7 +16,9 @@ std::string checkName(const std::string& name) {
 }
 
 void addData(CLI::App& command, std::string& data) {
-    command.add_option("--data", data, "The data file (SQLite)")->required()->type_name("FILE");
+    command.add_option("--data", data, "The data file (SQLite), or a database as a URI, postgresql://...")
+        ->required()
+        ->type_name("FILE|URI");
 }
 
 void describeServe(CLI::App& serve, ServeOptions& options) {

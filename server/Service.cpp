@@ -290,7 +290,7 @@ Answer Service::handle(SecretBuffer& request, const Peer& peer) {
         result = {refusal.httpStatus, errorText(call.id, refusal), nullptr};
     };
     const auto failed = [&](const char* why) {
-        m_log.write(Topic::kFailure, std::string("the data file failed: ") + why);
+        m_log.write(Topic::kFailure, std::string("the store failed: ") + why);
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why."});
     };
     try {

@@ -4,15 +4,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 
 #include "runtime/QelFileDescriptor.h"
-#include "runtime/QelTimeText.h"
-#include "runtime/qel_random.h"
-#include "runtime/qel_uuid.h"
-#include "server/Store.h"
+#include "server/StoreEngines.h"
 
 namespace dsessd {
 
@@ -20,10 +16,8 @@ namespace {
 
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
 constexpr int kSchemaVersion = 2;
-constexpr int kDefaultTraceLevel = 1;
 // Another process may write: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
-constexpr int kKeepChangesSeconds = 3600;
 
 // References are checked when a transaction ends, so that a load may store the parts before the whole.
 constexpr char kSchema[] = R"(
@@ -183,30 +177,6 @@ class Transaction {
     bool m_open;
 };
 
-std::string newKeyLabel(Seconds now) {
-    std::array<unsigned char, 8> random{};
-    if (qel_get_random_bytes(random.data(), random.size()) != 0) {
-        throw StoreError("no random bytes for a key's label");
-    }
-    std::string label = QelTimeText(now, "key-%Y-%m-%d-").data();
-    for (const unsigned char byte : random) {
-        label += "0123456789abcdef"[byte >> 4];
-        label += "0123456789abcdef"[byte & 15];
-    }
-    return label;
-}
-
-std::string newUuid() {
-    std::uint32_t status = 0;
-    const qel_uuid_t uuid = qel_uuid_create(&status);
-    if (status != 0) {
-        throw StoreError("no random bytes for a UUID");
-    }
-    std::array<char, UUID_STR_LEN> text{};
-    uuid_unparse_lower(uuid.bytes, text.data());
-    return text.data();
-}
-
 /// Needed before there are all tables for the prepared statements.
 void insertKey(SQLite::Database& database, Seconds now) {
     SQLite::Statement statement =
@@ -291,7 +261,7 @@ struct Statements {
           recordChange(db, "INSERT INTO changes (id, user, digest, answer, time) VALUES (?, ?, ?, ?, ?)"),
           forgetChanges(db,
                         "DELETE FROM changes WHERE id IN "
-                        "(SELECT id FROM changes WHERE time < ? ORDER BY time LIMIT 100)"),
+                        "(SELECT id FROM changes WHERE time < ? ORDER BY time LIMIT ?)"),
           contact(db,
                   "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?) "
                   "ON CONFLICT (replica_set, name) DO UPDATE SET last_contact = excluded.last_contact"),
@@ -440,7 +410,7 @@ class SqliteStore final : public Store {
         if (!number) {
             return nullptr;
         }
-        listing->start(m_statements, *number, selector, globOf(pattern), max);
+        listing->start(m_statements, *number, selector, globOf(sought(pattern)), max);
         return listing;
     }
 
@@ -488,7 +458,7 @@ class SqliteStore final : public Store {
         if (!change.id.empty()) {
             const Seconds now = presentTime();
             Query(m_statements.recordChange, change.id, change.user, change.digest, answer, now).step();
-            Query(m_statements.forgetChanges, now - kKeepChangesSeconds).step();
+            Query(m_statements.forgetChanges, now - kKeepChangesSeconds, kForgetAtOnce).step();
         }
         transaction.commit();
         return answer;
@@ -553,9 +523,7 @@ class SqliteStore final : public Store {
         if (!query.step()) {
             return std::nullopt;
         }
-        if (query.text(0) != change.user || query.text(1) != change.digest) {
-            throw ChangeMismatch("the identifier of a change has been used for another");
-        }
+        checkSameChange(change, query.text(0), query.text(1));
         return std::string(query.text(2));
     }
 
@@ -576,8 +544,8 @@ class SqliteStore final : public Store {
 
 }  // namespace
 
-std::unique_ptr<Store> Store::open(const std::string& path, IfMissing ifMissing) {
-    if (ifMissing == IfMissing::kCreate) {
+std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing) {
+    if (ifMissing == Store::IfMissing::kCreate) {
         createPrivateFile(path);
     } else if (::access(path.c_str(), F_OK) != 0) {
         throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");

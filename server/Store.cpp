@@ -1,8 +1,15 @@
 #include "server/Store.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <limits>
+
+#include "runtime/QelTimeText.h"
+#include "runtime/qel_random.h"
+#include "runtime/qel_utf8.h"
+#include "runtime/qel_uuid.h"
+#include "server/StoreEngines.h"
 
 namespace dsessd {
 
@@ -23,6 +30,48 @@ Seconds presentTime() {
     return static_cast<Seconds>(std::min<std::int64_t>(now, std::numeric_limits<Seconds>::max()));
 }
 
+std::string_view sought(std::string_view name) {
+    return qel_utf8_is_text(name) ? name : std::string_view();
+}
+
+std::string newKeyLabel(Seconds now) {
+    std::array<unsigned char, 8> random{};
+    if (qel_get_random_bytes(random.data(), random.size()) != 0) {
+        throw StoreError("no random bytes for a key's label");
+    }
+    std::string label = QelTimeText(now, "key-%Y-%m-%d-").data();
+    for (const unsigned char byte : random) {
+        label += "0123456789abcdef"[byte >> 4];
+        label += "0123456789abcdef"[byte & 15];
+    }
+    return label;
+}
+
+std::string newUuid() {
+    std::uint32_t status = 0;
+    const qel_uuid_t uuid = qel_uuid_create(&status);
+    if (status != 0) {
+        throw StoreError("no random bytes for a UUID");
+    }
+    std::array<char, UUID_STR_LEN> text{};
+    uuid_unparse_lower(uuid.bytes, text.data());
+    return text.data();
+}
+
+void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
+    if (user != change.user || digest != change.digest) {
+        throw ChangeMismatch("the identifier of a change has been used for another");
+    }
+}
+
+std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing) {
+    return isPostgresUri(data) ? openPostgresStore(data, ifMissing) : openSqliteStore(data, ifMissing);
+}
+
+std::string Store::describe(const std::string& data) {
+    return isPostgresUri(data) ? nameOfPostgres(data) : data;
+}
+
 StorePool::Lease StorePool::take() {
     {
         const std::lock_guard lock(m_mutex);
@@ -32,7 +81,7 @@ StorePool::Lease StorePool::take() {
             return Lease(store, Returner{this});
         }
     }
-    return Lease(Store::open(m_path, Store::IfMissing::kFail).release(), Returner{this});
+    return Lease(Store::open(m_data, Store::IfMissing::kFail).release(), Returner{this});
 }
 
 void StorePool::giveBack(Store* store) {

@@ -1,6 +1,8 @@
-/// The cluster's lasting state in one SQLite file: realms, replica sets, members, sessions, keys, settings and
-/// administrators. Several processes may use one file at a time (write-ahead log): a server, `dsessd load`, `dsessd
-/// admin`. What a function that changes something has returned from is on the disk (synchronous=FULL).
+/// The cluster's lasting state: realms, replica sets, members, sessions, keys, settings, administrators, and the
+/// answers to changes. It lies in one SQLite file, which several processes of a machine may use, or in a PostgreSQL
+/// database, which several machines may: servers, `dsessd load`, `dsessd admin`. The same comes out of both. What a
+/// function that changes something has returned from is on the disk, and what any other store of the cluster shows from
+/// then on.
 #pragma once
 
 #include <cstdint>
@@ -15,10 +17,29 @@
 
 namespace dsessd {
 
-/// The store cannot be used, or failed: one line for people, which names the file when it could not be opened.
+/// The store cannot be used, or failed: one line for people, which names the store when it could not be opened.
 class StoreError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+};
+
+/// Somebody else writes, and was waited for.
+class StoreBusy : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
+/// The database cannot be reached: nothing is done.
+class StoreUnreachable : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
+/// The database was lost while a change was being committed: nobody knows whether it is done. Asked for again under
+/// its identifier (Store::once()), it is done once all the same.
+class StoreUncertain : public StoreError {
+  public:
+    using StoreError::StoreError;
 };
 
 /// A change's identifier has come before, with another user or other content: it is refused, and nothing is done.
@@ -86,13 +107,16 @@ struct Administrator {
     Role role = Role::kRead;
 };
 
-/// One connection to the file with its prepared statements. Used by one thread at a time. Whatever fails throws a
-/// StoreError, and nothing is changed then.
+/// One connection to the file or database. Used by one thread at a time. Whatever fails throws a StoreError, and
+/// nothing is changed then, unless it is a StoreUncertain. A connection that was lost is made anew at its next use.
 class Store {
   public:
-    /// What open() does when there is no such file.
+    /// What open() does when there is no such file, or no cluster in the database.
     enum class IfMissing { kFail, kCreate };
-    static std::unique_ptr<Store> open(const std::string& path, IfMissing ifMissing);
+    /// `data`: the path of a file, or a URI that begins with `postgresql://` or `postgres://`.
+    static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing);
+    /// What messages call it, without a password.
+    static std::string describe(const std::string& data);
     Store() = default;
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;
@@ -106,7 +130,7 @@ class Store {
     virtual std::optional<std::vector<Member>> members(std::string_view replicaSet) = 0;
 
     /// The sessions of a realm whose user (or identifier) matches a pattern, sorted by user, time and identifier, read
-    /// one by one. They come from one state of the file, whatever changes meanwhile.
+    /// one by one. They come from one state of the store, whatever changes meanwhile.
     class SessionListing {
       public:
         virtual ~SessionListing() = default;
@@ -170,10 +194,10 @@ class Store {
     virtual std::unique_ptr<Replacement> replace() = 0;
 };
 
-/// Connections to one file, opened as they are needed; those handed back are kept for the next, up to a few.
+/// Connections to one store, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {
   public:
-    explicit StorePool(std::string path) : m_path(std::move(path)) {}
+    explicit StorePool(std::string data) : m_data(std::move(data)) {}
 
     struct Returner {
         StorePool* pool;
@@ -186,7 +210,7 @@ class StorePool {
   private:
     void giveBack(Store* store);
 
-    std::string m_path;
+    std::string m_data;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Store>> m_idle;
 };

@@ -11,7 +11,13 @@ using namespace dsessd;
 
 namespace {
 
-struct Stores : testing::Test {
+/// For each engine the folder of its server, if it has one.
+std::vector<const char*> engines() {
+    const char* postgres = std::getenv("DSESSD_POSTGRES");
+    return postgres == nullptr ? std::vector{""} : std::vector{"", postgres};
+}
+
+struct Stores : testing::TestWithParam<const char*> {
     Stores() {
         const auto store = open();
         const auto replacement = store->replace();
@@ -24,17 +30,74 @@ struct Stores : testing::Test {
     }
     ~Stores() override { std::filesystem::remove_all(folder); }
 
-    std::unique_ptr<Store> open() const { return Store::open(folder / "cluster.db", Store::IfMissing::kCreate); }
+    std::unique_ptr<Store> open() const {
+        const std::string uri = "postgresql://dsessd@/postgres?host=" + std::string(GetParam());
+        return Store::open(*GetParam() ? uri : (folder / "cluster.db").string(), Store::IfMissing::kCreate);
+    }
     static std::string terminate(Store& store, std::string_view id) {
         return std::to_string(*store.terminateSessions("east", Selector::kSession, id));
     }
 
-    static constexpr std::pair<const char*, const char*> kSessions[] = {{"a", "a"}, {"b", "b"}, {"c", "c"}};
+    /// The users that match a pattern, as they come.
+    static std::string users(Store& store, std::string_view pattern, int max = -1) {
+        const auto listing = store.listSessions("east", Selector::kUser, pattern, max);
+        std::string found = std::to_string(listing->total());
+        for (SessionRow row; listing->next(row);) {
+            found += " " + std::string(row.user);
+        }
+        return found;
+    }
+
+    static constexpr std::pair<const char*, const char*> kSessions[] = {{"a", "a"},      {"b", "B"},  {"c", "\xC3\xA9"},
+                                                                        {"d", "a%_\\["}, {"e", "-a"}, {"f", "_"}};
     const std::filesystem::path folder =
         mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
 };
 
-TEST_F(Stores, CarryOutAChangeOnce) {
+TEST_P(Stores, OrderByBytesAndMatchCharacters) {
+    const auto store = open();
+    EXPECT_EQ(users(*store, "*"), "6 -a B _ a a%_\\[ \xC3\xA9");
+    EXPECT_EQ(users(*store, "*", 2), "6 -a B");
+    EXPECT_EQ(users(*store, "?"), "4 B _ a \xC3\xA9");
+    EXPECT_EQ(users(*store, "?a"), "1 -a");
+    for (const char* exact : {"a%_\\[", "_", "*%**\\*", "a?_\\["}) {
+        EXPECT_EQ(users(*store, exact).front(), '1') << exact;
+    }
+    for (const std::string_view none : {std::string_view("a\0", 2), std::string_view("%"), std::string_view("\xFF"),
+                                        std::string_view("b"), std::string_view()}) {
+        EXPECT_EQ(users(*store, none), "0") << none;
+    }
+    EXPECT_EQ(store->listSessions(std::string_view("east\0", 5), Selector::kUser, "*", -1), nullptr);
+}
+
+TEST_P(Stores, ListOneStateWhateverChanges) {
+    const auto store = open(), other = open();
+    const auto listing = store->listSessions("east", Selector::kSession, "*", -1);
+    SessionRow row;
+    EXPECT_TRUE(listing->next(row));
+    EXPECT_EQ(terminate(*other, "a"), "1");
+    int count = 1;
+    while (listing->next(row)) {
+        ++count;
+    }
+    EXPECT_EQ(count, 6);
+}
+
+TEST_P(Stores, NoteTheContactOfMembers) {
+    const auto store = open();
+    EXPECT_FALSE(store->contact("none", {"m", 1}));
+    EXPECT_TRUE(store->contact("set", {"m", 1}));
+    EXPECT_TRUE(store->contact("set", {"n", 2}));
+    EXPECT_TRUE(store->contact("set", {"m", 3}));
+    std::string members;
+    const auto noted = open()->members("set");
+    for (const Member& member : *noted) {
+        members += member.name + std::to_string(member.lastContact);
+    }
+    EXPECT_EQ(members, "m3n2");
+}
+
+TEST_P(Stores, CarryOutAChangeOnce) {
     const auto one = open(), other = open();
     EXPECT_EQ(one->clusterId(), other->clusterId());
     EXPECT_EQ(one->clusterId().size(), 36U);
@@ -50,13 +113,13 @@ TEST_F(Stores, CarryOutAChangeOnce) {
     EXPECT_EQ(other->once({"3", "root", "x"}, [&] { return terminate(*other, "b"); }), "1") << "it was undone";
 }
 
-TEST_F(Stores, CarryOutAChangeOnceWhenItIsAskedForAtTwoNodesAtATime) {
+TEST_P(Stores, CarryOutAChangeOnceWhenItIsAskedForAtTwoNodesAtATime) {
     for (int change = 0; change < 20; ++change) {
         std::atomic<int> runs = 0;
         const auto ask = [&] {
             const auto store = open();
             const auto action = [&] { return "run " + std::to_string(++runs); };
-            EXPECT_EQ(store->once({std::to_string(change), "root", "x"}, action), "run 1");
+            EXPECT_EQ(store->once({"race " + std::to_string(change), "root", "x"}, action), "run 1");
         };
         std::vector<std::thread> threads;
         for (int i = 0; i < 4; ++i) {
@@ -67,5 +130,8 @@ TEST_F(Stores, CarryOutAChangeOnceWhenItIsAskedForAtTwoNodesAtATime) {
         }
     }
 }
+
+INSTANTIATE_TEST_SUITE_P(OnEachEngine, Stores, testing::ValuesIn(engines()),
+                         [](const auto& engine) { return *engine.param ? "PostgreSQL" : "SQLite"; });
 
 }  // namespace

@@ -12,7 +12,7 @@ import subprocess
 import time
 import unittest
 
-from dsessd import AS_ROOT, BINARY, DEADLINE, JSON, ROOT, SAMPLE, Dsessd, memory_of, request_text
+from dsessd import AS_ROOT, BINARY, DEADLINE, JSON, POSTGRES, ROOT, SAMPLE, Dsessd, memory_of, request_text
 from terminal import Terminal
 
 
@@ -168,6 +168,7 @@ class Loading(unittest.TestCase):
             self.assertEqual((key["label"][:4], key["previousTime"]), ("key-", 0), "a first key")
             self.assertEqual(result("trace.get"), {"level": 7})
 
+    @unittest.skipIf(POSTGRES, "it locks the file")
     def test_shows_on_a_terminal_how_far_it_is(self):
         with Dsessd() as server:
             source = server.directory / "source"

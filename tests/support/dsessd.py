@@ -12,10 +12,13 @@ import ssl
 import subprocess
 import tempfile
 
+from postgres import new_database
+
 REPOSITORY = pathlib.Path(__file__).resolve().parents[2]
 BINARY = os.environ["DSESSD"]
 SAMPLE = REPOSITORY / "server" / "sample" / "cluster.json"
 DEADLINE = 60  # seconds; generous, for loaded machines and sanitizers
+POSTGRES = os.environ.get("DSESSD_POSTGRES")  # see postgres.py
 ROOT = [("root", "SECRET", "change")]
 AS_ROOT = {"user": "root", "password": "SECRET", "login_id": "qk=1"}
 JSON = {"Content-Type": "application/json"}
@@ -42,7 +45,8 @@ class Dsessd:
         of serve, with _ for -."""
         self._directory = tempfile.TemporaryDirectory(prefix="dsessd-")
         self.directory = pathlib.Path(self._directory.name)
-        self.data, self.instances = str(self.directory / "cluster.db"), instances
+        self.data = new_database(POSTGRES) if POSTGRES else str(self.directory / "cluster.db")
+        self.instances = instances
         self.options = {"listen": "127.0.0.1:0", "data": self.data, "anonymous": "none", **options}
         self.context = ssl._create_unverified_context() if "tls_cert" in options else None
         text = cluster.read_text() if isinstance(cluster, os.PathLike) else json.dumps(cluster)
