@@ -109,6 +109,7 @@ constexpr std::array<ObjectRule, 6> kObjects{{{"a cluster", kClusterFields, fals
                                               {"a session", kSessionFields, true}}};
 
 constexpr std::size_t kMaxFields = 4;
+constexpr std::size_t kSessionsAtOnce = 500;
 constexpr std::size_t kMaxTextBytes = 65'536;
 
 /// An object whose end has not come yet.
@@ -218,6 +219,9 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
     }
 
     LoadCounts finish() {
+        if (!storeSessions()) {
+            throw LoadError(m_line, m_problem);
+        }
         m_replacement->commit();
         return m_counts;
     }
@@ -225,9 +229,11 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         return fail("is empty, longer than " + std::to_string(kMaxNameBytes) + " bytes, or not UTF-8 without NUL");
     }
     const std::string& problem() const { return m_problem; }
+    std::size_t line() const { return m_line; }
 
   private:
     bool fail(const std::string& why) {
+        m_line = m_stream.line();
         m_problem = where() + " " + why;
         return false;
     }
@@ -325,15 +331,33 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
                 ++m_counts.members;
                 break;
             case kSession:
-                isNew = m_replacement->addSession(parent, {name, object.texts[1], time});
+                m_sessions.push_back({parent, name, object.texts[1], time});
+                m_places.emplace_back(m_stream.line(), where());
                 ++m_counts.sessions;
-                break;
+                return m_sessions.size() < kSessionsAtOnce || storeSessions();
         }
-        return isNew ||
-               fail("is " + std::string(object.rule().name) + " \"" + harmless(name, 64) + "\" that comes twice");
+        return isNew || fail(comesTwice(object.rule().name, name));
+    }
+
+    static std::string comesTwice(std::string_view kind, std::string_view name) {
+        return "is " + std::string(kind) + " \"" + harmless(name, 64) + "\" that comes twice";
+    }
+
+    bool storeSessions() {
+        if (const auto twice = m_replacement->addSessions(m_sessions)) {
+            m_line = m_places[*twice].first;
+            m_problem = m_places[*twice].second + " " + comesTwice(kObjects[kSession].name, m_sessions[*twice].id);
+            return false;
+        }
+        m_sessions.clear();
+        m_places.clear();
+        return true;
     }
 
     std::unique_ptr<Store::Replacement> m_replacement;
+    /// Those that are not stored yet, and for each its line and path.
+    std::vector<NewSession> m_sessions;
+    std::vector<std::pair<std::size_t, std::string>> m_places;
     const Seconds m_now;
     const LoadProgress& m_progress;
     const CountingStream& m_stream;
@@ -342,6 +366,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
     std::int64_t m_stored = 0;
     LoadCounts m_counts;
     std::string m_problem;
+    std::size_t m_line = 0;
 };
 
 }  // namespace
@@ -361,8 +386,10 @@ LoadCounts loadCluster(std::istream& input, Store& store, Seconds now, const Loa
         throw LoadError(stream.line(), "reading failed");
     }
     if (result.IsError()) {
-        const bool ours = result.Code() == rapidjson::kParseErrorTermination;
-        throw LoadError(stream.line(), ours ? handler.problem() : rapidjson::GetParseError_En(result.Code()));
+        if (result.Code() == rapidjson::kParseErrorTermination) {
+            throw LoadError(handler.line(), handler.problem());
+        }
+        throw LoadError(stream.line(), rapidjson::GetParseError_En(result.Code()));
     }
     if (!stream.atEnd()) {
         throw LoadError(stream.line(), "a NUL byte");

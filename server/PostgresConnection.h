@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "server/Store.h"
 
@@ -67,16 +68,23 @@ class PostgresConnection {
     /// A parameter of a statement.
     class Value {
       public:
-        Value(std::string_view text) : m_bytes(text), m_format(1) {}                  // NOLINT: is meant to convert
-        Value(const std::string& text) : Value(std::string_view(text)) {}             // NOLINT
-        Value(const char* text) : Value(std::string_view(text)) {}                    // NOLINT
-        Value(std::int64_t number) : m_bytes(std::to_string(number)), m_format(0) {}  // NOLINT
-        Value(std::int32_t number) : Value(static_cast<std::int64_t>(number)) {}      // NOLINT
+        // NOLINTBEGIN(google-explicit-constructor): they are meant to convert
+        Value(std::string_view text) : Value(std::string(text), 1) {}
+        Value(const std::string& text) : Value(text, 1) {}
+        Value(const char* text) : Value(text, 1) {}
+        Value(std::int64_t number) : Value(std::to_string(number), 0) {}
+        Value(std::int32_t number) : Value(std::to_string(number), 0) {}
+        // NOLINTEND(google-explicit-constructor)
+        /// Of any type, as PostgreSQL writes it.
+        static Value written(std::string value) { return {std::move(value), 0}; }
+
         const std::string& bytes() const { return m_bytes; }
-        /// As libpq takes it: text is given in its binary form, with its length; numbers are written out.
+        /// As libpq takes it: text is given in its binary form, with its length; all else is written out.
         int format() const { return m_format; }
 
       private:
+        Value(std::string bytes, int format) : m_bytes(std::move(bytes)), m_format(format) {}
+
         std::string m_bytes;
         int m_format;
     };

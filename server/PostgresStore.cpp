@@ -110,6 +110,23 @@ std::string likeOf(std::string_view pattern) {
     return like;
 }
 
+/// Elements of an array as PostgreSQL writes one.
+class Array {
+  public:
+    void add(std::string_view element) {
+        m_text += m_text.empty() ? "{\"" : ",\"";
+        for (const char c : element) {
+            m_text += c == '"' || c == '\\' ? "\\" : "";
+            m_text += c;
+        }
+        m_text += '"';
+    }
+    Value value() const { return Value::written(m_text.empty() ? "{}" : m_text + "}"); }
+
+  private:
+    std::string m_text;
+};
+
 std::optional<std::int64_t> realmNumber(PostgresConnection& connection, std::string_view name) {
     const PostgresRows rows = connection.run("SELECT number FROM realms WHERE name = $1", {sought(name)});
     return rows.size() == 1 ? std::optional(rows.integer(0, 0)) : std::nullopt;
@@ -184,10 +201,18 @@ class Replacing final : public Store::Replacement {
             "INSERT INTO members (replica_set, name, last_contact) VALUES ($1, $2, $3) ON CONFLICT DO NOTHING",
             {replicaSet, member.name, member.lastContact});
     }
-    bool addSession(std::int64_t realm, const SessionRow& session) override {
-        return insert(
-            "INSERT INTO sessions (realm, id, user_name, time) VALUES ($1, $2, $3, $4) ON CONFLICT DO NOTHING",
-            {realm, session.id, session.user, session.time});
+    std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override {
+        m_connection.run("SAVEPOINT sessions");
+        if (insert(sessions.data(), sessions.size())) {
+            m_connection.run("RELEASE sessions");
+            return std::nullopt;
+        }
+        m_connection.run("ROLLBACK TO sessions");
+        std::size_t place = 0;
+        while (insert(&sessions[place], 1)) {
+            ++place;
+        }
+        return place;
     }
     bool addKey(std::string_view label, Seconds time) override {
         return insert("INSERT INTO keys (label, time) VALUES ($1, $2) ON CONFLICT DO NOTHING", {label, time});
@@ -201,6 +226,24 @@ class Replacing final : public Store::Replacement {
     }
 
   private:
+    /// False: not all of them are new.
+    bool insert(const NewSession* sessions, std::size_t count) {
+        Array realms, ids, users, times;
+        for (const NewSession* session = sessions; session != sessions + count; ++session) {
+            realms.add(std::to_string(session->realm));
+            ids.add(session->id);
+            users.add(session->user);
+            times.add(std::to_string(session->time));
+        }
+        return static_cast<std::size_t>(
+                   m_connection
+                       .run("INSERT INTO sessions (realm, id, user_name, time) "
+                            "SELECT * FROM unnest($1::bigint[], $2::text[], $3::text[], $4::integer[]) "
+                            "ON CONFLICT DO NOTHING",
+                            {realms.value(), ids.value(), users.value(), times.value()})
+                       .changed()) == count;
+    }
+
     bool insert(const char* sql, std::initializer_list<Value> values) {
         return m_connection.run(sql, values).changed() == 1;
     }
@@ -343,6 +386,7 @@ class PostgresStore final : public Store {
     std::vector<Administrator> administrators() override {
         std::vector<Administrator> all;
         const PostgresRows rows = statement("SELECT name, password_hash, role FROM administrators ORDER BY name");
+        all.reserve(static_cast<std::size_t>(rows.size()));
         for (int row = 0; row < rows.size(); ++row) {
             all.push_back(administratorOf(rows, row));
         }

@@ -342,8 +342,13 @@ class Replacing final : public Store::Replacement {
     bool addMember(std::int64_t replicaSet, const Member& member) override {
         return Query(m_statements.addMember, replicaSet, member.name, member.lastContact).insert();
     }
-    bool addSession(std::int64_t realm, const SessionRow& session) override {
-        return Query(m_statements.addSession, realm, session.id, session.user, session.time).insert();
+    std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override {
+        for (const NewSession& session : sessions) {
+            if (!Query(m_statements.addSession, session.realm, session.id, session.user, session.time).insert()) {
+                return &session - sessions.data();
+            }
+        }
+        return std::nullopt;
     }
     bool addKey(std::string_view label, Seconds time) override {
         return Query(m_statements.addKey, label, time).insert();

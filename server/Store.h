@@ -84,6 +84,13 @@ struct SessionRow {
     Seconds time = 0;
 };
 
+struct NewSession {
+    std::int64_t realm = 0;
+    std::string id;
+    std::string user;
+    Seconds time = 0;
+};
+
 /// By what sessions are selected.
 enum class Selector { kUser, kSession };
 
@@ -179,13 +186,15 @@ class Store {
     class Replacement {
       public:
         virtual ~Replacement() = default;
-        /// These four return false when there is such a name already.
+        /// These three return false when there is such a name already.
         virtual bool addRealm(std::int64_t number, std::string_view name) = 0;
         virtual bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) = 0;
         virtual bool addMember(std::int64_t replicaSet, const Member& member) = 0;
-        virtual bool addSession(std::int64_t realm, const SessionRow& session) = 0;
         /// The last one added is the current one. False: there is such a label already.
         virtual bool addKey(std::string_view label, Seconds time) = 0;
+        /// Best called with some hundreds. Gives the place of the first whose identifier its realm has already, if any;
+        /// commit() must not be called then.
+        virtual std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) = 0;
         /// Makes a first key when none was added.
         virtual void commit() = 0;
     };
