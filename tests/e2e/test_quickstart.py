@@ -7,8 +7,10 @@ import signal
 import subprocess
 
 from endtoend import NOT_PERMITTED, NO_MATCHING_SESSION, ROOT_LOGIN, sent_as
+from postgres import PROGRAMS
 from vexil import ROOT, Case, commands, line
 
+NODES = ["--nodes", "2"] if PROGRAMS else []
 QUICKSTART = str(ROOT / "scripts" / "quickstart")
 
 
@@ -30,7 +32,7 @@ class Quickstart(Case):
         environment = self.environment(**self.settings)
         for arguments, status, out in [
             (commands("key change", "realm list"), NOT_PERMITTED, sent_as("anonymous")),
-            (["--tls", *commands(ROOT_LOGIN, terminate, terminate)], NO_MATCHING_SESSION, ""),
+            (["--tls", *NODES, *commands(ROOT_LOGIN, terminate, terminate)], NO_MATCHING_SESSION, ""),
         ]:
             done = subprocess.run([QUICKSTART, *arguments], env=environment, capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stdout, done.stderr), (status & 0xFF, out, line(status)))
