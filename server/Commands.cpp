@@ -14,6 +14,7 @@
 
 #include "runtime/qel_utf8.h"
 #include "server/Authenticator.h"
+#include "server/Beat.h"
 #include "server/HttpServer.h"
 #include "server/Loader.h"
 #include "server/Log.h"
@@ -65,12 +66,12 @@ int serve(const ServeOptions& options) {
     allowManyDescriptors();
     Log log(STDERR_FILENO);
     StorePool stores(options.data);
-    log.setLevel(stores.take()->traceLevel());
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
     const SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
     HttpServer server(service, log, options.instances, tls.get(), HttpLimits{});
     Listener listener(options.listen);
+    const Beat beat(stores, log, options.membership);
 
     const std::string ready = readyLine(options, listener);
     std::cout << ready << std::endl;

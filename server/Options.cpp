@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <map>
 
+#include "runtime/qel_utf8.h"
+
 namespace dsessd {
 
 namespace {
@@ -13,6 +15,12 @@ std::string checkName(const std::string& name) {
     const bool plain = name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
                        std::string::npos;
     return plain && !name.empty() ? "" : "takes letters, digits, '.', '_' and '-', not '" + name + "'";
+}
+
+std::string checkMember(const std::string& text) {
+    const std::size_t slash = text.rfind('/');
+    const bool whole = slash != std::string::npos && slash > 0 && slash + 1 < text.size();
+    return whole && text.size() <= kMaxNameBytes && qel_utf8_is_text(text) ? "" : "takes REPLICA-SET/NAME";
 }
 
 void addData(CLI::App& command, std::string& data) {
@@ -34,6 +42,16 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
     serve.add_option("--anonymous", options.anonymous, "What may be done without a login; none unless given")
         ->transform(CLI::Transformer(kAnonymous).description(""))
         ->type_name("none|read");
+    serve
+        .add_option_function<std::string>(
+            "--member",
+            [&options](const std::string& text) {
+                const std::size_t slash = text.rfind('/');
+                options.membership = {text.substr(0, slash), text.substr(slash + 1)};
+            },
+            "Be this member of this replica set, and say now and then that it is there")
+        ->type_name("REPLICA-SET/NAME")
+        ->check(CLI::Validator(checkMember, ""));
     auto* certificate =
         serve.add_option("--tls-cert", options.tls.certificate, "The server's certificate and chain (PEM)")
             ->type_name("FILE");

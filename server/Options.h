@@ -5,6 +5,7 @@
 #include <variant>
 #include <vector>
 
+#include "server/Beat.h"
 #include "server/Service.h"
 #include "server/Store.h"
 #include "server/Tls.h"
@@ -16,6 +17,7 @@ struct ServeOptions {
     std::string data;
     std::vector<std::string> instances;
     Anonymous anonymous = Anonymous::kNone;
+    Membership membership;
     /// Plain HTTP when the certificate is empty.
     TlsFiles tls;
 };

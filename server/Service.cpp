@@ -297,6 +297,9 @@ Answer Service::handle(SecretBuffer& request, const Peer& peer) {
         result = answer(request, call);
     } catch (const Refusal& refusal) {
         refused(refusal);
+    } catch (const StoreUnreachable& failure) {
+        failed(failure.what());
+        refused({code::kInternalError, error::kServerFailure, "The store cannot be reached.", 503});
     } catch (const StoreError& failure) {
         failed(failure.what());
     }

@@ -1,0 +1,73 @@
+#include "server/Beat.h"
+
+#include <chrono>
+#include <stdexcept>
+
+#include "server/Text.h"
+
+namespace dsessd {
+
+namespace {
+
+constexpr std::chrono::seconds kLookEvery{1};
+constexpr int kLooksForContact = 5;
+
+}  // namespace
+
+Beat::Beat(StorePool& stores, Log& log, Membership membership)
+    : m_stores(stores), m_log(log), m_membership(std::move(membership)) {
+    const StorePool::Lease store = stores.take();
+    log.setLevel(store->traceLevel());
+    const Membership& own = m_membership;
+    if (!own.member.empty() && !store->contact(own.replicaSet, {own.member, presentTime()})) {
+        throw std::runtime_error("there is no replica set " + harmless(own.replicaSet) + " to be a member of");
+    }
+    m_thread = std::thread([this] { run(); });
+}
+
+Beat::~Beat() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_changed.notify_one();
+    m_thread.join();
+    beat(true);
+}
+
+void Beat::run() {
+    std::unique_lock lock(m_mutex);
+    for (int look = 1; !m_changed.wait_for(lock, kLookEvery, [&] { return m_stopping; }); ++look) {
+        lock.unlock();
+        beat(look % kLooksForContact == 0);
+        lock.lock();
+    }
+}
+
+void Beat::beat(bool contacts) {
+    try {
+        const StorePool::Lease store = m_stores.take();
+        m_log.setLevel(store->traceLevel());
+        const Membership& own = m_membership;
+        const bool known =
+            !contacts || own.member.empty() || store->contact(own.replicaSet, {own.member, presentTime()});
+        if (!known) {
+            report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
+        } else if (contacts) {
+            m_problem.clear();
+        }
+    } catch (const StoreBusy&) {
+        // a load, which ends
+    } catch (const StoreError& error) {
+        report(std::string("the store failed: ") + error.what());
+    }
+}
+
+void Beat::report(const std::string& problem) {
+    if (problem != m_problem) {
+        m_problem = problem;
+        m_log.write(Topic::kFailure, problem);
+    }
+}
+
+}  // namespace dsessd

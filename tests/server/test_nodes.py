@@ -1,0 +1,61 @@
+"""Several nodes of one cluster: what one does shows at the others, and what they do when the database goes."""
+
+import signal
+import time
+import unittest
+import unittest.mock
+
+from dsessd import AS_ROOT, ROOT, Dsessd, request_text
+from postgres import PROGRAMS, Postgres
+
+
+def soon(holds, seconds):
+    deadline = time.monotonic() + seconds
+    while not holds() and time.monotonic() < deadline:
+        time.sleep(0.1)
+    return holds()
+
+
+class Nodes(unittest.TestCase):
+    def nodes(self, **options):
+        """Two of one cluster, members a and b of a replica set."""
+        first = Dsessd(administrators=ROOT, member="east-web/a", anonymous="read", **options)
+        second = Dsessd(member="east-web/b", anonymous="read", **options)
+        second.options["data"] = second.data = first.data
+        for node in (first, second):
+            self.enterContext(node)
+        return first, second
+
+    def contacts(self, node):
+        records = node.call("replicaSet.get", replicaSet="east-web")["result"]["records"]
+        return {record["name"]: record["time"] for record in records}
+
+    def share_one_cluster(self, one, other):
+        self.assertEqual(one.call("trace.set", **AS_ROOT, level=3)["result"], {"level": 3})
+        self.assertIn("result", other.call("cluster.get", **AS_ROOT))
+        self.assertTrue(soon(lambda: other.call("trace.get") and "request trace.get" in other.log(), 2.5))
+        one.run("admin", "add", "root", "--data", one.data, input="OTHER\n")
+        for node in (one, other):
+            self.assertEqual(node.call("cluster.get", **AS_ROOT)["error"]["data"]["name"], "identity-refused")
+
+        began, killed = self.contacts(one)["a"], self.contacts(one)["b"]
+        other.stop(signal.SIGKILL)
+        self.assertTrue(soon(lambda: self.contacts(one)["a"] > began, 10))
+        self.assertLessEqual(self.contacts(one)["b"], killed + 5, "who is gone leaves no trace")
+        done = one.run("serve", *"--listen [::1]:0 --instance b --member no/x --data".split(), one.data, check=False)
+        self.assertEqual((done.returncode, "no replica set no" in done.stderr), (1, True))
+
+    def test_share_a_file(self):
+        self.share_one_cluster(*self.nodes())
+
+    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    def test_share_a_database_and_come_through_its_loss(self):
+        with Postgres() as postgres, unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
+            one, other = self.nodes()
+            postgres.stop()
+            start = time.monotonic()
+            self.assertEqual(one.post(request_text("trace.get"))[0], 503)
+            self.assertLess(time.monotonic() - start, 3)
+            self.assertRegex(one.log(), "failure the store failed: the PostgreSQL database test.* cannot be reached: ")
+            postgres.start()
+            self.share_one_cluster(one, other)
