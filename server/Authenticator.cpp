@@ -20,32 +20,35 @@ Authenticator::Authenticator(const Limits& limits) : m_limits(limits), m_dummyHa
     }
 }
 
+bool Authenticator::isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials) {
+    return administrator && credentials.password != nullptr && std::strlen(credentials.password) <= kMaxPasswordBytes;
+}
+
+std::optional<Authenticator::Verdict> Authenticator::recall(Store& store, const Credentials& credentials) {
+    const auto administrator = store.administrator(credentials.user);
+    if (!isPossible(administrator, credentials) || !remembers(digestOf(credentials, administrator->passwordHash))) {
+        return std::nullopt;
+    }
+    return Verdict{Outcome::kRemembered, administrator->role};
+}
+
 Authenticator::Verdict Authenticator::verify(Store& store, const Credentials& credentials) {
     const auto administrator = store.administrator(credentials.user);
-    const bool possible =
-        administrator && credentials.password != nullptr && std::strlen(credentials.password) <= kMaxPasswordBytes;
-    Digest digest{};
-    if (possible) {
-        digest = digestOf(credentials, administrator->passwordHash);
-        if (remembers(digest)) {
-            return {Outcome::kRemembered, administrator->role};
-        }
+    if (!isPossible(administrator, credentials)) {
+        ++m_hashCount;
+        passwordMatches("-", m_dummyHash);
+        return {Outcome::kRefused, {}};
     }
-    const auto matched =
-        possible ? matches(credentials.password, administrator->passwordHash) : matches("-", m_dummyHash);
-    if (!matched) {
-        return {Outcome::kBusy, {}};
+    const Digest digest = digestOf(credentials, administrator->passwordHash);
+    if (remembers(digest)) {
+        return {Outcome::kRemembered, administrator->role};
     }
-    if (!possible || !*matched) {
+    ++m_hashCount;
+    if (!passwordMatches(credentials.password, administrator->passwordHash)) {
         return {Outcome::kRefused, {}};
     }
     remember(digest);
     return {Outcome::kVerified, administrator->role};
-}
-
-std::uint64_t Authenticator::hashCount() const {
-    const std::lock_guard lock(m_mutex);
-    return m_hashCount;
 }
 
 Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, std::string_view passwordHash) const {
@@ -79,27 +82,6 @@ void Authenticator::remember(const Digest& digest) {
         m_expiries.erase(m_oldestFirst.front());
         m_oldestFirst.pop_front();
     }
-}
-
-std::optional<bool> Authenticator::matches(const char* password, const std::string& hash) {
-    {
-        std::unique_lock lock(m_mutex);
-        if (m_hashing == m_limits.hashesAtOnce && m_waiting == m_limits.waiting) {
-            return std::nullopt;
-        }
-        ++m_waiting;
-        m_hashDone.wait(lock, [&] { return m_hashing < m_limits.hashesAtOnce; });
-        --m_waiting;
-        ++m_hashing;
-        ++m_hashCount;
-    }
-    const bool matched = passwordMatches(password, hash);
-    {
-        const std::lock_guard lock(m_mutex);
-        --m_hashing;
-    }
-    m_hashDone.notify_one();
-    return matched;
 }
 
 }  // namespace dsessd

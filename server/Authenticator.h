@@ -2,8 +2,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -26,15 +26,12 @@ struct Credentials {
 ///
 /// A hash is made to be slow, so what was verified is remembered for a while: by a keyed digest of user, login
 /// identifier, password and the stored hash, hence only for requests that bring all of them again, and no longer than
-/// the administrator stays as he was. An unknown name costs as much as a wrong password. Few hashes are computed at a
-/// time and few requests may wait for one, so that bad logins by the thousand leave the rest of the server free.
+/// the administrator stays as he was. An unknown name costs as much as a wrong password.
 class Authenticator {
   public:
     using Clock = std::chrono::steady_clock;
 
     struct Limits {
-        unsigned hashesAtOnce = 2;
-        unsigned waiting = 48;
         std::size_t remembered = 1024;
         Clock::duration rememberFor = std::chrono::minutes(5);
     };
@@ -43,7 +40,6 @@ class Authenticator {
         kVerified,    ///< by its password, just now
         kRemembered,  ///< verified a while ago
         kRefused,
-        kBusy,  ///< too many are waiting to be verified
     };
     struct Verdict {
         Outcome outcome = Outcome::kRefused;
@@ -53,31 +49,30 @@ class Authenticator {
     Authenticator();
     explicit Authenticator(const Limits& limits);
 
-    /// Safe to call from several threads, each with a store of its own.
+    // Safe to call from several threads, each with a store of its own.
+    /// What is known without a hash; nothing: it takes one.
+    std::optional<Verdict> recall(Store& store, const Credentials& credentials);
+    /// Computes a hash, unless it is remembered by now.
     Verdict verify(Store& store, const Credentials& credentials);
 
     /// How many hashes were computed since the start.
-    std::uint64_t hashCount() const;
+    std::uint64_t hashCount() const { return m_hashCount; }
 
   private:
     using Digest = std::array<unsigned char, 32>;
 
+    static bool isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials);
     Digest digestOf(const Credentials& credentials, std::string_view passwordHash) const;
     bool remembers(const Digest& digest);
     void remember(const Digest& digest);
-    /// Nothing: too many are waiting.
-    std::optional<bool> matches(const char* password, const std::string& hash);
 
     const Limits m_limits;
     std::array<unsigned char, 32> m_key{};
     /// What the password given for an unknown name is compared with.
     std::string m_dummyHash;
 
-    mutable std::mutex m_mutex;
-    std::condition_variable m_hashDone;
-    unsigned m_hashing = 0;
-    unsigned m_waiting = 0;
-    std::uint64_t m_hashCount = 0;
+    std::atomic<std::uint64_t> m_hashCount = 0;
+    std::mutex m_mutex;
     std::map<Digest, Clock::time_point> m_expiries;
     std::deque<Digest> m_oldestFirst;
 };

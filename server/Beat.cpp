@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::chrono::seconds kLookEvery{1};
 constexpr int kLooksForContact = 5;
+constexpr std::chrono::seconds kWaitAtMost{10};
+constexpr std::chrono::seconds kWaitAtMostInTheEnd{1};
 
 }  // namespace
 
@@ -32,21 +34,22 @@ Beat::~Beat() {
     }
     m_changed.notify_one();
     m_thread.join();
-    beat(true);
+    beat(true, kWaitAtMostInTheEnd);
 }
 
 void Beat::run() {
     std::unique_lock lock(m_mutex);
     for (int look = 1; !m_changed.wait_for(lock, kLookEvery, [&] { return m_stopping; }); ++look) {
         lock.unlock();
-        beat(look % kLooksForContact == 0);
+        beat(look % kLooksForContact == 0, kWaitAtMost);
         lock.lock();
     }
 }
 
-void Beat::beat(bool contacts) {
+void Beat::beat(bool contacts, std::chrono::seconds atMost) {
     try {
-        const StorePool::Lease store = m_stores.take();
+        const auto end = std::chrono::steady_clock::now() + atMost;
+        const auto store = m_stores.take([end] { return std::chrono::steady_clock::now() > end; });
         m_log.setLevel(store->traceLevel());
         const Membership& own = m_membership;
         const bool known =
@@ -60,6 +63,8 @@ void Beat::beat(bool contacts) {
         // a load, which ends
     } catch (const StoreError& error) {
         report(std::string("the store failed: ") + error.what());
+    } catch (const std::exception& error) {
+        m_log.failed("the beat failed", error);
     }
 }
 

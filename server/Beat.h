@@ -2,6 +2,7 @@
 /// that another node was told.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <string>
@@ -30,7 +31,7 @@ class Beat {
 
   private:
     void run();
-    void beat(bool contacts);
+    void beat(bool contacts, std::chrono::seconds atMost);
     /// Says so once while it lasts.
     void report(const std::string& problem);
 

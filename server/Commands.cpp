@@ -39,7 +39,7 @@ QelFileDescriptor stopSignals() {
     return fd;
 }
 
-/// A connection may need four descriptors: its own and those of a store.
+/// A connection may need two descriptors: its own and that of a file with what it has not taken yet.
 void allowManyDescriptors() {
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
@@ -68,8 +68,8 @@ int serve(const ServeOptions& options) {
     StorePool stores(options.data);
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
-    const SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
-    HttpServer server(service, log, options.instances, tls.get(), HttpLimits{});
+    SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
+    HttpServer server(service, log, options.instances, std::move(tls), HttpLimits{});
     Listener listener(options.listen);
     const Beat beat(stores, log, options.membership);
 

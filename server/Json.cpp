@@ -17,7 +17,7 @@ using rapidjson::SizeType;
 /// Passes the parser's events on to a document and stops the parser at what is not accepted.
 class StrictHandler {
   public:
-    explicit StrictHandler(rapidjson::Document& document) : m_document(document) {}
+    explicit StrictHandler(JsonDocument& document) : m_document(document) {}
 
     bool Null() { return m_document.Null(); }
     bool Bool(bool value) { return m_document.Bool(value); }
@@ -52,7 +52,7 @@ class StrictHandler {
   private:
     bool deeper() { return ++m_depth <= kMaxJsonDepth; }
 
-    rapidjson::Document& m_document;
+    JsonDocument& m_document;
     int m_depth = 0;
     /// The names seen so far in each open object. They lie in the text that is parsed.
     std::vector<std::unordered_set<std::string_view>> m_fields;
@@ -60,12 +60,12 @@ class StrictHandler {
 
 }  // namespace
 
-bool parseStrictly(char* text, rapidjson::Document& document) {
+bool parseStrictly(char* text, JsonDocument& document) {
     bool parsed = false;
-    const auto parse = [&](rapidjson::Document& target) {
+    const auto parse = [&](JsonDocument& target) {
         rapidjson::InsituStringStream stream(text);
         StrictHandler handler(target);
-        rapidjson::Reader reader;
+        rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator> reader;
         parsed = !reader.Parse<rapidjson::kParseInsituFlag>(stream, handler).IsError();
         return parsed;
     };

@@ -41,7 +41,7 @@ QelFileDescriptor listenOn(const addrinfo& address) {
     QelFileDescriptor socket(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     if (!socket.isOpen() || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), 256) != 0) {
+        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
         return QelFileDescriptor();
     }
     return socket;
@@ -70,6 +70,7 @@ Listener::Listener(std::string_view hostAndPort) {
     int error = 0;
     for (const addrinfo* address = found; address != nullptr && !m_socket.isOpen(); address = address->ai_next) {
         m_socket = listenOn(*address);
+        m_isV6 = address->ai_family == AF_INET6;
         error = errno;
     }
     if (!m_socket.isOpen()) {

@@ -14,15 +14,16 @@ namespace dsessd {
 class Listener {
   public:
     explicit Listener(std::string_view hostAndPort);
-    int fd() const { return m_socket.get(); }
-    /// Takes no more connections.
-    void close() { m_socket.reset(); }
+    /// Hands the socket over to the caller, who closes it.
+    [[nodiscard]] int release() { return m_socket.release(); }
+    bool isV6() const { return m_isV6; }
     /// `HOST:PORT` as given, with the port in use.
     const std::string& address() const { return m_address; }
 
   private:
     QelFileDescriptor m_socket;
     std::string m_address;
+    bool m_isV6 = false;
 };
 
 }  // namespace dsessd

@@ -61,4 +61,13 @@ void Log::write(Topic topic, std::string_view text) {
     [[maybe_unused]] const ssize_t written = ::write(m_fd, line.data(), line.size());
 }
 
+void Log::failed(const char* what, const std::exception& why) noexcept {
+    try {
+        write(Topic::kFailure, std::string(what) + ": " + why.what());
+    } catch (const std::bad_alloc&) {
+        constexpr std::string_view kLine = "no memory to say what failed\n";
+        [[maybe_unused]] const ssize_t written = ::write(m_fd, kLine.data(), kLine.size());
+    }
+}
+
 }  // namespace dsessd

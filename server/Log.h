@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <exception>
 #include <mutex>
 #include <string_view>
 
@@ -29,6 +30,8 @@ class Log {
     bool wants(Topic topic) const;
     /// `text` is one line: callers pass what came from outside through harmless() first.
     void write(Topic topic, std::string_view text);
+    /// A failure that is no more than logged. Does without memory where there is none.
+    void failed(const char* what, const std::exception& why) noexcept;
 
   private:
     int m_fd;

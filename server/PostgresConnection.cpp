@@ -18,6 +18,7 @@ using Clock = std::chrono::steady_clock;
 // A commit that takes longer waits for something that does not come, such as a standby.
 constexpr std::chrono::seconds kCommitAtMost{30};
 constexpr std::chrono::seconds kRollBackAtMost{5};
+constexpr int kBetweenQuestions = 50;  // milliseconds
 
 // Seconds and, for the last, milliseconds. Whatever the URI says counts instead.
 constexpr std::array<std::pair<const char*, const char*>, 7> kDefaults{{
@@ -110,17 +111,20 @@ PostgresRows PostgresConnection::run(const char* sql, std::initializer_list<Valu
     return result();
 }
 
-bool PostgresConnection::await(Clock::time_point end) {
+/// Waits until there is something to read.
+void PostgresConnection::await() {
     pollfd socket{PQsocket(m_connection.get()), POLLIN, 0};
-    int milliseconds = -1;
-    if (end != Clock::time_point::max()) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-        if (left <= 0) {
-            return false;
+    while (::poll(&socket, 1, kBetweenQuestions) == 0) {
+        if (Clock::now() > m_end) {
+            close();
+            throw PostgresLost("the database does not answer", "");
         }
-        milliseconds = static_cast<int>(left);
+        // The database notices and stops too: see client_connection_check_interval.
+        if (m_end == Clock::time_point::max() && m_impatient && m_impatient()) {
+            close();
+            throw StoreInterrupted("nobody waits for it any more");
+        }
     }
-    return ::poll(&socket, 1, milliseconds) != 0;
 }
 
 PostgresRows PostgresConnection::result() {
@@ -128,10 +132,7 @@ PostgresRows PostgresConnection::result() {
     std::unique_ptr<PGresult, decltype(&PQclear)> failure(nullptr, PQclear);
     for (;;) {
         while (PQisBusy(m_connection.get()) != 0) {
-            if (!await(m_end)) {
-                close();
-                throw PostgresLost("the database does not answer", "");
-            }
+            await();
             if (PQconsumeInput(m_connection.get()) == 0) {
                 fail(failure.get());
             }

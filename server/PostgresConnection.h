@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -98,6 +99,9 @@ class PostgresConnection {
     void open();
     bool isOpen() const { return m_connection != nullptr; }
     void close() { m_connection.reset(); }
+    /// What is asked while a statement runs, other than one that ends a transaction: true closes the connection, and
+    /// StoreInterrupted is thrown. Empty: nothing.
+    void endWhen(std::function<bool()> impatient) { m_impatient = std::move(impatient); }
 
     /// One statement with parameters; or, without any, one or several, of which the last one's rows come back.
     PostgresRows run(const char* sql, std::initializer_list<Value> values = {});
@@ -114,8 +118,7 @@ class PostgresConnection {
         void operator()(PGconn* connection) const { PQfinish(connection); }
     };
 
-    /// Waits until there is something to read. False: time is up.
-    bool await(std::chrono::steady_clock::time_point end);
+    void await();
     PostgresRows result();
     PostgresRows endWith(const char* command, std::chrono::steady_clock::duration atMost);
     [[noreturn]] void fail(const PGresult* result);
@@ -124,6 +127,7 @@ class PostgresConnection {
     std::unique_ptr<PGconn, Finish> m_connection;
     /// When what runs is given up, and the connection with it.
     std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::time_point::max();
+    std::function<bool()> m_impatient;
 };
 
 /// A transaction, undone unless committed.

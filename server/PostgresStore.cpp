@@ -79,10 +79,12 @@ CREATE TABLE changes (
 CREATE INDEX changes_by_time ON changes (time);
 )";
 
-// A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up.
+// A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up. What a node has left in
+// the middle ends.
 constexpr char kSettings[] = R"(
 SET search_path = dsessd, pg_temp;
 SET lock_timeout = '10s';
+SET client_connection_check_interval = '1s';
 SET tcp_keepalives_idle = 5;
 SET tcp_keepalives_interval = 2;
 SET tcp_keepalives_count = 3;
@@ -257,6 +259,8 @@ class PostgresStore final : public Store {
     PostgresStore(const std::string& uri, IfMissing ifMissing) : m_name(nameOfPostgres(uri)), m_connection(uri) {
         connect(ifMissing);
     }
+
+    void endWhen(std::function<bool()> impatient) override { m_connection.endWhen(std::move(impatient)); }
 
     std::string clusterId() override { return m_clusterId; }
 

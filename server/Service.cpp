@@ -17,14 +17,16 @@ namespace code = protocol::code;
 namespace error = protocol::error;
 namespace field = protocol::field;
 namespace method = protocol::method;
-using rapidjson::Value;
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 // Large enough that a chunk's own cost does not count, small enough to have one for each connection.
 constexpr std::size_t kPieceBytes = 65'536;
 
-// As long as a store waits for another process that writes.
-constexpr std::chrono::seconds kWaitForChange{10};
+/// How long a request waits for its turn, for each of its steps.
+constexpr std::chrono::seconds kWaitForTurn{10};
+/// The change before it may be one of a million sessions.
+constexpr std::chrono::seconds kWaitForChange{30};
+/// How long a step may take that changes nothing.
+constexpr std::chrono::seconds kWorkFor{30};
 
 /// Why a request is not done; thrown by whatever finds out.
 struct Refusal {
@@ -42,29 +44,30 @@ struct Refusal {
     throw Refusal{errorCode, error::kInvalidRequest, message, httpStatus};
 }
 
-[[noreturn]] void refuseForNow(const char* message) {
-    throw Refusal{code::kInternalError, error::kServerFailure, message, 503};
+/// Whatever the server is busy with: it may be asked again, and so may another.
+Refusal busy() {
+    return {code::kInternalError, error::kServerFailure, "The server is busy; try again.", 503};
 }
 
-std::string_view viewOf(const Value& value) {
+std::string_view viewOf(const JsonValue& value) {
     return {value.GetString(), value.GetStringLength()};
 }
 
-const Value* find(const Value& object, const char* name) {
+const JsonValue* find(const JsonValue& object, const char* name) {
     const auto found = object.FindMember(name);
     return found == object.MemberEnd() ? nullptr : &found->value;
 }
 
-std::string_view textParameter(const Value& parameters, const char* name) {
-    const Value* value = find(parameters, name);
+std::string_view textParameter(const JsonValue& parameters, const char* name) {
+    const JsonValue* value = find(parameters, name);
     if (value == nullptr || !value->IsString()) {
         refuseForm(code::kInvalidParams, "A parameter is missing or is not text.");
     }
     return viewOf(*value);
 }
 
-std::int32_t integerParameter(const Value& parameters, const char* name) {
-    const Value* value = find(parameters, name);
+std::int32_t integerParameter(const JsonValue& parameters, const char* name) {
+    const JsonValue* value = find(parameters, name);
     if (value == nullptr || !value->IsInt()) {
         refuseForm(code::kInvalidParams, "A parameter is missing or is not an integer of 32 bits.");
     }
@@ -72,8 +75,8 @@ std::int32_t integerParameter(const Value& parameters, const char* name) {
 }
 
 /// Null when it is null or missing.
-const Value* optionalText(const Value& object, const char* name) {
-    const Value* value = find(object, name);
+const JsonValue* optionalText(const JsonValue& object, const char* name) {
+    const JsonValue* value = find(object, name);
     if (value == nullptr || value->IsNull()) {
         return nullptr;
     }
@@ -83,19 +86,19 @@ const Value* optionalText(const Value& object, const char* name) {
     return value;
 }
 
-Credentials credentialsOf(const Value& parameters) {
-    const Value* security = find(parameters, field::kSecurity);
+Credentials credentialsOf(const JsonValue& parameters) {
+    const JsonValue* security = find(parameters, field::kSecurity);
     if (security == nullptr || !security->IsObject()) {
         refuseForm(code::kInvalidParams, "The parameter security is missing or is not an object.");
     }
     Credentials credentials;
-    if (const Value* user = optionalText(*security, field::kUser)) {
+    if (const JsonValue* user = optionalText(*security, field::kUser)) {
         credentials.user = viewOf(*user);
     }
-    if (const Value* password = optionalText(*security, field::kPassword)) {
+    if (const JsonValue* password = optionalText(*security, field::kPassword)) {
         credentials.password = password->GetString();
     }
-    if (const Value* loginId = optionalText(*security, field::kLoginId)) {
+    if (const JsonValue* loginId = optionalText(*security, field::kLoginId)) {
         credentials.loginId = viewOf(*loginId);
     }
     return credentials;
@@ -113,7 +116,7 @@ struct Parameters {
 /// Which parameters a method takes beside the identity.
 enum class Takes { kNothing, kReplicaSet, kSessions, kSessionsAndMax, kLevel };
 
-Parameters parametersOf(const Value& object, Takes takes) {
+Parameters parametersOf(const JsonValue& object, Takes takes) {
     Parameters parameters;
     if (takes == Takes::kReplicaSet) {
         parameters.replicaSet = textParameter(object, field::kReplicaSet);
@@ -142,17 +145,17 @@ Selector selectorOf(std::string_view name) {
     refuse(error::kInvalidValue, "The selector is neither user nor session.");
 }
 
-void putText(Writer& writer, const char* name, std::string_view text) {
+void putText(JsonWriter& writer, const char* name, std::string_view text) {
     writer.Key(name);
     writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
-void putInteger(Writer& writer, const char* name, std::int64_t value) {
+void putInteger(JsonWriter& writer, const char* name, std::int64_t value) {
     writer.Key(name);
     writer.Int64(value);
 }
 
-void putKey(Writer& writer, const Key& key) {
+void putKey(JsonWriter& writer, const Key& key) {
     writer.Key(field::kKey);
     writer.StartObject();
     putText(writer, field::kLabel, key.label);
@@ -162,7 +165,7 @@ void putKey(Writer& writer, const Key& key) {
 }
 
 /// Opens an answer up to its result or error. `id` is JSON.
-void beginAnswer(Writer& writer, std::string_view id, const char* outcome) {
+void beginAnswer(JsonWriter& writer, std::string_view id, const char* outcome) {
     writer.StartObject();
     writer.Key(field::kJsonRpc);
     writer.String(field::kVersion);
@@ -173,8 +176,8 @@ void beginAnswer(Writer& writer, std::string_view id, const char* outcome) {
 }
 
 std::string errorText(std::string_view id, const Refusal& refusal) {
-    rapidjson::StringBuffer buffer;
-    Writer writer(buffer);
+    JsonBuffer buffer;
+    JsonWriter writer(buffer);
     beginAnswer(writer, id, field::kError);
     putInteger(writer, field::kErrorCode, refusal.code);
     putText(writer, field::kErrorMessage, refusal.message);
@@ -191,8 +194,8 @@ std::string sessionCount(int count) {
     return std::to_string(count) + (count == 1 ? " session" : " sessions");
 }
 
-std::string millisecondsSince(std::chrono::steady_clock::time_point start) {
-    const std::chrono::duration<double, std::milli> elapsed = std::chrono::steady_clock::now() - start;
+std::string millisecondsSince(Patience::Clock::time_point start) {
+    const std::chrono::duration<double, std::milli> elapsed = Patience::Clock::now() - start;
     char text[32];
     std::snprintf(text, sizeof text, "%.1f ms", elapsed.count());
     return text;
@@ -231,23 +234,27 @@ std::string ListingAnswer::next() {
     return piece;
 }
 
-/// One request on its way through.
 struct Service::Call {
-    const Peer& peer;
-    rapidjson::Document document;
+    SecretBuffer request;
+    Peer peer;
+    std::shared_ptr<Patience> patience;
+    const Patience::Clock::time_point start = Patience::Clock::now();
+    /// When the present step was asked for.
+    Patience::Clock::time_point queued = start;
+    JsonDocument document;
     /// JSON, comes back as it came.
     std::string id = "null";
     const Method* method = nullptr;
     Credentials credentials;
     Parameters parameters;
+    bool identified = false;
     /// Nothing: anonymous.
     std::optional<Role> role;
-    StorePool::Lease store;
-    rapidjson::StringBuffer buffer;
-    Writer result;
+    StorePool::Lease store{nullptr, StorePool::Returner{nullptr}};
+    JsonBuffer buffer;
+    JsonWriter result{buffer};
     std::unique_ptr<ListingAnswer> listing;
-
-    explicit Call(const Peer& from) : peer(from), store(nullptr, StorePool::Returner{nullptr}), result(buffer) {}
+    Answer answer;
 
     std::string who() const {
         std::string text = credentials.user.empty() ? "nobody" : harmless(credentials.user);
@@ -261,61 +268,111 @@ struct Service::Call {
 
 struct Service::Method {
     const char* name;
-    bool changes;
+    Lane lane;
     Takes takes;
     void (Service::*run)(Call& call);
+    bool changes() const { return lane == Lane::kChange; }
 };
 
 const Service::Method Service::kMethods[] = {
-    {method::kClusterGet, false, Takes::kNothing, &Service::getCluster},
-    {method::kReplicaSetGet, false, Takes::kReplicaSet, &Service::getReplicaSet},
-    {method::kKeyChange, true, Takes::kNothing, &Service::changeKey},
-    {method::kSessionList, false, Takes::kSessionsAndMax, &Service::listSessions},
-    {method::kSessionTerminate, true, Takes::kSessions, &Service::terminateSessions},
-    {method::kSessionRefresh, true, Takes::kSessions, &Service::refreshSessions},
-    {method::kTraceGet, false, Takes::kNothing, &Service::getTrace},
-    {method::kTraceSet, true, Takes::kLevel, &Service::setTrace},
+    {method::kClusterGet, Lane::kQuick, Takes::kNothing, &Service::getCluster},
+    {method::kReplicaSetGet, Lane::kQuick, Takes::kReplicaSet, &Service::getReplicaSet},
+    {method::kKeyChange, Lane::kChange, Takes::kNothing, &Service::changeKey},
+    {method::kSessionList, Lane::kListing, Takes::kSessionsAndMax, &Service::listSessions},
+    {method::kSessionTerminate, Lane::kChange, Takes::kSessions, &Service::terminateSessions},
+    {method::kSessionRefresh, Lane::kChange, Takes::kSessions, &Service::refreshSessions},
+    {method::kTraceGet, Lane::kQuick, Takes::kNothing, &Service::getTrace},
+    {method::kTraceSet, Lane::kChange, Takes::kLevel, &Service::setTrace},
 };
 
 Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
     : m_stores(stores), m_authenticator(authenticator), m_log(log), m_anonymous(anonymous) {}
 
-Answer Service::handle(SecretBuffer& request, const Peer& peer) {
-    const auto start = std::chrono::steady_clock::now();
-    Call call(peer);
-    Answer result;
+std::shared_ptr<Service::Call> Service::receive(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience) {
+    auto call = std::make_shared<Call>();
+    call->request = std::move(request);
+    call->peer = std::move(peer);
+    call->patience = std::move(patience);
+    return call;
+}
+
+std::string Service::peerOf(const Call& call, Lane lane) {
+    // Whoever asks for listings without a login does not keep them from those who are logged in.
+    return lane == Lane::kListing && !call.role ? call.peer.host + " anonymous" : call.peer.host;
+}
+
+Answer Service::answerOf(Call& call) {
+    return std::move(call.answer);
+}
+
+Service::Lane Service::advance(Call& call, Lane lane) {
     const char* outcome = "done";
     const auto refused = [&](const Refusal& refusal) {
-        outcome = refusal.name;
-        result = {refusal.httpStatus, errorText(call.id, refusal), nullptr};
+        outcome = refusal.httpStatus == 503 ? "busy" : refusal.name;
+        call.answer.httpStatus = refusal.httpStatus;
+        call.answer.text = errorText(call.id, refusal);
     };
-    const auto failed = [&](const char* why) {
+    const auto failed = [&](const char* why, int httpStatus = 200) {
         m_log.write(Topic::kFailure, std::string("the store failed: ") + why);
-        refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why."});
+        refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why.", httpStatus});
     };
     try {
-        result = answer(request, call);
+        if (Patience::Clock::now() - call.queued > (lane == Lane::kChange ? kWaitForChange : kWaitForTurn)) {
+            throw busy();
+        }
+        const Lane next = proceed(call, lane);
+        if (next != Lane::kDone) {
+            call.queued = Patience::Clock::now();
+            call.store.reset();
+            return next;
+        }
     } catch (const Refusal& refusal) {
         refused(refusal);
+    } catch (const StoreBusy&) {
+        refused(busy());
+    } catch (const StoreInterrupted&) {
+        refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
+    } catch (const StoreUncertain& failure) {
+        failed(failure.what(), 500);
     } catch (const StoreUnreachable& failure) {
-        failed(failure.what());
-        refused({code::kInternalError, error::kServerFailure, "The store cannot be reached.", 503});
+        failed(failure.what(), 503);
     } catch (const StoreError& failure) {
         failed(failure.what());
     }
-    logRequest(call, result.httpStatus == 503 ? "busy" : outcome, millisecondsSince(start));
-    return result;
+    call.store.reset();
+    logRequest(call, outcome);
+    return Lane::kDone;
 }
 
-void Service::read(SecretBuffer& request, Call& call) const {
-    rapidjson::Document& document = call.document;
-    request.push_back('\0');
-    if (!parseStrictly(request.data(), document)) {
+Service::Lane Service::proceed(Call& call, Lane lane) {
+    if (call.method == nullptr) {
+        read(call);
+    }
+    const auto end = lane == Lane::kChange ? Patience::Clock::time_point::max() : Patience::Clock::now() + kWorkFor;
+    call.store = m_stores.take([patience = call.patience, end, changes = lane == Lane::kChange] {
+        const auto now = Patience::Clock::now();
+        return now > end || now > patience->stop() || (!changes && now > patience->leave());
+    });
+    if (!identify(call, lane)) {
+        return Lane::kLogin;
+    }
+    permit(call);
+    if (call.method->lane != lane) {
+        return call.method->lane;
+    }
+    run(call);
+    return Lane::kDone;
+}
+
+void Service::read(Call& call) {
+    JsonDocument& document = call.document;
+    call.request.push_back('\0');
+    if (!parseStrictly(call.request.data(), document)) {
         refuseForm(code::kParseError, "The request is not acceptable JSON.", 400);
     }
-    const Value* version = document.IsObject() ? find(document, field::kJsonRpc) : nullptr;
-    const Value* id = version != nullptr ? find(document, field::kId) : nullptr;
-    const Value* name = version != nullptr ? find(document, field::kMethod) : nullptr;
+    const JsonValue* version = document.IsObject() ? find(document, field::kJsonRpc) : nullptr;
+    const JsonValue* id = version != nullptr ? find(document, field::kId) : nullptr;
+    const JsonValue* name = version != nullptr ? find(document, field::kMethod) : nullptr;
     if (id == nullptr || name == nullptr || !version->IsString() || viewOf(*version) != field::kVersion ||
         !(id->IsInt64() || id->IsUint64()) || !name->IsString()) {
         refuseForm(code::kInvalidRequest, "This is not one JSON-RPC 2.0 request with an integer as its id.", 400);
@@ -330,7 +387,7 @@ void Service::read(SecretBuffer& request, Call& call) const {
     if (call.method == nullptr) {
         refuseForm(code::kMethodNotFound, "There is no such method.");
     }
-    const Value* parameters = find(document, field::kParams);
+    const JsonValue* parameters = find(document, field::kParams);
     if (parameters == nullptr || !parameters->IsObject()) {
         refuseForm(code::kInvalidParams, "The params are missing or are not an object.");
     }
@@ -338,71 +395,70 @@ void Service::read(SecretBuffer& request, Call& call) const {
     call.parameters = parametersOf(*parameters, call.method->takes);
 }
 
-Answer Service::answer(SecretBuffer& request, Call& call) {
-    read(request, call);
-    call.store = m_stores.take();
-    identify(call);
-    permit(call);
-
+void Service::run(Call& call) {
     beginAnswer(call.result, call.id, field::kResult);
-    if (call.method->changes) {
-        const std::unique_lock lock(m_changing, kWaitForChange);
-        if (!lock) {
-            refuseForNow("Other changes take too long; try again.");
-        }
-        (this->*call.method->run)(call);
-    } else {
-        (this->*call.method->run)(call);
-    }
+    (this->*call.method->run)(call);
     if (call.listing != nullptr) {
-        std::string first = call.listing->next();
-        if (call.listing->done()) {
-            call.listing.reset();
+        call.answer.text = call.listing->next();
+        if (!call.listing->done()) {
+            call.answer.rest = std::move(call.listing);
         }
-        return {200, std::move(first), std::move(call.listing)};
-    }
-    call.result.EndObject();
-    call.result.EndObject();
-    return {200, std::string(call.buffer.GetString(), call.buffer.GetSize()), nullptr};
-}
-
-void Service::identify(Call& call) {
-    const bool noPassword = call.credentials.password == nullptr || call.credentials.password[0] == '\0';
-    if (call.credentials.user == kAnonymousUser && noPassword) {
+        call.listing.reset();
         return;
     }
-    const Authenticator::Verdict verdict = m_authenticator.verify(*call.store, call.credentials);
-    switch (verdict.outcome) {
-        case Authenticator::Outcome::kVerified:
-            m_log.write(Topic::kAudit, "login of " + call.who());
-            break;
-        case Authenticator::Outcome::kRemembered:
-            break;
-        case Authenticator::Outcome::kRefused:
-            m_log.write(Topic::kAudit, "identity refused: " + call.who());
-            refuse(error::kIdentityRefused, "The user is unknown or the password is wrong.");
-        case Authenticator::Outcome::kBusy:
-            refuseForNow("Too many logins at a time; try again.");
+    call.result.EndObject();
+    call.result.EndObject();
+    call.answer.text.assign(call.buffer.GetString(), call.buffer.GetSize());
+}
+
+/// False: it takes a hash, which is another lane's.
+bool Service::identify(Call& call, Lane lane) {
+    const bool noPassword = call.credentials.password == nullptr || call.credentials.password[0] == '\0';
+    if (call.identified || (call.credentials.user == kAnonymousUser && noPassword)) {
+        return true;
     }
-    call.role = verdict.role;
+    const auto verdict = lane == Lane::kLogin ? m_authenticator.verify(*call.store, call.credentials)
+                                              : m_authenticator.recall(*call.store, call.credentials);
+    if (!verdict) {
+        return false;
+    }
+    if (verdict->outcome == Authenticator::Outcome::kRefused) {
+        refuseIdentity(call);
+    }
+    if (verdict->outcome == Authenticator::Outcome::kVerified) {
+        m_log.write(Topic::kAudit, "login of " + call.who());
+    }
+    call.role = verdict->role;
+    call.identified = true;
+    return true;
+}
+
+void Service::refuseIdentity(Call& call) {
+    const Guesses::Reaction reaction = m_guesses.failed(call.peer.host);
+    call.answer.delay = reaction.delay;
+    if (reaction.say) {
+        const std::string more = reaction.unsaid == 0 ? "" : "; unsaid before: " + std::to_string(reaction.unsaid);
+        m_log.write(Topic::kAudit, "identity refused: " + call.who() + more);
+    }
+    refuse(error::kIdentityRefused, "The user is unknown or the password is wrong.");
 }
 
 void Service::permit(const Call& call) const {
-    if (!call.role && (m_anonymous == Anonymous::kNone || call.method->changes)) {
+    if (!call.role && (m_anonymous == Anonymous::kNone || call.method->changes())) {
         refuse(error::kNotPermitted, "This needs a login.");
     }
-    if (call.role == Role::kRead && call.method->changes) {
+    if (call.role == Role::kRead && call.method->changes()) {
         refuse(error::kNotPermitted, "This administrator may not change anything.");
     }
 }
 
-void Service::logRequest(const Call& call, std::string_view outcome, std::string_view duration) {
+void Service::logRequest(const Call& call, std::string_view outcome) {
     if (!m_log.wants(Topic::kRequest)) {
         return;
     }
     const std::string name = call.method == nullptr ? "a message" : call.method->name;
     m_log.write(Topic::kRequest,
-                name + " by " + call.who() + ": " + std::string(outcome) + ", " + std::string(duration));
+                name + " by " + call.who() + ": " + std::string(outcome) + ", " + millisecondsSince(call.start));
     if (call.method == nullptr || call.method->takes == Takes::kNothing) {
         return;
     }

@@ -1,23 +1,26 @@
 /// The administration protocol (docs/protocol.md): text of a request in, text of an answer out. No sockets.
 #pragma once
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
+#include <chrono>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
 #include "runtime/SecretBuffer.h"
 #include "server/Authenticator.h"
+#include "server/Guesses.h"
+#include "server/Json.h"
 #include "server/Log.h"
+#include "server/Patience.h"
 #include "server/Store.h"
 
 namespace dsessd {
 
-/// Where a request came from, for the log.
+/// Where a request came from.
 struct Peer {
+    /// Without the port.
+    std::string host;
+    /// For the log.
     std::string address;
     /// Subject of the client's certificate; empty: there is none.
     std::string certificate;
@@ -35,9 +38,8 @@ class ListingAnswer {
   private:
     StorePool::Lease m_store;
     std::unique_ptr<Store::SessionListing> m_listing;
-    std::string m_tail;
-    rapidjson::StringBuffer m_buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> m_writer;
+    JsonBuffer m_buffer;
+    JsonWriter m_writer;
     bool m_done = false;
 };
 
@@ -45,6 +47,8 @@ class ListingAnswer {
 struct Answer {
     int httpStatus = 200;
     std::string text;
+    /// How long it is to be held back.
+    std::chrono::milliseconds delay{0};
     /// What follows the text, if anything.
     std::unique_ptr<ListingAnswer> rest;
 };
@@ -55,27 +59,45 @@ inline constexpr char kAnonymousUser[] = "anonymous";
 /// What may be done without a login.
 enum class Anonymous { kNone, kRead };
 
-/// Safe to use from several threads at a time.
+/// Requests are answered in steps, so that no kind of work waits for a slower one. Safe to use from several threads at
+/// a time.
 class Service {
   public:
     /// The longest pattern that session.list takes, in bytes.
     static constexpr std::size_t kMaxPatternBytes = 4096;
 
+    /// One request on its way through.
+    struct Call;
+    /// What the next step of a request is.
+    enum class Lane {
+        kQuick,    ///< the first step, and whatever else takes little
+        kLogin,    ///< a hash of a password
+        kListing,  ///< may read all that there is
+        kChange,   ///< one at a time: else they would wait for each other by polling
+        kDone,
+    };
+
     Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous);
 
-    /// Answers one request. Its text is changed: it is parsed in place. Failures of the store are logged and answered.
-    Answer handle(SecretBuffer& request, const Peer& peer);
+    std::shared_ptr<Call> receive(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience);
+    /// Does the step of this lane and gives the next. Failures of the store are logged and answered.
+    Lane advance(Call& call, Lane lane);
+    /// Who takes turns with others for the threads of a lane.
+    static std::string peerOf(const Call& call, Lane lane);
+    /// The answer, once it is done.
+    static Answer answerOf(Call& call);
 
   private:
-    struct Call;
     struct Method;
     static const Method kMethods[];
 
-    void read(SecretBuffer& request, Call& call) const;
-    Answer answer(SecretBuffer& request, Call& call);
-    void identify(Call& call);
+    static void read(Call& call);
+    Lane proceed(Call& call, Lane lane);
+    bool identify(Call& call, Lane lane);
+    [[noreturn]] void refuseIdentity(Call& call);
     void permit(const Call& call) const;
-    void logRequest(const Call& call, std::string_view outcome, std::string_view duration);
+    void run(Call& call);
+    void logRequest(const Call& call, std::string_view outcome);
     void changed(const Call& call, Topic topic, const std::string& what);
 
     void getCluster(Call& call);
@@ -91,8 +113,7 @@ class Service {
     Authenticator& m_authenticator;
     Log& m_log;
     Anonymous m_anonymous;
-    /// One change at a time; without it, connections of one process would wait for each other by polling.
-    std::timed_mutex m_changing;
+    Guesses m_guesses;
 };
 
 }  // namespace dsessd

@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <utility>
 
 #include "runtime/QelFileDescriptor.h"
 #include "server/StoreEngines.h"
@@ -18,6 +20,16 @@ constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from othe
 constexpr int kSchemaVersion = 2;
 // Another process may write: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
+constexpr int kBusyPause = 5;
+
+// Few, since one step may match a long pattern with a long name, which takes milliseconds.
+constexpr int kStepsBetweenChecks = 100;
+
+// From so many pages in the write-ahead log on, a commit moves them to the file as far as readers let it, and then
+// waits for readers, so that the log begins anew.
+constexpr int kMovePages = 1'000;
+constexpr int kRestartPages = 8'000;
+constexpr std::chrono::seconds kWaitForReaders{1};
 
 // References are checked when a transaction ends, so that a load may store the parts before the whole.
 constexpr char kSchema[] = R"(
@@ -89,7 +101,14 @@ auto sqlite(const Action& action) {
     try {
         return action();
     } catch (const SQLite::Exception& error) {
-        throw SqliteError(error);
+        switch (error.getErrorCode() & 0xFF) {
+            case SQLITE_BUSY:
+                throw StoreBusy(error.what());
+            case SQLITE_INTERRUPT:
+                throw StoreInterrupted(error.what());
+            default:
+                throw SqliteError(error);
+        }
     }
 }
 
@@ -144,6 +163,23 @@ class Query {
     static std::int64_t bindable(std::int64_t number) { return number; }
 
     SQLite::Statement& m_statement;
+};
+
+/// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
+/// for every one of its neighbours.
+class LargeCache {
+  public:
+    LargeCache(SQLite::Database& database, Selector selector) : m_database(database) {
+        if (selector == Selector::kUser) {
+            execute(database, "PRAGMA cache_size=-262144");  // KiB, at most
+        }
+    }
+    LargeCache(const LargeCache&) = delete;
+    LargeCache& operator=(const LargeCache&) = delete;
+    ~LargeCache() { m_database.tryExec("PRAGMA cache_size=-2000"); }
+
+  private:
+    SQLite::Database& m_database;
 };
 
 /// A transaction, undone unless committed; inside another one, a part of that. One that writes takes the lock at once:
@@ -368,7 +404,14 @@ class Replacing final : public Store::Replacement {
 
 class SqliteStore final : public Store {
   public:
-    explicit SqliteStore(SQLite::Database database) : m_database(std::move(database)), m_statements(m_database) {}
+    explicit SqliteStore(SQLite::Database database) : m_database(std::move(database)), m_statements(m_database) {
+        sqlite3* handle = m_database.getHandle();
+        sqlite3_progress_handler(handle, kStepsBetweenChecks, onProgress, this);
+        sqlite3_busy_handler(handle, onBusy, this);
+        sqlite3_wal_hook(handle, onCommit, this);
+    }
+
+    void endWhen(std::function<bool()> impatient) override { m_impatient = std::move(impatient); }
 
     std::string clusterId() override {
         Query query(m_statements.clusterId);
@@ -420,6 +463,7 @@ class SqliteStore final : public Store {
     }
 
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
+        const LargeCache cache(m_database, selector);
         Transaction transaction(m_database, Transaction::Kind::kWrite);
         const auto number = realmNumber(realm);
         if (!number) {
@@ -434,6 +478,7 @@ class SqliteStore final : public Store {
 
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                        Seconds now) override {
+        const LargeCache cache(m_database, selector);
         Transaction transaction(m_database, Transaction::Kind::kWrite);
         const auto number = realmNumber(realm);
         if (!number) {
@@ -518,6 +563,34 @@ class SqliteStore final : public Store {
     std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_database, m_statements); }
 
   private:
+    static int onProgress(void* store) {
+        const auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        return impatient && impatient() ? 1 : 0;
+    }
+
+    static int onBusy(void* store, int tries) {
+        const auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        if (tries * kBusyPause > kBusyMilliseconds || (impatient && impatient())) {
+            return 0;
+        }
+        sqlite3_sleep(kBusyPause);
+        return 1;
+    }
+
+    /// What is not moved to the file now is after the next commit.
+    static int onCommit(void* store, sqlite3* database, const char* name, int logPages) {
+        if (logPages < kMovePages) {
+            return SQLITE_OK;
+        }
+        auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        const auto end = std::chrono::steady_clock::now() + kWaitForReaders;
+        auto outside = std::exchange(impatient, [end] { return std::chrono::steady_clock::now() > end; });
+        const int mode = logPages < kRestartPages ? SQLITE_CHECKPOINT_PASSIVE : SQLITE_CHECKPOINT_RESTART;
+        sqlite3_wal_checkpoint_v2(database, name, mode, nullptr, nullptr);
+        impatient = std::move(outside);
+        return SQLITE_OK;
+    }
+
     std::optional<std::int64_t> realmNumber(std::string_view name) {
         Query query(m_statements.realm, name);
         return query.step() ? std::optional(query.integer(0)) : std::nullopt;
@@ -545,6 +618,7 @@ class SqliteStore final : public Store {
 
     SQLite::Database m_database;
     Statements m_statements;
+    std::function<bool()> m_impatient;
 };
 
 }  // namespace
@@ -560,7 +634,9 @@ std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing
             return SQLite::Database(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
                                     kBusyMilliseconds);
         });
-        execute(database, "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF");
+        execute(database,
+                "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF; "
+                "PRAGMA journal_size_limit=33554432");
         establishSchema(database, path);
         execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
         return sqlite([&] { return std::make_unique<SqliteStore>(std::move(database)); });

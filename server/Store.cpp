@@ -16,7 +16,7 @@ namespace dsessd {
 namespace {
 
 // Each holds three descriptors and a cache; more are seldom busy at once.
-constexpr std::size_t kIdleStores = 8;
+constexpr std::size_t kIdleStores = 16;
 
 }  // namespace
 
@@ -72,20 +72,29 @@ std::string Store::describe(const std::string& data) {
     return isPostgresUri(data) ? nameOfPostgres(data) : data;
 }
 
-StorePool::Lease StorePool::take() {
+StorePool::StorePool(std::string data) : m_data(std::move(data)) {
+    m_idle.reserve(kIdleStores);  // giving one back must not fail
+}
+
+StorePool::Lease StorePool::take(std::function<bool()> impatient) {
+    std::unique_ptr<Store> store;
     {
         const std::lock_guard lock(m_mutex);
         if (!m_idle.empty()) {
-            Store* store = m_idle.back().release();
+            store = std::move(m_idle.back());
             m_idle.pop_back();
-            return Lease(store, Returner{this});
         }
     }
-    return Lease(Store::open(m_data, Store::IfMissing::kFail).release(), Returner{this});
+    if (store == nullptr) {
+        store = Store::open(m_data, Store::IfMissing::kFail);
+    }
+    store->endWhen(std::move(impatient));
+    return Lease(store.release(), Returner{this});
 }
 
 void StorePool::giveBack(Store* store) {
     std::unique_ptr<Store> owned(store);
+    owned->endWhen({});
     const std::lock_guard lock(m_mutex);
     if (m_idle.size() < kIdleStores) {
         m_idle.push_back(std::move(owned));

@@ -48,6 +48,12 @@ class ChangeMismatch : public StoreError {
     using StoreError::StoreError;
 };
 
+/// Ended because endWhen() said so.
+class StoreInterrupted : public StoreError {
+  public:
+    using StoreError::StoreError;
+};
+
 /// Seconds since 1970-01-01 00:00:00 UTC, as they go over the wire.
 using Seconds = std::int32_t;
 Seconds presentTime();
@@ -129,6 +135,10 @@ class Store {
     Store& operator=(const Store&) = delete;
     virtual ~Store() = default;
 
+    /// What is asked every now and then while a statement runs or waits for another process: true ends it. Empty:
+    /// nothing ends it, and another process is waited for 10 seconds. Must not throw.
+    virtual void endWhen(std::function<bool()> impatient) = 0;
+
     /// Names the cluster: a UUID made with the store. New contents (replace()) are still the same cluster.
     virtual std::string clusterId() = 0;
 
@@ -206,15 +216,15 @@ class Store {
 /// Connections to one store, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {
   public:
-    explicit StorePool(std::string data) : m_data(std::move(data)) {}
+    explicit StorePool(std::string data);
 
     struct Returner {
         StorePool* pool;
         void operator()(Store* store) const { pool->giveBack(store); }
     };
     using Lease = std::unique_ptr<Store, Returner>;
-    /// The pool must outlive the lease. Throws StoreError.
-    Lease take();
+    /// The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
+    Lease take(std::function<bool()> impatient = {});
 
   private:
     void giveBack(Store* store);

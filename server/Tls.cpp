@@ -25,6 +25,10 @@ void require(bool done, const std::string& file, const char* what) {
 std::string tlsError() {
     const unsigned long code = ERR_peek_error();
     ERR_clear_error();
+    return tlsError(code);
+}
+
+std::string tlsError(unsigned long code) {
     if (code == 0) {
         return "no answer";
     }
@@ -45,7 +49,9 @@ SslContext makeTlsContext(const TlsFiles& files) {
     SSL_CTX_set_options(raw, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
     SSL_CTX_set_num_tickets(raw, 0);
     SSL_CTX_set_session_cache_mode(raw, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_mode(raw, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+    if (SSL_CTX_set_cipher_list(raw, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1) {
+        throw std::runtime_error("TLS is not available: " + tlsError());
+    }
     SSL_CTX_set_default_passwd_cb(raw, noPassphrase);
     require(SSL_CTX_use_certificate_chain_file(raw, files.certificate.c_str()) == 1, files.certificate,
             "the certificate");

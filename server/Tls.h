@@ -27,15 +27,17 @@ struct SslFree {
 };
 using Ssl = std::unique_ptr<SSL, SslFree>;
 
-/// TLS 1.2 or newer. Sessions are never resumed, so that every connection shows its certificate anew. Throws
-/// std::runtime_error with one line that names the file at fault.
+/// TLS 1.2 or newer, with forward secrecy. Sessions are never resumed, so that every connection shows its certificate
+/// anew. Throws std::runtime_error with one line that names the file at fault.
 SslContext makeTlsContext(const TlsFiles& files);
 
 /// Subject of the certificate that the peer has shown and that was verified, such as `C=DE,O=Example,CN=desk`; empty
 /// when it has shown none.
 std::string peerSubject(const SSL* ssl);
 
-/// What OpenSSL's first error since the queue was cleared was about; the queue is empty afterwards.
+/// What an error of OpenSSL was about; 0: there was none, the other side just said nothing more.
+std::string tlsError(unsigned long code);
+/// The same of the first error since the queue was cleared; the queue is empty afterwards.
 std::string tlsError();
 
 }  // namespace dsessd

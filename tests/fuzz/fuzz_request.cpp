@@ -42,11 +42,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static Server server;
     const std::string label = server.store->cluster().key.label;
     SecretBuffer request(data, data + size);
-    dsessd::Answer answer = server.service.handle(request, {"[::1]:1", "/CN=peer"});
+    using Lane = dsessd::Service::Lane;
+    const auto call =
+        server.service.receive(request, {"::1", "[::1]:1", "/CN=peer"}, std::make_shared<dsessd::Patience>());
+    for (Lane lane = Lane::kQuick; lane != Lane::kDone;) {
+        lane = server.service.advance(*call, lane);
+    }
+    dsessd::Answer answer = dsessd::Service::answerOf(*call);
     while (answer.rest != nullptr && !answer.rest->done()) {
         answer.text += answer.rest->next();
     }
-    rapidjson::Document document;
+    dsessd::JsonDocument document;
     REQUIRE(dsessd::parseStrictly(answer.text.data(), document) && document.IsObject());
     const bool refused = document.HasMember("error");
     REQUIRE(refused != document.HasMember("result") && (refused || answer.httpStatus == 200));

@@ -14,7 +14,7 @@ from dsessd import AS_ROOT, DEADLINE, ROOT, Dsessd, request_text
 
 PATH = "/blue/services/DSessAdminProxy"
 GOOD = request_text("trace.get").encode()
-CLUSTER = request_text("cluster.get").encode()
+N = len(GOOD)
 RESULT = b'{"jsonrpc":"2.0","id":1,"result":{"level":1}}'
 JSON = "Content-Type: application/json"
 CLOSE = (JSON, "Connection: close")
@@ -26,7 +26,7 @@ def request(body=GOOD, path=PATH, method="POST", headers=(JSON,), length=None):
     return "\r\n".join(lines).encode() + b"\r\n\r\n" + body
 
 
-CHUNKED = f"POST {PATH} HTTP/1.1\r\n{JSON}\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
+CHUNKED = f"POST {PATH} HTTP/1.1\r\n{JSON}\r\nConnection: close\r\nTransfer-Encoding: chunked\r\n\r\n".encode()
 
 
 def chunked(*pieces, end=b"0\r\n\r\n"):
@@ -46,81 +46,55 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
     (200, 200): [request() + request(headers=CLOSE)],
     (100, 200): [request(headers=(*CLOSE, "Expect: 100-continue"))],
     (400,): [
-        request(b"x" * 65536, headers=CLOSE),
-        *(request(length=length) for length in ("-1", "1x", "1\r\nContent-Length: 2")),
-        request(headers=(JSON, "Transfer-Encoding: chunked")),
-        request(b"", headers=CLOSE),
-        b"\r\n".join(request(b"", headers=CLOSE).split(b"\r\n")[:3]) + b"\r\n\r\n",
-        request().replace(b"/1.1", b"/2.0"),
-        chunked(GOOD).replace(b": chunked", b": gzip, chunked"),
-        chunked(GOOD, end=b"zz\r\n"),
+        *(request(length=length) for length in ("-1", "1x", "", f"{N}\r\nContent-Length: {N}")),
+        *(request(length=f"{before}{N}") for before in ("+", "\r\n ", f"{N}, ")),
+        *(request().replace(*odd) for odd in [(b"Length:", b"Length :"), (b"\r\nCon", b"\nCon"), (b"/1.1", b"/2.0")]),
+        *(chunked(GOOD).replace(*odd) for odd in [(b"\r\n{", b";x=y\r\n{"), (b": chunked", b": gzip, chunked")]),
+        *(chunked(GOOD, end=end) for end in (b"0\r\nX: y\r\n\r\n", b"zz\r\n")),
+        *(request(headers=(JSON, odd)) for odd in ("X: a\r\n b", "Host: x\r\nHost: y", "Transfer-Encoding: chunked")),
+        *(request(body, headers=CLOSE) for body in (b"", b"x" * 65536)),
         b"GET\r\n\r\n",
         b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc" + bytes(99) + b"\n\r\n",
         request(headers=("X: " + "a" * 9000,)),
     ],
-    (404,): [
-        *(request(path=f"/{path}") for path in ("red/services/DSessAdmin", "blue/services/DSessAdmin/", f"..{PATH}")),
-        b"POST / HTTP/1.1\r\nRange: bytes=" + b"0-0," * 2000 + b"0-0\r\n\r\n",
-    ],
+    (404,): [*(request(path=f"/{path}") for path in ("red/services/DSessAdmin", f"{PATH}/", f"..{PATH}"))],
     (405,): [request(method=method) for method in ("GET", "PUT", "OPTIONS")],
     (413,): [
         *(request(b"", length=length) for length in (65537, 10**30)),
         chunked(b"x" * 65536, b"y"),
-        request(b"", length=65537, headers=(JSON, "Expect: 100-continue")),
-        chunked(*[b"z" * 10] * 9000),
         request(headers=[f"X-{i}: y" for i in range(30000)]),
         b"POST " + b"a" * 300000,
     ],
     (414,): [request(path="/" + "a" * 9000)],
-    (415,): [
-        *(request(headers=headers) for headers in [(), ("Content-Type: text/json",), (JSON, "Content-Encoding: gzip")]),
-    ],
+    (415,): [request(headers=odd) for odd in [(), ("Content-Type: text/json",), (JSON, "Content-Encoding: gzip")]],
 }
-
 
 DAWDLERS = [b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")]
 
 
 class Hostile(unittest.TestCase):
     def setUp(self):
-        self.clients = self.enterContext(contextlib.ExitStack())
-
-    def serve(self, *arguments):
-        self.server = self.enterContext(Dsessd(*arguments, administrators=ROOT, anonymous="read"))
+        self.server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
 
     def tearDown(self):
-        self.clients.close()
         self.assertEqual(self.server.stop(), 0, "the server did not survive")
 
-    def connect(self, sent=b"", room=None):
-        """A client that has sent something, and has room for so many bytes of an answer."""
-        client = self.clients.enter_context(socket.socket())
-        if room:
-            client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, room)
-            client.setsockopt(socket.IPPROTO_TCP, socket.TCP_MAXSEG, 536)  # for which the server's system keeps little
-        client.settimeout(DEADLINE)
-        client.connect((self.server.host, self.server.port))
+    def connect(self, sent=b""):
+        client = self.enterContext(socket.create_connection((self.server.host, self.server.port), DEADLINE))
         client.sendall(sent)
         return client
 
     def converse(self, sent, half_close=False):
         """What comes back until the server closes."""
         received = b""
-        with contextlib.suppress(ConnectionError), self.connect() as client:
-            client.sendall(sent)
+        with contextlib.suppress(ConnectionError), self.connect(sent) as client:
             if half_close:
                 client.shutdown(socket.SHUT_WR)
             while piece := client.recv(65536):
                 received += piece
         return received
 
-    def check_good_ones_are_served(self):
-        for _ in range(10):
-            self.assertEqual(self.server.post(GOOD), (200, RESULT))
-        self.assertNotIn("more are refused", self.server.log())
-
     def test_requests_that_are_refused_by_their_head(self):
-        self.serve()
         for expected, cases in CASES.items():
             for sent in cases:
                 received = self.converse(sent)
@@ -128,7 +102,6 @@ class Hostile(unittest.TestCase):
                 self.assertTrue(expected[-1] != 200 or received.endswith(RESULT), received)
 
     def test_connections_that_break_off_or_dawdle_are_ended(self):
-        self.serve()
         slow, begun = [self.connect(first) for first in DAWDLERS], time.monotonic()
         cuts = itertools.cycle(range(0, len(request()), 7))
         while slow:
@@ -144,21 +117,7 @@ class Hostile(unittest.TestCase):
                 client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))  # reset
         self.assertEqual(statuses(self.converse(request(), half_close=True)), [200])
 
-    def test_who_has_waited_longest_makes_room_for_others(self):
-        self.serve()
-        crowd = [self.connect(first) for first in [b"", *DAWDLERS] * 110 + [b""]]  # more than there is room for
-        self.check_good_ones_are_served()
-        self.assertEqual(select.select([crowd[0], crowd[-1]], [], [], 0)[0], crowd[:1], "the oldest was cut off")
-
-    def test_who_takes_no_answer_makes_room_too(self):
-        self.serve({"realms": [{"name": f"{i:01024}"} for i in range(300)]})
-        for _ in range(210):  # more than there is room for
-            self.assertEqual(self.connect(request(CLUSTER), room=4096).recv(12, socket.MSG_PEEK), b"HTTP/1.1 200")
-        self.check_good_ones_are_served()
-
     def test_bad_logins_by_the_hundred_do_not_lock_out_who_is_logged_in(self):
-        self.serve()
-
         def guess(number):
             return self.server.post(request_text("cluster.get", ("root", "nobody")[number % 2], "guess"))[0]
 
@@ -167,4 +126,4 @@ class Hostile(unittest.TestCase):
             for _ in range(1000):
                 self.assertIn("result", self.server.call("cluster.get", connection=connection, **AS_ROOT))
                 guesses = guesses or pool.map(guess, range(240))
-            self.assertEqual(set(guesses), {200, 503})
+            self.assertLessEqual(set(guesses), {200, 503})

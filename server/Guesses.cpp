@@ -1,0 +1,44 @@
+#include "server/Guesses.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace dsessd {
+
+namespace {
+
+constexpr unsigned kForgiven = 40;
+/// For each, one failure is forgotten.
+constexpr std::chrono::seconds kForgetOne{1};
+constexpr std::chrono::seconds kDelay{3};
+constexpr std::chrono::minutes kBetweenEntries{1};
+constexpr std::size_t kHosts = 10'000;
+
+}  // namespace
+
+Guesses::Reaction Guesses::failed(const std::string& host) {
+    const auto now = Clock::now();
+    const std::lock_guard lock(m_mutex);
+    if (m_records.size() >= kHosts) {
+        std::erase_if(m_records, [&](const auto& entry) { return now - entry.second.last > kForgiven * kForgetOne; });
+    }
+    if (m_records.size() >= kHosts) {
+        return {kDelay, false, 0};
+    }
+    Record& record = m_records[host];
+    const auto forgotten = (now - record.last) / kForgetOne;
+    record.failures -= static_cast<unsigned>(std::min<std::int64_t>(record.failures, forgotten));
+    record.last = now;
+    if (record.failures < kForgiven) {
+        ++record.failures;
+        return {};
+    }
+    if (now - record.said < kBetweenEntries) {
+        ++record.unsaid;
+        return {kDelay, false, 0};
+    }
+    record.said = now;
+    return {kDelay, true, std::exchange(record.unsaid, 0)};
+}
+
+}  // namespace dsessd

@@ -1,0 +1,57 @@
+/// An answer on its way from the thread that makes it to the one that sends it. However slowly it is taken, whoever
+/// makes it is done in time: what does not fit into a little memory goes to a file without a name.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+
+#include "runtime/QelFileDescriptor.h"
+
+namespace dsessd {
+
+class Spool {
+  public:
+    /// `wake` is called, on the maker's thread, when there is something after take() has said kLater. When memory is
+    /// exhausted it is not, so a taker looks again every now and then.
+    explicit Spool(std::function<void()> wake) : m_wake(std::move(wake)) {}
+    Spool(const Spool&) = delete;
+    Spool& operator=(const Spool&) = delete;
+    ~Spool();
+
+    // For the maker:
+    /// Waits a little for a taker who keeps up; throws std::runtime_error when there is no room in the file either.
+    void append(std::string piece);
+    /// No more comes. `whole`: nothing is missing.
+    void end(bool whole);
+
+    // For the taker:
+    enum class Next { kPiece, kLater, kEnd, kBroken };
+    Next take(std::string& piece);
+
+  private:
+    void wakeTaker() noexcept;
+    void toFile(std::string_view piece);
+    Next takeFromFile(std::string& piece);
+
+    const std::function<void()> m_wake;
+    std::mutex m_mutex;
+    std::condition_variable m_taken;
+    std::deque<std::string> m_pieces;
+    std::size_t m_pieceBytes = 0;
+    std::chrono::milliseconds m_leftToWait{100};
+    /// Open: everything more goes there.
+    QelFileDescriptor m_file;
+    std::int64_t m_written = 0;
+    std::int64_t m_read = 0;
+    bool m_takerWaits = false;
+    bool m_ended = false;
+    bool m_whole = false;
+};
+
+}  // namespace dsessd

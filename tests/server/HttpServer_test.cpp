@@ -1,0 +1,129 @@
+#include "server/HttpServer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <future>
+
+#include "server/FairPool.h"
+#include "server/Spool.h"
+
+using namespace dsessd;
+
+namespace {
+
+std::string request(const std::string& method, const std::string& parameters = "") {
+    const std::string body = R"({"jsonrpc":"2.0","id":1,"method":")" + method +
+                             R"(","params":{"security":{"user":"anonymous"})" + parameters + "}}";
+    return "POST /blue/services/DSessAdmin HTTP/1.1\r\nContent-Type: application/json\r\nConnection: close\r\n"
+           "Content-Length: " +
+           std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+
+/// A server on a store with a listing that no socket's buffer holds.
+struct HttpServing : testing::Test {
+    void start(const HttpLimits& limits) {
+        const auto store = Store::open(folder / "cluster.db", Store::IfMissing::kCreate);
+        const auto cluster = store->replace();
+        cluster->addRealm(1, "east");
+        for (int i = 0; i < 8000; ++i) {
+            cluster->addSessions({{1, std::to_string(i), std::string(1000, 'm'), i}});
+        }
+        cluster->commit();
+        ASSERT_EQ(::pipe(stop.data()), 0);
+        Listener listener("127.0.0.1:0");
+        port = static_cast<std::uint16_t>(std::stoi(listener.address().substr(10)));
+        thread = std::thread([this, limits, moved = std::move(listener)]() mutable {
+            HttpServer(service, log, {"blue"}, nullptr, limits).run(std::move(moved), stop[0]);
+        });
+    }
+    void end() {
+        ::close(stop[1]);
+        thread.join();
+    }
+    ~HttpServing() override { std::filesystem::remove_all(folder); }
+
+    /// A client that has sent something.
+    QelFileDescriptor client(const std::string& sent = "") const {
+        QelFileDescriptor socket(::socket(AF_INET, SOCK_STREAM, 0));
+        const int room = 4096;
+        ::setsockopt(socket.get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        const sockaddr_in address{AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
+        EXPECT_EQ(::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        EXPECT_EQ(::send(socket.get(), sent.data(), sent.size(), MSG_NOSIGNAL), static_cast<ssize_t>(sent.size()));
+        return socket;
+    }
+    static std::string firstOf(const QelFileDescriptor& from) {
+        std::string bytes(12, '\0');
+        bytes.resize(std::max<ssize_t>(0, ::recv(from.get(), bytes.data(), bytes.size(), MSG_WAITALL)));
+        return bytes;
+    }
+    bool isServed() const { return firstOf(client(request("trace.get"))) == "HTTP/1.1 200"; }
+
+    const std::string listing = request("session.list", R"(,"realm":"east","selector":"user","value":"*","max":-1)");
+    const std::filesystem::path folder =
+        mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    StorePool stores{folder / "cluster.db"};
+    Authenticator authenticator;
+    Log log{STDERR_FILENO};
+    Service service{stores, authenticator, log, Anonymous::kRead};
+    std::array<int, 2> stop{-1, -1};
+    std::uint16_t port = 0;
+    std::thread thread;
+};
+
+TEST_F(HttpServing, LetsWhoHasWaitedLongestMakeRoomAndEndsWhoeverIsInTheMiddleOfWhat) {
+    start({.connections = 8, .drain = std::chrono::milliseconds(300)});
+    std::vector<QelFileDescriptor> crowd;
+    for (int i = 0; i < 9; ++i) {
+        crowd.push_back(client(i % 2 == 0 ? "" : "POST "));
+    }
+    EXPECT_EQ(firstOf(crowd[0]), "");
+    EXPECT_TRUE(isServed());
+    for (int i = 0; i < 12; ++i) {
+        crowd.push_back(client(listing));
+    }
+    while (!isServed()) {  // until their listings are made, it is the server that is waited for
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    const auto begun = std::chrono::steady_clock::now();
+    end();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+}
+
+TEST(Turns, AreTakenByPeers) {
+    std::promise<void> begin;
+    std::string order;
+    std::promise<void> end;
+    FairPool pool(1, 1);
+    pool.post("greedy", [&] { begin.get_future().wait(); });
+    for (int i = 0; i < 5; ++i) {
+        pool.post("greedy", [&] { order += 'g'; });
+    }
+    pool.post("modest", [&] { order += 'm'; });
+    pool.post("greedy", [&] { end.set_value(); });
+    begin.set_value();
+    end.get_future().wait();
+    EXPECT_EQ(order, "mggggg");
+}
+
+TEST(Spooling, KeepsOrderThroughMemoryAndFile) {
+    int wakes = 0;
+    Spool spool([&] { ++wakes; });
+    std::string piece, put, got;
+    EXPECT_EQ(spool.take(piece), Spool::Next::kLater);
+    for (char c = 'a'; c <= 'z'; ++c) {
+        put += std::string(50'000, c);
+        spool.append(std::string(50'000, c));
+    }
+    spool.end(true);
+    while (spool.take(piece) == Spool::Next::kPiece) {
+        got += piece;
+    }
+    EXPECT_TRUE(got == put && wakes == 1);
+    EXPECT_EQ(spool.take(piece), Spool::Next::kEnd);
+}
+
+}  // namespace
