@@ -36,6 +36,9 @@ inline constexpr char kError[] = "error";
 inline constexpr char kErrorCode[] = "code";
 inline constexpr char kErrorMessage[] = "message";
 inline constexpr char kErrorData[] = "data";
+inline constexpr char kClusterId[] = "clusterId";  // of an answer, and of a change that demands it
+// of a request that changes something
+inline constexpr char kChangeId[] = "changeId";
 // who asks
 inline constexpr char kSecurity[] = "security";
 inline constexpr char kUser[] = "user";
@@ -77,6 +80,8 @@ inline constexpr char kNoMatchingSession[] = "no-matching-session";
 inline constexpr char kInvalidValue[] = "invalid-value";
 inline constexpr char kInvalidRequest[] = "invalid-request";
 inline constexpr char kServerFailure[] = "server-failure";
+inline constexpr char kOtherCluster[] = "other-cluster";
+inline constexpr char kOtherChange[] = "other-change";
 }  // namespace error
 
 /// Values of field::kErrorCode (JSON-RPC 2.0, section 5.1).

@@ -13,8 +13,8 @@
  *     OLM_DSESS_ADMIN_STATUS_*, that says what went wrong and what to do. The utility shows it once as a message and
  *     exits with its low byte, which must not be 0. Of a value that the catalogue lacks it shows the eight hexadecimal
  *     digits, and that there is no text for them; otherwise it is a failure like any other.
- *  3. No operation ends the process or throws, and only olm_dsess_admin_interrupt ends one early. A null handle,
- * context or required argument is answered with a status.
+ *  3. No operation ends the process or throws, and only olm_dsess_admin_interrupt ends one early. A null handle, context
+ *     or required argument is answered with a status.
  *  4. Text is NUL-terminated UTF-8. What comes from a server is passed on as it came: whoever shows it makes it
  *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC. Any text in a result may be null: it is shown as
  *     an empty one, and a realm without a name cannot be asked for. An array may be null when its count is 0 or less;
@@ -24,11 +24,17 @@
  *  6. Out-parameters are filled only on success, and ignored after a failure. What they then point to is the library's
  *     until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands back what it got
  *     before it makes another request.
- *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace function
- * is called from inside them, on that thread.
- *  8. A request that only reads may be sent to several locations in turn. One that changes something is sent on only
- *     as long as it cannot have reached a server; if it may have, and no answer came, its status says just that. Once
- *     some of it left, only what TLS has authenticated counts as word that it was not read.
+ *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace function is
+ *     called from inside them, on that thread.
+ *  8. A request that only reads may be sent to several locations in turn. A change is carried out once at most, whatever
+ *     is lost on the way: it may be sent again only where it is known by its identifier, and if nobody tells in time what
+ *     became of it, its status says just that. Once some of it left, only a server's own refusal counts as word that it
+ *     was not carried out.
+ *  9. Of the process around it this library changes what follows; another one may do otherwise. It sets libcurl up, with
+ *     functions that wipe what is freed, unless the program did so first, and ends it with the last context. It ignores
+ *     SIGPIPE while it writes, and puts it back. One descriptor, for olm_dsess_admin_interrupt, stays open.
+ *     Contexts with `fips_enabled` bind all of the process's use of OpenSSL's default context to the FIPS provider until
+ *     they are shut down. A child process after fork(2) makes contexts of its own.
  */
 #ifndef OLM_DSESS_ADMIN_H
 #define OLM_DSESS_ADMIN_H
@@ -53,7 +59,7 @@
 #define OLM_DSESS_ADMIN_STATUS_NO_LOCATION UINT32_C(0x38C54011)
 /** No location answered in time; nothing was changed. */
 #define OLM_DSESS_ADMIN_STATUS_TIMED_OUT UINT32_C(0x38C54012)
-/** A request that changes something may have reached a server, and there is no answer to tell. Never repeat it. */
+/** A change may have been carried out, and nobody told in time. Never repeat it without looking. */
 #define OLM_DSESS_ADMIN_STATUS_OUTCOME_UNKNOWN UINT32_C(0x38C54013)
 /** No secure connection came about; nothing was sent. */
 #define OLM_DSESS_ADMIN_STATUS_TLS_FAILURE UINT32_C(0x38C54014)
@@ -85,6 +91,8 @@
 #define OLM_DSESS_ADMIN_STATUS_INSTANCE_NOT_SERVED UINT32_C(0x38C54022)
 /** olm_dsess_admin_interrupt ended the operation; nothing was changed. */
 #define OLM_DSESS_ADMIN_STATUS_INTERRUPTED UINT32_C(0x38C54023)
+/** The system gave no random bytes to name a change by; nothing was sent. */
+#define OLM_DSESS_ADMIN_STATUS_NO_CHANGE_ID UINT32_C(0x38C54024)
 
 /** The texts that name a selector: sessions by their user, and by their identifier. Never translated. */
 #define OLM_DSESS_ADMIN_USER_SELECTOR1 "user"

@@ -23,6 +23,7 @@ constexpr int kMaxDepth = 64;
 /// What has been read of the objects that are open. No two that can be open together share a member.
 struct Values {
     char* version = nullptr;
+    char* clusterId = nullptr;
     std::int32_t id = 0;
     std::int32_t errorCode = 0;
     char* errorMessage = nullptr;
@@ -95,6 +96,7 @@ constexpr Field kSessionFields[] = {
 
 constexpr unsigned kSeenResult = 1U << 2;
 constexpr unsigned kSeenError = 1U << 3;
+constexpr unsigned kSeenClusterId = 1U << 4;
 
 constexpr Scope kResultScopes[] = {kClusterResult,  kReplicaSetResult, kKeyResult,
                                    kSessionsResult, kCountResult,      kLevelResult};  // by AnswerShape
@@ -106,7 +108,8 @@ class AnswerHandler {
         : m_envelope{{field::kJsonRpc, &Values::version},
                      {field::kId, &Values::id},
                      {field::kResult, Type::kObject, kResultScopes[static_cast<std::size_t>(shape)]},
-                     {field::kError, Type::kObject, kError}},
+                     {field::kError, Type::kObject, kError},
+                     {field::kClusterId, &Values::clusterId}},
           m_requestId(requestId),
           m_answer(answer) {}
 
@@ -288,7 +291,7 @@ class AnswerHandler {
             if (((frame.seen & kSeenResult) != 0) == ((frame.seen & kSeenError) != 0)) {
                 return fail("it must hold either a result or an error");
             }
-            needed &= ~(kSeenResult | kSeenError);
+            needed &= ~(kSeenResult | kSeenError | kSeenClusterId);
         }
         for (std::size_t index = 0; index < fields.size(); ++index) {
             if ((needed & ~frame.seen & (1U << index)) != 0) {
@@ -302,6 +305,7 @@ class AnswerHandler {
         if (std::strcmp(m_values.version, field::kVersion) != 0) {
             return fail("it is not JSON-RPC 2.0");
         }
+        m_answer.clusterId = m_values.clusterId;
         return m_values.id == m_requestId || fail("it answers another request");
     }
     bool finishError() {
@@ -352,7 +356,7 @@ class AnswerHandler {
                fail("the field count is wrong");
     }
 
-    const Field m_envelope[4];
+    const Field m_envelope[5];
     const std::int32_t m_requestId;
     Answer& m_answer;
     std::string m_problem;

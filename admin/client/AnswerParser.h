@@ -25,6 +25,7 @@ struct Answer {
     std::int32_t count = 0;
     std::int32_t level = 0;
 
+    const char* clusterId = nullptr;  ///< of the cluster that answered; null: not told
     const char* errorName = nullptr;  ///< null: the answer holds a result
     const char* errorMessage = nullptr;
 };

@@ -1,7 +1,6 @@
 #include "admin/client/Client.h"
 
 #include <algorithm>
-#include <cstring>
 #include <new>
 #include <optional>
 
@@ -9,6 +8,7 @@
 #include "protocol/protocol.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_utf8.h"
+#include "runtime/qel_uuid.h"
 
 namespace olmdsess {
 
@@ -16,21 +16,47 @@ namespace {
 
 constexpr std::size_t kExcerptBytes = 2048;
 
+// A pause before a change is sent once more, doubled from time to time.
+constexpr std::chrono::milliseconds kFirstPause{50};
+constexpr std::chrono::milliseconds kLongestPause{1000};
+// Less time than this is not divided any more.
+constexpr std::chrono::seconds kLeastShare{1};
+
 struct ErrorStatus {
     const char* name;
     std::uint32_t status;
+    /// Whether every other time that the same change is sent has the same answer: because a server keeps it under the
+    /// change's identifier, or because it follows from what is sent.
+    bool holds;
 };
 
 constexpr ErrorStatus kErrorStatuses[] = {
-    {protocol::error::kIdentityRefused, kStatusIdentityRefused},
-    {protocol::error::kNotPermitted, kStatusNotPermitted},
-    {protocol::error::kUnknownRealm, kStatusUnknownRealm},
-    {protocol::error::kUnknownReplicaSet, kStatusUnknownReplicaSet},
-    {protocol::error::kNoMatchingSession, kStatusNoMatchingSession},
-    {protocol::error::kInvalidValue, kStatusRequestRefused},
-    {protocol::error::kInvalidRequest, kStatusRequestRefused},
-    {protocol::error::kServerFailure, kStatusServerFailed},
+    {protocol::error::kIdentityRefused, kStatusIdentityRefused, false},
+    {protocol::error::kNotPermitted, kStatusNotPermitted, false},
+    {protocol::error::kUnknownRealm, kStatusUnknownRealm, true},
+    {protocol::error::kUnknownReplicaSet, kStatusUnknownReplicaSet, false},
+    {protocol::error::kNoMatchingSession, kStatusNoMatchingSession, true},
+    {protocol::error::kInvalidValue, kStatusRequestRefused, true},
+    {protocol::error::kInvalidRequest, kStatusRequestRefused, false},
+    {protocol::error::kServerFailure, kStatusServerFailed, false},
 };
+
+/// Null: a name that this client does not know.
+const ErrorStatus* find(std::string_view errorName) {
+    const auto* found = std::find_if(std::begin(kErrorStatuses), std::end(kErrorStatuses),
+                                     [errorName](const ErrorStatus& error) { return error.name == errorName; });
+    return found == std::end(kErrorStatuses) ? nullptr : found;
+}
+
+/// Whether an answer tells what became of a change that may have been carried out before.
+bool isFinal(const Answer& answer) {
+    const ErrorStatus* error = answer.errorName == nullptr ? nullptr : find(answer.errorName);
+    return answer.errorName == nullptr || (error != nullptr && error->holds);
+}
+
+bool isError(const Answer& answer, std::string_view name) {
+    return answer.errorName != nullptr && answer.errorName == name;
+}
 
 std::uint32_t statusOf(AttemptFailure failure) {
     switch (failure) {
@@ -47,11 +73,6 @@ std::uint32_t statusOf(AttemptFailure failure) {
         default:
             return kStatusNoLocation;
     }
-}
-
-/// Whether the server said, without having looked at it, that it will not do the request.
-bool isRefusal(AttemptFailure failure) {
-    return failure == AttemptFailure::kRefused || failure == AttemptFailure::kNotServed;
 }
 
 void replaceAll(std::string& text, std::string_view what, std::string_view with) {
@@ -93,27 +114,38 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
         m_trace.line(kTraceFailure, "the request is not valid UTF-8 and was not sent");
         return kStatusInvalidArgument;
     }
+    std::vector<RequestParameter> all(parameters.begin(), parameters.end());
+    char changeId[UUID_STR_LEN];
+    if (operation.changes) {
+        std::uint32_t status = 0;
+        const qel_uuid_t uuid = qel_uuid_create(&status);
+        if (status != 0) {
+            return kStatusNoChangeId;
+        }
+        uuid_unparse_lower(uuid.bytes, changeId);
+        all.push_back({protocol::field::kChangeId, changeId});
+        if (!m_clusterId.empty()) {
+            all.push_back({protocol::field::kClusterId, m_clusterId.c_str()});
+        }
+    }
     const std::int32_t id = m_lastId = m_lastId % 1'000'000'000 + 1;
-    const Request request{operation, security, id, writeRequest(id, operation.method, security, parameters)};
+    Request request{operation, security, id, writeRequest(id, operation.method, security, all)};
     if (request.body.size() > protocol::kMaxRequestBytes) {
         m_trace.line(kTraceFailure, "the request is too long and was not sent");
         return kStatusInvalidArgument;
     }
     olm_dsess_admin_sec_info_t shown = security;
     shown.password = security.password == nullptr ? nullptr : "***";
-    m_trace.line(kTraceMessage,
-                 "request: " + std::string(contents(writeRequest(id, operation.method, shown, parameters))));
-    bool sent = false;
+    m_trace.line(kTraceMessage, "request: " + std::string(contents(writeRequest(id, operation.method, shown, all))));
     try {
-        return tryLocations(request, answer, sent);
+        return tryLocations(request, answer);
     } catch (const std::bad_alloc&) {
-        return operation.changes && sent ? kStatusOutcomeUnknown : kStatusNoMemory;
+        return request.isOpen ? kStatusOutcomeUnknown : kStatusNoMemory;
     }
 }
 
-std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool& sent) {
-    const auto start = Clock::now();
-    auto end = start + m_timeout;
+std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
+    auto end = Clock::now() + m_timeout;
     std::optional<AttemptFailure> failure;
     std::string cause;
     bool alike = true;
@@ -121,25 +153,20 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool&
         if (interruption::isOn()) {
             return kStatusInterrupted;
         }
-        const std::string url = m_urls[index];
+        const std::string& url = m_urls[index];
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
-        const auto patience = request.operation.changes ? end - now : share;
-        Attempt attempt = tryLocation(url, request, {now + share, now + patience, patience}, answer, sent);
+        Attempt attempt = tryLocation(url, request, {now + share, request.operation.changes, share}, answer);
         if (attempt.failure == AttemptFailure::kNone) {
-            std::rotate(m_urls.begin(), m_urls.begin() + static_cast<std::ptrdiff_t>(index),
-                        m_urls.begin() + static_cast<std::ptrdiff_t>(index) + 1);
-            return statusOfAnswer(url, request, answer);
+            return finish(index, request, answer);
         }
-        m_trace.line(kTraceFailure, url + ": " + attempt.cause);
-        if (request.operation.changes && attempt.sent) {
-            return isRefusal(attempt.failure) ? explained(statusOf(attempt.failure), request, attempt.cause)
-                                              : kStatusOutcomeUnknown;
+        end += attempt.flowed;
+        if (request.isOpen) {
+            return settle(index, end, request, answer);
         }
         if (attempt.failure == AttemptFailure::kInterrupted) {
             return kStatusInterrupted;
         }
-        end += attempt.flowed;
         alike = alike && failure.value_or(attempt.failure) == attempt.failure;
         failure = attempt.failure;
         cause = std::move(attempt.cause);
@@ -147,40 +174,69 @@ std::uint32_t Client::tryLocations(const Request& request, Answer& answer, bool&
     return failure && alike ? explained(statusOf(*failure), request, cause) : kStatusNoLocation;
 }
 
-Attempt Client::tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer,
-                            bool& sent) {
+std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer) {
+    for (auto pause = Clock::duration::zero();;
+         pause = std::clamp<Clock::duration>(pause * 2, kFirstPause, kLongestPause)) {
+        const auto now = Clock::now() + pause;
+        if (now >= end || interruption::wait(std::chrono::ceil<std::chrono::milliseconds>(pause))) {
+            return kStatusOutcomeUnknown;
+        }
+        if (pause > Clock::duration::zero() && !m_clusterId.empty()) {
+            index = (index + 1) % m_urls.size();
+        }
+        const auto share =
+            std::min<Clock::duration>(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
+        m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
+        const Attempt attempt = tryLocation(m_urls[index], request, {now + share, false, share}, answer);
+        if (attempt.failure == AttemptFailure::kNone && isFinal(answer)) {
+            return finish(index, request, answer);
+        }
+        end += attempt.flowed;
+    }
+}
+
+Attempt Client::tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer) {
     answer = Answer();
-    Attempt attempt = m_transport.post(url, request.body, request.operation.changes, limits);
-    sent = attempt.sent;
+    Attempt attempt = m_transport.post(url, request.body, limits);
+    const bool wasOpen = request.isOpen;
+    request.isOpen = request.operation.changes && (wasOpen || attempt.mayHaveActed);
     if (attempt.failure == AttemptFailure::kNoMemory) {
         throw std::bad_alloc();
     }
-    if (attempt.failure != AttemptFailure::kNone) {
-        return attempt;
+    if (attempt.failure == AttemptFailure::kNone) {
+        answer.text = std::move(attempt.text);
+        m_trace.line(kTraceMessage, "answer: " + excerpt(request, {answer.text.data(), answer.text.size() - 1}));
+        if (const std::string problem = parseAnswer(request.operation.shape, request.id, answer); !problem.empty()) {
+            attempt.failure = AttemptFailure::kNotUnderstood;
+            attempt.cause = "answer not understood: " + problem;
+        } else if (isError(answer, protocol::error::kOtherCluster)) {
+            request.isOpen = wasOpen;
+            attempt.failure = AttemptFailure::kRefused;
+            attempt.cause = excerpt(request, answer.errorMessage);
+        }
     }
-    answer.text = std::move(attempt.text);
-    m_trace.line(kTraceMessage, "answer: " + excerpt(request, {answer.text.data(), answer.text.size() - 1}));
-    const std::string problem = parseAnswer(request.operation.shape, request.id, answer);
-    if (!problem.empty()) {
-        attempt.failure = AttemptFailure::kNotUnderstood;
-        attempt.cause = "answer not understood: " + problem;
+    if (attempt.failure != AttemptFailure::kNone) {
+        m_trace.line(kTraceFailure, url + ": " + attempt.cause);
+    } else if (answer.errorName != nullptr) {
+        m_trace.line(kTraceFailure,
+                     url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));
+    } else {
+        m_trace.line(kTraceFlow, url + ": answered");
     }
     return attempt;
 }
 
-std::uint32_t Client::statusOfAnswer(const std::string& url, const Request& request, const Answer& answer) const {
-    m_trace.line(kTraceFlow, url + ": answered");
+std::uint32_t Client::finish(std::size_t index, const Request& request, const Answer& answer) {
+    m_clusterId = answer.clusterId == nullptr ? "" : answer.clusterId;
+    const auto first = m_urls.begin();
+    const auto answered = first + static_cast<std::ptrdiff_t>(index);
+    std::rotate(first, answered, answered + 1);
     if (answer.errorName == nullptr) {
         return 0;
     }
-    m_trace.line(kTraceFailure,
-                 url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));
-    for (const ErrorStatus& error : kErrorStatuses) {
-        if (std::strcmp(answer.errorName, error.name) == 0) {
-            return explained(error.status, request, excerpt(request, answer.errorMessage));
-        }
-    }
-    return explained(kStatusRequestRefused, request, excerpt(request, answer.errorMessage));
+    const ErrorStatus* error = find(answer.errorName);
+    return explained(error == nullptr ? kStatusRequestRefused : error->status, request,
+                     excerpt(request, answer.errorMessage));
 }
 
 std::uint32_t Client::explained(std::uint32_t status, const Request& request, const std::string& words) const {

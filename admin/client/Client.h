@@ -22,15 +22,15 @@ inline constexpr std::int32_t kDefaultTimeoutSeconds = 30;
 struct Operation {
     const char* method;
     AnswerShape shape;
-    bool changes;  ///< never sent a second time once it may have reached a server
+    bool changes;  ///< carried out once, however often it is sent
 };
 
 /// Failover:
 ///  - Locations are tried in order, the one that last answered first. Each has an equal share of what is left of the
 ///    timeout; time in which an answer flows is nobody's.
-///  - An operation that reads goes on to the next location whatever went wrong. One that changes something goes on only
-///    while nothing of it can have reached a server, and once it may have, waits for its answer as long as there is
-///    time.
+///  - The next location is asked whatever went wrong, but once a server may have carried a change out, its fate is
+///    known only by an answer: the change is sent again, under the same identifier, by which a server knows it. It goes
+///    to the same location, and to the others when an earlier answer has told which cluster it is meant for.
 ///  - When no location gave an answer, the status names what they failed of, if that was the same for all; otherwise it
 ///    is kStatusNoLocation.
 class Client {
@@ -39,8 +39,8 @@ class Client {
     Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, const olm_dsess_admin_ssl_info_t& tlsSettings,
            Trace trace);
 
-    /// Carries an operation out and fills `answer` on success. Returns a status: when memory runs out,
-    /// kStatusOutcomeUnknown if something may have been changed. Throws std::bad_alloc before anything is sent.
+    /// Carries an operation out and fills `answer` on success. Returns a status: kStatusOutcomeUnknown when something
+    /// may have been changed and there is no answer to tell. Throws std::bad_alloc before anything is sent.
     std::uint32_t perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                           std::span<const RequestParameter> parameters, Answer& answer);
 
@@ -51,14 +51,17 @@ class Client {
         const olm_dsess_admin_sec_info_t& security;
         std::int32_t id;
         SecretBuffer body;
+        /// Whether a change has been sent whose fate is not known.
+        bool isOpen = false;
     };
 
-    /// `sent` tells, also after an exception, whether the last location tried can have got anything of the request.
-    std::uint32_t tryLocations(const Request& request, Answer& answer, bool& sent);
+    std::uint32_t tryLocations(Request& request, Answer& answer);
+    /// Asks until the time is up what became of a change that the location of this index may have carried out.
+    std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
     /// One attempt, with its answer parsed.
-    Attempt tryLocation(const std::string& url, const Request& request, const AttemptLimits& limits, Answer& answer,
-                        bool& sent);
-    std::uint32_t statusOfAnswer(const std::string& url, const Request& request, const Answer& answer) const;
+    Attempt tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer);
+    /// Makes the location of this index the first to ask and returns what its answer means.
+    std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
     /// Returns the status, having traced what its text leaves to say: under which name a request was sent that the
     /// server refused to that user, and `words`, the server's own, for other refusals.
     std::uint32_t explained(std::uint32_t status, const Request& request, const std::string& words) const;
@@ -71,6 +74,7 @@ class Client {
     TlsPolicy m_tlsPolicy;
     HttpTransport m_transport;
     std::int32_t m_lastId = 0;
+    std::string m_clusterId;  // of the last answer; empty: not told
 };
 
 }  // namespace olmdsess

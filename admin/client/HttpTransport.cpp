@@ -29,10 +29,6 @@ constexpr char kHeadTooLong[] = "its head is too long";
 constexpr char kNotHttp[] = "it is not HTTP/1.1";
 constexpr char kTooLong[] = "it is too long";
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-    return qel_ascii_equal(left, right);
-}
-
 std::string_view withoutBlanks(std::string_view text) {
     const char* const blanks = " \t\r\n";
     const std::size_t first = text.find_first_not_of(blanks);
@@ -57,6 +53,9 @@ Attempt httpStatusFailure(int status) {
     if (status == 404) {
         return failed(AttemptFailure::kNotServed, cause);
     }
+    if (status == 503) {
+        return failed(AttemptFailure::kBusy, cause + ": the server cannot take more requests now");
+    }
     if (status >= 400 && status < 600) {
         return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, cause);
     }
@@ -66,11 +65,10 @@ Attempt httpStatusFailure(int status) {
 /// What happens to one request on its way: filled by libcurl's callbacks.
 class Exchange {
   public:
-    /// `sent`, false at first, tells whether any of the request can have left, and outlives the object.
-    Exchange(const std::string& url, bool once, const AttemptLimits& limits, TlsPolicy& tlsPolicy, bool& sent)
-        : secure(equalsIgnoringCase(std::string_view(url).substr(0, 6), "https:")),
+    /// `sent` counts how often any of the request can have left, and outlives the object.
+    Exchange(const std::string& url, const AttemptLimits& limits, TlsPolicy& tlsPolicy, int& sent)
+        : secure(qel_ascii_equal(std::string_view(url).substr(0, 6), "https:")),
           policy(tlsPolicy),
-          m_once(once),
           m_limits(limits),
           m_sent(sent) {}
 
@@ -82,12 +80,10 @@ class Exchange {
     }
 
     /// The connection is there and the request is about to be sent, perhaps for another time.
-    bool onConnected() {
-        if (m_sent && m_once) {
-            return false;
-        }
-        m_sent = m_sentHere = true;
-        return true;
+    void onConnected() {
+        ++m_sent;
+        m_sentHere = true;
+        m_answered = m_limits.leavesTime ? Clock::now() + (m_limits.end - Clock::now()) / 2 : m_limits.end;
     }
 
     bool onHeader(std::string_view line) {
@@ -128,7 +124,7 @@ class Exchange {
     /// When the exchange has to end unless something more comes.
     Clock::time_point deadline() {
         if (!m_inBody) {
-            return m_sentHere ? m_limits.answered : m_limits.connected;
+            return m_sentHere ? m_answered : m_limits.end;
         }
         const auto now = Clock::now();
         if (now >= m_windowStart + m_limits.silence && m_windowBytes >= leastBytesPerWindow()) {
@@ -142,7 +138,6 @@ class Exchange {
 
     void onInterruption() { m_refusal = failed(AttemptFailure::kInterrupted, "interrupted"); }
 
-    bool sent() const { return m_sent; }
     /// Whether it was sent on the connection in hand.
     bool sentHere() const { return m_sentHere; }
     bool begun() const { return m_headBytes > 0; }
@@ -164,12 +159,12 @@ class Exchange {
     }
 
     bool onField(std::string_view name, std::string_view value) {
-        if (equalsIgnoringCase(name, "Content-Type")) {
-            m_isJson = equalsIgnoringCase(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
-        } else if (equalsIgnoringCase(name, "Content-Encoding")) {
-            m_isEncoded = m_isEncoded || !equalsIgnoringCase(value, "identity");
-        } else if (equalsIgnoringCase(name, "Transfer-Encoding")) {
-            m_isEncoded = m_isEncoded || !equalsIgnoringCase(value, "chunked");
+        if (qel_ascii_equal(name, "Content-Type")) {
+            m_isJson = qel_ascii_equal(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
+        } else if (qel_ascii_equal(name, "Content-Encoding")) {
+            m_isEncoded = m_isEncoded || !qel_ascii_equal(value, "identity");
+        } else if (qel_ascii_equal(name, "Transfer-Encoding")) {
+            m_isEncoded = m_isEncoded || !qel_ascii_equal(value, "chunked");
         }
         return true;
     }
@@ -194,10 +189,10 @@ class Exchange {
                1000;
     }
 
-    const bool m_once;
     const AttemptLimits m_limits;
-    bool& m_sent;
+    int& m_sent;
     bool m_sentHere = false;
+    Clock::time_point m_answered;
     bool m_inBody = false;
     bool m_isJson = false;
     bool m_isEncoded = false;
@@ -227,8 +222,8 @@ int connectingCallback(void* exchange, curl_socket_t, curlsocktype) {
 }
 
 int connectedCallback(void* exchange, char*, char*, int, int) {
-    return guarded(exchange, [](Exchange& it) { return it.onConnected(); }) ? CURL_PREREQFUNC_OK
-                                                                            : CURL_PREREQFUNC_ABORT;
+    static_cast<Exchange*>(exchange)->onConnected();
+    return CURL_PREREQFUNC_OK;
 }
 
 std::size_t headerCallback(char* line, std::size_t, std::size_t length, void* exchange) {
@@ -412,6 +407,20 @@ std::string tlsCause(CURLcode code, const Exchange& exchange) {
     }
 }
 
+/// Whether the server said that it did nothing.
+bool isRefusal(AttemptFailure failure, const TlsPolicy& policy) {
+    switch (failure) {
+        case AttemptFailure::kRefused:
+        case AttemptFailure::kNotServed:
+        case AttemptFailure::kBusy:
+            return true;
+        case AttemptFailure::kTls:
+            return policy.refusalProven();
+        default:
+            return false;
+    }
+}
+
 /// What libcurl's result means.
 Attempt judge(CURL* easy, CURLcode code, Exchange& exchange) {
     if (exchange.refused()) {
@@ -521,34 +530,28 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     return owner;
 }
 
-Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, bool once,
-                            const AttemptLimits& limits) noexcept {
-    bool fresh = once;
-    Attempt attempt = postOn(fresh, url, body, limits);
-    if (!fresh && attempt.failure == AttemptFailure::kUnreachable && attempt.sent) {
-        // The server closed the kept connection just when it was to be used again.
-        fresh = true;
-        attempt = postOn(fresh, url, body, limits);
-    }
-    return attempt;
-}
-
-Attempt HttpTransport::postOn(bool& fresh, const std::string& url, const SecretBuffer& body,
-                              const AttemptLimits& limits) noexcept {
-    bool sent = false;
+Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits) noexcept {
+    int sent = 0;
     try {
-        return perform(fresh, sent, url, body, limits);
+        bool fresh = false;
+        Attempt attempt = perform(fresh, sent, url, body, limits);
+        if (!fresh && sent > 0 && attempt.failure == AttemptFailure::kUnreachable) {
+            // The server closed the kept connection just when it was to be used again.
+            fresh = true;
+            attempt = perform(fresh, sent, url, body, limits);
+        }
+        return attempt;
     } catch (const std::exception&) {
         Attempt attempt;
         attempt.failure = AttemptFailure::kNoMemory;
-        attempt.sent = sent;
+        attempt.mayHaveActed = sent > 0;
         return attempt;
     }
 }
 
-Attempt HttpTransport::perform(bool& fresh, bool& sent, const std::string& url, const SecretBuffer& body,
+Attempt HttpTransport::perform(bool& fresh, int& sent, const std::string& url, const SecretBuffer& body,
                                const AttemptLimits& limits) {
-    Exchange exchange(url, fresh, limits, m_policy, sent);
+    Exchange exchange(url, limits, m_policy, sent);
     // One for each request: libcurl before 8.0 keeps a pointer into the head of the last answer, which is gone, and
     // goes there when the next answer's head begins with a continuation line.
     const EasyPtr owner = makeEasy();
@@ -558,7 +561,7 @@ Attempt HttpTransport::perform(bool& fresh, bool& sent, const std::string& url, 
     set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     set(easy, CURLOPT_FRESH_CONNECT, fresh ? 1L : 0L);
     // For libcurl to divide between several addresses of one name; 0 would mean its own default.
-    set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.connected - Clock::now())));
+    set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.end - Clock::now())));
     set(easy, CURLOPT_SOCKOPTDATA, &exchange);
     set(easy, CURLOPT_PREREQDATA, &exchange);
     set(easy, CURLOPT_HEADERDATA, &exchange);
@@ -578,7 +581,8 @@ Attempt HttpTransport::perform(bool& fresh, bool& sent, const std::string& url, 
     curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connectionsMade);
     fresh = connectionsMade > 0;
     Attempt attempt = judge(easy, code, exchange);
-    attempt.sent = exchange.sent() && !(attempt.failure == AttemptFailure::kTls && m_policy.refusalProven());
+    // What was said of the last time is not said of one before it.
+    attempt.mayHaveActed = sent > (isRefusal(attempt.failure, m_policy) ? 1 : 0);
     attempt.flowed = exchange.flowed();
     if (attempt.failure == AttemptFailure::kNone) {
         exchange.text.append('\0');

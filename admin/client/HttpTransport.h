@@ -22,8 +22,9 @@ enum class AttemptFailure {
     kTimedOut,       ///< too slow, at whatever stage
     kTls,            ///< no secure connection, or our certificate was refused
     kRefused,        ///< HTTP status 4xx: the server did not take the request
+    kBusy,           ///< HTTP status 503: it did not take it now
     kNotServed,      ///< HTTP status 404: it is no session server, or has not this instance
-    kFailed,         ///< HTTP status 5xx
+    kFailed,         ///< HTTP status 5xx otherwise: nobody knows how far it came
     kNotUnderstood,  ///< what came is not an answer
     kNoMemory,       ///< memory ran out, with no cause in words
     kInterrupted,    ///< given up because someone asked for it (Interruption.h)
@@ -32,17 +33,18 @@ enum class AttemptFailure {
 struct Attempt {
     AttemptFailure failure = AttemptFailure::kNone;
     std::string cause;  ///< in words, when it failed
-    /// Whether any of the request can have reached a server. Once some of it left, only what TLS has authenticated can
-    /// say that it was not read: a server that turns our certificate down in TLS 1.3 reads none.
-    bool sent = false;
+    /// Whether a server can have carried the request out. Once some of it left, only a server that refuses it by its
+    /// HTTP status says that it did not, or one that turns our certificate down in TLS 1.3, which reads none of it.
+    bool mayHaveActed = false;
     AnswerText text;           ///< the answer, with a NUL at its end, when it did not fail
     Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
 };
 
 /// When to give up.
 struct AttemptLimits {
-    Clock::time_point connected;  ///< no connection, with TLS, by then
-    Clock::time_point answered;   ///< no complete head of an answer by then
+    Clock::time_point end;  ///< no complete head of an answer by then
+    /// Half of what is left when the request leaves is enough to wait for the head: the rest is for asking again.
+    bool leavesTime;
     /// A body that brings nothing for so long, or less than kLeastBytesPerSecond over so long, has stopped.
     Clock::duration silence;
 };
@@ -59,9 +61,8 @@ class HttpTransport {
     HttpTransport(const HttpTransport&) = delete;
     HttpTransport& operator=(const HttpTransport&) = delete;
 
-    /// Posts `body` to `url`. `once`: uses a connection of its own, on which the request is sent at most once;
-    /// otherwise a kept connection that turns out to be closed is made anew.
-    Attempt post(const std::string& url, const SecretBuffer& body, bool once, const AttemptLimits& limits) noexcept;
+    /// Posts `body` to `url`. A kept connection that turns out to be closed is made anew, and the request sent again.
+    Attempt post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits) noexcept;
 
   private:
     struct MultiDeleter {
@@ -82,11 +83,9 @@ class HttpTransport {
 
     /// A handle with all the options that requests have in common.
     EasyPtr makeEasy() const;
-    /// Posts on a connection of its own when `fresh` is set; sets it when there was no kept connection either.
-    Attempt postOn(bool& fresh, const std::string& url, const SecretBuffer& body, const AttemptLimits& limits) noexcept;
-    /// The same. `sent`, false at first, tells after an exception whether any of the request can have left. Throws
-    /// std::bad_alloc.
-    Attempt perform(bool& fresh, bool& sent, const std::string& url, const SecretBuffer& body,
+    /// Posts on a new connection when `fresh` is set; sets it when there was no kept connection either. `sent` counts
+    /// how often any of the request can have left, also after an exception. Throws std::bad_alloc.
+    Attempt perform(bool& fresh, int& sent, const std::string& url, const SecretBuffer& body,
                     const AttemptLimits& limits);
 
     TlsPolicy& m_policy;

@@ -1,5 +1,6 @@
 #include "admin/client/Interruption.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -43,6 +44,14 @@ void set(bool on) noexcept {
 
 bool isOn() noexcept {
     return g_on;
+}
+
+bool wait(std::chrono::milliseconds patience) noexcept {
+    pollfd interrupted{g_descriptor, POLLIN, 0};
+    if (!isOn() && poll(&interrupted, 1, static_cast<int>(patience.count())) > 0) {
+        rest();
+    }
+    return isOn();
 }
 
 int descriptor() noexcept {

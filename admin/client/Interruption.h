@@ -1,6 +1,8 @@
 /// Ends the operation that is running, and those to come, from a signal handler or another thread.
 #pragma once
 
+#include <chrono>
+
 namespace olmdsess {
 
 namespace interruption {
@@ -12,6 +14,8 @@ void prepare();
 /// Async-signal-safe; leaves errno alone.
 void set(bool on) noexcept;
 bool isOn() noexcept;
+/// Waits so long, or until it is on. Returns isOn().
+bool wait(std::chrono::milliseconds patience) noexcept;
 
 /// Readable when `set(true)` was called since the last `rest`; -1 before `prepare`.
 int descriptor() noexcept;
