@@ -59,7 +59,7 @@ class Durability(Case):
     def test_no_change_is_sent_to_a_second_location(self):
         sessions = ["session terminate session x -realm r", "session refresh all_sessions x -realm r"]
         for text in ["key change", "trace set 1", *sessions]:
-            with FaultServer("refuse") as dead, FaultServer("status=503") as one, FaultServer("good") as other:
-                result = self.run_utility(*commands(text), config=configuration(dead, one, other))
+            dead, one, other = map(FaultServer, ["refuse", "status=503", "good"])
+            result = self.run_utility(*commands(text), config=configuration(dead, one, other))
             self.assertEqual(result[1:3], (line(OUTCOME_UNKNOWN), OUTCOME_UNKNOWN & 0xFF), text)
             self.assertEqual((one.requests, other.requests), (1, 0), text)

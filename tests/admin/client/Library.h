@@ -121,19 +121,19 @@ class FaultServers {
         long connections = -1, requests = -1;
     };
 
-    explicit FaultServers(const std::vector<std::string>& modes, const std::string& options = "") {
+    explicit FaultServers(const std::vector<std::string>& modes, const std::string& files = "'' ''") {
         const std::string pipe = "counts-" + std::to_string(getpid());
-        std::string command = "exec python3 -W ignore " VEXIL_TESTS_SUPPORT "/fault_server.py " + options + " >" + pipe;
+        std::string command = "exec python3 " VEXIL_TESTS_SUPPORT "/fault_server.py " + files;
         for (const std::string& mode : modes) {
-            command += " " + mode;
+            command += " '" + mode + "'";
         }
         mkfifo(pipe.c_str(), 0600);
-        m_input = popen(command.c_str(), "we");
+        m_input = popen((command + " >" + pipe).c_str(), "we");
         m_output.open(pipe);
         std::remove(pipe.c_str());
         for (const std::string& mode : modes) {
-            std::string word, port;
-            m_output >> word >> port;
+            std::string port;
+            m_output >> port;
             urls.push_back((mode.starts_with("tls") ? "https://127.0.0.1:" : "http://127.0.0.1:") + port + "/");
         }
     }

@@ -80,21 +80,12 @@ TEST(AnswerParser, RefusesWhatIsNotExactlyAnAnswer) {
     };
     // clang-format on
     for (const auto& [answer, part, replacements] : table) {
+        ASSERT_EQ(Parsed(kWhole[answer].first, kWhole[answer].second).problem, "");
         for (const std::string& replacement : replacements) {
             std::string text = kWhole[answer].second;
             ASSERT_NE(text.find(part), std::string::npos) << part;
             text.replace(text.find(part), part.size(), replacement);
             EXPECT_NE(Parsed(kWhole[answer].first, text).problem, "") << text.substr(0, 200);
-        }
-    }
-}
-
-TEST(AnswerParser, RefusesEveryPartOfAnAnswer) {
-    for (const auto& [shape, text] : kWhole) {
-        ASSERT_EQ(Parsed(shape, text).problem, "");
-        for (std::size_t length = 0; length < text.size(); ++length) {
-            EXPECT_NE(Parsed(shape, text.substr(0, length)).problem, "") << length;
-            EXPECT_NE(Parsed(shape, text.substr(length + 1)).problem, "") << length;
         }
     }
 }
