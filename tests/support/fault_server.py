@@ -3,8 +3,8 @@
 
     fault_server.py CERTIFICATE CLIENT_CA MODE...
 
-prints their ports. Each line on standard input is answered by one with two numbers for each mode: the connections that
-it accepted and the whole requests that it read. It ends when standard input does.
+prints their ports. Each line on standard input is answered by one with three numbers for each mode: the connections that
+it accepted, the whole requests that it read, and the different changes in them. It ends when standard input does.
 
 A mode may begin with "tls:" or "tls1.2:": TLS with the certificate and key in the file CERTIFICATE, for the clients of
 CLIENT_CA where that is not empty; "+HEX" before the colon puts bytes before the handshake. Of modes with commas between
@@ -34,6 +34,7 @@ import sys
 import threading
 import time
 
+CLUSTER = "cluster-1"
 REALMS = [{"name": "east", "replicaSets": ["alpha", "beta"]}, {"name": "west", "replicaSets": []}]
 KEY = {"label": "key-2", "time": 1700000002, "previousTime": 1700000000}
 RESULTS = {
@@ -46,7 +47,8 @@ RESULTS = {
 
 def good_answer(request):
     message = json.loads(request)
-    return json.dumps({"jsonrpc": "2.0", "id": message["id"], "result": RESULTS.get(message["method"])}).encode()
+    result = RESULTS.get(message["method"])
+    return json.dumps({"jsonrpc": "2.0", "id": message["id"], "clusterId": CLUSTER, "result": result}).encode()
 
 
 def head(body=None, lines="Content-Type: application/json", status="200 OK"):
@@ -63,6 +65,7 @@ def reset(connection):
 class FaultServer:
     def __init__(self, mode, *files):
         self.connections = self.requests = 0
+        self.changes = set()
         self._listener = socket.socket()
         self._listener.bind(("127.0.0.1", 0))
         self.port = self._listener.getsockname()[1]
@@ -135,6 +138,7 @@ class Peer:
             match = re.search(rb"(?i)content-length: *(\d+).*?\r\n\r\n", data, re.DOTALL)
             if match and len(data) >= match.end() + int(match[1]):
                 self.server.requests += 1
+                self.server.changes.update(re.findall(rb'"changeId":"[^"]+"', data))
                 return data[match.end() :]
             piece = connection.recv(65536)
             if not piece:
@@ -188,4 +192,4 @@ if __name__ == "__main__":
     servers = [FaultServer(mode, *sys.argv[1:3]) for mode in sys.argv[3:]]
     print(*(server.port for server in servers), flush=True)
     for _ in sys.stdin:
-        print(*(count for server in servers for count in (server.connections, server.requests)), flush=True)
+        print(*(count for it in servers for count in (it.connections, it.requests, len(it.changes))), flush=True)

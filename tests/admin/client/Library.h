@@ -118,7 +118,7 @@ inline std::string answerFile(const std::string& text) {
 class FaultServers {
   public:
     struct Counts {
-        long connections = -1, requests = -1;
+        long connections = -1, requests = -1, changes = -1;
     };
 
     explicit FaultServers(const std::vector<std::string>& modes, const std::string& files = "'' ''") {
@@ -146,8 +146,8 @@ class FaultServers {
         std::fputs("counts\n", m_input);
         std::fflush(m_input);
         std::vector<Counts> all(urls.size());
-        for (auto& [connections, requests] : all) {
-            m_output >> connections >> requests;
+        for (auto& [connections, requests, changes] : all) {
+            m_output >> connections >> requests >> changes;
         }
         return all;
     }

@@ -23,78 +23,120 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
 namespace {
 
 constexpr std::uint32_t kNotUnderstood = kStatusAnswerNotUnderstood;
-constexpr std::uint32_t kUnknown = kStatusOutcomeUnknown;
+
+enum class Change {
+    kGoesOn,    ///< to the next location: this one cannot have carried it out
+    kAsksAgain  ///< here, under the same identifier
+};
 
 struct Row {
     std::string mode;
-    std::uint32_t readStatus;
-    std::uint32_t changeStatus;  // 0: a change goes to the next location, since this one cannot have got it
+    std::uint32_t status;
+    Change change;
     std::string cause;
 };
 
-/// Each peer alone, then before a good server: what is said of it, how fast, and how often it was asked.
+/// Each peer alone, then before a good server: what is said of it, how fast, and what becomes of a change.
 void expectPeers(const std::vector<Row>& rows, std::int32_t timeout, double quickest, double slowest) {
     std::vector<std::string> modes;
     for (const Row& row : rows) {
         modes.push_back(row.mode);
+        modes.push_back(row.mode + ",good");
     }
     modes.emplace_back("good");
     FaultServers servers(modes);
     for (std::size_t index = 0; index < rows.size(); ++index) {
-        const auto& [mode, readStatus, changeStatus, cause] = rows[index];
+        const auto& [mode, status, change, cause] = rows[index];
         SCOPED_TRACE(mode);
-        const std::string url = servers.urls[index];
+        const std::string url = servers.urls[2 * index];
         Library alone({url}, timeout);
-        EXPECT_EQ(alone.read(), readStatus);
-        EXPECT_EQ(alone.read(), readStatus);
+        EXPECT_EQ(alone.read(), status);
+        EXPECT_EQ(alone.read(), status);
         EXPECT_TRUE(wasTraced("1 " + url + ": ") && wasTraced(cause)) << traced.back();
         EXPECT_TRUE(quickest <= alone.seconds && alone.seconds <= slowest) << alone.seconds;
 
-        const auto before = servers.counts();
-        Library backed({url, servers.urls.back()}, timeout);
-        EXPECT_EQ(backed.change(), changeStatus);
+        const std::size_t changing = change == Change::kGoesOn ? servers.urls.size() - 1 : 2 * index + 1;
+        const auto before = servers.counts()[changing].changes;
+        Library backed({change == Change::kGoesOn ? url : servers.urls[changing], servers.urls.back()}, timeout);
+        EXPECT_EQ(backed.change(), 0U) << traced.back();
         EXPECT_LE(backed.seconds, slowest);
-        const auto after = servers.counts();
-        EXPECT_LE(after[index].requests - before[index].requests, 1);
-        EXPECT_EQ(after[index].connections - before[index].connections, changeStatus == 0 ? 0 : 1);
-        EXPECT_EQ(after.back().requests - before.back().requests, changeStatus == 0 ? 1 : 0);
-        // A request that reads always does, within the time; then the good one is asked first.
-        EXPECT_EQ(backed.read(), 0U);
-        EXPECT_LE(backed.seconds, slowest);
-        EXPECT_EQ(backed.read(), 0U);
-        EXPECT_LE(backed.seconds, kLateness);
+        EXPECT_EQ(servers.counts()[changing].changes - before, 1);
+        // A request that reads goes on, within the time; then the good one is asked first.
+        Library reading({url, servers.urls.back()}, timeout);
+        EXPECT_EQ(reading.read(), 0U);
+        EXPECT_LE(reading.seconds, slowest);
+        EXPECT_EQ(reading.read(), 0U);
+        EXPECT_LE(reading.seconds, kLateness);
     }
 }
 
-TEST(Transport, BadAnswersAreRefusedAtOnceAndChangesNotRepeated) {
+TEST(Transport, BadAnswersAreRefusedAtOnceAndAChangeIsCarriedOutOnce) {
     const std::vector<Row> rows{
-        {"refuse", kStatusNoLocation, 0, "connection refused"},
-        {"reset=request", kStatusNoLocation, kUnknown, "the connection ended before an answer"},
-        {"close=head", kNotUnderstood, kUnknown, "cut short"},
-        {"reset=body", kNotUnderstood, kUnknown, "cut short"},
-        {"status=503", kStatusNoLocation, kUnknown, "HTTP status 503"},
-        {"status=403", kStatusRequestRefused, kStatusRequestRefused, "0 the server says: HTTP status 403\n"},
-        {"status=404", kStatusInstanceNotServed, kStatusInstanceNotServed, "HTTP status 404"},
-        {"status=307", kNotUnderstood, kUnknown, "HTTP status 307"},
-        {"http09", kNotUnderstood, kUnknown, "it is not HTTP/1.1"},
-        {"endless=line", kNotUnderstood, kUnknown, "its head is too long"},
-        {"endless=head", kNotUnderstood, kUnknown, "its head is too long"},
-        {"endless=body", kNotUnderstood, kUnknown, "it is too long"},
-        {"head=,head= : continued|Content-Type: application/json", kNotUnderstood, kUnknown, "answer not understood"},
-        {"head=Content-Encoding: gzip", kNotUnderstood, kUnknown, "it is compressed"},
-        {"head=Transfer-Encoding: gzip", kNotUnderstood, kUnknown, "it is compressed"},
-        {"head=Content-Type: text/html", kNotUnderstood, kUnknown, "its type is not application/json"}};
+        {"refuse", kStatusNoLocation, Change::kGoesOn, "connection refused"},
+        {"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"},
+        {"status=403", kStatusRequestRefused, Change::kGoesOn, "0 the server says: HTTP status 403\n"},
+        {"status=404", kStatusInstanceNotServed, Change::kGoesOn, "HTTP status 404"},
+        {"status=500", kStatusNoLocation, Change::kAsksAgain, "HTTP status 500"},
+        {"status=307", kNotUnderstood, Change::kAsksAgain, "HTTP status 307"},
+        {"reset=request", kStatusNoLocation, Change::kAsksAgain, "the connection ended before an answer"},
+        {"close=head", kNotUnderstood, Change::kAsksAgain, "cut short"},
+        {"reset=body", kNotUnderstood, Change::kAsksAgain, "cut short"},
+        {"http09", kNotUnderstood, Change::kAsksAgain, "it is not HTTP/1.1"},
+        {"endless=line", kNotUnderstood, Change::kAsksAgain, "its head is too long"},
+        {"endless=head", kNotUnderstood, Change::kAsksAgain, "its head is too long"},
+        {"endless=body", kNotUnderstood, Change::kAsksAgain, "it is too long"},
+        {"head=,head= : continued|Content-Type: application/json", kNotUnderstood, Change::kAsksAgain,
+         "answer not understood"},
+        {"head=Content-Encoding: gzip", kNotUnderstood, Change::kAsksAgain, "it is compressed"},
+        {"head=Transfer-Encoding: gzip", kNotUnderstood, Change::kAsksAgain, "it is compressed"},
+        {"head=Content-Type: text/html", kNotUnderstood, Change::kAsksAgain, "its type is not application/json"}};
     expectPeers(rows, 100, 0, 40);
 }
 
-TEST(Transport, SlowServersAreLeftAtTheDeadlineAndChangesNotRepeated) {
+TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
     const std::string rest = "the rest of the answer did not come in time";
-    const std::vector<Row> rows{{"blackhole", kStatusTimedOut, 0, "no connection in time"},
-                                {"stall=accept", kStatusTimedOut, kUnknown, "no answer in time"},
-                                {"drip=head", kStatusTimedOut, kUnknown, "no answer in time"},
-                                {"stall=body", kStatusTimedOut, kUnknown, rest},
-                                {"drip=body", kStatusTimedOut, kUnknown, rest}};
+    const std::vector<Row> rows{{"blackhole", kStatusTimedOut, Change::kGoesOn, "no connection in time"},
+                                {"stall=accept", kStatusTimedOut, Change::kAsksAgain, "no answer in time"},
+                                {"drip=head", kStatusTimedOut, Change::kAsksAgain, "no answer in time"},
+                                {"stall=body", kStatusTimedOut, Change::kAsksAgain, rest},
+                                {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
+}
+
+TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster) {
+    // The first location answers the read where there is one, and then nothing any more.
+    FaultServers servers({"one-answer,reset=request", "good", "reset=request", "good"});
+    Library known({servers.urls[0], servers.urls[1]});
+    EXPECT_EQ(known.read(), 0U);
+    EXPECT_EQ(known.change(), 0U);
+    Library unknown({servers.urls[2], servers.urls[3]}, 1);
+    EXPECT_EQ(unknown.change(), kStatusOutcomeUnknown);
+    EXPECT_LE(unknown.seconds, 1 + kLateness);
+    const auto counts = servers.counts();
+    EXPECT_EQ(counts[0].changes, 1);
+    EXPECT_EQ(std::pair(counts[1].requests, counts[1].changes), std::pair(1L, 1L));
+    EXPECT_GT(counts[2].requests, 2);
+    EXPECT_EQ(std::pair(counts[2].changes, counts[3].requests), std::pair(1L, 0L));
+}
+
+TEST(Transport, OnlyAnAnswerThatHoldsForEveryTimeEndsAChangeOfUnknownFate) {
+    const std::string error =
+        R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":-32000,"message":"m","data":{"name":"NAME"}}})";
+    for (const auto& [name, alone, afterwards, next] :
+         {std::tuple("no-matching-session", kStatusNoMatchingSession, kStatusNoMatchingSession, 0L),
+          {"server-failure", kStatusServerFailed, kStatusOutcomeUnknown, 0L},
+          {"identity-refused", kStatusIdentityRefused, kStatusOutcomeUnknown, 0L},
+          {"other-cluster", 0U, kStatusOutcomeUnknown, 1L}}) {
+        SCOPED_TRACE(name);
+        std::string text = error;
+        const std::string file = "answer=" + answerFile(text.replace(text.find("NAME"), 4, name));
+        FaultServers servers({file, "close=request," + file, "good"});
+        Library first({servers.urls[0], servers.urls[2]}, 1);
+        EXPECT_EQ(first.change(), alone);
+        Library second({servers.urls[1]}, 1);
+        EXPECT_EQ(second.change(), afterwards);
+        EXPECT_EQ(servers.counts()[2].requests, next);
+    }
 }
 
 TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
