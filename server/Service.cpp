@@ -1,11 +1,16 @@
 #include "server/Service.h"
 
+#include <openssl/evp.h>
+
 #include <chrono>
 #include <cstdio>
 #include <iterator>
+#include <new>
 #include <optional>
+#include <utility>
 
 #include "protocol/protocol.h"
+#include "runtime/qel_base64.h"
 #include "server/Json.h"
 #include "server/Text.h"
 
@@ -164,21 +169,19 @@ void putKey(JsonWriter& writer, const Key& key) {
     writer.EndObject();
 }
 
-/// Opens an answer up to its result or error. `id` is JSON.
-void beginAnswer(JsonWriter& writer, std::string_view id, const char* outcome) {
-    writer.StartObject();
-    writer.Key(field::kJsonRpc);
-    writer.String(field::kVersion);
-    writer.Key(field::kId);
-    writer.RawValue(id.data(), id.size(), rapidjson::kNumberType);
-    writer.Key(outcome);
-    writer.StartObject();
+std::string textOf(const JsonBuffer& buffer) {
+    return {buffer.GetString(), buffer.GetSize()};
 }
 
-std::string errorText(std::string_view id, const Refusal& refusal) {
+/// What an answer says: its result or error, which is JSON.
+std::string saying(const char* outcome, std::string_view object) {
+    return std::string("\"").append(outcome).append("\":").append(object);
+}
+
+std::string saying(const Refusal& refusal) {
     JsonBuffer buffer;
     JsonWriter writer(buffer);
-    beginAnswer(writer, id, field::kError);
+    writer.StartObject();
     putInteger(writer, field::kErrorCode, refusal.code);
     putText(writer, field::kErrorMessage, refusal.message);
     writer.Key(field::kErrorData);
@@ -186,8 +189,42 @@ std::string errorText(std::string_view id, const Refusal& refusal) {
     putText(writer, field::kName, refusal.name);
     writer.EndObject();
     writer.EndObject();
-    writer.EndObject();
-    return {buffer.GetString(), buffer.GetSize()};
+    return saying(field::kError, textOf(buffer));
+}
+
+/// Whether a refusal of a change is kept under the change's identifier: it depends on what the store holds.
+bool isKept(const Refusal& refusal) {
+    const std::string_view name = refusal.name;
+    return name == error::kUnknownRealm || name == error::kNoMatchingSession;
+}
+
+/// An answer up to what it says. `id` is JSON.
+std::string opening(std::string_view id, std::string_view clusterId) {
+    JsonBuffer buffer;
+    JsonWriter writer(buffer);
+    writer.StartObject();
+    putText(writer, field::kJsonRpc, field::kVersion);
+    writer.Key(field::kId);
+    writer.RawValue(id.data(), id.size(), rapidjson::kNumberType);
+    putText(writer, field::kClusterId, clusterId);
+    return textOf(buffer) + ',';
+}
+
+/// Stands for all that a change is about.
+std::string digestOf(std::string_view method, const Parameters& given) {
+    const std::string level = std::to_string(given.level);
+    std::string content;
+    for (const std::string_view part : {method, given.realm, given.selector, given.value, std::string_view(level)}) {
+        content.append(std::to_string(part.size())).append(" ").append(part);
+    }
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned length = 0;
+    char text[2 * EVP_MAX_MD_SIZE];
+    if (EVP_Digest(content.data(), content.size(), digest, &length, EVP_sha256(), nullptr) != 1 ||
+        qel_base64_std_encode(digest, length, text, sizeof text) < 0) {
+        throw std::bad_alloc();
+    }
+    return text;
 }
 
 std::string sessionCount(int count) {
@@ -203,10 +240,9 @@ std::string millisecondsSince(Patience::Clock::time_point start) {
 
 }  // namespace
 
-ListingAnswer::ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing,
-                             std::string_view id)
-    : m_store(std::move(store)), m_listing(std::move(listing)), m_writer(m_buffer) {
-    beginAnswer(m_writer, id, field::kResult);
+ListingAnswer::ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string head)
+    : m_store(std::move(store)), m_listing(std::move(listing)), m_head(std::move(head)), m_writer(m_buffer) {
+    m_writer.StartObject();
     putInteger(m_writer, field::kTotal, m_listing->total());
     putInteger(m_writer, field::kCount, m_listing->count());
     m_writer.Key(field::kSessions);
@@ -215,6 +251,7 @@ ListingAnswer::ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::Sess
 
 std::string ListingAnswer::next() {
     SessionRow row;
+    std::string_view tail;
     while (!m_done && m_buffer.GetSize() < kPieceBytes) {
         if (m_listing->next(row)) {
             m_writer.StartObject();
@@ -225,11 +262,12 @@ std::string ListingAnswer::next() {
         } else {
             m_writer.EndArray();
             m_writer.EndObject();
-            m_writer.EndObject();
+            tail = "}";
             m_done = true;
         }
     }
-    std::string piece(m_buffer.GetString(), m_buffer.GetSize());
+    std::string piece = std::exchange(m_head, {});
+    piece.append(m_buffer.GetString(), m_buffer.GetSize()).append(tail);
     m_buffer.Clear();
     return piece;
 }
@@ -247,13 +285,20 @@ struct Service::Call {
     const Method* method = nullptr;
     Credentials credentials;
     Parameters parameters;
+    /// Empty: none was given.
+    std::string_view changeId;
+    std::string_view clusterId;
     bool identified = false;
     /// Nothing: anonymous.
     std::optional<Role> role;
     StorePool::Lease store{nullptr, StorePool::Returner{nullptr}};
     JsonBuffer buffer;
     JsonWriter result{buffer};
+    /// For the log, once a change is made: its topic and what it was.
+    std::optional<std::pair<Topic, std::string>> changed;
     std::unique_ptr<ListingAnswer> listing;
+    /// For the log.
+    const char* outcome = "done";
     Answer answer;
 
     std::string who() const {
@@ -286,7 +331,11 @@ const Service::Method Service::kMethods[] = {
 };
 
 Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
-    : m_stores(stores), m_authenticator(authenticator), m_log(log), m_anonymous(anonymous) {}
+    : m_stores(stores),
+      m_authenticator(authenticator),
+      m_log(log),
+      m_anonymous(anonymous),
+      m_clusterId(stores.take()->clusterId()) {}
 
 std::shared_ptr<Service::Call> Service::receive(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience) {
     auto call = std::make_shared<Call>();
@@ -306,11 +355,10 @@ Answer Service::answerOf(Call& call) {
 }
 
 Service::Lane Service::advance(Call& call, Lane lane) {
-    const char* outcome = "done";
     const auto refused = [&](const Refusal& refusal) {
-        outcome = refusal.httpStatus == 503 ? "busy" : refusal.name;
+        call.outcome = refusal.httpStatus == 503 ? "busy" : refusal.name;
         call.answer.httpStatus = refusal.httpStatus;
-        call.answer.text = errorText(call.id, refusal);
+        call.answer.text = opening(call.id, m_clusterId) + saying(refusal) + '}';
     };
     const auto failed = [&](const char* why, int httpStatus = 200) {
         m_log.write(Topic::kFailure, std::string("the store failed: ") + why);
@@ -340,7 +388,7 @@ Service::Lane Service::advance(Call& call, Lane lane) {
         failed(failure.what());
     }
     call.store.reset();
-    logRequest(call, outcome);
+    logRequest(call);
     return Lane::kDone;
 }
 
@@ -393,22 +441,77 @@ void Service::read(Call& call) {
     }
     call.credentials = credentialsOf(*parameters);
     call.parameters = parametersOf(*parameters, call.method->takes);
+    if (call.method->changes()) {
+        if (const JsonValue* changeId = optionalText(*parameters, field::kChangeId)) {
+            call.changeId = viewOf(*changeId);
+        }
+        if (const JsonValue* clusterId = optionalText(*parameters, field::kClusterId)) {
+            call.clusterId = viewOf(*clusterId);
+        }
+        if (call.changeId.size() > kMaxChangeIdBytes) {
+            refuse(error::kInvalidValue, "The changeId is too long.");
+        }
+    }
 }
 
 void Service::run(Call& call) {
-    beginAnswer(call.result, call.id, field::kResult);
-    (this->*call.method->run)(call);
-    if (call.listing != nullptr) {
-        call.answer.text = call.listing->next();
-        if (!call.listing->done()) {
-            call.answer.rest = std::move(call.listing);
-        }
-        call.listing.reset();
+    std::string said;
+    if (call.method->changes()) {
+        said = change(call);
+    } else {
+        said = perform(call);
+    }
+    if (call.listing == nullptr) {
+        call.answer.text = opening(call.id, m_clusterId) + said + '}';
         return;
     }
+    call.answer.text = call.listing->next();
+    if (!call.listing->done()) {
+        call.answer.rest = std::move(call.listing);
+    }
+    call.listing.reset();
+}
+
+std::string Service::perform(Call& call) {
+    call.buffer.Clear();
+    call.result.Reset(call.buffer);
+    call.result.StartObject();
+    (this->*call.method->run)(call);
     call.result.EndObject();
-    call.result.EndObject();
-    call.answer.text.assign(call.buffer.GetString(), call.buffer.GetSize());
+    return saying(field::kResult, textOf(call.buffer));
+}
+
+std::string Service::change(Call& call) {
+    if (!call.clusterId.empty() && call.clusterId != m_clusterId) {
+        refuse(error::kOtherCluster, "The change is meant for another cluster.");
+    }
+    const std::string digest = digestOf(call.method->name, call.parameters);
+    std::string said;
+    call.outcome = "done before";
+    try {
+        said = call.store->once({call.changeId, call.credentials.user, digest}, [&] {
+            call.changed.reset();
+            call.outcome = "done";
+            try {
+                return perform(call);
+            } catch (const Refusal& refusal) {
+                if (!isKept(refusal)) {
+                    throw;
+                }
+                call.outcome = refusal.name;
+                return saying(refusal);
+            }
+        });
+    } catch (const ChangeMismatch&) {
+        refuse(error::kOtherChange, "The changeId names another change.");
+    }
+    if (call.changed) {
+        if (call.method->takes == Takes::kLevel) {
+            m_log.setLevel(call.parameters.level);
+        }
+        m_log.write(call.changed->first, "changed: " + call.changed->second + ", by " + call.who());
+    }
+    return said;
 }
 
 /// False: it takes a hash, which is another lane's.
@@ -452,13 +555,13 @@ void Service::permit(const Call& call) const {
     }
 }
 
-void Service::logRequest(const Call& call, std::string_view outcome) {
+void Service::logRequest(const Call& call) {
     if (!m_log.wants(Topic::kRequest)) {
         return;
     }
     const std::string name = call.method == nullptr ? "a message" : call.method->name;
     m_log.write(Topic::kRequest,
-                name + " by " + call.who() + ": " + std::string(outcome) + ", " + millisecondsSince(call.start));
+                name + " by " + call.who() + ": " + call.outcome + ", " + millisecondsSince(call.start));
     if (call.method == nullptr || call.method->takes == Takes::kNothing) {
         return;
     }
@@ -475,10 +578,6 @@ void Service::logRequest(const Call& call, std::string_view outcome) {
         text += ", max " + std::to_string(given.max);
     }
     m_log.write(Topic::kDetail, text);
-}
-
-void Service::changed(const Call& call, Topic topic, const std::string& what) {
-    m_log.write(topic, "changed: " + what + ", by " + call.who());
 }
 
 void Service::getCluster(Call& call) {
@@ -520,7 +619,7 @@ void Service::getReplicaSet(Call& call) {
 
 void Service::changeKey(Call& call) {
     const Key key = call.store->changeKey(presentTime());
-    changed(call, Topic::kAudit, "key is " + key.label);
+    call.changed.emplace(Topic::kAudit, "key is " + key.label);
     putKey(call.result, key);
 }
 
@@ -534,7 +633,8 @@ void Service::listSessions(Call& call) {
     if (!listing) {
         refuse(error::kUnknownRealm, "There is no realm of this name.");
     }
-    call.listing = std::make_unique<ListingAnswer>(std::move(call.store), std::move(listing), call.id);
+    call.listing = std::make_unique<ListingAnswer>(std::move(call.store), std::move(listing),
+                                                   opening(call.id, m_clusterId) + saying(field::kResult, ""));
 }
 
 namespace {
@@ -561,7 +661,7 @@ void Service::terminateSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->terminateSessions(given.realm, selector, given.value));
-    changed(call, Topic::kAudit, "terminated " + describe(given, count));
+    call.changed.emplace(Topic::kAudit, "terminated " + describe(given, count));
     putInteger(call.result, field::kCount, count);
 }
 
@@ -569,7 +669,7 @@ void Service::refreshSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->refreshSessions(given.realm, selector, given.value, presentTime()));
-    changed(call, Topic::kAudit, "refreshed " + describe(given, count));
+    call.changed.emplace(Topic::kAudit, "refreshed " + describe(given, count));
     putInteger(call.result, field::kCount, count);
 }
 
@@ -583,9 +683,8 @@ void Service::setTrace(Call& call) {
         refuse(error::kInvalidValue, "A trace level is a number from 0 to 9.");
     }
     call.store->setTraceLevel(level);
-    m_log.setLevel(level);
     // At every level: it says what else the log will hold.
-    changed(call, Topic::kNotice, "trace level is " + std::to_string(level));
+    call.changed.emplace(Topic::kNotice, "trace level is " + std::to_string(level));
     putInteger(call.result, field::kLevel, level);
 }
 

@@ -29,7 +29,8 @@ struct Peer {
 /// The rest of a listing, produced piece by piece while it is sent, so that its size does not matter.
 class ListingAnswer {
   public:
-    ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string_view id);
+    /// `head`: what comes before the result.
+    ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string head);
     /// Gives the next piece of the answer, empty after the last. Throws StoreError.
     std::string next();
     /// Whether the last piece was given.
@@ -38,6 +39,7 @@ class ListingAnswer {
   private:
     StorePool::Lease m_store;
     std::unique_ptr<Store::SessionListing> m_listing;
+    std::string m_head;
     JsonBuffer m_buffer;
     JsonWriter m_writer;
     bool m_done = false;
@@ -65,6 +67,8 @@ class Service {
   public:
     /// The longest pattern that session.list takes, in bytes.
     static constexpr std::size_t kMaxPatternBytes = 4096;
+    /// The longest identifier of a change, in bytes.
+    static constexpr std::size_t kMaxChangeIdBytes = 64;
 
     /// One request on its way through.
     struct Call;
@@ -97,8 +101,11 @@ class Service {
     [[noreturn]] void refuseIdentity(Call& call);
     void permit(const Call& call) const;
     void run(Call& call);
-    void logRequest(const Call& call, std::string_view outcome);
-    void changed(const Call& call, Topic topic, const std::string& what);
+    /// Gives the result of the method, as it stands in the answer.
+    std::string perform(Call& call);
+    /// The same for a change, which is made once: its result or the refusal that is kept.
+    std::string change(Call& call);
+    void logRequest(const Call& call);
 
     void getCluster(Call& call);
     void getReplicaSet(Call& call);
@@ -113,6 +120,7 @@ class Service {
     Authenticator& m_authenticator;
     Log& m_log;
     Anonymous m_anonymous;
+    const std::string m_clusterId;
     Guesses m_guesses;
 };
 

@@ -2,6 +2,7 @@
 Data live in a directory of their own; ports are the system's choice; the process is gone when the block ends."""
 
 import contextlib
+import copy
 import http.client
 import json
 import os
@@ -43,8 +44,7 @@ class Dsessd:
     def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), **options):
         """cluster: path of a JSON file, or what to write as one. administrators: (name, password, role). options: those
         of serve, with _ for -."""
-        self._directory = tempfile.TemporaryDirectory(prefix="dsessd-")
-        self.directory = pathlib.Path(self._directory.name)
+        self._make_directory()
         self.data = new_database(POSTGRES) if POSTGRES else str(self.directory / "cluster.db")
         self.instances = instances
         self.options = {"listen": "127.0.0.1:0", "data": self.data, "anonymous": "none", **options}
@@ -53,6 +53,17 @@ class Dsessd:
         self.run("load", "--data", self.data, "-", input=text)
         for name, password, role in administrators:
             self.run("admin", "add", name, "--data", self.data, "--role", role, input=password + "\n")
+
+    def _make_directory(self):
+        self._directory = tempfile.TemporaryDirectory(prefix="dsessd-")
+        self.directory = pathlib.Path(self._directory.name)
+
+    def another(self):
+        """A further node of the same cluster."""
+        node = copy.copy(self)
+        node._make_directory()
+        node.options = {**self.options, "listen": "127.0.0.1:0"}
+        return node
 
     def run(self, *arguments, check=True, **options):
         """Runs another dsessd command to its end."""
