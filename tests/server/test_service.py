@@ -94,6 +94,27 @@ class Service(unittest.TestCase):
         for pattern, matching in (case.split("=") for case in PATTERNS.split(";")):
             self.assertEqual(self.ids(pattern)[1], matching, pattern)
 
+    def test_a_change_is_made_once_under_its_identifier_and_in_its_own_cluster(self):
+        self.serve()
+        cluster = self.server.call("cluster.get", connection=self.connection)["clusterId"]
+        first = self.outcome("key.change", **AS_ROOT, changeId="1", clusterId=cluster)
+        s1, late = {**BY_ID, "value": "s1"}, {**BY_ID, "value": "late"}
+        for outcome, method, parameters in [
+            (first, "key.change", {"changeId": "1"}),
+            ("other-change", "session.terminate", {"changeId": "1", **s1}),
+            ("other-cluster", "session.terminate", {"changeId": "2", "clusterId": "x", **s1}),
+            ({"count": 1}, "session.terminate", {"changeId": "2", **s1}),
+            ({"count": 1}, "session.terminate", {"changeId": "2", **s1}),
+            ("no-matching-session", "session.terminate", {"changeId": "3", **late}),
+            ("invalid-value", "key.change", {"changeId": "4" * 65}),
+        ]:
+            self.assertEqual(self.outcome(method, **AS_ROOT, **parameters), outcome, (method, parameters))
+        self.assertEqual(self.outcome("cluster.get")["key"], first["key"])
+        there = {"realms": [{"name": "east", "sessions": [session("late", "m", 1)]}]}
+        self.server.run("load", "--data", self.server.data, "-", input=json.dumps(there))
+        self.assertEqual(self.outcome("session.terminate", **AS_ROOT, changeId="3", **late), "no-matching-session")
+        self.assertEqual(self.outcome("session.terminate", **AS_ROOT, changeId="5", **late), {"count": 1})
+
     def test_each_does_what_he_may(self):
         everything = {**EAST, "value": "josé", "max": 1, "level": 1, "replicaSet": "web"}
         strangers = [{"password": "x"}, WRONG, {"user": None}, {"user": "root"}]
