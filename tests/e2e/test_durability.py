@@ -13,7 +13,7 @@ import time
 
 from dsessd import AS_ROOT, DEADLINE, POSTGRES, Dsessd
 from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
-from postgres import sql
+from postgres import PROGRAMS
 from vexil import VEXILADMIN, Case
 
 CHANGES, SEED = int(os.environ.get("CHANGES", 2000)), int(os.environ.get("DEATHS_SEED", 1))
@@ -37,7 +37,8 @@ class Durability(Case):
     def query(self, text):
         """What the store answers first."""
         if POSTGRES:
-            return sql(POSTGRES, text, self.data.split("/")[3].split("?")[0])
+            command = [f"{PROGRAMS}/psql", "-qAtX", self.data, "-c", text]
+            return subprocess.run(command, check=True, capture_output=True, text=True).stdout.strip()
         with contextlib.closing(sqlite3.connect(self.data)) as data:
             return str(data.execute(text).fetchone()[0])
 

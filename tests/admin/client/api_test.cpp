@@ -28,7 +28,7 @@ TEST(Api, ResultsAreReleasedByTheirKindAndRequestsTracedWithoutThePassword) {
     const auto query = allSessions();
     EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &nobody, 4), 0U);
     EXPECT_EQ(olm_dsess_admin_refresh_sessions(library.handle, &kRoot, &query), 0U);
-    for (const char* fragment : {R"("user":null,"password":null,"loginId":null},"level":4})",
+    for (const char* fragment : {R"("user":null,"password":null,"loginId":null},"level":4,"changeId":")",
                                  R"("user":"root","password":"***","loginId":"login-1"})"}) {
         EXPECT_TRUE(wasTraced(fragment)) << fragment;
     }
