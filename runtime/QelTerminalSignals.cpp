@@ -86,11 +86,14 @@ QelTerminalSignals::Event QelTerminalSignals::wait() {
             stop();
             g_came[SIGCONT] = 1;
         }
+        const bool resumed = takeCame(SIGCONT) && m_isTerminal;
+        if (resumed) {
+            resume();
+        }
         if (takeCame(SIGINT)) {
             return Event::kInterrupt;
         }
-        if (takeCame(SIGCONT) && m_isTerminal) {
-            resume();
+        if (resumed) {
             return Event::kResume;
         }
         if (takeCame(SIGWINCH)) {

@@ -14,7 +14,7 @@ PROMPT = "vexiladmin> "
 
 
 class Terminal:
-    def __init__(self, arguments, env, job_control=True):
+    def __init__(self, arguments, env):
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
         self.shown, self.events = "", []
@@ -22,17 +22,16 @@ class Terminal:
         self.shell = os.fork()
         if self.shell == 0:
             try:
-                self._lead(report, arguments, env, job_control)
+                self._lead(report, arguments, env)
             finally:
                 os._exit(1)
         os.close(report)
         self.pid = int(self.until(self.event, "program"))
 
-    def _lead(self, report, arguments, env, job_control):
+    def _lead(self, report, arguments, env):
         def claim():
-            if job_control:
-                os.setpgid(0, 0)
-                os.tcsetpgrp(0, os.getpid())
+            os.setpgid(0, 0)
+            os.tcsetpgrp(0, os.getpid())
             for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
                 signal.signal(number, signal.SIG_DFL)
 
@@ -42,7 +41,6 @@ class Terminal:
         process = subprocess.Popen(arguments, env=env, preexec_fn=claim)
         program = process.pid
         signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
-        signal.signal(signal.SIGUSR2, lambda *_: (os.tcsetpgrp(0, os.getpgrp()), os.write(report, b"taken\n")))
         os.write(report, b"%d\n" % program)
         while True:
             _, status = os.waitpid(program, os.WUNTRACED)
@@ -57,11 +55,6 @@ class Terminal:
         os.waitpid(self.shell, 0)
         for descriptor in (self.master, self.slave, self.report):
             os.close(descriptor)
-
-    def take(self):
-        """Gives the terminal to the shell while the program goes on."""
-        os.kill(self.shell, signal.SIGUSR2)
-        self.until(lambda: self.event() == "taken", "change of hands")
 
     def foreground(self):
         os.kill(self.shell, signal.SIGUSR1)
