@@ -12,7 +12,7 @@ import subprocess
 import time
 import unittest
 
-from dsessd import AS_ROOT, BINARY, DEADLINE, JSON, POSTGRES, ROOT, SAMPLE, Dsessd, memory_of, request_text
+from dsessd import AS_ROOT, BINARY, DEADLINE, JSON, ROOT, SAMPLE, Dsessd, memory_of, request_text
 from terminal import Terminal
 
 
@@ -167,24 +167,6 @@ class Loading(unittest.TestCase):
             key = result("cluster.get")["key"]
             self.assertEqual((key["label"][:4], key["previousTime"]), ("key-", 0), "a first key")
             self.assertEqual(result("trace.get"), {"level": 7})
-
-    @unittest.skipIf(POSTGRES, "it locks the file")
-    def test_shows_on_a_terminal_how_far_it_is(self):
-        with Dsessd() as server:
-            source = server.directory / "source"
-            source.write_text(json.dumps(cluster(9000)))
-            with contextlib.closing(sqlite3.connect(server.data)) as database:
-                database.execute("BEGIN IMMEDIATE")  # holds the load up, since a short one shows nothing
-                terminal = Terminal([BINARY, "load", "--data", server.data, source], os.environ)
-                self.addCleanup(terminal.close)
-                files = pathlib.Path(f"/proc/{terminal.pid}/fd")
-                opened = lambda: server.data + "-shm" in map(os.path.realpath, files.iterdir())
-                terminal.until(opened, "opening of the file")
-                time.sleep(1)  # more than a load may take without a word
-            progress = (
-                r"^(\r\x1b\[K" + r"loading: [4-9]\d%, [48]\d\d\d sessions)+\r\x1b\[Kdsessd: loaded realms: 1, .*\r\n$"
-            )
-            self.assertRegex(terminal.ended()[1], progress)
 
 
 class Administrators(unittest.TestCase):

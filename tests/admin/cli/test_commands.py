@@ -6,7 +6,6 @@ from vexil import ANON, Case, line, msg, refused
 
 EPOCH, SECOND_1 = "1970-01-01-00:00:00 UTC", "1970-01-01-00:00:01 UTC"
 BY_USER = f"by={msg(0x38C5809E)},{msg(0x38C580A0)}"
-BY_SESSION = f"by={msg(0x38C580A1)},{msg(0x38C580A3)}"
 NO_MEMBERS, UNKNOWN_REALM, NO_REALMS, NO_SESSIONS = map(line, (0x38C52135, 0x38C52136, 0x38C5213B, 0x38C5213C))
 # What a server may send, as the script writes it, and how it is shown.
 HOSTILE, SHOWN = "%C3%BC%25s%251$n%0D%0A%1B]0;x%07%C2%9B31m", "ü%s%1$n\\x0D\\x0A\\x1B]0;x\\x07\\u{009B}31m"
@@ -51,7 +50,6 @@ class Commands(Case):
     def test_realms_and_their_replica_sets(self):
         two, of_b = "realm=B,r3,r1 realm=A realm=B,r2", "    r3\n    r1\n    r2\n"
         self.check_prints(
-            ("realm list", two, "B\nA\nB\n", cluster(3)),
             ("realm list", "", NO_REALMS, cluster(0)),
             ("realm list", "realm=A count=-3", "", cluster(-3)),
             ("replica set list", two, "B:\n    r3\n    r1\nA:\nB:\n    r2\n", cluster(3)),
@@ -61,10 +59,7 @@ class Commands(Case):
                 for command in ("realm show", "replica set list -realm")
                 for name, out in (("B", of_b), ("A", ""), ("a", UNKNOWN_REALM), ("BB", UNKNOWN_REALM))
             ),
-            ("realm show x", "realm=~,r", UNKNOWN_REALM, cluster(1)),
-            # A name is compared as it came, and shown made harmless.
-            ("realm show \x1bA", "realm=%1BA,%1Br", "    \\x1Br\n", cluster(1)),
-            ("realm list", f"realm=~ realm={HOSTILE}", f"\n{SHOWN}\n", cluster(2)),
+            ("realm show \x1bA", "realm=~,r realm=%1BA,%1Br", "    \\x1Br\n", cluster(2)),
             ("replica set list", f"realm={HOSTILE},~,{HOSTILE}", f"{SHOWN}:\n    \n    {SHOWN}\n", cluster(1)),
         )
 
@@ -80,9 +75,7 @@ class Commands(Case):
 
     def test_key(self):
         for fields, out in [
-            ("label=k time=2147483647", line(0x38C52142, "k", "2038-01-19-03:14:07 UTC")),
-            ("label=k second=0", line(0x38C52142, "k", EPOCH)),
-            ("label=~ second=1", line(0x38C52138, "", EPOCH, SECOND_1)),
+            ("label=~ time=2147483647", line(0x38C52142, "", "2038-01-19-03:14:07 UTC")),
             (f"label={HOSTILE} second=-2147483648", line(0x38C52138, SHOWN, EPOCH, "1901-12-13-20:45:52 UTC")),
         ]:
             self.check_prints(("key show", fields, out, cluster(0)), ("key change", fields, out, change()))
@@ -93,8 +86,7 @@ class Commands(Case):
             ("10", 10, f"session={HOSTILE},s2,0 session=adam,s1,1000000000 total=77", [77, 2], zoe + adam, 2),
             ("0", -1, "", [0, 0], NO_SESSIONS, None),
             ("+1", 1, "total=5", [5, 0], NO_SESSIONS, None),
-            ("2147483647", 2147483647, "session=s,u,0 count=0", [0, 0], NO_SESSIONS, 0),
-            ("1", 1, "session=s,u,0 count=-4 total=-1", [-1, -4], "", -4),
+            ("2147483647", 2147483647, "session=s,u,0 count=-4 total=-1", [-1, -4], "", -4),
         ]
         self.check_prints(
             *(
@@ -106,23 +98,17 @@ class Commands(Case):
                 )
                 for limit, sent, fields, counts, out, freed in rows
             ),
-            *(
-                (f"session {verb} {what} bob -realm east", "", "", query(f"{verb}_sessions", "east", by, "bob"))
-                for verb in ("terminate", "refresh")
-                for what, by in (("session", BY_SESSION), ("all_sessions", BY_USER))
-            ),
-            ("ses t a -realm -r -realm", "", "", query("terminate_sessions", "-realm", BY_USER, "-realm")),
+            ("ses t a Ren\udce9 -r -realm", "", "", query("terminate_sessions", "-realm", BY_USER, "Ren\udce9")),
         )
-        bytes_kept = query("terminate_sessions", "e", BY_USER, "Ren\udce9")
-        self.check(stdin="session terminate all_sessions Ren\udce9 -realm e", out="\n", calls=bytes_kept)
 
     def test_the_trace_level_and_numbers_that_are_none(self):
         self.check_prints(
             ("trace get", "level=-5", line(0x38C5213A, -5), [f"get_trace_level {ANON}"]),
             ("trace set -5", "", "", [f"set_trace_level {ANON} -5"]),
         )
-        for command, name in (("s l -r e * -1", "max"), ("s l -r e * x", "max"), ("trace set 5s", "level")):
-            self.check("-command", command, **refused(name))
+        for number in ("-1", "5s", "2147483648"):
+            self.check("-command", f"s l -r e * {number}", **refused("max"))
+        self.check("-command", "trace set +-5", **refused("level"))
 
     def test_what_failed_or_lacks_its_records_is_told_and_not_touched(self):
         failed = [
@@ -146,7 +132,6 @@ class Commands(Case):
     def test_text_in_other_locales(self):
         command, shown = "session list -realm grün * 0", line(0x38C52143, 1, 1) + line(0x38C5213D, "sé", EPOCH, "ë€")
         seen = {"script": "list_sessions session=ë€,sé,0", "calls": sessions("grün", "*", -1, 1)}
-        self.check("-command", command, LC_ALL="xx_XX", out=shown, **seen)
         made = subprocess.run(["localedef", "-i", "en_US", "-f", "ISO-8859-1", self.dir / "latin"], capture_output=True)
         if made.returncode != 0:
             self.skipTest(f"no locale can be made: {made.stderr}")

@@ -39,7 +39,7 @@ class Login(Case):
         )
 
     def test_the_prompt_takes_one_line_and_leaves_the_next(self):
-        for typed in ("", "two words\t", "cr\r", "grün %s%n", "exit", "x" * 1023, "x" * 1023 + "y" * 5000):
+        for typed in ("", "two words\t", "cr\r", "grün %s%n", "exit", "x" * 1023 + "y" * 5000):
             self.check(
                 stdin=f"login bob\n{typed}\nrealm show x\n",
                 out=f"{PROMPT}{UNKNOWN}\n",

@@ -51,7 +51,7 @@ class Shell(Case):
 
     def test_options_are_carried_out_in_order_up_to_the_first_failure(self):
         (self.dir / "good").write_text("key show\n")
-        (self.dir / "bad").write_text("session list -realm e * -1\nrealm list\n")
+        (self.dir / "bad").write_text("trace set x\nrealm list\n")
         usage = msg(0x38C5321F, "vexiladmin")
         maybe = {"err": line(0x38C5213E, "interactive"), "status": 0x38C52146}
         opened = ("", "-command", "-file", "-", "realm list", "-interactive yonder")
@@ -61,17 +61,15 @@ class Shell(Case):
         self.check_rows(
             *((text.split(), {"stdin": "realm list", "out": "east\n\n", "calls": FETCH}) for text in opened),
             *((["-interactive", *value], {"stdin": "realm list", **maybe}) for value in (["maybe"], [""], [])),
-            (["-interactive", "N", *REALMS], {"stdin": "key show", **EAST}),
             (REALMS, {"stdin": "key show", **EAST}),
             ([*REALMS, "-interactive", "Y"], {"stdin": "key show", "out": f"east\n{KEY}\n", "calls": FETCH * 2}),
-            (["-interactive", "maybe", *REALMS], {**EAST, **maybe}),
             ([*REALMS, "-file", "good", *commands("trace get"), "-file", "good"], all_run),
-            (["-file", "bad", "-file", "good"], refused("max")),
+            (["-file", "bad", "-file", "good"], refused("level")),
             (["-interactive", "N", "-interactive", "Y"], {"stdin": "realm list"}),
-            ([*REALMS, "-file", "nowhere", "-file", "good"], {**EAST, **no_file}),
+            (["-file", "nowhere", "-file", "good"], no_file),
             (["-bogus", "-help", *REALMS], {"out": usage + msg(0x38C53220)}),
             (["--help", "-%n%s", "realm list", "-%n%s", "x"], unknown),
-            *((commands(text), not_run(text)) for text in ("exit", "# c", "")),
+            *((commands(text), not_run(text)) for text in ("exit", "# c")),
         )
 
     def test_lines_of_a_file(self):
@@ -82,13 +80,9 @@ class Shell(Case):
             ("realm\tlist\n \tkey  show\t\n", twice),
             ("key show\nExIt\nrealm list\n", KEY_SHOWN),
             ("key show\nQUIT\r\n\nrealm list\n", KEY_SHOWN),
-            ("exit\rx\n", not_run("exit\rx")),
-            ("quit \n", not_run("quit")),
             (" # c\nkey show\n", not_run("# c")),
-            ("   \nkey show\n", not_run("")),
             # A longer line than 4095 bytes is taken in pieces.
             ("realm list".ljust(4095) + "key show\n", twice),
-            ("realm list".ljust(4094) + "\nkey show\n", twice),
             ("#".ljust(4095) + "key show\n", KEY_SHOWN),
         ]
         self.check_rows(*((["-file", "/dev/stdin"], {**seen, "stdin": text}) for text, seen in rows))
@@ -106,27 +100,22 @@ class Shell(Case):
         self.check(stdin="QUIT\r\nkey show\n")
 
     def test_a_library_may_fail_with_any_status(self):
-        for status, text in (
-            (0x38C52098, msg(0x38C52098)[9:]),
-            (0x38C5809E, msg(0x38C54053)),
-            (2**32 - 1, msg(0x38C54053)),
-        ):
-            seen = {"script": f"get_trace_level status={status:X}", "calls": GET, "err": f"{status:08X} {text}\n"}
-            self.check(*commands("trace get"), status=status, **seen)
-            self.check("-file", "/dev/stdin", stdin="trace get\n", status=status, **seen)
-            self.check(stdin="trace get", out="\n", **seen)
+        for status, text in ((0x38C52098, msg(0x38C52098)), (0x38C5809E, f"38C5809E {msg(0x38C54053)}")):
+            script = f"get_trace_level status={status:X}"
+            self.check(
+                "-file", "/dev/stdin", stdin="trace get\n", status=status, script=script, calls=GET, err=text + "\n"
+            )
 
     def test_a_line_runs_the_one_command_that_fits_or_lists_those_that_come_nearest(self):
         fitting = [
             ("tr s 5", [f"set_trace_level {ANON} 5"], ""),
             ("r s east", FETCH, "    r1\n"),
-            ("rep s l", FETCH, "east:\n    r1\n"),
             ("rea l", FETCH, "east\n"),
             ("replica set list - east", FETCH, "    r1\n"),
             ("rep set show x", [f"get_replica_set_info {ANON} x"], line(0x38C52135)),
         ]
         nearest = [
-            *((text, PATTERNS) for text in ("REALM LIST", "login a b c", "replica set list -zone east", "%s%n")),
+            *((text, PATTERNS) for text in ("REALM LIST", "replica set list -zone east", "%s%n")),
             ("trace get now", PATTERNS[4:5]),
             ("s t", PATTERNS[:1] + PATTERNS[5:10]),
             ("re", PATTERNS[12:]),
