@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -107,10 +108,11 @@ class Library {
     void* m_context = nullptr;
 };
 
-/// Writes a file for a fault server's mode answer=FILE, and names it.
+/// Writes the file for a fault server's mode answer=FILE, gone at exit, and names it.
 inline std::string answerFile(const std::string& text) {
-    std::string path = "answer-" + std::to_string(getpid()) + ".json";
+    static const std::string path = "answer-" + std::to_string(getpid()) + ".json";
     std::ofstream(path, std::ios::binary) << text;
+    std::atexit([] { std::remove(path.c_str()); });
     return path;
 }
 
@@ -140,7 +142,7 @@ class FaultServers {
     ~FaultServers() { pclose(m_input); }
     FaultServers(const FaultServers&) = delete;
 
-    std::vector<std::string> urls;  ///< one for each mode, in order
+    std::vector<std::string> urls;  ///< one a mode
 
     std::vector<Counts> counts() {
         std::fputs("counts\n", m_input);
