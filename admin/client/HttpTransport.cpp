@@ -518,6 +518,7 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     if (m_policy.hasOwnAnchors()) {
         set(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
         set(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
+        set(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NO_PARTIALCHAIN));  // the policy says how far
     }
     set(easy, CURLOPT_SSL_CTX_FUNCTION, tlsCallback);
     set(easy, CURLOPT_SSL_CTX_DATA, &m_policy);
