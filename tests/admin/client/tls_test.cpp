@@ -149,7 +149,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         head -c 2000000 /dev/zero >big.pem; cat alice node1.key >two-keys.pem; cat alice.key ca.pem >no-certificate.pem
         cp ca.pem written.pem; chmod 662 written.pem; cat alice stranger.crt >other.pem; cat alice.p12 ca.pem >tail.p12
         openssl x509 -in ca.pem -trustout >trusted.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
-        sed 1s/-// ca.pem | cat alice - >dash.pem; sed '1d;$d' ca.pem | cat alice - >bare.pem
+        sed 1s/-// ca.pem | cat - alice >dash.pem; sed '1d;$d' ca.pem | cat - alice >bare.pem
         sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem
         (openssl x509 -text -in ca.pem; openssl ecparam -name P-256
          openssl pkcs12 -nodes -in alice.p12 -passin file:stash) | sed 's/$/\r/' >text.pem
@@ -179,8 +179,8 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"open.pem", "", others + ", and its private key is not encrypted"},
         {"written.pem", "", others + ", and could put in whom to trust"},
         {"trusted.pem", "", notUnderstood + ": TRUSTED CERTIFICATE (line 1)"},
-        {"dash.pem", "", notUnderstood + " (line 1"},
-        {"bare.pem", "", notUnderstood + " (line 1"},
+        {"dash.pem", "", notUnderstood + " (line 1)"},
+        {"bare.pem", "", notUnderstood + " (line 1)"},
         {"other.pem", "", "holds neither a CA certificate nor the private key of /C=DE/O=Example/CN=stranger"},
         {"damaged.pem", "", "holds a private key that is damaged (line 1"},
         {"weak.pem", "", "the certificate /CN=weak of the key file"},
