@@ -104,32 +104,35 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
 }
 
 TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster) {
-    // The first location answers the read where there is one, and then nothing any more.
-    FaultServers servers({"one-answer,reset=request", "good", "reset=request", "good"});
+    // The first of each answers the read where there is one.
+    FaultServers servers({"one-answer,reset=request", "good", "reset=request", "good", "one-answer,status=503"});
     Library known({servers.urls[0], servers.urls[1]});
     EXPECT_EQ(known.read(), 0U);
     EXPECT_EQ(known.change(), 0U);
     Library unknown({servers.urls[2], servers.urls[3]}, 1);
     EXPECT_EQ(unknown.change(), kStatusOutcomeUnknown);
-    EXPECT_LE(unknown.seconds, 1 + kLateness);
+    EXPECT_TRUE(0.5 <= unknown.seconds && unknown.seconds <= 1 + kLateness);
+    Library resent({servers.urls[4]}, 1);  // the kept connection may have carried it
+    EXPECT_EQ(resent.read(), 0U);
+    EXPECT_EQ(resent.change(), kStatusOutcomeUnknown);
     const auto counts = servers.counts();
-    EXPECT_EQ(counts[0].changes, 1);
-    EXPECT_EQ(std::pair(counts[1].requests, counts[1].changes), std::pair(1L, 1L));
-    EXPECT_GT(counts[2].requests, 2);
+    EXPECT_EQ(counts[1].changes, 1);
+    EXPECT_TRUE(2 < counts[2].requests && counts[2].requests < 20);
     EXPECT_EQ(std::pair(counts[2].changes, counts[3].requests), std::pair(1L, 0L));
 }
 
 TEST(Transport, OnlyAnAnswerThatHoldsForEveryTimeEndsAChangeOfUnknownFate) {
-    const std::string error =
-        R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":-32000,"message":"m","data":{"name":"NAME"}}})";
     for (const auto& [name, alone, afterwards, next] :
          {std::tuple("no-matching-session", kStatusNoMatchingSession, kStatusNoMatchingSession, 0L),
+          {"unknown-realm", kStatusUnknownRealm, kStatusUnknownRealm, 0L},
+          {"invalid-value", kStatusRequestRefused, kStatusRequestRefused, 0L},
+          {"not JSON\"", kStatusOutcomeUnknown, kStatusOutcomeUnknown, 0L},
           {"server-failure", kStatusServerFailed, kStatusOutcomeUnknown, 0L},
           {"identity-refused", kStatusIdentityRefused, kStatusOutcomeUnknown, 0L},
           {"other-cluster", 0U, kStatusOutcomeUnknown, 1L}}) {
         SCOPED_TRACE(name);
-        std::string text = error;
-        const std::string file = "answer=" + answerFile(text.replace(text.find("NAME"), 4, name));
+        const std::string error = R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":1,"message":"m","data":{"name":")";
+        const std::string file = "answer=" + answerFile(error + name + "\"}}}");
         FaultServers servers({file, "close=request," + file, "good"});
         Library first({servers.urls[0], servers.urls[2]}, 1);
         EXPECT_EQ(first.change(), alone);
@@ -144,14 +147,13 @@ TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
     for (const auto& [first, status] : {std::pair(0, kStatusNoLocation), {1, kNotUnderstood}, {3, kStatusTimedOut}}) {
         Library library({servers.urls[first], servers.urls[first + 1]}, 1);
         EXPECT_EQ(library.read(), status) << first;
-        EXPECT_LE(library.seconds, 1 + kLateness) << first;
+        EXPECT_LE(library.seconds, 1 + kLateness);
     }
 }
 
 TEST(Transport, WhatTheFirstLeavesOfTheTimeIsTheLastLocations) {
     FaultServers servers({"refuse", "slow=1.3"});
-    Library library(servers.urls, 2);
-    EXPECT_EQ(library.read(), 0U);
+    EXPECT_EQ(Library(servers.urls, 2).read(), 0U);
 }
 
 TEST(Transport, ANameLookupThatHangsOrFailsCostsOnlyItsShare) {
