@@ -6,7 +6,6 @@ import os
 import pathlib
 import re
 import signal
-import socket
 import sqlite3
 import subprocess
 import time

@@ -14,7 +14,7 @@ PROMPT = "vexiladmin> "
 
 
 class Terminal:
-    def __init__(self, arguments, env):
+    def __init__(self, arguments, env, job_control=True):
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
         self.shown, self.events = "", []
@@ -22,16 +22,17 @@ class Terminal:
         self.shell = os.fork()
         if self.shell == 0:
             try:
-                self._lead(report, arguments, env)
+                self._lead(report, arguments, env, job_control)
             finally:
                 os._exit(1)
         os.close(report)
         self.pid = int(self.until(self.event, "program"))
 
-    def _lead(self, report, arguments, env):
+    def _lead(self, report, arguments, env, job_control):
         def claim():
-            os.setpgid(0, 0)
-            os.tcsetpgrp(0, os.getpid())
+            if job_control:
+                os.setpgid(0, 0)
+                os.tcsetpgrp(0, os.getpid())
             for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
                 signal.signal(number, signal.SIG_DFL)
 

@@ -108,9 +108,9 @@ class Case(unittest.TestCase):
         out, err = ((text or b"").decode(encoding, "surrogateescape") for text in (process.stdout, process.stderr))
         return Result(out, err, process.returncode, self.recorded("calls"), self.recorded("service.log"))
 
-    def terminal(self, *arguments, program=VEXILADMIN, prompt=PROMPT, **kwargs):
+    def terminal(self, *arguments, program=VEXILADMIN, prompt=PROMPT, job_control=True, **kwargs):
         """Runs it on a terminal, and waits for a prompt unless it is null."""
-        terminal = Terminal([program, *arguments], self.environment(**kwargs))
+        terminal = Terminal([program, *arguments], self.environment(**kwargs), job_control)
         self.addCleanup(terminal.close)
         if prompt:
             terminal.asks(prompt)
