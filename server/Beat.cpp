@@ -46,7 +46,15 @@ void Beat::run() {
     }
 }
 
-void Beat::beat(bool contacts, std::chrono::seconds atMost) {
+void Beat::beat(bool contacts, std::chrono::seconds atMost) noexcept {
+    try {
+        look(contacts, atMost);
+    } catch (const std::exception& error) {
+        m_log.failed("a look at the store failed", error);
+    }
+}
+
+void Beat::look(bool contacts, std::chrono::seconds atMost) {
     try {
         const auto end = std::chrono::steady_clock::now() + atMost;
         const auto store = m_stores.take([end] { return std::chrono::steady_clock::now() > end; });
@@ -63,8 +71,6 @@ void Beat::beat(bool contacts, std::chrono::seconds atMost) {
         // a load, which ends
     } catch (const StoreError& error) {
         report(std::string("the store failed: ") + error.what());
-    } catch (const std::exception& error) {
-        m_log.failed("the beat failed", error);
     }
 }
 

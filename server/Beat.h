@@ -31,7 +31,8 @@ class Beat {
 
   private:
     void run();
-    void beat(bool contacts, std::chrono::seconds atMost);
+    void beat(bool contacts, std::chrono::seconds atMost) noexcept;
+    void look(bool contacts, std::chrono::seconds atMost);
     /// Says so once while it lasts.
     void report(const std::string& problem);
 

@@ -412,6 +412,7 @@ class SqliteStore final : public Store {
     }
 
     void endWhen(std::function<bool()> impatient) override { m_impatient = std::move(impatient); }
+    bool isSound() const override { return sqlite3_get_autocommit(m_database.getHandle()) != 0; }
 
     std::string clusterId() override {
         Query query(m_statements.clusterId);

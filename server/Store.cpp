@@ -96,7 +96,7 @@ void StorePool::giveBack(Store* store) {
     std::unique_ptr<Store> owned(store);
     owned->endWhen({});
     const std::lock_guard lock(m_mutex);
-    if (m_idle.size() < kIdleStores) {
+    if (owned->isSound() && m_idle.size() < kIdleStores) {
         m_idle.push_back(std::move(owned));
     }
 }

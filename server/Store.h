@@ -138,6 +138,8 @@ class Store {
     /// What is asked every now and then while a statement runs or waits for another process: true ends it. Empty:
     /// nothing ends it, and another process is waited for 10 seconds. Must not throw.
     virtual void endWhen(std::function<bool()> impatient) = 0;
+    /// False: a transaction could not be undone, for want of memory. It ends with the store.
+    virtual bool isSound() const { return true; }
 
     /// Names the cluster: a UUID made with the store. New contents (replace()) are still the same cluster.
     virtual std::string clusterId() = 0;
