@@ -7,34 +7,37 @@
  *
  * Valid C11 and C++. Rules that hold for every declaration below:
  *
- *  1. A context and a handle are opaque. A context is made for the locations of one server instance; handles are
- *     made from it and released before it is shut down. After olm_dsess_admin_shutdown a new context can be made.
+ *  1. A context and a handle are opaque. A context is made for the locations of one server instance; handles
+ *     are made from it and released before it is shut down. After olm_dsess_admin_shutdown a new context can be
+ *     made.
  *  2. A status of 0 is success. Any other value is an identifier of the utility's message catalogue, one of
- *     OLM_DSESS_ADMIN_STATUS_*, that says what went wrong and what to do. The utility shows it once as a message and
- *     exits with its low byte, which must not be 0. Of a value that the catalogue lacks it shows the eight hexadecimal
- *     digits, and that there is no text for them; otherwise it is a failure like any other.
- *  3. No operation ends the process or throws, and only olm_dsess_admin_interrupt ends one early. A null handle, context
- *     or required argument is answered with a status.
+ *     OLM_DSESS_ADMIN_STATUS_*, that says what went wrong and what to do. The utility shows it once as a
+ *     message and exits with its low byte, which must not be 0. Of a value that the catalogue lacks it shows
+ *     the eight hexadecimal digits, and that there is no text for them; otherwise it is a failure like any
+ *     other.
+ *  3. No operation ends the process or throws, and only olm_dsess_admin_interrupt ends one early. A null
+ *     handle, context or required argument is answered with a status.
  *  4. Text is NUL-terminated UTF-8. What comes from a server is passed on as it came: whoever shows it makes it
- *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC. Any text in a result may be null: it is shown as
- *     an empty one, and a realm without a name cannot be asked for. An array may be null when its count is 0 or less;
- *     null with a count above 0 is taken for OLM_DSESS_ADMIN_STATUS_ANSWER_NOT_UNDERSTOOD.
+ *     harmless first. Times are seconds since 1970-01-01 00:00:00 UTC. Any text in a result may be null: it is
+ *     shown as an empty one, and a realm without a name cannot be asked for. An array may be null when its
+ *     count is 0 or less; null with a count above 0 is taken for OLM_DSESS_ADMIN_STATUS_ANSWER_NOT_UNDERSTOOD.
  *  5. What the caller passes in stays the caller's and is only read. The URL list and the SSL settings given to
  *     olm_dsess_admin_initialize must stay valid until the context is shut down.
- *  6. Out-parameters are filled only on success, and ignored after a failure. What they then point to is the library's
- *     until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands back what it got
- *     before it makes another request.
- *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace function is
- *     called from inside them, on that thread.
- *  8. A request that only reads may be sent to several locations in turn. A change is carried out once at most, whatever
- *     is lost on the way: it may be sent again only where it is known by its identifier, and if nobody tells in time what
- *     became of it, its status says just that. Once some of it left, only a server's own refusal counts as word that it
- *     was not carried out.
- *  9. Of the process around it this library changes what follows; another one may do otherwise. It sets libcurl up, with
- *     functions that wipe what is freed, unless the program did so first, and ends it with the last context. It ignores
- *     SIGPIPE while it writes, and puts it back. One descriptor, for olm_dsess_admin_interrupt, stays open.
- *     Contexts with `fips_enabled` bind all of the process's use of OpenSSL's default context to the FIPS provider until
- *     they are shut down. A child process after fork(2) makes contexts of its own.
+ *  6. Out-parameters are filled only on success, and ignored after a failure. What they then point to is the
+ *     library's until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands
+ *     back what it got before it makes another request.
+ *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace
+ *     function is called from inside them, on that thread.
+ *  8. A request that only reads may be sent to several locations in turn. A change is carried out once at most,
+ *     whatever is lost on the way: it may be sent again only where it is known by its identifier, and if nobody
+ *     tells in time what became of it, its status says just that. Once some of it left, only a server's own
+ *     refusal counts as word that it was not carried out.
+ *  9. Of the process around it this library changes what follows; another one may do otherwise. It sets libcurl
+ *     up, with functions that wipe what is freed, unless the program did so first, and ends it with the last
+ *     context. It ignores SIGPIPE while it writes, and puts it back. One descriptor, for
+ *     olm_dsess_admin_interrupt, stays open. Contexts with `fips_enabled` bind all of the process's use of
+ *     OpenSSL's default context to the FIPS provider until they are shut down. A child process after fork(2)
+ *     makes contexts of its own.
  */
 #ifndef OLM_DSESS_ADMIN_H
 #define OLM_DSESS_ADMIN_H
