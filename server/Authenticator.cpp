@@ -2,12 +2,12 @@
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
-#include <openssl/rand.h>
 
 #include <cstring>
 #include <stdexcept>
 
 #include "runtime/SecretBuffer.h"
+#include "runtime/qel_random.h"
 #include "server/Password.h"
 
 namespace dsessd {
@@ -15,7 +15,7 @@ namespace dsessd {
 Authenticator::Authenticator() : Authenticator(Limits{}) {}
 
 Authenticator::Authenticator(const Limits& limits) : m_limits(limits), m_dummyHash(hashPassword("")) {
-    if (RAND_bytes(m_key.data(), static_cast<int>(m_key.size())) != 1 || m_dummyHash.empty()) {
+    if (qel_get_random_bytes(m_key.data(), m_key.size()) != 0 || m_dummyHash.empty()) {
         throw std::runtime_error("no random bytes, or no yescrypt in the system's crypt library");
     }
 }
