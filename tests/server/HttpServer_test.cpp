@@ -25,7 +25,6 @@ std::string request(const std::string& method, const std::string& parameters = "
 /// A server on a store with a listing that no socket's buffer holds.
 struct HttpServing : testing::Test {
     void start(const HttpLimits& limits) {
-        const auto store = Store::open(folder / "cluster.db", Store::IfMissing::kCreate);
         const auto cluster = store->replace();
         cluster->addRealm(1, "east");
         for (int i = 0; i < 8000; ++i) {
@@ -65,6 +64,7 @@ struct HttpServing : testing::Test {
     const std::string listing = request("session.list", R"(,"realm":"east","selector":"user","value":"*","max":-1)");
     const std::filesystem::path folder =
         mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const std::unique_ptr<Store> store = Store::open(folder / "cluster.db", Store::IfMissing::kCreate);
     StorePool stores{folder / "cluster.db"};
     Authenticator authenticator;
     Log log{STDERR_FILENO};

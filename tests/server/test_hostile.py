@@ -15,7 +15,7 @@ from dsessd import AS_ROOT, DEADLINE, ROOT, Dsessd, request_text
 PATH = "/blue/services/DSessAdminProxy"
 GOOD = request_text("trace.get").encode()
 N = len(GOOD)
-RESULT = b'{"jsonrpc":"2.0","id":1,"result":{"level":1}}'
+RESULT = b'"result":{"level":1}}'
 JSON = "Content-Type: application/json"
 CLOSE = (JSON, "Connection: close")
 
