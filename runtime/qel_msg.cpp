@@ -10,6 +10,7 @@
 #include <new>
 
 #include "runtime/qel_messages.h"
+#include "runtime/qel_path.h"
 
 namespace {
 
@@ -174,7 +175,11 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
     if (characters == "C" || characters == "POSIX") {
         std::setlocale(LC_CTYPE, "C.UTF-8");
     }
-    bindtextdomain(kTextDomain, VEXIL_LOCALEDIR);
+    try {
+        bindtextdomain(kTextDomain, qel_get_path(kPathTranslations).data());
+    } catch (const std::bad_alloc&) {
+        // English it is.
+    }
     if (programPath != nullptr) {
         const char* slash = std::strrchr(programPath, '/');
         g_programName = slash == nullptr ? programPath : slash + 1;
