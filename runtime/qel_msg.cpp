@@ -74,6 +74,10 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, Language l
             argument.text = text == nullptr ? "" : text;
             continue;
         }
+        if (kinds[count] == 'v') {
+            argument.text = VEXIL_VERSION;
+            continue;
+        }
         const int number = va_arg(list, int);
         if (kinds[count] == 'e') {
             makeSystemErrorText(number, language, argument);

@@ -13,7 +13,7 @@ struct QelMessage {
     std::uint32_t identifier;
     const char* name;   ///< its constant in qel_messages.h
     bool isFailure;     ///< shown with its identifier in front
-    const char* kinds;  ///< of its arguments: s text, d signed 32-bit integer, e system error number
+    const char* kinds;  ///< of its arguments, as in qel_messages.def
     const char* text;   ///< English, with the identifier in front for a failure
 };
 

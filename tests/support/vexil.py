@@ -37,6 +37,7 @@ def read_table():
 
 
 MESSAGES = dict(read_table())
+VERSION = re.search(r"^project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
 
 
 def msg(identifier, *arguments):

@@ -7,7 +7,7 @@ import re
 import socket
 import subprocess
 
-from vexil import ANON, Case, commands, end, error, line, msg, refused, start
+from vexil import ANON, VERSION, Case, commands, end, error, line, msg, refused, start
 
 PATTERNS = [
     "set instance <instance>",
@@ -67,7 +67,7 @@ class Shell(Case):
             (["-file", "bad", "-file", "good"], refused("level")),
             (["-interactive", "N", "-interactive", "Y"], {"stdin": "realm list"}),
             (["-file", "nowhere", "-file", "good"], no_file),
-            (["-bogus", "-help", *REALMS], {"out": usage + msg(0x38C53220)}),
+            (["-bogus", "-help", *REALMS], {"out": usage + msg(0x38C53220, VERSION)}),
             (["--help", "-%n%s", "realm list", "-%n%s", "x"], unknown),
             *((commands(text), not_run(text)) for text in ("exit", "# c")),
         )
