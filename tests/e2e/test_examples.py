@@ -1,0 +1,94 @@
+"""Runs the examples of docs/automation.md and of the library's manual page as they stand there. A fenced block with a file's
+name behind its language is that file; of a console, what stands behind `$ ` shows what stands below it."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+from dsessd import ROOT, Dsessd
+from endtoend import configuration
+from vexil import ROOT as TOP
+from vexil import VEXILADMIN
+
+MARK = "\x1e\n"
+PLACES = ["localhost:8080", "localhost:8443", "/etc/vexiladmin", "/usr/bin/vexiladmin"]
+
+
+def blocks(document, *places):
+    """(language, name of a file, text) of each, with these places in place of PLACES."""
+    text = (TOP / "docs" / document).read_text(encoding="utf-8")
+    for here, there in zip(PLACES, places):
+        text = text.replace(here, str(there))
+    return re.findall(r"^```(\w*) ?(.*)\n((?s:.*?))^```$", text, re.M)
+
+
+def without_times(text):
+    return re.sub(r"\d{4}-\d\d-\d\d[-T]\d\d:\d\d:\d\d( UTC|Z)", "TIME", text)
+
+
+@unittest.skipUnless(shutil.which("jq") and shutil.which("curl"), "jq or curl is not installed")
+class Examples(unittest.TestCase):
+    maxDiff = None
+
+    def write(self, name, text, mode=0o600):
+        path = self.dir / name
+        path.parent.mkdir(exist_ok=True)
+        path.write_text(text, encoding="utf-8")
+        path.chmod(mode)
+
+    def bash(self, script):
+        streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": subprocess.STDOUT, "text": True}
+        return subprocess.run(["bash", "-c", script], cwd=self.dir, env=self.environment, **streams)
+
+    def setUp(self):
+        self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        build, path = os.environ["VEXIL_BUILD"], f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{os.environ['PATH']}"
+        self.environment = os.environ | {"LC_ALL": "C.UTF-8", "PATH": path}
+        self.environment |= {"QEL_CONFIG_DIR": str(self.dir), "PKG_CONFIG_PATH": str(self.dir)}
+        flags = f"Cflags: -I{TOP}/admin/client-interface\nLibs: -L{build}/lib -Wl,-rpath,{build}/lib -lolmdsess-admin-client"
+        self.write("olmdsess-admin-client.pc", f"Name: x\nDescription: x\nVersion: 1\n{flags}\n")
+        self.bash(next(text for language, _, text in blocks("tls.md") if language == "sh"))
+        server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
+        tls = server.another()
+        files = {"tls_cert": "node1.pem", "tls_key": "node1.key", "client_ca": "ca.pem"}
+        tls.options |= {name: self.dir / file for name, file in files.items()}
+        self.enterContext(tls)
+        self.write("vexilclicfg.conf", configuration(server))
+        self.write("password", "SECRET\n")
+        self.places = f"127.0.0.1:{server.port}", f"localhost:{tls.port}", self.dir, VEXILADMIN
+
+    def test_automation(self):
+        script, expected = "", []
+        for language, name, text in blocks("automation.md", *self.places):
+            if name:
+                self.write(name, text, 0o700 if language == "sh" else 0o600)
+            elif language == "console":
+                for command, shown in re.findall(r"^\$ (.*\n(?:> .*\n)*)((?:[^$].*\n|\n)*)", text, re.M):
+                    script += f"printf '{MARK}'\n" + command.replace("\n> ", "\n")
+                    expected.append([command, without_times(shown)])
+            elif language == "crontab":
+                self.assertEqual(self.bash(text.split(None, 5)[5]).stdout, "")
+            else:
+                script += text
+        shown = without_times(self.bash(script).stdout).split(MARK)[1:]
+        self.assertEqual([[command, out] for (command, _), out in zip(expected, shown, strict=True)], expected)
+
+        page = (TOP / "docs" / "olm_dsess_admin.3").read_text(encoding="utf-8")
+        program = re.search(r"^(#include <(?s:.*?))^\.EE$", page, re.M)[1].replace("\\e", "\\")
+        self.write("realms.c", program.replace(PLACES[0], self.places[0]))
+        compile_it = "cc -Wall -Wextra -Werror -o realms realms.c $(pkg-config --cflags --libs olmdsess-admin-client)"
+        self.assertEqual(self.bash(f"{compile_it} && ./realms").stdout, "east\nwest\nnorth\n")
+
+        for change, status in [('"$VEXILADMIN" "$@";', 0), ("", 19)]:  # the answer of each is lost
+            lost = f'#!/bin/sh\ncase "$*" in *"key change"*) {change} exit 19 ;; esac\nexec "$VEXILADMIN" "$@"\n'
+            self.write("lost/vexiladmin", lost, 0o700)
+            self.assertEqual(self.bash("./change-key").returncode, status)
+
+        unit = dict(re.findall(r"^(\w+)=(.*)$", (self.dir / "refresh-mail.service").read_text(), re.M))
+        self.assertEqual(self.bash(f"{unit['ExecStart']} <{unit['StandardInput'].removeprefix('file:')}").returncode, 0)
+        if shutil.which("systemd-analyze"):
+            self.assertEqual(self.bash("systemd-analyze verify $PWD/refresh-mail.{service,timer}").stdout, "")
