@@ -1,7 +1,10 @@
 #include "admin/cli/vexiladmin/TarnAdminCmd.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
+
+#include "runtime/SecretBuffer.h"
 
 namespace {
 
@@ -49,4 +52,28 @@ MatchResult TarnAdminCmd::matchTail(TarnAdminCmdTokens const& words, std::int32_
         return MatchIncomplete;
     }
     return abbreviates(words[tail], m_formatTokens[tail] + 1) ? grade : MatchNone;
+}
+
+Continuation TarnAdminCmd::continuation(TarnAdminCmdTokens const& words) const {
+    const std::int32_t count = words.tokens();
+    SecretText line;  // a login's words may hold a password
+    for (std::int32_t i = 0; i < std::max(count, m_formatTokens.tokens()); ++i) {
+        const char* const word = i < count ? words[i] : m_formatTokens[i];
+        line.append(i >= count && *word == '[' ? word + 1 : word).append(" ");
+    }
+    TarnAdminCmdTokens completed;
+    if (count >= m_formatTokens.tokens() || completed.set(line.c_str()) != 0 ||
+        matchCmd(completed) > MatchAbbreviated) {
+        return {};
+    }
+    const std::string_view word = m_formatTokens[count];
+    const bool isLast = count + 1 == m_formatTokens.tokens();
+    if (word.starts_with('[')) {
+        const std::string_view tail = m_format + (m_formatTokens[count] - m_formatTokens[0]);
+        return {tail, isLast ? std::string_view() : word.substr(1), true};
+    }
+    if (word.find('<') == std::string_view::npos) {
+        return {word, word};
+    }
+    return {word.substr(0, word.find('>') + 1), {}};
 }

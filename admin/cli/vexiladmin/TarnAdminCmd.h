@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "admin/cli/vexiladmin/TarnAdminCmdTokens.h"
 #include "admin/client-interface/olm_dsess_admin.h"
@@ -20,6 +21,13 @@ enum MatchResult : std::int32_t {
     MatchIncomplete = 2,
     /// The first keyword does not fit, there are too many words, or the optional keyword is another.
     MatchNone = 3,
+};
+
+/// What may stand next in the beginning of a line.
+struct Continuation {
+    std::string_view shown;    ///< as the pattern has it; empty: nothing may
+    std::string_view keyword;  ///< empty: it is a value
+    bool isOptional = false;
 };
 
 class TarnAdminCmd {
@@ -38,6 +46,9 @@ class TarnAdminCmd {
                                      TarnAdminCmdTokens const& tokens) = 0;
 
     MatchResult matchCmd(TarnAdminCmdTokens const& words) const;
+    /// What the pattern has behind `words`. They are the beginning of a line of this command if the line fits once the
+    /// rest of the pattern is added to it. Throws std::bad_alloc.
+    Continuation continuation(TarnAdminCmdTokens const& words) const;
     const char* format() const { return m_format; }
     bool hasPattern() const { return m_formatTokens.tokens() > 0; }
 

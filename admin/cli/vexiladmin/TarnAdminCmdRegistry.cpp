@@ -56,11 +56,11 @@ void TarnAdminCmdRegistry::list(TarnAdminCmdTokens const& words, MatchResult bes
     std::fputs("\n", stdout);
     qel_fprintf(stdout, best == MatchAbbreviated ? kMsgListingAmbiguous : kMsgListingIncomplete);
     std::fputs("\n", stdout);
-    for (const CmdNode* node = m_head; node != nullptr; node = node->next) {
-        if (best == MatchNone || node->command->matchCmd(words) == best) {
-            std::printf("    %s\n", node->command->format());
+    forEach([&](const TarnAdminCmd& command) {
+        if (best == MatchNone || command.matchCmd(words) == best) {
+            std::printf("    %s\n", command.format());
         }
-    }
+    });
 }
 
 std::uint32_t TarnAdminCmdRegistry::shutdown() {

@@ -21,6 +21,14 @@ class TarnAdminCmdRegistry {
     /// null, after listing on standard output the commands that come nearest.
     TarnAdminCmd* locateCmd(TarnAdminCmdTokens const& words) const;
 
+    /// Calls `visit` with every command, in list order.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        for (const CmdNode* node = m_head; node != nullptr; node = node->next) {
+            visit(static_cast<const TarnAdminCmd&>(*node->command));
+        }
+    }
+
     /// Deletes every command, in list order. Always 0.
     std::uint32_t shutdown();
 

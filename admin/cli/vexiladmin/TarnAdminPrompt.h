@@ -1,12 +1,16 @@
 /// The prompt on a terminal: line editing, history, and the course of signals while a line is typed.
 ///
-/// No signal leaves the terminal as the line editor wants it (QelTerminalSignals). A password in a line stays in the
-/// history until the next login, and nowhere else.
+/// Tab completes the words of commands. No signal leaves the terminal as the line editor wants it (QelTerminalSignals).
+/// A password in a line stays in the history until the next login, and nowhere else.
 #pragma once
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <string_view>
+
+#include "admin/cli/vexiladmin/TarnAdminCompletion.h"
 
 class TarnAdminPrompt {
   public:
@@ -18,7 +22,10 @@ class TarnAdminPrompt {
     };
     using Line = std::unique_ptr<char, Freer>;
 
-    TarnAdminPrompt();
+    /// Completes a line of which the text before the cursor is given. May throw std::bad_alloc.
+    using Completer = std::function<TarnAdminCompletion(std::string_view)>;
+
+    explicit TarnAdminPrompt(Completer completer);
 
     /// A line without its line feed, or null at the end of the input. An interrupt gives up the line and begins anew.
     Line read(const char* prompt);
@@ -28,7 +35,10 @@ class TarnAdminPrompt {
     void remember(const char* line, Kind kind);
 
   private:
+    void bindTab();
     void maskPassword();
 
+    const Completer m_completer;
+    bool m_isTabBound = false;
     int m_withPassword = 0;  // the number of a line in the history, or 0
 };

@@ -11,6 +11,9 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "admin/cli/vexiladmin/LineReader.h"
 #include "admin/cli/vexiladmin/TarnAdminInterrupt.h"
@@ -312,7 +315,7 @@ std::uint32_t TarnAdminUtility::processInteractiveMode() {
 bool TarnAdminUtility::processEditedLines() {
     m_isAtPrompt = true;
     const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Second::kAsTheFirst);
-    TarnAdminPrompt prompt;
+    TarnAdminPrompt prompt([this](std::string_view before) { return complete(before); });
     bool exited = false;
     while (!exited) {
         const TarnAdminPrompt::Line line = prompt.read(m_prompt.data());
@@ -324,6 +327,18 @@ bool TarnAdminUtility::processEditedLines() {
     }
     m_isAtPrompt = false;
     return exited;
+}
+
+TarnAdminCompletion TarnAdminUtility::complete(std::string_view before) const {
+    return completeLine(m_cmdRegistry, before, [this](const TarnAdminCmd& command) {
+        std::vector<std::string> names;
+        if (&command == m_setInstanceCmd) {
+            for (const auto& instance : instanceTable()) {
+                names.emplace_back(instance.key.data());
+            }
+        }
+        return names;
+    });
 }
 
 bool TarnAdminUtility::processInputLines() {

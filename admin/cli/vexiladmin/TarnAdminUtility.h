@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string_view>
 
 #include "admin/cli/common/TarnAdminConfig.h"
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
@@ -44,6 +45,7 @@ class TarnAdminUtility : public TarnAdminConfig {
     /// Both return whether an exit line ended the input.
     bool processEditedLines();
     bool processInputLines();
+    TarnAdminCompletion complete(std::string_view before) const;
     /// Runs the lines of a file up to its end, an exit line or the first failure. An error while reading is an end that
     /// is told.
     std::uint32_t processCmdFile(const char* path);

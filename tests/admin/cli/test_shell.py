@@ -7,7 +7,7 @@ import re
 import socket
 import subprocess
 
-from vexil import ANON, VERSION, Case, commands, end, error, line, msg, refused, start
+from vexil import ANON, CONFIG, VERSION, Case, commands, end, error, line, msg, refused, start
 
 PATTERNS = [
     "set instance <instance>",
@@ -128,6 +128,23 @@ class Shell(Case):
             (commands("re s l"), not_run("re s l", [PATTERNS[12], PATTERNS[15]], 0x38C521E7)),
             (commands("x " * 300), not_run("x " * 128)),
         )
+
+    def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
+        config = CONFIG.replace("blue,", "blue,b\x1b[2J,")
+        prompt = self.terminal(config=config, TERM="vt100")
+        for typed, row in [
+            ("\t", "    " + PATTERNS[-1]),
+            ("set ins\tb\t", "    blue      b\\x1B[2J"),
+            ("lue\x01re s\t", "    show  set"),
+        ]:
+            prompt.type(typed)
+            prompt.until(lambda: row + "\r\n" in prompt.shown, repr(row))
+            prompt.asks()
+        prompt.type("\x05\x15tr\ts\t5\n")
+        prompt.asks()
+        prompt.type("exit\n")
+        self.assertEqual((prompt.ended()[0], prompt.restored()), (0, True))
+        self.assertEqual(self.recorded("calls"), [*start(), f"set_trace_level {ANON} 5", *end()])
 
     def test_trace_lines_are_shown_up_to_the_debug_level(self):
         levels, asked = " ".join(f"trace={n},{n}%0A" for n in range(-1, 5)), "Processing the command: "
