@@ -97,7 +97,7 @@ Options parseOptions(int argc, char** argv) {
     AdminOptions adminOptions;
     CLI::App app(
         "The reference session server. It keeps a cluster's realms, replica sets, sessions and key in\n"
-        "one file and answers administrators over HTTP or HTTPS. dsessd(8) has the details.",
+        "a file or a database and answers administrators over HTTP or HTTPS. dsessd(8) has the details.",
         "dsessd");
     app.set_version_flag("--version", "dsessd " DSESSD_VERSION);
     app.require_subcommand(1);
@@ -113,7 +113,7 @@ Options parseOptions(int argc, char** argv) {
         "A first cluster:\n"
         "  dsessd load --data cluster.db cluster.json\n"
         "  dsessd admin add root --data cluster.db\n"
-        "  dsessd serve --listen 127.0.0.1:8080 --data cluster.db --instance blue");
+        "  dsessd serve --listen localhost:9080 --data cluster.db --instance blue");
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("dsessd: ") + error.what() + "; 'dsessd --help' says more\n";
     });

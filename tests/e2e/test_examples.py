@@ -15,7 +15,7 @@ from vexil import ROOT as TOP
 from vexil import VEXILADMIN
 
 MARK = "\x1e\n"
-PLACES = ["localhost:8080", "localhost:8443", "/etc/vexiladmin", "/usr/bin/vexiladmin"]
+PLACES = ["localhost:9080", "localhost:9443", "/etc/vexiladmin", "/usr/bin/vexiladmin"]
 
 
 def blocks(document, *places):
@@ -46,11 +46,16 @@ class Examples(unittest.TestCase):
 
     def setUp(self):
         self.dir = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        build, path = os.environ["VEXIL_BUILD"], f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{os.environ['PATH']}"
-        self.environment = os.environ | {"LC_ALL": "C.UTF-8", "PATH": path}
-        self.environment |= {"QEL_CONFIG_DIR": str(self.dir), "PKG_CONFIG_PATH": str(self.dir)}
-        flags = f"Cflags: -I{TOP}/admin/client-interface\nLibs: -L{build}/lib -Wl,-rpath,{build}/lib -lolmdsess-admin-client"
-        self.write("olmdsess-admin-client.pc", f"Name: x\nDescription: x\nVersion: 1\n{flags}\n")
+        library, path = os.environ["VEXIL_BUILD"] + "/lib", os.environ["PATH"]
+        settings = {"INCLUDEDIR": TOP / "admin" / "client-interface", "LIBDIR": library, "VERSION": 1}
+        module = (TOP / "packaging" / "olmdsess-admin-client.pc.in").read_text(encoding="utf-8")
+        self.write("olmdsess-admin-client.pc", re.sub("@(.*)@", lambda match: str(settings[match[1]]), module))
+        self.environment = os.environ | {
+            "LC_ALL": "C.UTF-8",
+            "LD_LIBRARY_PATH": library,
+            "QEL_CONFIG_DIR": str(self.dir),
+        }
+        self.environment |= {"PKG_CONFIG_PATH": ".", "PATH": f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{path}"}
         self.bash(next(text for language, _, text in blocks("tls.md") if language == "sh"))
         server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
         tls = server.another()
