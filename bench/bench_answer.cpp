@@ -23,9 +23,9 @@ std::string listing(std::int64_t sessions) {
 void parseListing(benchmark::State& state) {
     const std::string text = listing(state.range(0));
     for (auto _ : state) {
-        Answer answer;
+        olmdsess::Answer answer;
         answer.text.append(text.c_str(), text.size() + 1);
-        if (!parseAnswer(AnswerShape::kSessions, 1, answer).empty()) {
+        if (!parseAnswer(olmdsess::AnswerShape::kSessions, 1, answer).empty()) {
             state.SkipWithError("the answer was refused");
             break;
         }

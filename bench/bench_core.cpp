@@ -3,13 +3,8 @@
 #include <benchmark/benchmark.h>
 
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
-#include "admin/cli/vexiladmin/commands/RecordText.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminRealmList.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminRealmShow.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminReplicaSetList.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminSessList.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminSessTerminate.h"
-#include "admin/cli/vexiladmin/commands/TimeText.h"
+#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
+#include "admin/cli/vexiladmin/records/RecordText.h"
 
 namespace {
 
