@@ -50,11 +50,7 @@ class Examples(unittest.TestCase):
         settings = {"INCLUDEDIR": TOP / "admin" / "client-interface", "LIBDIR": library, "VERSION": 1}
         module = (TOP / "packaging" / "olmdsess-admin-client.pc.in").read_text(encoding="utf-8")
         self.write("olmdsess-admin-client.pc", re.sub("@(.*)@", lambda match: str(settings[match[1]]), module))
-        self.environment = os.environ | {
-            "LC_ALL": "C.UTF-8",
-            "LD_LIBRARY_PATH": library,
-            "QEL_CONFIG_DIR": str(self.dir),
-        }
+        self.environment = os.environ | {"LC_ALL": "C.UTF-8", "LD_LIBRARY_PATH": library, "QEL_CONFIG_DIR": "."}
         self.environment |= {"PKG_CONFIG_PATH": ".", "PATH": f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{path}"}
         self.bash(next(text for language, _, text in blocks("tls.md") if language == "sh"))
         server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
@@ -85,12 +81,12 @@ class Examples(unittest.TestCase):
         page = (TOP / "docs" / "olm_dsess_admin.3").read_text(encoding="utf-8")
         program = re.search(r"^(#include <(?s:.*?))^\.EE$", page, re.M)[1].replace("\\e", "\\")
         self.write("realms.c", program.replace(PLACES[0], self.places[0]))
-        compile_it = "cc -Wall -Wextra -Werror -o realms realms.c $(pkg-config --cflags --libs olmdsess-admin-client)"
-        self.assertEqual(self.bash(f"{compile_it} && ./realms").stdout, "east\nwest\nnorth\n")
+        build = "cc -Wall -Werror -o realms realms.c $(pkg-config --cflags --libs olmdsess-admin-client)"
+        self.assertEqual(self.bash(f"{build} && ./realms").stdout, "east\nwest\nnorth\n")
 
         for change, status in [('"$VEXILADMIN" "$@";', 0), ("", 19)]:  # the answer of each is lost
-            lost = f'#!/bin/sh\ncase "$*" in *"key change"*) {change} exit 19 ;; esac\nexec "$VEXILADMIN" "$@"\n'
-            self.write("lost/vexiladmin", lost, 0o700)
+            instead = f'case "$*" in *"key change"*) {change} exit 19 ;; esac\nexec "$VEXILADMIN" "$@"\n'
+            self.write("lost/vexiladmin", "#!/bin/sh\n" + instead, 0o700)
             self.assertEqual(self.bash("./change-key").returncode, status)
 
         unit = dict(re.findall(r"^(\w+)=(.*)$", (self.dir / "refresh-mail.service").read_text(), re.M))
