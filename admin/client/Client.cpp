@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <optional>
+#include <stdexcept>
 
 #include "admin/client/Interruption.h"
 #include "protocol/protocol.h"
@@ -105,8 +106,7 @@ Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
     : m_timeout(std::chrono::seconds(timeoutSeconds == 0 ? kDefaultTimeoutSeconds : timeoutSeconds)),
       m_urls(std::move(urls)),
       m_trace(trace),
-      m_tlsPolicy(tlsSettings, trace),
-      m_transport(m_tlsPolicy) {}
+      m_tlsPolicy(tlsSettings, trace) {}
 
 std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                               std::span<const RequestParameter> parameters, Answer& answer) {
@@ -138,7 +138,13 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
     shown.password = security.password == nullptr ? nullptr : "***";
     m_trace.line(kTraceMessage, "request: " + std::string(contents(writeRequest(id, operation.method, shown, all))));
     try {
+        if (!m_transport) {
+            m_transport.emplace(m_tlsPolicy);
+        }
         return tryLocations(request, answer);
+    } catch (const std::runtime_error& lacking) {
+        m_trace.line(kTraceAlways, lacking.what());
+        return kStatusTlsFailure;
     } catch (const std::bad_alloc&) {
         return request.isOpen ? kStatusOutcomeUnknown : kStatusNoMemory;
     }
@@ -197,7 +203,7 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
 
 Attempt Client::tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer) {
     answer = Answer();
-    Attempt attempt = m_transport.post(url, request.body, limits);
+    Attempt attempt = m_transport->post(url, request.body, limits);
     const bool wasOpen = request.isOpen;
     request.isOpen = request.operation.changes && (wasOpen || attempt.mayHaveActed);
     if (attempt.failure == AttemptFailure::kNoMemory) {

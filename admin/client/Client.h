@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -35,7 +36,7 @@ struct Operation {
 ///    is kStatusNoLocation.
 class Client {
   public:
-    /// Throws TlsProblem, std::bad_alloc, and std::runtime_error when libcurl lacks something that is needed.
+    /// Throws TlsProblem and std::bad_alloc.
     Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, const olm_dsess_admin_ssl_info_t& tlsSettings,
            Trace trace);
 
@@ -72,7 +73,7 @@ class Client {
     std::vector<std::string> m_urls;  // the one that last answered first
     const Trace m_trace;
     TlsPolicy m_tlsPolicy;
-    HttpTransport m_transport;
+    std::optional<HttpTransport> m_transport;  // from the first request on: not every run has one
     std::int32_t m_lastId = 0;
     std::string m_clusterId;  // of the last answer; empty: not told
 };

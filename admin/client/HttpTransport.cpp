@@ -1,7 +1,6 @@
 #include "admin/client/HttpTransport.h"
 
 #include <malloc.h>
-#include <openssl/crypto.h>
 #include <strings.h>
 
 #include <algorithm>
@@ -256,11 +255,18 @@ long milliseconds(Clock::duration duration) {
     return static_cast<long>(std::clamp<decltype(count)>(count, 0, std::numeric_limits<int>::max()));
 }
 
+constexpr std::size_t kReceiveBytes = std::size_t{256} * 1024;
+// A buffer that grows doubles: none that a request goes into becomes as large as the one for what is received.
+static_assert(2 * (protocol::kMaxRequestBytes + kMaxHeadBytes) <= kReceiveBytes);
+
 void wipingFree(void* block) {
-    if (block != nullptr) {
-        OPENSSL_cleanse(block, malloc_usable_size(block));
-        std::free(block);
+    if (block == nullptr) {
+        return;
     }
+    if (const std::size_t size = malloc_usable_size(block); size < kReceiveBytes) {
+        explicit_bzero(block, size);
+    }
+    std::free(block);
 }
 
 /// Whether an allocation failed in the request in hand. libcurl ends in CURLE_OUT_OF_MEMORY also when a line is longer
@@ -511,7 +517,7 @@ HttpTransport::EasyPtr HttpTransport::makeEasy() const {
     set(easy, CURLOPT_PROXY, "");  // empty: none, whatever the environment says
     set(easy, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
     set(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(protocol::kMaxAnswerBytes));
-    set(easy, CURLOPT_BUFFERSIZE, 128L * 1024);
+    set(easy, CURLOPT_BUFFERSIZE, static_cast<long>(kReceiveBytes));
     set(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
     set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
     set(easy, CURLOPT_SSL_VERIFYHOST, m_policy.namesServers() ? 0L : 2L);

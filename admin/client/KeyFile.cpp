@@ -41,7 +41,7 @@ void checkOwner(const File& file, mode_t refused, const char* why) {
 
 /// Reads a regular file. A FIFO must not hang the open, so that it never waits.
 File readFile(const char* what, const char* path, int moreFlags) {
-    File file{std::string(what) + " " + path, {}, SecretBuffer(kMaxFileBytes + 1)};
+    File file{std::string(what) + " " + path, {}, {}};
     const QelFileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | moreFlags));
     if (!descriptor.isOpen()) {
         failOfKeyFile(file.called +
@@ -50,8 +50,13 @@ File readFile(const char* what, const char* path, int moreFlags) {
     if (fstat(descriptor.get(), &file.status) != 0 || !S_ISREG(file.status.st_mode)) {
         failOfKeyFile(file.called + " cannot be used: it is not a regular file");
     }
+    // One byte more than it has, to see its end; all that is allowed for one that grows meanwhile.
+    file.bytes.resize(std::min(static_cast<std::size_t>(file.status.st_size), kMaxFileBytes) + 1);
     std::size_t size = 0;
-    while (size < file.bytes.size()) {
+    while (size <= kMaxFileBytes) {
+        if (size == file.bytes.size()) {
+            file.bytes.resize(kMaxFileBytes + 1);
+        }
         const ssize_t count = read(descriptor.get(), file.bytes.data() + size, file.bytes.size() - size);
         if (count < 0) {
             failOfKeyFile(file.called + " cannot be read: " + std::strerror(errno));
@@ -153,17 +158,20 @@ bool isTrustworthy(X509* certificate) {
     return X509_check_ca(certificate) != 0 || X509_self_signed(certificate, 1) == 1;
 }
 
-bool isIssuedBy(X509* certificate, X509* issuer) {
-    return X509_check_issued(issuer, certificate) == X509_V_OK &&
-           X509_verify(certificate, X509_get0_pubkey(issuer)) == 1;
-}
-
 /// The issuer among these, one that has not ended if there is a choice; null when there is none.
-X509* issuerOf(X509* certificate, const std::vector<KeyFileContents::Certificate>& candidates) {
+X509* issuerOf(X509* certificate, const std::vector<KeyFileContents::Certificate>& certificates) {
+    std::vector<X509*> candidates;
+    for (const KeyFileContents::Certificate& candidate : certificates) {
+        if (X509_check_issued(candidate.certificate.get(), certificate) == X509_V_OK) {
+            candidates.push_back(candidate.certificate.get());
+        }
+    }
+    if (candidates.size() == 1) {
+        return candidates.front();  // whoever gets the chain verifies it
+    }
     X509* found = nullptr;
-    for (const KeyFileContents::Certificate& candidate : candidates) {
-        X509* issuer = candidate.certificate.get();
-        if (isIssuedBy(certificate, issuer) &&
+    for (X509* issuer : candidates) {
+        if (X509_verify(certificate, X509_get0_pubkey(issuer)) == 1 &&
             (found == nullptr || X509_cmp_current_time(X509_get0_notAfter(found)) < 0)) {
             found = issuer;
         }

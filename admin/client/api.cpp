@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -194,9 +193,6 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
         } catch (const TlsProblem& problem) {
             Trace(trace).line(kTraceAlways, problem.text);
             return problem.status;
-        } catch (const std::runtime_error& error) {
-            Trace(trace).line(kTraceAlways, error.what());
-            return kStatusTlsFailure;
         }
         *context = contexts().back().get();
         return 0;

@@ -268,7 +268,9 @@ std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdmi
     } catch (const std::bad_alloc&) {
         status = kStatusNoMemory;
     }
-    wipeDeadStack();
+    if (m_loginCmd->secInfo().password != nullptr) {
+        wipeDeadStack();
+    }
     if (status != 0) {
         printStatus(status);
     }
