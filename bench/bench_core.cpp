@@ -25,7 +25,7 @@ BENCHMARK(findCommand);
 
 void showText(benchmark::State& state, const char* text) {
     for (auto _ : state) {
-        benchmark::DoNotOptimize(recordText(text).data());
+        benchmark::DoNotOptimize(RecordText(text).data());
     }
 }
 BENCHMARK_CAPTURE(showText, ascii, "0123456789abcdef0123456789abcdef");

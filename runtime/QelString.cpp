@@ -99,7 +99,15 @@ constexpr auto kPlain = [] {
 }();
 
 std::size_t plainPrefix(std::string_view text) {
+    constexpr std::uint64_t kEach = 0x0101010101010101;
     std::size_t length = 0;
+    for (std::uint64_t eight = 0; length + sizeof(eight) <= text.size(); length += sizeof(eight)) {
+        std::memcpy(&eight, text.data() + length, sizeof(eight));
+        // The high bit of each byte is set in one of these if it is below 0x20, is 0x7F, or is above that.
+        if ((((eight - 0x20 * kEach) | (eight + kEach) | eight) & (0x80 * kEach)) != 0) {
+            break;
+        }
+    }
     while (length < text.size() && kPlain[static_cast<unsigned char>(text[length])]) {
         ++length;
     }
@@ -171,6 +179,10 @@ std::string_view orEmpty(const char* text) {
 QelString::QelString(const char* text, Mode mode) : m_made(convert(orEmpty(text), mode)) {}
 
 QelString::QelString(std::string_view text, Mode mode) : m_made(convert(text, mode)) {}
+
+bool QelString::isShownAsItIs(std::string_view text) noexcept {
+    return plainPrefix(text) == text.size();
+}
 
 QelString::QelString(const QelStringRef& ref) : m_made(ref.view()) {}
 

@@ -49,6 +49,9 @@ class QelString {
     QelString& operator=(QelString&&) noexcept = default;
     virtual ~QelString() = default;
 
+    /// Whether kForDisplay would leave a text alone in every locale. May be false for a text of which that is so too.
+    static bool isShownAsItIs(std::string_view text) noexcept;
+
     /// Replaces the content. Returns 0 or kStatusNoMemory, which leaves the content as it was. Null counts as empty.
     std::uint32_t set(const char* text, Mode mode = kBytes) noexcept;
     /// Throws std::bad_alloc.

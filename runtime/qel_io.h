@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <string_view>
@@ -27,3 +28,34 @@ std::FILE* qel_descriptor_output() noexcept;
 
 /// Writes out what stdout holds. Returns 0, or the error number of the first write of its that failed.
 int qel_flush_output() noexcept;
+
+/// Gathers text on the stack, so that it needs no memory, and hands it to a stream when there is much of it and at the
+/// end: a short one in one piece.
+class QelGatheredOutput {
+  public:
+    explicit QelGatheredOutput(std::FILE* stream) noexcept : m_stream(stream) {}
+    QelGatheredOutput(const QelGatheredOutput&) = delete;
+    QelGatheredOutput& operator=(const QelGatheredOutput&) = delete;
+    ~QelGatheredOutput() { flush(); }
+
+    void put(std::string_view text) noexcept {
+        if (text.size() > m_buffer.size() - m_length) {
+            flush();
+        }
+        if (text.size() > m_buffer.size()) {
+            std::fwrite(text.data(), 1, text.size(), m_stream);
+        } else {
+            m_length += text.copy(m_buffer.data() + m_length, text.size());
+        }
+    }
+
+  private:
+    void flush() noexcept {
+        std::fwrite(m_buffer.data(), 1, m_length, m_stream);
+        m_length = 0;
+    }
+
+    std::FILE* const m_stream;
+    std::array<char, 4096> m_buffer;
+    std::size_t m_length = 0;
+};

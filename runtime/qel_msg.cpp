@@ -141,36 +141,6 @@ std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
     return {arguments.data(), count};
 }
 
-/// Gathers a message on the stack, so that it needs no memory and comes out in one piece, and writes it at the end.
-class Output {
-  public:
-    explicit Output(std::FILE* stream) noexcept : m_stream(stream) {}
-    Output(const Output&) = delete;
-    Output& operator=(const Output&) = delete;
-    ~Output() { flush(); }
-
-    void put(std::string_view text) {
-        if (text.size() > m_buffer.size() - m_length) {
-            flush();
-        }
-        if (text.size() > m_buffer.size()) {
-            std::fwrite(text.data(), 1, text.size(), m_stream);
-        } else {
-            m_length += text.copy(m_buffer.data() + m_length, text.size());
-        }
-    }
-
-  private:
-    void flush() {
-        std::fwrite(m_buffer.data(), 1, m_length, m_stream);
-        m_length = 0;
-    }
-
-    std::FILE* const m_stream;
-    std::array<char, 4096> m_buffer;
-    std::size_t m_length = 0;
-};
-
 }  // namespace
 
 void qelmsg_init(const char* programPath, int /*flags*/) {
@@ -191,7 +161,7 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
 }
 
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
-    Output out(stream);
+    QelGatheredOutput out(stream);
     const QelMessage* message = find(identifier);
     if (message == nullptr) {
         out.put(shownIdentifier(identifier).data());
@@ -209,6 +179,42 @@ void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
            [&out](std::string_view piece) { out.put(piece); });
 }
 
+QelMessageLines::QelMessageLines(std::FILE* stream, std::uint32_t identifier) : m_out(stream) {
+    const QelMessage* message = find(identifier);
+    Arguments storage;
+    // Each argument is told by the address of its text.
+    const std::span<const Argument> arguments = ellipses(message->kinds, storage);
+    for (Argument& argument : storage) {
+        argument.text = {argument.made.data(), 0};
+    }
+    const auto split = [&](std::string_view text) {
+        m_count = 0;
+        expand(text, arguments, [&](std::string_view piece) {
+            const auto is = [piece](const Argument& argument) { return argument.made.data() == piece.data(); };
+            const auto found = std::find_if(arguments.begin(), arguments.end(), is);
+            if (found == arguments.end() && piece.empty()) {
+                return;
+            }
+            if (m_count < kMaxPieces) {
+                m_pieces[m_count] = {piece,
+                                     found == arguments.end() ? -1 : static_cast<int>(found - arguments.begin())};
+            }
+            ++m_count;
+        });
+    };
+    split(translated(message->text, arguments));
+    if (m_count > kMaxPieces) {
+        split(message->text);
+    }
+}
+
+void QelMessageLines::write(std::initializer_list<std::string_view> texts) {
+    for (const Piece& piece : std::span(m_pieces).first(m_count)) {
+        m_out.put(piece.argument < 0 ? piece.literal : texts.begin()[piece.argument]);
+    }
+    m_out.put("\n");
+}
+
 void qel_print_status(std::FILE* stream, std::uint32_t status) {
     const QelMessage* message = find(status);
     const bool isFailure = message != nullptr && message->isFailure;
@@ -217,7 +223,7 @@ void qel_print_status(std::FILE* stream, std::uint32_t status) {
     const std::span<const Argument> arguments = ellipses(isFailure ? message->kinds : "", storage);
     std::string_view text = translated(english, arguments);
     text = text.substr(0, text.find_last_not_of('\n') + 1);
-    Output out(stream);
+    QelGatheredOutput out(stream);
     out.put(shownIdentifier(status).data());
     expand(text, arguments, [&out](std::string_view piece) {
         for (const char& byte : piece) {

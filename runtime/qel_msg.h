@@ -1,12 +1,16 @@
 /// The message catalogue: texts by identifier, shown through one place.
 #pragma once
 
+#include <array>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <initializer_list>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "runtime/qel_io.h"
 
 /// One message of the table in qel_messages.def.
 struct QelMessage {
@@ -26,6 +30,29 @@ void qelmsg_init(const char* programPath, int flags);
 /// (shown as empty). An identifier that the table lacks is shown as such. A translation whose placeholders are not
 /// those of the English text is passed over for it. Needs no memory, and reaches an unbuffered stream in one piece.
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...);
+
+/// Lines that are all the same message with other texts: it is looked up and taken apart once, and lines are gathered.
+class QelMessageLines {
+  public:
+    /// `identifier`: of a message of the table whose arguments are all texts. Its text is the one of the locale in
+    /// force.
+    QelMessageLines(std::FILE* stream, std::uint32_t identifier);
+
+    /// Writes the message, as qel_fprintf does, and a line feed; the stream gets it by the end of the object. `texts`:
+    /// as many as the message has arguments.
+    void write(std::initializer_list<std::string_view> texts);
+
+  private:
+    struct Piece {
+        std::string_view literal;
+        int argument;  // in place of the literal, or -1
+    };
+    static constexpr std::size_t kMaxPieces = 32;
+
+    std::array<Piece, kMaxPieces> m_pieces;
+    std::size_t m_count = 0;
+    QelGatheredOutput m_out;
+};
 
 /// Shows a status, whatever it is, on one line: its identifier, then the text of the failure, translated, with "..."
 /// where an argument would stand. A status that is no failure of the table gets a text that says so. As qel_fprintf, it

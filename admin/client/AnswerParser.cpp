@@ -1,14 +1,13 @@
 #include "admin/client/AnswerParser.h"
 
-#include <rapidjson/reader.h>
-
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <span>
 #include <string_view>
 
+#include "admin/client/JsonReader.h"
 #include "protocol/protocol.h"
-#include "runtime/QelJsonAllocator.h"
 #include "runtime/qel_utf8.h"
 
 namespace olmdsess {
@@ -68,7 +67,7 @@ struct Field {
     constexpr Field(const char* fieldName, Type objectOrList, Scope inner)
         : name(fieldName), type(objectOrList), scope(inner) {}
 
-    const char* name;
+    std::string_view name;
     Type type;
     std::int32_t Values::*number = nullptr;
     char* Values::*text = nullptr;
@@ -115,27 +114,30 @@ class AnswerHandler {
 
     const std::string& problem() const { return m_problem; }
 
-    bool Null() { return other("null"); }
-    bool Bool(bool) { return other("true or false"); }
-    bool Int(int number) { return integer(number); }
-    bool Uint(unsigned number) { return integer(number); }
-    bool Int64(std::int64_t number) { return integer(number); }
-    bool Uint64(std::uint64_t) { return other("a number of more than 32 bits"); }
-    bool Double(double) { return other("a number that is not a whole one"); }
-    bool RawNumber(const char*, unsigned, bool) { return other("a number"); }
-
-    bool String(const char* text, unsigned length, bool) {
-        if (!qel_utf8_is_text({text, length})) {
-            return fail("a string that is not UTF-8 or holds a NUL");
-        }
-        // Parsed in place: the text lies in the answer's own, writable storage.
-        return accept(Type::kText, [&](const Field& field) { keepText(field, const_cast<char*>(text)); });
+    bool other(const char* what) {
+        const Field* field = m_skipped > 0 ? nullptr : expected();
+        return field == nullptr || fail(std::string(field->name) + " is " + what);
     }
 
-    bool StartObject() { return open(Type::kObject); }
-    bool StartArray() { return open(Type::kList); }
-    bool EndObject(unsigned) { return m_skipped > 0 ? leaveSkipped() : closeObject(); }
-    bool EndArray(unsigned) {
+    bool number(std::int64_t number) {
+        if (number < std::numeric_limits<std::int32_t>::min() || number > std::numeric_limits<std::int32_t>::max()) {
+            return other("a number of more than 32 bits");
+        }
+        return accept(Type::kInteger,
+                      [&](const Field& field) { m_values.*field.number = static_cast<std::int32_t>(number); });
+    }
+
+    bool text(char* text, std::size_t length, bool isPlain) {
+        if (!isPlain && !qel_utf8_is_text({text, length})) {
+            return fail("a string that is not UTF-8 or holds a NUL");
+        }
+        return accept(Type::kText, [&](const Field& field) { keepText(field, text); });
+    }
+
+    bool startObject() { return open(Type::kObject); }
+    bool startList() { return open(Type::kList); }
+    bool endObject() { return m_skipped > 0 ? leaveSkipped() : closeObject(); }
+    bool endList() {
         if (m_skipped > 0) {
             return leaveSkipped();
         }
@@ -143,32 +145,47 @@ class AnswerHandler {
         return true;
     }
 
-    bool Key(const char* text, unsigned length, bool) {
+    bool key(const char* text, std::size_t length) {
         if (m_skipped > 0) {
             return true;
         }
         Frame& frame = m_frames[m_depth - 1];
-        const std::span<const Field> fields = rules(frame.scope).fields;
         const std::string_view name(text, length);
-        for (frame.field = 0; frame.field < fields.size(); ++frame.field) {
-            if (name == fields[frame.field].name) {
-                const unsigned bit = 1U << frame.field;
+        std::size_t index = frame.field + 1;  // objects of a list mostly have their fields in one order
+        for (std::size_t left = frame.fields.size(); left > 0; --left, ++index) {
+            index = index < frame.fields.size() ? index : 0;
+            if (isSame(name, frame.fields[index].name)) {
+                const unsigned bit = 1U << index;
                 if ((frame.seen & bit) != 0) {
-                    return fail("the field " + std::string(fields[frame.field].name) + " comes twice");
+                    return fail("the field " + std::string(name) + " comes twice");
                 }
                 frame.seen |= bit;
+                frame.field = index;
                 return true;
             }
         }
-        return true;  // a field that this client does not know: its value is passed over
+        frame.field = kNoField;  // one that this client does not know: its value is passed over
+        return true;
     }
 
   private:
+    /// Without the call that comparing costs otherwise, which is dear for a name of a few letters.
+    static bool isSame(std::string_view left, std::string_view right) {
+        std::size_t index = 0;
+        while (index < left.size() && index < right.size() && left[index] == right[index]) {
+            ++index;
+        }
+        return index == left.size() && index == right.size();
+    }
+
+    static constexpr std::size_t kNoField = std::numeric_limits<std::size_t>::max();
+
     struct Frame {
         Scope scope;
         bool isList;
-        std::size_t field;  // the field whose value comes next
-        unsigned seen;      // a bit for each field
+        unsigned seen;                  // a bit for each field
+        std::span<const Field> fields;  // of an object
+        std::size_t field;              // the one whose value comes next
     };
     /// What an object consists of, and what takes its values over once it is complete.
     struct Rules {
@@ -217,8 +234,7 @@ class AnswerHandler {
             m_item = Field("a record", Type::kObject, frame.scope);
             return &m_item;
         }
-        const std::span<const Field> fields = rules(frame.scope).fields;
-        return frame.field < fields.size() ? &fields[frame.field] : nullptr;
+        return frame.field < frame.fields.size() ? &frame.fields[frame.field] : nullptr;
     }
 
     template <class Keep>
@@ -235,19 +251,6 @@ class AnswerHandler {
         }
         keep(*field);
         return true;
-    }
-
-    bool other(const char* what) {
-        const Field* field = m_skipped > 0 ? nullptr : expected();
-        return field == nullptr || fail(std::string(field->name) + " is " + what);
-    }
-
-    bool integer(std::int64_t number) {
-        if (number < std::numeric_limits<std::int32_t>::min() || number > std::numeric_limits<std::int32_t>::max()) {
-            return other("a number of more than 32 bits");
-        }
-        return accept(Type::kInteger,
-                      [&](const Field& field) { m_values.*field.number = static_cast<std::int32_t>(number); });
     }
 
     void keepText(const Field& field, char* text) {
@@ -274,7 +277,9 @@ class AnswerHandler {
         if (field->scope == kRealm && type == Type::kObject) {
             m_realmNames = 0;
         }
-        m_frames[m_depth++] = {field->scope, type == Type::kList, 0, 0};
+        const bool isList = type == Type::kList;
+        m_frames[m_depth++] = {field->scope, isList, 0, isList ? std::span<const Field>() : rules(field->scope).fields,
+                               kNoField};
         return true;
     }
 
@@ -284,21 +289,19 @@ class AnswerHandler {
     }
 
     bool closeObject() {
-        const Frame frame = m_frames[--m_depth];
-        const auto [fields, finish] = rules(frame.scope);
-        unsigned needed = (1U << fields.size()) - 1;
+        const Frame& frame = m_frames[--m_depth];
+        unsigned needed = (1U << frame.fields.size()) - 1;
         if (frame.scope == kEnvelope) {
             if (((frame.seen & kSeenResult) != 0) == ((frame.seen & kSeenError) != 0)) {
                 return fail("it must hold either a result or an error");
             }
             needed &= ~(kSeenResult | kSeenError | kSeenClusterId);
         }
-        for (std::size_t index = 0; index < fields.size(); ++index) {
-            if ((needed & ~frame.seen & (1U << index)) != 0) {
-                return fail("the field " + std::string(fields[index].name) + " is missing");
-            }
+        if (const unsigned missing = needed & ~frame.seen; missing != 0) {
+            const auto first = static_cast<std::size_t>(std::countr_zero(missing));
+            return fail("the field " + std::string(frame.fields[first].name) + " is missing");
         }
-        return (this->*finish)();
+        return (this->*rules(frame.scope).finish)();
     }
 
     bool finishEnvelope() {
@@ -383,17 +386,12 @@ std::string parseAnswer(AnswerShape shape, std::int32_t requestId, Answer& answe
     if (answer.text.size() < 2) {
         return "it is empty";
     }
-    constexpr unsigned kFlags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag;
     AnswerHandler handler(shape, requestId, answer);
-    rapidjson::InsituStringStream stream(answer.text.data());
-    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator> reader;
-    const rapidjson::ParseResult result = reader.Parse<kFlags>(stream, handler);
-    if (!handler.problem().empty()) {
-        return handler.problem();
-    }
-    // The stream takes a NUL for its end: one inside the text must not hide what comes after it.
-    if (result.IsError() || stream.Tell() + 1 != answer.text.size()) {
-        return "it is not one whole JSON value (at byte " + std::to_string(stream.Tell()) + ")";
+    JsonReader reader(answer.text.data(), answer.text.size() - 1, handler);
+    if (!reader.read()) {
+        return !handler.problem().empty()
+                   ? handler.problem()
+                   : "it is not one whole JSON value (at byte " + std::to_string(reader.position()) + ")";
     }
     linkReplicaSetNames(answer);
     return {};

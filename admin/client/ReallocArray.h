@@ -2,7 +2,11 @@
 /// growing needs no second copy of it in memory.
 #pragma once
 
+#include <sys/mman.h>
+
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -27,11 +31,13 @@ class ReallocArray {
     ReallocArray(ReallocArray&& other) noexcept
         : m_block(std::move(other.m_block)),
           m_size(std::exchange(other.m_size, 0)),
-          m_capacity(std::exchange(other.m_capacity, 0)) {}
+          m_capacity(std::exchange(other.m_capacity, 0)),
+          m_touched(std::exchange(other.m_touched, 0)) {}
     ReallocArray& operator=(ReallocArray&& other) noexcept {
         m_block = std::move(other.m_block);
         m_size = std::exchange(other.m_size, 0);
         m_capacity = std::exchange(other.m_capacity, 0);
+        m_touched = std::exchange(other.m_touched, 0);
         return *this;
     }
 
@@ -45,6 +51,9 @@ class ReallocArray {
             if (!tryReallocate(wanted > m_size + count ? wanted : m_size + count)) {
                 throw std::bad_alloc();
             }
+        }
+        if (m_size + count > m_touched) {
+            touch(m_size + count);
         }
         std::memcpy(data() + m_size, elements, count * sizeof(Element));
         m_size += count;
@@ -63,7 +72,7 @@ class ReallocArray {
 
     /// The block from its header on, to be released with free(); the array is empty afterwards.
     void* release() {
-        m_size = m_capacity = 0;
+        m_size = m_capacity = m_touched = 0;
         return m_block.release();
     }
 
@@ -82,9 +91,27 @@ class ReallocArray {
         return true;
     }
 
+    /// Before more than `size` elements are there: asks for the memory of a large array a few megabytes at a time,
+    /// which costs less than when each of its pages is missed on its own. A system that cannot do so (madvise(2)) does
+    /// as ever.
+    void touch(std::size_t size) noexcept {
+        constexpr std::size_t kStep = std::size_t{4} * 1024 * 1024 / sizeof(Element);
+        constexpr std::uintptr_t kPage = 4096;
+        m_touched = m_capacity < kStep ? m_capacity : std::min(m_capacity, size + kStep);
+        if (m_capacity >= kStep) {
+            char* start = reinterpret_cast<char*>(data() + m_size);
+            start += -reinterpret_cast<std::uintptr_t>(start) & (kPage - 1);
+            char* const end = reinterpret_cast<char*>(data() + m_touched);
+            if (start < end) {
+                madvise(start, static_cast<std::size_t>(end - start), MADV_POPULATE_WRITE);
+            }
+        }
+    }
+
     std::unique_ptr<char, FreeDeleter> m_block;
     std::size_t m_size = 0;
     std::size_t m_capacity = 0;
+    std::size_t m_touched = 0;
 };
 
 }  // namespace olmdsess

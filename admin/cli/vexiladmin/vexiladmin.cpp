@@ -50,7 +50,7 @@ std::uint32_t flushOutput() {
 
 /// Asked by GnuTLS as it is loaded, because libcurl brings it for protocols that nobody speaks here: it need not set
 /// itself up, which takes time and memory (GNUTLS_SKIP_GLOBAL_INIT in its manual).
-extern "C" [[gnu::visibility("default")]] int _gnutls_global_init_skip() {  // NOLINT(bugprone-reserved-identifier)
+extern "C" [[gnu::visibility("default")]] int _gnutls_global_init_skip() {
     return 1;
 }
 

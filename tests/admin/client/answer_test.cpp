@@ -48,6 +48,18 @@ TEST(AnswerParser, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
     EXPECT_STREQ(cluster.answer.realms.data()[1].name, "w");
 }
 
+TEST(AnswerParser, ResolvesEscapesWhereverTheyStandInAText) {
+    for (std::size_t length = 0; length < 40; ++length) {
+        const std::string plain(length, 'x');
+        const std::string written = plain + R"(\"\\\/\b\f\n\r\t\u00e4\u20AC\ud83d\ude00ä)" + plain;
+        Parsed list(AnswerShape::kSessions, result(R"("total":1,"count":1,"sessions":[{"user":")" + written +
+                                                   R"(","id":")" + plain + R"(","time":-2147483648}])"));
+        ASSERT_EQ(list.problem, "");
+        EXPECT_EQ(list.answer.sessions.data()[0].first_text, plain + "\"\\/\b\f\n\r\tä€😀ä" + plain);
+        EXPECT_EQ(list.answer.sessions.data()[0].second_text, plain);
+    }
+}
+
 TEST(AnswerParser, RefusesWhatIsNotExactlyAnAnswer) {
     struct Edits {
         Which answer;
@@ -61,7 +73,9 @@ TEST(AnswerParser, RefusesWhatIsNotExactlyAnAnswer) {
     const Edits table[] = {
         {kLevel, level, {"", "null", "[" + level + "]", level + "x", level + nul + "x", "{\"new\":" + deep}},
         {kLevel, R"("jsonrpc":"2.0",)", {"", R"("jsonrpc":"1.0",)"}},
-        {kLevel, R"("id":7,)", {"", R"("id":8,)", R"("id":7,"id":7,)"}},
+        {kLevel, R"("id":7,)", {"", R"("id":8,)", R"("id":7,"id":7,)", R"("id":7 "new":1,)", R"("id":7,"new":01,)", R"("id":7,"new":-,)",
+                         R"("id":7,"new":1.,)", R"("id":7,"new":1e,)", R"("id":7,"new":tru,)", R"("id":7,"new":"\x",)",
+                         R"("id":7,"new":"\ud83d\u0041",)", R"("id":7,"new":[1,],)", "\"id\":7,\"new\":\"\x1F\","}},
         {kLevel, R"({"level":-2147483648})", {"null", "{}", R"({"level":1},"error":null)",
                  R"({"level":1},"error":{"code":1,"message":"m","data":{"name":"n"}})", "{\"level\":1,\"new\":\"\xFF\"}",
                  "{\"level\":1,\"new\":" + deep + std::string(deep.size(), ']') + "}"}},

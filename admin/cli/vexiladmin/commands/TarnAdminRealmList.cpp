@@ -20,7 +20,7 @@ std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admi
         std::fputs("\n", stdout);
     }
     for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        std::printf("%s\n", recordText(realm.name).data());
+        std::printf("%s\n", RecordText(realm.name).data());
     }
     return 0;
 }

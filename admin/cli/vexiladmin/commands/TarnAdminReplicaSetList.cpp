@@ -17,7 +17,7 @@ std::uint32_t TarnAdminReplicaSetList::executeCmd(void* const& handle, olm_dsess
         return status;
     }
     for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        std::printf("%s:\n", recordText(realm.name).data());
+        std::printf("%s:\n", RecordText(realm.name).data());
         printReplicaSets(realm);
     }
     return 0;

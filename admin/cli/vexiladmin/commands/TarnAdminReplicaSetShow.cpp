@@ -23,7 +23,7 @@ std::uint32_t TarnAdminReplicaSetShow::executeCmd(void* const& handle, olm_dsess
         qel_fprintf(stdout, kMsgNoReplicaSetRecords);
     }
     for (const olm_dsess_admin_replica_set_record_t& member : members.records()) {
-        qel_fprintf(stdout, kMsgReplicaSetRecord, recordText(member.name).data(), TimeText(member.time).data());
+        qel_fprintf(stdout, kMsgReplicaSetRecord, RecordText(member.name).data(), TimeText(member.time).data());
     }
     std::fputs("\n", stdout);
     return 0;

@@ -19,13 +19,14 @@ using Sessions = FetchedRecords<olm_dsess_admin_session_t, OLM_DSESS_ADMIN_FREE_
 std::uint32_t printSessions(const Sessions& sessions, std::int32_t total) {
     qel_fprintf(stdout, kMsgSessionsHeading, total, sessions.count());
     std::fputs("\n", stdout);
+    QelMessageLines lines(stdout, kMsgSession);
+    TimeText time;
     for (const olm_dsess_admin_session_t& session : sessions.records()) {
         if (TarnAdminInterrupt::came()) {
             return kStatusInterrupted;
         }
-        qel_fprintf(stdout, kMsgSession, recordText(session.second_text).data(), TimeText(session.time).data(),
-                    recordText(session.first_text).data());
-        std::fputs("\n", stdout);
+        time.set(session.time);
+        lines.write({RecordText(session.second_text).view(), time.view(), RecordText(session.first_text).view()});
     }
     if (sessions.count() == 0) {
         qel_fprintf(stdout, kMsgNoSessions);

@@ -48,7 +48,7 @@ std::span<const olm_dsess_admin_realm_t> ClusterInfo::realms() const {
 
 void printReplicaSets(const olm_dsess_admin_realm_t& realm) {
     for (std::int32_t i = 0; i < realm.replica_set_count; ++i) {
-        std::printf("    %s\n", recordText(realm.replica_set_names[i]).data());
+        std::printf("    %s\n", RecordText(realm.replica_set_names[i]).data());
     }
 }
 
