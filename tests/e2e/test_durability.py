@@ -44,7 +44,7 @@ class Durability(Case):
 
     def crash_database(self):
         """When one of its processes dies so, the database ends all others and recovers."""
-        os.kill(int(self.query("SELECT max(pid) FROM pg_stat_activity WHERE datname <> ''")), signal.SIGKILL)
+        os.kill(int(self.query("SELECT pid FROM pg_stat_activity WHERE backend_type = 'walwriter'")), signal.SIGKILL)
         deadline = time.monotonic() + DEADLINE
         while time.monotonic() < deadline:
             with contextlib.suppress(subprocess.CalledProcessError):
