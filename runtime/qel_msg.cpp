@@ -33,8 +33,6 @@ constexpr auto kTable = [] {
 
 const char* g_programName = program_invocation_short_name;
 
-enum class Language { kLocale, kEnglish };
-
 const QelMessage* find(std::uint32_t identifier) {
     const auto* found =
         std::lower_bound(kTable.begin(), kTable.end(), identifier,
@@ -56,16 +54,16 @@ struct Argument {
 
 using Arguments = std::array<Argument, kMaxArguments>;
 
-void makeSystemErrorText(int error, Language language, Argument& argument) {
+void makeSystemErrorText(int error, QelLanguage language, Argument& argument) {
     std::array<char, 64> buffer;
-    const char* text = language == Language::kEnglish ? strerrordesc_np(error) : nullptr;
+    const char* text = language == QelLanguage::kEnglish ? strerrordesc_np(error) : nullptr;
     if (text == nullptr) {
         text = strerror_r(error, buffer.data(), buffer.size());
     }
     std::snprintf(argument.made.data(), argument.made.size(), "%s (%d)", text, error);
 }
 
-std::span<const Argument> fetch(const char* kinds, std::va_list list, Language language, Arguments& arguments) {
+std::span<const Argument> fetch(const char* kinds, std::va_list list, QelLanguage language, Arguments& arguments) {
     std::size_t count = 0;
     for (; count < arguments.size() && kinds[count] != '\0'; ++count) {
         Argument& argument = arguments[count];
@@ -130,6 +128,15 @@ std::string_view translated(const char* english, std::span<const Argument> argum
     return expand(translation, arguments, [](std::string_view) {}) ? translation : english;
 }
 
+/// Hands a whole message to `put`, in pieces.
+template <class Put>
+void expand(const QelMessage& message, std::span<const Argument> arguments, QelLanguage language, Put put) {
+    const std::size_t prefix = message.isFailure ? kIdentifierLength : 0;
+    const char* english = message.text + prefix;
+    put(std::string_view(message.text, prefix));
+    expand(language == QelLanguage::kLocale ? translated(english, arguments) : english, arguments, put);
+}
+
 /// Arguments that stand for those which a status comes without.
 std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
     std::size_t count = 0;
@@ -171,12 +178,9 @@ void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
     Arguments storage;
     std::va_list list;
     va_start(list, identifier);
-    const std::span<const Argument> arguments = fetch(message->kinds, list, Language::kLocale, storage);
+    const std::span<const Argument> arguments = fetch(message->kinds, list, QelLanguage::kLocale, storage);
     va_end(list);
-    const std::size_t prefix = message->isFailure ? kIdentifierLength : 0;
-    out.put({message->text, prefix});
-    expand(translated(message->text + prefix, arguments), arguments,
-           [&out](std::string_view piece) { out.put(piece); });
+    expand(*message, arguments, QelLanguage::kLocale, [&out](std::string_view piece) { out.put(piece); });
 }
 
 QelMessageLines::QelMessageLines(std::FILE* stream, std::uint32_t identifier) : m_out(stream) {
@@ -245,14 +249,14 @@ std::span<const QelMessage> qel_msg_table() {
     return kTable;
 }
 
-std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list) {
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list, QelLanguage language) {
     const QelMessage* message = find(identifier);
     if (message == nullptr) {
         return shownIdentifier(identifier).data() + std::string(find(kMsgNoText)->text);
     }
     Arguments storage;
     std::string out;
-    expand(message->text, fetch(message->kinds, list, Language::kEnglish, storage),
+    expand(*message, fetch(message->kinds, list, language, storage), language,
            [&out](std::string_view piece) { out += piece; });
     return out;
 }

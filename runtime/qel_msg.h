@@ -65,8 +65,10 @@ const char* qel_msg_get_default_msg(std::uint32_t identifier, std::uint32_t* sta
 /// The whole table.
 std::span<const QelMessage> qel_msg_table();
 
-/// A message as qel_fprintf would write it, but untranslated, with arguments from a list. Throws std::bad_alloc.
-std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list);
+enum class QelLanguage { kLocale, kEnglish };
+
+/// A message as qel_fprintf would write it, with arguments from a list. Throws std::bad_alloc.
+std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list, QelLanguage language);
 
 /// The name of the running program.
 const char* qel_msg_program_name();

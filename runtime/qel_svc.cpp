@@ -35,8 +35,9 @@ bool insertsFit(std::uint32_t identifier, std::string_view insertFormat) {
     return true;  // such a message takes none
 }
 
-std::string entryText(std::uint32_t identifier, std::string_view insertFormat, std::va_list inserts) {
-    std::string text = insertsFit(identifier, insertFormat) ? qel_msg_vformat(identifier, inserts)
+std::string entryText(std::uint32_t identifier, std::string_view insertFormat, std::va_list inserts,
+                      QelLanguage language) {
+    std::string text = insertsFit(identifier, insertFormat) ? qel_msg_vformat(identifier, inserts, language)
                                                             : qel_msg_get_default_msg(identifier, nullptr);
     text.erase(text.find_last_not_of('\n') + 1);
     return text;
@@ -101,10 +102,19 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
     }
     if (isSyslogThere()) {
         openlog(program, LOG_PID, LOG_USER);
-        syslog(severity == kSvcErrorExit ? LOG_CRIT : LOG_ERR, "%s", visible.data());
+        syslog(severity == kSvcErrorExit ? LOG_CRIT
+               : severity == kSvcError   ? LOG_ERR
+                                         : LOG_WARNING,
+               "%s", visible.data());
     } else if (!appendToUserFile(full)) {
         qel_write(STDERR_FILENO, full);
     }
+}
+
+/// Whether somebody sits there who set up no log, and need not look for one.
+bool isForTerminal(std::uint32_t severity) {
+    const char* path = std::getenv("QEL_SVC_LOG");
+    return severity >= kSvcError && (path == nullptr || *path == '\0') && isatty(STDERR_FILENO) != 0;
 }
 
 }  // namespace
@@ -114,10 +124,18 @@ void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, co
                              ...) noexcept {
     std::va_list inserts;
     va_start(inserts, identifier);
+    std::va_list again;
+    va_copy(again, inserts);
     try {
-        writeEntry(handle, file, line, severity, entryText(identifier, insertFormat, inserts));
+        writeEntry(handle, file, line, severity, entryText(identifier, insertFormat, inserts, QelLanguage::kEnglish));
+        if (isForTerminal(severity)) {
+            const std::string text = entryText(identifier, insertFormat, again, QelLanguage::kLocale);
+            const QelString bytes(text, QelString::kFromLocale);
+            qel_write(STDERR_FILENO, std::string(QelString(bytes.view(), QelString::kForDisplay).view()) + "\n");
+        }
     } catch (const std::bad_alloc&) {
         // The entry is lost.
     }
+    va_end(again);
     va_end(inserts);
 }

@@ -54,7 +54,7 @@
 
 /**
  * The statuses, each with its meaning; the utility has its text. What is said to be unchanged is so in truth: who reads
- * it may repeat the command.
+ * it may repeat the command. What locations failed of, when none gave an answer, the library traces at level 0.
  */
 /** Memory is exhausted; nothing was changed. */
 #define OLM_DSESS_ADMIN_STATUS_NO_MEMORY UINT32_C(0x38C52097)

@@ -17,6 +17,9 @@ namespace {
 
 constexpr std::size_t kExcerptBytes = 2048;
 
+// Of the causes that a request failed of, so many are shown at once.
+constexpr std::size_t kShownCauses = 3;
+
 // A pause before a change is sent once more, doubled from time to time.
 constexpr std::chrono::milliseconds kFirstPause{50};
 constexpr std::chrono::milliseconds kLongestPause{1000};
@@ -111,7 +114,7 @@ Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
 std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                               std::span<const RequestParameter> parameters, Answer& answer) {
     if (!canBeSent(security, parameters)) {
-        m_trace.line(kTraceFailure, "the request is not valid UTF-8 and was not sent");
+        m_trace.line(kTraceAlways, "the request is not valid UTF-8 and was not sent");
         return kStatusInvalidArgument;
     }
     std::vector<RequestParameter> all(parameters.begin(), parameters.end());
@@ -131,7 +134,7 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
     const std::int32_t id = m_lastId = m_lastId % 1'000'000'000 + 1;
     Request request{operation, security, id, writeRequest(id, operation.method, security, all)};
     if (request.body.size() > protocol::kMaxRequestBytes) {
-        m_trace.line(kTraceFailure, "the request is too long and was not sent");
+        m_trace.line(kTraceAlways, "the request is too long and was not sent");
         return kStatusInvalidArgument;
     }
     olm_dsess_admin_sec_info_t shown = security;
@@ -153,7 +156,6 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
 std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
     auto end = Clock::now() + m_timeout;
     std::optional<AttemptFailure> failure;
-    std::string cause;
     bool alike = true;
     for (std::size_t index = 0; index < m_urls.size(); ++index) {
         if (interruption::isOn()) {
@@ -162,7 +164,7 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
         const std::string& url = m_urls[index];
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
-        Attempt attempt = tryLocation(url, request, {now + share, request.operation.changes, share}, answer);
+        const Attempt attempt = tryLocation(url, request, {now + share, request.operation.changes, share}, answer);
         if (attempt.failure == AttemptFailure::kNone) {
             return finish(index, request, answer);
         }
@@ -175,9 +177,9 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
         }
         alike = alike && failure.value_or(attempt.failure) == attempt.failure;
         failure = attempt.failure;
-        cause = std::move(attempt.cause);
     }
-    return failure && alike ? explained(statusOf(*failure), request, cause) : kStatusNoLocation;
+    showCauses(request);
+    return failure && alike ? statusOf(*failure) : kStatusNoLocation;
 }
 
 std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer) {
@@ -185,6 +187,7 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
          pause = std::clamp<Clock::duration>(pause * 2, kFirstPause, kLongestPause)) {
         const auto now = Clock::now() + pause;
         if (now >= end || interruption::wait(std::chrono::ceil<std::chrono::milliseconds>(pause))) {
+            showCauses(request);
             return kStatusOutcomeUnknown;
         }
         if (pause > Clock::duration::zero() && !m_clusterId.empty()) {
@@ -223,6 +226,9 @@ Attempt Client::tryLocation(const std::string& url, Request& request, const Atte
     }
     if (attempt.failure != AttemptFailure::kNone) {
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
+        if (attempt.failure != AttemptFailure::kInterrupted) {
+            request.causes[url] = attempt.cause;
+        }
     } else if (answer.errorName != nullptr) {
         m_trace.line(kTraceFailure,
                      url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));
@@ -243,6 +249,31 @@ std::uint32_t Client::finish(std::size_t index, const Request& request, const An
     const ErrorStatus* error = find(answer.errorName);
     return explained(error == nullptr ? kStatusRequestRefused : error->status, request,
                      excerpt(request, answer.errorMessage));
+}
+
+// Locations that failed of the same share a line. Further lines would tell little more.
+void Client::showCauses(const Request& request) const {
+    std::vector<std::pair<std::string, std::string>> groups;  // the locations, and what they failed of
+    for (const std::string& url : m_urls) {
+        const auto found = request.causes.find(url);
+        if (found == request.causes.end()) {
+            continue;
+        }
+        const std::string location = url.substr(0, url.find(protocol::kServicePath));
+        const auto group = std::find_if(groups.begin(), groups.end(),
+                                        [&](const auto& candidate) { return candidate.second == found->second; });
+        if (group == groups.end()) {
+            groups.emplace_back(location, found->second);
+        } else {
+            group->first += ", " + location;
+        }
+    }
+    for (std::size_t index = 0; index < groups.size() && index < kShownCauses; ++index) {
+        m_trace.line(kTraceAlways, groups[index].first + ": " + groups[index].second);
+    }
+    if (groups.size() > kShownCauses) {
+        m_trace.line(kTraceAlways, "other locations: other causes");
+    }
 }
 
 std::uint32_t Client::explained(std::uint32_t status, const Request& request, const std::string& words) const {

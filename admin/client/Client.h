@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <span>
 #include <string>
@@ -54,6 +55,8 @@ class Client {
         SecretBuffer body;
         /// Whether a change has been sent whose fate is not known.
         bool isOpen = false;
+        /// What each location failed of last, in words.
+        std::map<std::string, std::string> causes{};
     };
 
     std::uint32_t tryLocations(Request& request, Answer& answer);
@@ -63,6 +66,8 @@ class Client {
     Attempt tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer);
     /// Makes the location of this index the first to ask and returns what its answer means.
     std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
+    /// Shows at once what the locations failed of, each cause in a line of its own.
+    void showCauses(const Request& request) const;
     /// Returns the status, having traced what its text leaves to say: under which name a request was sent that the
     /// server refused to that user, and `words`, the server's own, for other refusals.
     std::uint32_t explained(std::uint32_t status, const Request& request, const std::string& words) const;

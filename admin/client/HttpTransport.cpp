@@ -381,6 +381,9 @@ std::string systemCause(CURL* easy, const char* otherwise) {
 std::string handshakeCause(std::string_view words) {
     const auto says = [words](const char* what) { return words.find(what) != std::string_view::npos; };
     const bool ended = says("SSL_ERROR_SYSCALL") || says("unexpected eof") || says("Connection reset");
+    if (says("wrong version number")) {
+        return "no TLS connection: what answers there does not speak TLS";
+    }
     return "no TLS connection: " + (ended ? "the server ended the connection in the handshake" : std::string(words));
 }
 
@@ -392,7 +395,7 @@ std::string tlsCause(CURLcode code, const Exchange& exchange) {
     }
     if (policy.certificateAlert() != nullptr) {
         return std::string("our certificate was refused: ") + policy.certificateAlert() +
-               (policy.hasIdentity() ? "" : ", and the key file holds none");
+               (policy.hasIdentity() ? " (" + policy.identityText() + ")" : ", and the key file holds none");
     }
     if (exchange.sentHere()) {
         return {};
@@ -465,8 +468,10 @@ Attempt judge(CURL* easy, CURLcode code, Exchange& exchange) {
     if (std::string cause = tlsCause(code, exchange); !cause.empty()) {
         return failed(AttemptFailure::kTls, std::move(cause));
     }
-    return failed(AttemptFailure::kUnreachable,
-                  systemCause(easy, exchange.sentHere() ? "the connection ended before an answer" : kNoConnection));
+    const char* cause = !exchange.sentHere() ? kNoConnection
+                        : exchange.secure    ? "the connection ended before an answer"
+                                             : "the connection ended before an answer, as by a server that expects TLS";
+    return failed(AttemptFailure::kUnreachable, systemCause(easy, cause));
 }
 
 }  // namespace

@@ -96,6 +96,12 @@ std::string timeText(const ASN1_TIME* time) {
     return {text, static_cast<std::size_t>(length)};
 }
 
+/// When a certificate ended, if it did.
+std::string endText(const X509* certificate) {
+    const ASN1_TIME* end = X509_get0_notAfter(certificate);
+    return X509_cmp_current_time(end) < 0 ? ", which ended on " + timeText(end) : std::string();
+}
+
 }  // namespace
 
 TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace) : m_trace(trace) {
@@ -136,6 +142,7 @@ void TlsPolicy::loadServerNames(const olm_dsess_admin_mv_string_t& names) {
 
 void TlsPolicy::load(const char* keyFile, const char* stash, const char* label) {
     m_keyFile = loadKeyFile(keyFile, stash, label);
+    m_keyFileName = keyFile;
     if (!m_keyFile.trusted.empty()) {
         m_anchors = makeStore(m_keyFile.trusted);
     }
@@ -172,6 +179,12 @@ void TlsPolicy::checkIdentity(const char* keyFile) const {
         throw TlsProblem{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " + keyFile +
                                              " cannot be used: " + weaknessText(ERR_get_error())};
     }
+}
+
+std::string TlsPolicy::identityText() const {
+    return hasIdentity() ? subjectText(m_keyFile.certificate.get()) + " of the key file " + m_keyFileName +
+                               endText(m_keyFile.certificate.get())
+                         : std::string();
 }
 
 void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
@@ -239,7 +252,8 @@ bool TlsPolicy::verify(X509_STORE_CTX* chain) {
     const X509* server = X509_STORE_CTX_get0_cert(chain);
     if (X509_verify_cert(chain) != 1) {
         const X509* culprit = X509_STORE_CTX_get_current_cert(chain);
-        m_certificateProblem = subjectText(culprit == nullptr ? server : culprit) + ": " +
+        culprit = culprit == nullptr ? server : culprit;
+        m_certificateProblem = subjectText(culprit) + endText(culprit) + ": " +
                                X509_verify_cert_error_string(X509_STORE_CTX_get_error(chain));
         return false;
     }

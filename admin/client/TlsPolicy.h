@@ -25,6 +25,8 @@ class TlsPolicy {
     /// Whether the server is known by its certificate's subject rather than by its host name.
     bool namesServers() const { return !m_serverNames.empty(); }
     bool hasIdentity() const { return m_keyFile.key != nullptr; }
+    /// Our certificate, for people: its subject, its end if that is over, and the key file. Empty without an identity.
+    std::string identityText() const;
 
     /// Prepares a context for one connection. False when OpenSSL does not take what it is given.
     bool configure(SSL_CTX* context);
@@ -59,6 +61,7 @@ class TlsPolicy {
     const Trace m_trace;
     std::optional<FipsMode> m_fips;
     KeyFile m_keyFile;
+    std::string m_keyFileName;
     StorePtr m_anchors;
     std::vector<DistinguishedName> m_serverNames;
     std::string m_certificateProblem;

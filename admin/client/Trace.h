@@ -8,7 +8,7 @@
 
 namespace olmdsess {
 
-inline constexpr std::int32_t kTraceAlways = 0;   ///< what an administrator must see at once
+inline constexpr std::int32_t kTraceAlways = 0;   ///< what an administrator must see at once: why a request failed
 inline constexpr std::int32_t kTraceFailure = 1;  ///< each location tried and why it failed
 inline constexpr std::int32_t kTraceFlow = 2;     ///< which location answered
 inline constexpr std::int32_t kTraceMessage = 3;  ///< requests and answers, without passwords

@@ -85,7 +85,7 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
 std::string messageText(std::uint32_t message, ...) {
     std::va_list inserts;
     va_start(inserts, message);
-    std::string text = qel_msg_vformat(message, inserts);
+    std::string text = qel_msg_vformat(message, inserts, QelLanguage::kLocale);
     va_end(inserts);
     return text;
 }
@@ -229,7 +229,7 @@ void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
 }
 
 void TarnAdminConfig::takeNotice(int line, std::uint32_t message, const char* insert) {
-    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcError, message, insert);
+    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
     m_notice = messageText(message, insert);
 }
 

@@ -139,3 +139,8 @@ class Instances(Case):
                 calls=start() + end() + start("green", 2)[:count] + end(2)[1:] + start("blue", 3) + end(3),
                 whole=True,
             )
+
+    def test_who_sits_at_a_terminal_is_told_what_the_log_is_told(self):
+        terminal = self.terminal(prompt=None, config=None, QEL_SVC_LOG="", XDG_STATE_HOME=str(self.dir))
+        missing = msg(0x38C54042, self.dir / "vexilclicfg.conf", error(errno.ENOENT))
+        self.assertEqual(terminal.ended(), (65, missing.replace("\n", "\r\n")))

@@ -74,7 +74,7 @@ TEST(Transport, BadAnswersAreRefusedAtOnceAndAChangeIsCarriedOutOnce) {
     const std::vector<Row> rows{
         {"refuse", kStatusNoLocation, Change::kGoesOn, "connection refused"},
         {"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"},
-        {"status=403", kStatusRequestRefused, Change::kGoesOn, "0 the server says: HTTP status 403\n"},
+        {"status=403", kStatusRequestRefused, Change::kGoesOn, "HTTP status 403"},
         {"status=404", kStatusInstanceNotServed, Change::kGoesOn, "HTTP status 404"},
         {"status=500", kStatusNoLocation, Change::kAsksAgain, "HTTP status 500"},
         {"status=307", kNotUnderstood, Change::kAsksAgain, "HTTP status 307"},
@@ -111,6 +111,7 @@ TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster
     EXPECT_EQ(known.change(), 0U);
     Library unknown({servers.urls[2], servers.urls[3]}, 1);
     EXPECT_EQ(unknown.change(), kStatusOutcomeUnknown);
+    EXPECT_TRUE(wasTraced("0 " + servers.urls[2] + ": the connection ended before an answer"));
     EXPECT_TRUE(0.5 <= unknown.seconds && unknown.seconds <= 1 + kLateness);
     Library resent({servers.urls[4]}, 1);  // the kept connection may have carried it
     EXPECT_EQ(resent.read(), 0U);
@@ -149,6 +150,11 @@ TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
         EXPECT_EQ(library.read(), status) << first;
         EXPECT_LE(library.seconds, 1 + kLateness);
     }
+    const std::string& refusing = servers.urls[0];
+    Library library({refusing + "blue/services/DSessAdminProxy", servers.urls[1], refusing + "green"}, 1);
+    EXPECT_EQ(library.read(), kStatusNoLocation);
+    EXPECT_TRUE(wasTraced("0 " + refusing + "blue, " + refusing + "green: connection refused\n")) << traced.back();
+    EXPECT_EQ(traced.back(), "0 " + servers.urls[1] + ": answer not understood: it is not HTTP/1.1\n");
 }
 
 TEST(Transport, WhatTheFirstLeavesOfTheTimeIsTheLastLocations) {
