@@ -5,6 +5,8 @@
 #include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
 #include "admin/cli/vexiladmin/commands/StatelessCommands.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
 
 namespace {
 
@@ -38,5 +40,17 @@ void showTime(benchmark::State& state) {
     }
 }
 BENCHMARK(showTime);
+
+void showLine(benchmark::State& state) {
+    std::FILE* nowhere = std::fopen("/dev/null", "w");
+    {
+        QelMessageLines lines(nowhere, kMsgSession);
+        for (auto _ : state) {
+            lines.write({"0123456789abcdef0123456789abcdef", "2026-11-24-09:30:00 UTC", "mallory"});
+        }
+    }
+    std::fclose(nowhere);
+}
+BENCHMARK(showLine);
 
 }  // namespace
