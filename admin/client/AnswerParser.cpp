@@ -115,8 +115,7 @@ class AnswerHandler {
     const std::string& problem() const { return m_problem; }
 
     bool other(const char* what) {
-        const Field* field = m_skipped > 0 ? nullptr : expected();
-        return field == nullptr || fail(std::string(field->name) + " is " + what);
+        return m_expected == nullptr || fail(std::string(m_expected->name) + " is " + what);
     }
 
     bool number(std::int64_t number) {
@@ -141,7 +140,7 @@ class AnswerHandler {
         if (m_skipped > 0) {
             return leaveSkipped();
         }
-        --m_depth;
+        leave();
         return true;
     }
 
@@ -150,21 +149,23 @@ class AnswerHandler {
             return true;
         }
         Frame& frame = m_frames[m_depth - 1];
+        const std::span<const Field> fields = frame.rules->fields;
         const std::string_view name(text, length);
-        std::size_t index = frame.field + 1;  // objects of a list mostly have their fields in one order
-        for (std::size_t left = frame.fields.size(); left > 0; --left, ++index) {
-            index = index < frame.fields.size() ? index : 0;
-            if (isSame(name, frame.fields[index].name)) {
+        std::size_t index = frame.likely;
+        for (std::size_t left = fields.size(); left > 0; --left, ++index) {
+            index = index < fields.size() ? index : 0;
+            if (isSame(name, fields[index].name)) {
                 const unsigned bit = 1U << index;
                 if ((frame.seen & bit) != 0) {
                     return fail("the field " + std::string(name) + " comes twice");
                 }
                 frame.seen |= bit;
-                frame.field = index;
+                frame.likely = index + 1;
+                m_expected = &fields[index];
                 return true;
             }
         }
-        frame.field = kNoField;  // one that this client does not know: its value is passed over
+        m_expected = nullptr;  // a field that this client does not know
         return true;
     }
 
@@ -178,25 +179,24 @@ class AnswerHandler {
         return index == left.size() && index == right.size();
     }
 
-    static constexpr std::size_t kNoField = std::numeric_limits<std::size_t>::max();
-
-    struct Frame {
-        Scope scope;
-        bool isList;
-        unsigned seen;                  // a bit for each field
-        std::span<const Field> fields;  // of an object
-        std::size_t field;              // the one whose value comes next
-    };
     /// What an object consists of, and what takes its values over once it is complete.
     struct Rules {
         std::span<const Field> fields;
         bool (AnswerHandler::*finish)();
     };
 
-    Rules rules(Scope scope) const {
+    /// An object or a list that is open.
+    struct Frame {
+        const Rules* rules;  // of the object
+        const Field* item;   // what the list consists of; null: it is an object
+        std::size_t likely;  // the field that comes next if they come in order, as in most lists
+        unsigned seen;       // a bit for each field
+    };
+
+    const Rules& rules(Scope scope) const {
         using Handler = AnswerHandler;
         static constexpr Rules kRules[kScopes] = {
-            {{}, &Handler::finishEnvelope},  // its fields depend on the shape expected
+            {},  // of the envelope: its fields depend on the shape expected
             {kErrorFields, &Handler::finishError},
             {kErrorDataFields, &Handler::finishErrorData},
             {kClusterFields, &Handler::finishCluster},
@@ -211,7 +211,18 @@ class AnswerHandler {
             {kSessionFields, &Handler::finishSession},
             {},
         };
-        return scope == kEnvelope ? Rules{m_envelope, kRules[kEnvelope].finish} : kRules[scope];
+        return scope == kEnvelope ? m_envelopeRules : kRules[scope];
+    }
+
+    static const Field* itemOf(Scope scope) {
+        static constexpr Field kRealmItem("a record", Type::kObject, kRealm);
+        static constexpr Field kMemberItem("a record", Type::kObject, kMember);
+        static constexpr Field kSessionItem("a record", Type::kObject, kSession);
+        static constexpr Field kNameItem("a name", &Values::name);
+        return scope == kRealm     ? &kRealmItem
+               : scope == kMember  ? &kMemberItem
+               : scope == kSession ? &kSessionItem
+                                   : &kNameItem;
     }
 
     bool fail(std::string problem) {
@@ -219,42 +230,20 @@ class AnswerHandler {
         return false;
     }
 
-    /// What is expected where the parse stands: null where anything is, to be passed over.
-    const Field* expected() {
-        static constexpr Field kRoot{"the answer", Type::kObject, kEnvelope};
-        static constexpr Field kNameItem{"a name", &Values::name};
-        if (m_depth == 0) {
-            return &kRoot;
-        }
-        Frame& frame = m_frames[m_depth - 1];
-        if (frame.isList) {
-            if (frame.scope == kName) {
-                return &kNameItem;
-            }
-            m_item = Field("a record", Type::kObject, frame.scope);
-            return &m_item;
-        }
-        return frame.field < frame.fields.size() ? &frame.fields[frame.field] : nullptr;
-    }
-
     template <class Keep>
     bool accept(Type type, Keep keep) {
-        if (m_skipped > 0) {
+        if (m_expected == nullptr) {
             return true;
         }
-        const Field* field = expected();
-        if (field == nullptr) {
-            return true;
+        if (m_expected->type != type) {
+            return fail(std::string(m_expected->name) + " is of the wrong type");
         }
-        if (field->type != type) {
-            return fail(std::string(field->name) + " is of the wrong type");
-        }
-        keep(*field);
+        keep(*m_expected);
         return true;
     }
 
     void keepText(const Field& field, char* text) {
-        if (m_frames[m_depth - 1].isList) {
+        if (m_frames[m_depth - 1].item != nullptr) {
             m_answer.replicaSetNames.append(text);
             ++m_realmNames;
         } else {
@@ -266,22 +255,27 @@ class AnswerHandler {
         if (m_depth + m_skipped >= kMaxDepth) {
             return fail("it is nested too deeply");
         }
-        const Field* field = m_skipped > 0 ? nullptr : expected();
-        if (field == nullptr) {
+        if (m_expected == nullptr) {
             ++m_skipped;
             return true;
         }
-        if (field->type != type) {
-            return fail(std::string(field->name) + " is of the wrong type");
+        if (m_expected->type != type) {
+            return fail(std::string(m_expected->name) + " is of the wrong type");
         }
-        if (field->scope == kRealm && type == Type::kObject) {
-            m_realmNames = 0;
+        const Scope scope = m_expected->scope;
+        if (type == Type::kObject) {
+            m_realmNames = scope == kRealm ? 0 : m_realmNames;
+            m_frames[m_depth++] = {&rules(scope), nullptr, 0, 0};
+            m_expected = nullptr;
+        } else {
+            m_frames[m_depth++] = {nullptr, itemOf(scope), 0, 0};
+            m_expected = itemOf(scope);
         }
-        const bool isList = type == Type::kList;
-        m_frames[m_depth++] = {field->scope, isList, 0, isList ? std::span<const Field>() : rules(field->scope).fields,
-                               kNoField};
         return true;
     }
+
+    /// Of an object the next field says what is expected.
+    void leave() { m_expected = --m_depth > 0 ? m_frames[m_depth - 1].item : nullptr; }
 
     bool leaveSkipped() {
         --m_skipped;
@@ -289,9 +283,11 @@ class AnswerHandler {
     }
 
     bool closeObject() {
-        const Frame& frame = m_frames[--m_depth];
-        unsigned needed = (1U << frame.fields.size()) - 1;
-        if (frame.scope == kEnvelope) {
+        const Frame& frame = m_frames[m_depth - 1];
+        leave();
+        const auto& [fields, finish] = *frame.rules;
+        unsigned needed = (1U << fields.size()) - 1;
+        if (frame.rules == &m_envelopeRules) {
             if (((frame.seen & kSeenResult) != 0) == ((frame.seen & kSeenError) != 0)) {
                 return fail("it must hold either a result or an error");
             }
@@ -299,9 +295,9 @@ class AnswerHandler {
         }
         if (const unsigned missing = needed & ~frame.seen; missing != 0) {
             const auto first = static_cast<std::size_t>(std::countr_zero(missing));
-            return fail("the field " + std::string(frame.fields[first].name) + " is missing");
+            return fail("the field " + std::string(fields[first].name) + " is missing");
         }
-        return (this->*rules(frame.scope).finish)();
+        return (this->*finish)();
     }
 
     bool finishEnvelope() {
@@ -359,11 +355,14 @@ class AnswerHandler {
                fail("the field count is wrong");
     }
 
+    static constexpr Field kRoot{"the answer", Type::kObject, kEnvelope};
+
     const Field m_envelope[5];
+    const Rules m_envelopeRules{m_envelope, &AnswerHandler::finishEnvelope};
     const std::int32_t m_requestId;
     Answer& m_answer;
     std::string m_problem;
-    Field m_item{"", Type::kObject, kScopes};
+    const Field* m_expected = &kRoot;  // where the parse stands; null: anything, to be passed over
     Frame m_frames[kMaxDepth]{};
     int m_depth = 0;
     int m_skipped = 0;  // levels of a value that is passed over
