@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::chrono::seconds kLookEvery{1};
 constexpr int kLooksForContact = 5;
-constexpr std::chrono::seconds kWaitAtMost{10};
+/// Longer than the store waits for another process by itself, which is no failure.
+constexpr std::chrono::seconds kWaitAtMost{15};
 constexpr std::chrono::seconds kWaitAtMostInTheEnd{1};
 
 }  // namespace
@@ -34,30 +35,31 @@ Beat::~Beat() {
     }
     m_changed.notify_one();
     m_thread.join();
-    beat(true, kWaitAtMostInTheEnd);
+    beat(true, true);
 }
 
 void Beat::run() {
     std::unique_lock lock(m_mutex);
-    for (int look = 1; !m_changed.wait_for(lock, kLookEvery, [&] { return m_stopping; }); ++look) {
+    for (int look = 1; !m_changed.wait_for(lock, kLookEvery, [&] { return m_stopping.load(); }); ++look) {
         lock.unlock();
-        beat(look % kLooksForContact == 0, kWaitAtMost);
+        beat(look % kLooksForContact == 0, false);
         lock.lock();
     }
 }
 
-void Beat::beat(bool contacts, std::chrono::seconds atMost) noexcept {
+void Beat::beat(bool contacts, bool isLast) noexcept {
     try {
-        look(contacts, atMost);
+        look(contacts, isLast);
     } catch (const std::exception& error) {
         m_log.failed("a look at the store failed", error);
     }
 }
 
-void Beat::look(bool contacts, std::chrono::seconds atMost) {
+void Beat::look(bool contacts, bool isLast) {
     try {
-        const auto end = std::chrono::steady_clock::now() + atMost;
-        const auto store = m_stores.take([end] { return std::chrono::steady_clock::now() > end; });
+        const auto end = std::chrono::steady_clock::now() + (isLast ? kWaitAtMostInTheEnd : kWaitAtMost);
+        const auto store = m_stores.take(
+            [this, end, isLast] { return std::chrono::steady_clock::now() > end || (m_stopping && !isLast); });
         m_log.setLevel(store->traceLevel());
         const Membership& own = m_membership;
         const bool known =
@@ -69,6 +71,10 @@ void Beat::look(bool contacts, std::chrono::seconds atMost) {
         }
     } catch (const StoreBusy&) {
         // a load, which ends
+    } catch (const StoreInterrupted&) {
+        if (!m_stopping) {
+            report("the store does not answer");
+        }
     } catch (const StoreError& error) {
         report(std::string("the store failed: ") + error.what());
     }

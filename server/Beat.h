@@ -2,6 +2,7 @@
 /// that another node was told.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -31,8 +32,8 @@ class Beat {
 
   private:
     void run();
-    void beat(bool contacts, std::chrono::seconds atMost) noexcept;
-    void look(bool contacts, std::chrono::seconds atMost);
+    void beat(bool contacts, bool isLast) noexcept;
+    void look(bool contacts, bool isLast);
     /// Says so once while it lasts.
     void report(const std::string& problem);
 
@@ -42,7 +43,7 @@ class Beat {
     std::string m_problem;
     std::mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_stopping = false;
+    std::atomic<bool> m_stopping = false;
     std::thread m_thread;
 };
 

@@ -7,10 +7,13 @@
 
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <mutex>
+#include <thread>
 
 #include "runtime/qel_utf8.h"
 #include "server/Authenticator.h"
@@ -48,6 +51,31 @@ void allowManyDescriptors() {
     }
 }
 
+/// Ends the process when it does not end by itself in time. Some of what a thread may wait for cannot be broken off,
+/// such as a database that a connection is being made to, or a disk. It all counts as a crash does: nothing that was
+/// acknowledged is lost.
+class LastResort {
+  public:
+    explicit LastResort(Log& log) : m_log(log) {}
+
+    void startClock() {
+        m_thread = std::jthread([this](const std::stop_token& ended) {
+            std::mutex mutex;
+            std::unique_lock lock(mutex);
+            std::condition_variable_any().wait_for(lock, ended, kEndWithin, [] { return false; });
+            if (!ended.stop_requested()) {
+                m_log.write(Topic::kFailure, "ended without waiting for what cannot be broken off");
+                ::_exit(0);
+            }
+        });
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kEndWithin{9'500};
+    Log& m_log;
+    std::jthread m_thread;
+};
+
 std::string readyLine(const ServeOptions& options, const Listener& listener) {
     std::string line = "dsessd: listening on ";
     line += options.tls.certificate.empty() ? "http://" : "https://";
@@ -65,6 +93,7 @@ int serve(const ServeOptions& options) {
     const QelFileDescriptor stop = stopSignals();
     allowManyDescriptors();
     Log log(STDERR_FILENO);
+    LastResort lastResort(log);
     StorePool stores(options.data);
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
@@ -76,7 +105,7 @@ int serve(const ServeOptions& options) {
     const std::string ready = readyLine(options, listener);
     std::cout << ready << std::endl;
     log.write(Topic::kNotice, ready.substr(ready.find("listening")));
-    server.run(std::move(listener), stop.get());
+    server.run(std::move(listener), stop.get(), [&] { lastResort.startClock(); });
     log.write(Topic::kNotice, "stopped");
     return 0;
 }

@@ -140,9 +140,10 @@ std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
 /// What there is while the server runs.
 class HttpServer::Running {
   public:
-    Running(HttpServer& server, Listener listener, int stopFd)
+    Running(HttpServer& server, Listener listener, int stopFd, const std::function<void()>& onStop)
         : m_setting{m_dispatcher, server.m_log, server.m_limits, server.m_paths, nullptr},
           m_stopFd(stopFd),
+          m_onStop(onStop),
           m_dispatcher(server.m_service, server.m_log) {
         if (server.m_tls != nullptr) {
             m_setting.tls = std::make_unique<net::ssl::context>(server.m_tls.release());
@@ -177,6 +178,7 @@ class HttpServer::Running {
         if (m_acceptor->is_open() && ::poll(&state, 1, 0) > 0) {
             m_setting.stop = Clock::now() + m_setting.limits.drain;
             m_acceptor->close();
+            m_onStop();
         }
         accept();
     }
@@ -206,6 +208,7 @@ class HttpServer::Running {
 
     HttpSetting m_setting;
     const int m_stopFd;
+    const std::function<void()>& m_onStop;
     std::vector<std::unique_ptr<Loop>> m_loops;
     std::optional<net::basic_socket_acceptor<net::ip::tcp, net::io_context::executor_type>> m_acceptor;
     bool m_accepting = false;
@@ -218,8 +221,8 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
 
 HttpServer::~HttpServer() = default;
 
-void HttpServer::run(Listener listener, int stopFd) {
-    Running(*this, std::move(listener), stopFd).run();
+void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onStop) {
+    Running(*this, std::move(listener), stopFd, onStop).run();
 }
 
 }  // namespace dsessd

@@ -1,6 +1,7 @@
 /// Carries requests of clients over HTTP to the service: a few threads wait for all connections.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,9 +21,9 @@ class HttpServer {
                const HttpLimits& limits);
     ~HttpServer();
 
-    /// Serves until `stopFd` is readable, then finishes what is in progress. When it returns, no thread of the server
-    /// is left.
-    void run(Listener listener, int stopFd);
+    /// Serves until `stopFd` is readable, then calls `onStop` and finishes what is in progress. When it returns, no
+    /// thread of the server is left.
+    void run(Listener listener, int stopFd, const std::function<void()>& onStop);
 
   private:
     class Running;

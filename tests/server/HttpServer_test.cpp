@@ -35,7 +35,7 @@ struct HttpServing : testing::Test {
         Listener listener("127.0.0.1:0");
         port = static_cast<std::uint16_t>(std::stoi(listener.address().substr(10)));
         thread = std::thread([this, limits, moved = std::move(listener)]() mutable {
-            HttpServer(service, log, {"blue"}, nullptr, limits).run(std::move(moved), stop[0]);
+            HttpServer(service, log, {"blue"}, nullptr, limits).run(std::move(moved), stop[0], [] {});
         });
     }
     void end() {
