@@ -29,16 +29,24 @@ Guesses::Reaction Guesses::failed(const std::string& host) {
     const auto forgotten = (now - record.last) / kForgetOne;
     record.failures -= static_cast<unsigned>(std::min<std::int64_t>(record.failures, forgotten));
     record.last = now;
+    Reaction reaction;
     if (record.failures < kForgiven) {
         ++record.failures;
-        return {};
+    } else {
+        reaction.delay = kDelay;
     }
-    if (now - record.said < kBetweenEntries) {
+    if (now - record.minute >= kBetweenEntries) {
+        record.minute = now;
+        record.entries = record.unsaid == 0 ? kEntriesAtFirst : 1;
+    }
+    reaction.say = record.entries > 0;
+    if (reaction.say) {
+        --record.entries;
+        reaction.unsaid = std::exchange(record.unsaid, 0);
+    } else {
         ++record.unsaid;
-        return {kDelay, false, 0};
     }
-    record.said = now;
-    return {kDelay, true, std::exchange(record.unsaid, 0)};
+    return reaction;
 }
 
 }  // namespace dsessd

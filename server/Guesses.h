@@ -9,7 +9,7 @@
 namespace dsessd {
 
 /// A few mistakes cost nothing. A host that makes many waits for each refusal, so that guessing leaves time for others'
-/// logins, and fills no log. Safe to use from several threads.
+/// logins, and has one entry a minute in the log. Safe to use from several threads.
 class Guesses {
   public:
     using Clock = std::chrono::steady_clock;
@@ -25,11 +25,14 @@ class Guesses {
     Reaction failed(const std::string& host);
 
   private:
+    static constexpr unsigned kEntriesAtFirst = 5;
     struct Record {
         unsigned failures = 0;
         unsigned unsaid = 0;
+        /// How many more the log may have of this minute.
+        unsigned entries = kEntriesAtFirst;
         Clock::time_point last;
-        Clock::time_point said;
+        Clock::time_point minute = Clock::now();
     };
 
     std::mutex m_mutex;
