@@ -19,7 +19,7 @@ struct Dispatcher::Job {
 
 Dispatcher::~Dispatcher() {
     // They post to each other, so all are stopped before the first goes.
-    for (FairPool* pool : {&m_quick, &m_logins, &m_listings, &m_changes}) {
+    for (FairPool* pool : {&m_quick, &m_logins, &m_listings, &m_anonymousListings, &m_changes}) {
         pool->stop();
     }
 }
@@ -30,16 +30,17 @@ void Dispatcher::submit(SecretBuffer request, Peer peer, std::shared_ptr<Patienc
     job->reply = std::move(reply);
     job->wake = std::move(wake);
     job->call = m_service.receive(std::move(request), std::move(peer), std::move(patience));
-    post(std::move(job), Service::Lane::kQuick);
+    post(job, Service::Lane::kQuick);
 }
 
-void Dispatcher::post(std::shared_ptr<Job> job, Service::Lane lane) {
-    FairPool& pool = lane == Service::Lane::kLogin     ? m_logins
-                     : lane == Service::Lane::kListing ? m_listings
-                     : lane == Service::Lane::kChange  ? m_changes
+void Dispatcher::post(const std::shared_ptr<Job>& job, Service::Lane lane) {
+    using Lane = Service::Lane;
+    FairPool& pool = lane == Lane::kLogin              ? m_logins
+                     : lane == Lane::kListing          ? m_listings
+                     : lane == Lane::kAnonymousListing ? m_anonymousListings
+                     : lane == Lane::kChange           ? m_changes
                                                        : m_quick;
-    const std::string peer = Service::peerOf(*job->call, lane);
-    pool.post(peer, [this, job = std::move(job), lane] { step(job, lane); });
+    pool.post(Service::peerOf(*job->call), [this, job, lane] { step(job, lane); });
 }
 
 void Dispatcher::step(const std::shared_ptr<Job>& job, Service::Lane lane) {

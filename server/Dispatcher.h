@@ -28,7 +28,7 @@ class Dispatcher {
 
   private:
     struct Job;
-    void post(std::shared_ptr<Job> job, Service::Lane lane);
+    void post(const std::shared_ptr<Job>& job, Service::Lane lane);
     void step(const std::shared_ptr<Job>& job, Service::Lane lane);
     void deliver(Job& job);
     static void giveUp(const Job& job);
@@ -37,7 +37,8 @@ class Dispatcher {
     Log& m_log;
     FairPool m_quick{8, 8};
     FairPool m_logins{2, 2};
-    FairPool m_listings{4, 3};
+    FairPool m_listings{3, 2};
+    FairPool m_anonymousListings{3, 2};
     FairPool m_changes{1, 1};
 };
 

@@ -345,9 +345,8 @@ std::shared_ptr<Service::Call> Service::receive(SecretBuffer request, Peer peer,
     return call;
 }
 
-std::string Service::peerOf(const Call& call, Lane lane) {
-    // Whoever asks for listings without a login does not keep them from those who are logged in.
-    return lane == Lane::kListing && !call.role ? call.peer.host + " anonymous" : call.peer.host;
+const std::string& Service::peerOf(const Call& call) {
+    return call.peer.host;
 }
 
 Answer Service::answerOf(Call& call) {
@@ -405,8 +404,8 @@ Service::Lane Service::proceed(Call& call, Lane lane) {
         return Lane::kLogin;
     }
     permit(call);
-    if (call.method->lane != lane) {
-        return call.method->lane;
+    if (laneOf(call) != lane) {
+        return laneOf(call);
     }
     run(call);
     return Lane::kDone;
@@ -553,6 +552,10 @@ void Service::permit(const Call& call) const {
     if (call.role == Role::kRead && call.method->changes()) {
         refuse(error::kNotPermitted, "This administrator may not change anything.");
     }
+}
+
+Service::Lane Service::laneOf(const Call& call) {
+    return call.method->lane == Lane::kListing && !call.role ? Lane::kAnonymousListing : call.method->lane;
 }
 
 void Service::logRequest(const Call& call) {

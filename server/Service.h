@@ -74,10 +74,11 @@ class Service {
     struct Call;
     /// What the next step of a request is.
     enum class Lane {
-        kQuick,    ///< the first step, and whatever else takes little
-        kLogin,    ///< a hash of a password
-        kListing,  ///< may read all that there is
-        kChange,   ///< one at a time: else they would wait for each other by polling
+        kQuick,             ///< the first step, and whatever else takes little
+        kLogin,             ///< a hash of a password
+        kListing,           ///< may read all that there is
+        kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
+        kChange,            ///< one at a time: else they would wait for each other by polling
         kDone,
     };
 
@@ -87,7 +88,7 @@ class Service {
     /// Does the step of this lane and gives the next. Failures of the store are logged and answered.
     Lane advance(Call& call, Lane lane);
     /// Who takes turns with others for the threads of a lane.
-    static std::string peerOf(const Call& call, Lane lane);
+    static const std::string& peerOf(const Call& call);
     /// The answer, once it is done.
     static Answer answerOf(Call& call);
 
@@ -100,6 +101,7 @@ class Service {
     bool identify(Call& call, Lane lane);
     [[noreturn]] void refuseIdentity(Call& call);
     void permit(const Call& call) const;
+    static Lane laneOf(const Call& call);
     void run(Call& call);
     /// Gives the result of the method, as it stands in the answer.
     std::string perform(Call& call);

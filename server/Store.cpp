@@ -16,7 +16,7 @@ namespace dsessd {
 namespace {
 
 // Each holds three descriptors and a cache; more are seldom busy at once.
-constexpr std::size_t kIdleStores = 16;
+constexpr std::size_t kIdleStores = 18;
 
 }  // namespace
 
