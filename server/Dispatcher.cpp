@@ -6,6 +6,8 @@ namespace dsessd {
 
 namespace {
 
+using Lane = Service::Lane;
+
 constexpr std::chrono::milliseconds kUntilThereIsMemory{10};
 
 }  // namespace
@@ -30,23 +32,34 @@ void Dispatcher::submit(SecretBuffer request, Peer peer, std::shared_ptr<Patienc
     job->reply = std::move(reply);
     job->wake = std::move(wake);
     job->call = m_service.receive(std::move(request), std::move(peer), std::move(patience));
-    post(job, Service::Lane::kQuick);
+    post(job, Lane::kQuick);
 }
 
-void Dispatcher::post(const std::shared_ptr<Job>& job, Service::Lane lane) {
-    using Lane = Service::Lane;
-    FairPool& pool = lane == Lane::kLogin              ? m_logins
-                     : lane == Lane::kListing          ? m_listings
-                     : lane == Lane::kAnonymousListing ? m_anonymousListings
-                     : lane == Lane::kChange           ? m_changes
-                                                       : m_quick;
-    pool.post(Service::peerOf(*job->call), [this, job, lane] { step(job, lane); });
+void Dispatcher::post(const std::shared_ptr<Job>& job, Lane lane) {
+    poolOf(lane).post(Service::peerOf(*job->call), [this, job, lane] { step(job, lane); });
 }
 
-void Dispatcher::step(const std::shared_ptr<Job>& job, Service::Lane lane) {
+FairPool& Dispatcher::poolOf(Lane lane) {
+    return lane == Lane::kLogin              ? m_logins
+           : lane == Lane::kListing          ? m_listings
+           : lane == Lane::kAnonymousListing ? m_anonymousListings
+           : lane == Lane::kChange           ? m_changes
+                                             : m_quick;
+}
+
+void Dispatcher::tick() {
+    for (const Lane lane : {Lane::kLogin, Lane::kListing, Lane::kAnonymousListing, Lane::kChange}) {
+        const auto before = FairPool::Clock::now() - Service::longestWait(lane);
+        while (const FairPool::Task late = poolOf(lane).takeBack(before)) {
+            late();  // nothing but a refusal
+        }
+    }
+}
+
+void Dispatcher::step(const std::shared_ptr<Job>& job, Lane lane) {
     try {
-        const Service::Lane next = m_service.advance(*job->call, lane);
-        if (next == Service::Lane::kDone) {
+        const Lane next = m_service.advance(*job->call, lane);
+        if (next == Lane::kDone) {
             deliver(*job);
         } else {
             post(job, next);

@@ -26,8 +26,12 @@ class Dispatcher {
     /// Each request gets its reply, unless the dispatcher goes before.
     void submit(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience, Reply reply, Wake wake);
 
+    /// To be called every now and then: tells those who have waited too long for their turn.
+    void tick();
+
   private:
     struct Job;
+    FairPool& poolOf(Service::Lane lane);
     void post(const std::shared_ptr<Job>& job, Service::Lane lane);
     void step(const std::shared_ptr<Job>& job, Service::Lane lane);
     void deliver(Job& job);

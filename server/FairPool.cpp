@@ -37,9 +37,24 @@ void FairPool::post(std::string_view peer, Task task) {
         if (line == m_lines.end()) {
             line = m_lines.insert(line, {std::string(peer), {}, 0});
         }
-        line->tasks.push_back(std::move(task));
+        line->tasks.push_back({std::move(task), Clock::now()});
     }
     m_changed.notify_one();
+}
+
+FairPool::Task FairPool::takeBack(Clock::time_point before) {
+    const std::lock_guard lock(m_mutex);
+    for (auto line = m_lines.begin(); line != m_lines.end(); ++line) {
+        if (!line->tasks.empty() && line->tasks.front().since < before) {
+            Task task = std::move(line->tasks.front().task);
+            line->tasks.pop_front();
+            if (line->running == 0 && line->tasks.empty()) {
+                m_lines.erase(line);
+            }
+            return task;
+        }
+    }
+    return {};
 }
 
 std::list<FairPool::Line>::iterator FairPool::next() {
@@ -57,7 +72,7 @@ void FairPool::work() {
         }
         m_lines.splice(m_lines.end(), m_lines, line);
         {
-            const Task task = std::move(line->tasks.front());
+            const Task task = std::move(line->tasks.front().task);
             line->tasks.pop_front();
             ++line->running;
             lock.unlock();

@@ -1,6 +1,7 @@
 /// A few threads that many peers ask for work.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -17,6 +18,7 @@ namespace dsessd {
 class FairPool {
   public:
     using Task = std::function<void()>;
+    using Clock = std::chrono::steady_clock;
 
     /// `mostForOne`: how many of the threads one peer may have at a time.
     FairPool(unsigned threads, unsigned mostForOne);
@@ -30,11 +32,18 @@ class FairPool {
     /// The task must not throw.
     void post(std::string_view peer, Task task);
 
+    /// Takes back a task that has waited since before a moment. Empty: there is none.
+    Task takeBack(Clock::time_point before);
+
   private:
+    struct Waiting {
+        Task task;
+        Clock::time_point since;
+    };
     /// What one peer waits for.
     struct Line {
         std::string peer;
-        std::deque<Task> tasks;
+        std::deque<Waiting> tasks;
         unsigned running = 0;
     };
 

@@ -180,6 +180,7 @@ class HttpServer::Running {
             m_acceptor->close();
             m_onStop();
         }
+        m_dispatcher.tick();
         accept();
     }
 

@@ -345,6 +345,10 @@ std::shared_ptr<Service::Call> Service::receive(SecretBuffer request, Peer peer,
     return call;
 }
 
+std::chrono::seconds Service::longestWait(Lane lane) {
+    return lane == Lane::kChange ? kWaitForChange : kWaitForTurn;
+}
+
 const std::string& Service::peerOf(const Call& call) {
     return call.peer.host;
 }
@@ -364,7 +368,7 @@ Service::Lane Service::advance(Call& call, Lane lane) {
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why.", httpStatus});
     };
     try {
-        if (Patience::Clock::now() - call.queued > (lane == Lane::kChange ? kWaitForChange : kWaitForTurn)) {
+        if (Patience::Clock::now() - call.queued > longestWait(lane)) {
             throw busy();
         }
         const Lane next = proceed(call, lane);

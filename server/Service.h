@@ -87,6 +87,8 @@ class Service {
     std::shared_ptr<Call> receive(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience);
     /// Does the step of this lane and gives the next. Failures of the store are logged and answered.
     Lane advance(Call& call, Lane lane);
+    /// How long a request may wait for a lane: it is refused when it comes later.
+    static std::chrono::seconds longestWait(Lane lane);
     /// Who takes turns with others for the threads of a lane.
     static const std::string& peerOf(const Call& call);
     /// The answer, once it is done.

@@ -93,12 +93,21 @@ TEST_F(HttpServing, LetsWhoHasWaitedLongestMakeRoomAndEndsWhoeverIsInTheMiddleOf
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
 }
 
-TEST(Turns, AreTakenByPeers) {
+TEST(Turns, AreTakenByPeersWhoWaitNoLongerThanTheyMay) {
+    std::promise<void> busy;
     std::promise<void> begin;
     std::string order;
     std::promise<void> end;
     FairPool pool(1, 1);
-    pool.post("greedy", [&] { begin.get_future().wait(); });
+    pool.post("greedy", [&] {
+        busy.set_value();
+        begin.get_future().wait();
+    });
+    busy.get_future().wait();
+    const auto before = FairPool::Clock::now();
+    pool.post("patient", [&] { order += 'p'; });
+    EXPECT_FALSE(pool.takeBack(before));
+    pool.takeBack(FairPool::Clock::now() + std::chrono::seconds(1))();
     for (int i = 0; i < 5; ++i) {
         pool.post("greedy", [&] { order += 'g'; });
     }
@@ -106,7 +115,7 @@ TEST(Turns, AreTakenByPeers) {
     pool.post("greedy", [&] { end.set_value(); });
     begin.set_value();
     end.get_future().wait();
-    EXPECT_EQ(order, "mggggg");
+    EXPECT_EQ(order, "pgmgggg");
 }
 
 TEST(Spooling, KeepsOrderThroughMemoryAndFile) {
