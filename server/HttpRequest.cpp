@@ -26,6 +26,15 @@ std::string_view trimmed(std::string_view text) {
     return text;
 }
 
+bool hasBareLineFeed(std::string_view text) {
+    for (std::size_t at = text.find('\n'); at != text.npos; at = text.find('\n', at + 1)) {
+        if (at == 0 || text[at - 1] != '\r') {
+            return true;
+        }
+    }
+    return false;
+}
+
 template <typename Text>
 std::string_view viewOf(const Text& text) {
     return {text.data(), text.size()};
@@ -103,6 +112,9 @@ bool HttpRequest::isFramingClear(std::string_view line) {
 }
 
 int HttpRequest::refusalOfHead() const {
+    if (m_version == 10 && chunked()) {
+        return 400;  // there is no such thing
+    }
     if (!m_knownPath) {
         return 404;
     }
@@ -118,10 +130,13 @@ int HttpRequest::refusalOfHead() const {
 std::size_t HttpRequest::parse(std::string_view bytes) {
     Error error;
     const std::size_t used = put(boost::asio::buffer(bytes), error);
-    if (error == http::error::body_limit || error == http::error::bad_content_length) {
-        m_refusal = 413;  // a length that is no number was refused before
-    } else if (error && error != http::error::need_more) {
-        m_refusal = 400;
+    const bool isBroken = error && error != http::error::need_more;
+    // Of a length that is a number, unless a trailer gives it.
+    const bool isTooLong = error == http::error::bad_content_length && !is_header_done();
+    if (error == http::error::body_limit || isTooLong) {
+        m_refusal = 413;
+    } else if (isBroken || (!is_done() && hasBareLineFeed(bytes.substr(used)))) {
+        m_refusal = 400;  // also for lines about chunks, for whose end the parser would wait
     }
     return used;
 }
