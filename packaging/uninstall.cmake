@@ -1,5 +1,5 @@
-# Removes what `cmake --install` installed last, from the list that it left in the build folder, in which this runs. A
-# configuration that somebody edited stays, and so does DESTDIR's part in where everything is.
+# Removes what `cmake --install` installed last, by the list that it left in the build folder, where this runs; below
+# DESTDIR, as there. A configuration that somebody edited stays.
 if(NOT EXISTS install_manifest.txt)
   message(FATAL_ERROR "Nothing was installed from this build folder.")
 endif()
