@@ -5,6 +5,8 @@
 
 #define QEL_FAILURE(name, identifier, kinds, text) inline constexpr std::uint32_t name = 0x##identifier;
 #define QEL_TEXT QEL_FAILURE
+#define QEL_FIXED QEL_FAILURE
 #include "runtime/qel_messages.def"
+#undef QEL_FIXED
 #undef QEL_TEXT
 #undef QEL_FAILURE

@@ -21,9 +21,11 @@ constexpr std::size_t kMaxArguments = 9;
 constexpr auto kTable = [] {
 #define QEL_FAILURE(name, identifier, kinds, text) QelMessage{0x##identifier, #name, true, kinds, #identifier " " text},
 #define QEL_TEXT(name, identifier, kinds, text) QelMessage{0x##identifier, #name, false, kinds, text},
+#define QEL_FIXED QEL_TEXT
     std::array table{
 #include "runtime/qel_messages.def"
     };
+#undef QEL_FIXED
 #undef QEL_TEXT
 #undef QEL_FAILURE
     std::sort(table.begin(), table.end(),

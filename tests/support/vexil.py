@@ -30,7 +30,7 @@ def end(number=1):
 
 
 def read_table():
-    entry = r'^QEL_(FAILURE|TEXT)\(\w+, ([0-9A-F]{8}), "\w*",\s*((?:"(?:[^"\\]|\\.)*"\s*)+)\)'
+    entry = r'^QEL_(FAILURE|TEXT|FIXED)\(\w+, ([0-9A-F]{8}), "\w*",\s*((?:"(?:[^"\\]|\\.)*"\s*)+)\)'
     table = (ROOT / "runtime" / "qel_messages.def").read_text(encoding="utf-8")
     for kind, identifier, text in re.findall(entry, table, re.M):
         yield int(identifier, 16), (identifier + " " if kind == "FAILURE" else "") + ast.literal_eval(f"({text})")
