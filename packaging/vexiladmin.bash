@@ -1,34 +1,65 @@
-# Completion of vexiladmin's options, and of the commands after -command, for bash.
-_vexiladmin() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  case $previous in
-    -command)
-      local IFS=$'\n' commands='instances list
+# Completion for bash: vexiladmin's options, files, and the command in the word after -command, abbreviated or not.
+
+# What vexiladmin -command '?' lists.
+_vexiladmin_patterns='set instance <instance>
+login <user> [password]
+instances list
+trace get
+trace set <level>
+session refresh all_sessions <user-name> -realm <realm-name>
+session refresh session <session-id> -realm <realm-name>
+session terminate all_sessions <username> -realm <realm-name>
+session terminate session <session-id> -realm <realm-name>
+session list -realm <realm-name> <pattern> <max>
 key change
 key show
-login 
+realm show <realm-name>
 realm list
-realm show 
-replica set list
-replica set show 
-session list -realm 
-session refresh all_sessions 
-session refresh session 
-session terminate all_sessions 
-session terminate session 
-set instance 
-trace get
-trace set '
-      local word
-      COMPREPLY=()
-      for word in $(compgen -W "$commands" -- "${current#[\"\']}"); do
-        COMPREPLY+=("\"$word")
-      done
-      compopt -o nospace
+replica set show <replica-set-name>
+replica set list [-realm <realm>]'
+
+# Fills COMPREPLY with what a line of the command language may become, shown with the values that its user knows.
+_vexiladmin_command() {
+  local line=$1 quote=$2 pattern index
+  local -a words parts
+  read -ra words <<<"$line"
+  [[ -n $line && $line != *' ' ]] || words+=('')
+  local last=$((${#words[@]} - 1))
+  local before=${line%"${words[last]}"}
+  COMPREPLY=()
+  while read -r pattern; do
+    read -ra parts <<<"$pattern"
+    ((last < ${#parts[@]})) || continue
+    for index in "${!words[@]}"; do
+      # A value may be anything; of a keyword there must be a beginning.
+      [[ ${parts[index]} == *[\>\]]* || ${parts[index]#[} == "${words[index]}"* ]] || continue 2
+    done
+    if [[ -n ${words[last]} ]]; then
+      [[ ${parts[last]} != *[\>\]]* ]] || parts[last]=${words[last]}
+      [[ ${parts[last]} != \[* ]] || pattern=${parts[*]:last} parts=("${parts[@]:0:last}" "${pattern//[][]/}")
+    fi
+    COMPREPLY+=("$quote$before${parts[*]:last}")
+  done <<<"$_vexiladmin_patterns"
+  # A value stays to be typed: the beginning beside the whole lets bash insert no more than that.
+  if ((${#COMPREPLY[@]} == 1)); then
+    if [[ ${COMPREPLY[0]} == *[\<[]* ]]; then COMPREPLY+=("${COMPREPLY[0]%%[<[]*}"); else COMPREPLY[0]+=$quote; fi
+  fi
+  compopt -o nospace
+}
+
+_vexiladmin() {
+  local current=$2 word=${COMP_WORDS[COMP_CWORD]}
+  case $3 in
+    -command)
+      # Without a quote before it, a command of several words gets one.
+      if [[ $word == [\"\']* ]]; then _vexiladmin_command "$current" ''; else _vexiladmin_command "$current" '"'; fi
       ;;
-    -file) COMPREPLY=($(compgen -f -- "$current")) ;;
-    -interactive) COMPREPLY=($(compgen -W 'Y N' -- "$current")) ;;
-    *) COMPREPLY=($(compgen -W '-command -file -interactive -help' -- "$current")) ;;
+    -file)
+      mapfile -t COMPREPLY < <(compgen -f -- "$current")
+      compopt -o filenames
+      ;;
+    -interactive) mapfile -t COMPREPLY < <(compgen -W 'Y N' -- "$current") ;;
+    *) mapfile -t COMPREPLY < <(compgen -W '-command -file -interactive -help' -- "$current") ;;
   esac
 }
 complete -F _vexiladmin vexiladmin

@@ -7,7 +7,7 @@ import re
 import socket
 import subprocess
 
-from vexil import ANON, CONFIG, VERSION, Case, commands, end, error, line, msg, refused, start
+from vexil import ANON, CONFIG, ROOT, VERSION, Case, commands, end, error, line, msg, refused, start
 
 PATTERNS = [
     "set instance <instance>",
@@ -27,6 +27,7 @@ PATTERNS = [
     "replica set show <replica-set-name>",
     "replica set list [-realm <realm>]",
 ]
+PACKAGING = ROOT / "packaging"
 CLUSTER = "get_cluster_info realm=east,r1 label=k"
 FETCH = [f"get_cluster_info {ANON}", "free kind=2 count=1 own", "free kind=5 count=1 own"]
 KEY, LEVEL = line(0x38C52142, "k", "1970-01-01-00:00:00 UTC"), line(0x38C5213A, 0)
@@ -145,6 +146,28 @@ class Shell(Case):
         prompt.type("exit\n")
         self.assertEqual((prompt.ended()[0], prompt.restored()), (0, True))
         self.assertEqual(self.recorded("calls"), [*start(), f"set_trace_level {ANON} 5", *end()])
+
+    def test_the_completion_of_shells_knows_every_command_and_its_abbreviations(self):
+        listed = self.run_utility(*commands("?")).out.rstrip().split("\n    ")[1:]
+        for name in ("vexiladmin.bash", "_vexiladmin"):
+            patterns = re.search("^_vexiladmin_patterns='([^']*)'", (PACKAGING / name).read_text(), re.M)[1]
+            self.assertEqual(patterns.split("\n"), listed, name)
+        script = ". $0; compopt() { :; }; COMP_CWORD=1 COMP_WORDS=('' \"$3$1\"); "
+        script += '_vexiladmin - "$1" "$2"; printf "%s|" "${COMPREPLY[@]}"'
+        for typed, before, quote, seen in [
+            ("-", "vexiladmin", "", "-command|-file|-interactive|-help|"),
+            ("y", "-interactive", "", "|"),
+            ("k", "-command", "", '"key change|"key show|'),
+            ("ins", "-command", "", '"instances list"|'),
+            ("r s", "-command", "'", "r show <realm-name>|r set show <replica-set-name>|r set list [-realm <realm>]|"),
+            ("tr s", "-command", '"', "tr set <level>|tr set |"),
+            ("rep s l -", "-command", '"', "rep s l -realm <realm>|rep s l -realm |"),
+            ("session list -r * x", "-command", '"', "session list -r * x <max>|session list -r * x |"),
+            ("realm list ", "-command", '"', "|"),
+        ]:
+            arguments = ["bash", "-c", script, PACKAGING / "vexiladmin.bash", typed, before, quote]
+            process = subprocess.run(arguments, capture_output=True, text=True, check=True)
+            self.assertEqual(process.stdout, seen, typed)
 
     def test_trace_lines_are_shown_up_to_the_debug_level(self):
         levels, asked = " ".join(f"trace={n},{n}%0A" for n in range(-1, 5)), "Processing the command: "
