@@ -152,20 +152,15 @@ class Shell(Case):
         for name in ("vexiladmin.bash", "_vexiladmin"):
             patterns = re.search("^_vexiladmin_patterns='([^']*)'", (PACKAGING / name).read_text(), re.M)[1]
             self.assertEqual(patterns.split("\n"), listed, name)
-        script = ". $0; compopt() { :; }; COMP_CWORD=1 COMP_WORDS=('' \"$3$1\"); "
-        script += '_vexiladmin - "$1" "$2"; printf "%s|" "${COMPREPLY[@]}"'
-        for typed, before, quote, seen in [
-            ("-", "vexiladmin", "", "-command|-file|-interactive|-help|"),
-            ("y", "-interactive", "", "|"),
-            ("k", "-command", "", '"key change|"key show|'),
-            ("ins", "-command", "", '"instances list"|'),
-            ("r s", "-command", "'", "r show <realm-name>|r set show <replica-set-name>|r set list [-realm <realm>]|"),
-            ("tr s", "-command", '"', "tr set <level>|tr set |"),
-            ("rep s l -", "-command", '"', "rep s l -realm <realm>|rep s l -realm |"),
-            ("session list -r * x", "-command", '"', "session list -r * x <max>|session list -r * x |"),
-            ("realm list ", "-command", '"', "|"),
+        script = ". $0; compopt() { :; }; COMP_CWORD=1 COMP_WORDS=('' \"$2$1\"); "
+        script += '_vexiladmin - "$1" -command; printf "%s|" "${COMPREPLY[@]}"'
+        for typed, quote, seen in [
+            ("ins", "", '"instances list"|'),
+            ("r s", "'", "r show <realm-name>|r set show <replica-set-name>|r set list [-realm <realm>]|"),
+            ("rep s l -", '"', "rep s l -realm <realm>|rep s l -realm |"),
+            ("session list -r * x", '"', "session list -r * x <max>|session list -r * x |"),
         ]:
-            arguments = ["bash", "-c", script, PACKAGING / "vexiladmin.bash", typed, before, quote]
+            arguments = ["bash", "-c", script, PACKAGING / "vexiladmin.bash", typed, quote]
             process = subprocess.run(arguments, capture_output=True, text=True, check=True)
             self.assertEqual(process.stdout, seen, typed)
 

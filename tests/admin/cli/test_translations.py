@@ -1,19 +1,18 @@
 """The translations have what the catalogue has, and are shown where the locale asks for them."""
 
 import ast
-import pathlib
 import re
 
-from vexil import ANON, MESSAGES, ROOT, VEXILADMIN, Case, commands
+from vexil import ANON, MESSAGES, ROOT, Case, commands
 
-FIXED = re.findall(r"^QEL_FIXED\(\w+, (\w+)", (ROOT / "runtime/qel_messages.def").read_text(), re.M)
+FIXED = re.findall(r"QEL_FIXED\(\w+, (\w+)", (ROOT / "runtime/qel_messages.def").read_text())
 NAMED = {f"{identifier:08X}": text for identifier, text in MESSAGES.items()}
 TEXTS = sorted(text.removeprefix(name + " ") for name, text in NAMED.items() if name not in FIXED)
 ENTRY = r'^(#, .*\n)?msgid ((?:".*"\n)+)msgstr ((?:".*"\n?)+)'
 
 
 def read(path):
-    """Flags, English text and translation of each entry but the first, which is the head."""
+    """Flags, text and translation of each entry behind the head."""
     text = path.read_text(encoding="utf-8")
     entries = [(flags, *(ast.literal_eval(f"({it})") for it in pair)) for flags, *pair in re.findall(ENTRY, text, re.M)]
     assert len(entries) == len(re.findall("^msgid", text, re.M)) and "#~" not in text, path
@@ -21,7 +20,7 @@ def read(path):
 
 
 def frame(text):
-    """What a translation must keep: placeholders by the arguments that they take, and final line feeds."""
+    """What a translation keeps: placeholders, by the arguments that they take, and final line feeds."""
     taken = re.findall(r"%(?:(\d)\$)?(.?)", text.replace("%%", ""))
     numbered = {(int(number or place), kind) for place, (number, kind) in enumerate(taken, 1)}
     return numbered, len(text) - len(text.rstrip("\n"))
@@ -38,15 +37,11 @@ class Translations(Case):
                 self.assertRegex(text, r"^(?!38C5)[\s\S]*\S", source)
 
     def test_a_locale_gets_its_language_and_one_that_is_not_there_english(self):
-        if not (pathlib.Path(VEXILADMIN).parent.parent / "share/locale/de").exists():
-            self.skipTest("built without msgfmt")
         level = MESSAGES[0x38C5213A]
         german, japanese = (dict(row[1:] for row in read(ROOT / f"po/{name}.po"))[level] for name in ("de", "ja"))
         for text, environment in [
             (german, {"LANGUAGE": "de"}),
             (japanese, {"LANGUAGE": "xx:ja:de"}),
-            (level, {"LANGUAGE": "xx"}),
-            (level, {"LANGUAGE": "de", "LC_ALL": "C"}),
             (level, {"LANGUAGE": "de", "LC_ALL": "xx_XX.UTF-8"}),
         ]:
             self.check(*commands("trace get"), calls=[f"get_trace_level {ANON}"], out=text % 0 + "\n", **environment)
