@@ -49,7 +49,10 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
         *(request(length=length) for length in ("-1", "1x", "", f"{N}\r\nContent-Length: {N}")),
         *(request(length=f"{before}{N}") for before in ("+", "\r\n ", f"{N}, ")),
         *(request().replace(*odd) for odd in [(b"Length:", b"Length :"), (b"\r\nCon", b"\nCon"), (b"/1.1", b"/2.0")]),
-        *(chunked(GOOD).replace(*odd) for odd in [(b"\r\n{", b";x=y\r\n{"), (b": ch", b": gzip, ch"), (b"/1.1", b"/1.0")]),
+        *(
+            chunked(GOOD).replace(*odd)
+            for odd in [(b"\r\n{", b";x=y\r\n{"), (b": ch", b": gzip, ch"), (b"/1.1", b"/1.0")]
+        ),
         *(chunked(GOOD, end=b"0\r\n" + end) for end in (b"X: y\r\n\r\n", b"Content-Length: 1\r\n\r\n", b"\n")),
         *(chunked(GOOD, end=end) for end in (b"zz\r\n", b"0\n\n")),
         *(request(headers=(JSON, odd)) for odd in ("X: a\r\n b", "Host: x\r\nHost: y", "Transfer-Encoding: chunked")),

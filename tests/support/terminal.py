@@ -39,7 +39,8 @@ class Terminal:
         os.login_tty(self.slave)
         resource.setrlimit(resource.RLIMIT_CORE, (resource.getrlimit(resource.RLIMIT_CORE)[1],) * 2)
         signal.signal(signal.SIGTTOU, signal.SIG_IGN)
-        process = subprocess.Popen(arguments, env=env, preexec_fn=claim)
+        folder = env.get("QEL_CONFIG_DIR")  # a core dump goes with it
+        process = subprocess.Popen(arguments, env=env, cwd=folder, preexec_fn=claim)
         program = process.pid
         signal.signal(signal.SIGUSR1, lambda *_: (os.tcsetpgrp(0, program), os.killpg(program, signal.SIGCONT)))
         os.write(report, b"%d\n" % program)
