@@ -60,8 +60,7 @@ class LastResort {
 
     void startClock() {
         m_thread = std::jthread([this](const std::stop_token& ended) {
-            std::mutex mutex;
-            std::unique_lock lock(mutex);
+            std::unique_lock lock(m_mutex);
             std::condition_variable_any().wait_for(lock, ended, kEndWithin, [] { return false; });
             if (!ended.stop_requested()) {
                 m_log.write(Topic::kFailure, "ended without waiting for what cannot be broken off");
@@ -73,6 +72,7 @@ class LastResort {
   private:
     static constexpr std::chrono::milliseconds kEndWithin{9'500};
     Log& m_log;
+    std::mutex m_mutex;
     std::jthread m_thread;
 };
 
