@@ -81,49 +81,41 @@ class JsonReader {
     }
 
     bool readObject() {
-        ++m_at;
-        if (!m_handler.startObject()) {
+        return m_handler.startObject() && readParts('}', [this] { return readMember(); }) && m_handler.endObject();
+    }
+
+    bool readMember() {
+        if (*m_at != '"' || !readText() || !m_handler.key(m_text, m_textLength)) {
             return false;
         }
         skipBlanks();
-        if (take('}')) {
-            return m_handler.endObject();
+        if (!take(':')) {
+            return false;
         }
-        do {
-            skipBlanks();
-            if (*m_at != '"' || !readText() || !m_handler.key(m_text, m_textLength)) {
-                return false;
-            }
-            skipBlanks();
-            if (!take(':')) {
-                return false;
-            }
-            skipBlanks();
-            if (!readValue()) {
-                return false;
-            }
-            skipBlanks();
-        } while (take(','));
-        return take('}') && m_handler.endObject();
+        skipBlanks();
+        return readValue();
     }
 
     bool readList() {
+        return m_handler.startList() && readParts(']', [this] { return readValue(); }) && m_handler.endList();
+    }
+
+    /// Passes the opening bracket, the parts with commas between them, and `close`.
+    template <class ReadPart>
+    bool readParts(char close, ReadPart readPart) {
         ++m_at;
-        if (!m_handler.startList()) {
-            return false;
-        }
         skipBlanks();
-        if (take(']')) {
-            return m_handler.endList();
+        if (take(close)) {
+            return true;
         }
         do {
             skipBlanks();
-            if (!readValue()) {
+            if (!readPart()) {
                 return false;
             }
             skipBlanks();
         } while (take(','));
-        return take(']') && m_handler.endList();
+        return take(close);
     }
 
     bool readWord(const char* word) {
