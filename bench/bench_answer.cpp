@@ -4,9 +4,12 @@
 
 #include <string>
 
-#include "admin/client/AnswerParser.h"
+#include "admin/client/AnswerReader.h"
 
 namespace {
+
+/// As the bytes of a long listing come from a connection.
+constexpr std::size_t kPieceBytes = std::size_t{256} * 1024;
 
 std::string listing(std::int64_t sessions) {
     const std::string count = std::to_string(sessions);
@@ -23,9 +26,11 @@ std::string listing(std::int64_t sessions) {
 void parseListing(benchmark::State& state) {
     const std::string text = listing(state.range(0));
     for (auto _ : state) {
-        olmdsess::Answer answer;
-        answer.text.append(text.c_str(), text.size() + 1);
-        if (!parseAnswer(olmdsess::AnswerShape::kSessions, 1, answer).empty()) {
+        olmdsess::AnswerReader reader(olmdsess::AnswerShape::kSessions, 1);
+        for (std::size_t at = 0; at < text.size(); at += kPieceBytes) {
+            static_cast<void>(reader.read(std::string_view(text).substr(at, kPieceBytes)));
+        }
+        if (!reader.finish()) {
             state.SkipWithError("the answer was refused");
             break;
         }

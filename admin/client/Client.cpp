@@ -213,11 +213,13 @@ Attempt Client::tryLocation(const std::string& url, Request& request, const Atte
         throw std::bad_alloc();
     }
     if (attempt.failure == AttemptFailure::kNone) {
-        answer.text = std::move(attempt.text);
-        m_trace.line(kTraceMessage, "answer: " + excerpt(request, {answer.text.data(), answer.text.size() - 1}));
-        if (const std::string problem = parseAnswer(request.operation.shape, request.id, answer); !problem.empty()) {
+        AnswerReader reader(request.operation.shape, request.id);
+        const bool isWhole = reader.read(attempt.text) && reader.finish();
+        m_trace.line(kTraceMessage, "answer: " + excerpt(request, reader.head()));
+        answer = std::move(reader.answer());
+        if (!isWhole) {
             attempt.failure = AttemptFailure::kNotUnderstood;
-            attempt.cause = "answer not understood: " + problem;
+            attempt.cause = "answer not understood: " + reader.problem();
         } else if (isError(answer, protocol::error::kOtherCluster)) {
             request.isOpen = wasOpen;
             attempt.failure = AttemptFailure::kRefused;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
-#include "admin/client/AnswerParser.h"
+#include "admin/client/AnswerReader.h"
 #include "admin/client/HttpTransport.h"
 #include "admin/client/RequestWriter.h"
 #include "admin/client/Trace.h"

@@ -149,7 +149,7 @@ class Exchange {
     const bool secure;
     TlsPolicy& policy;
     bool outOfMemory = false;
-    AnswerText text;
+    std::string text;
     char error[CURL_ERROR_SIZE] = "";
 
   private:
@@ -602,7 +602,6 @@ Attempt HttpTransport::perform(bool& fresh, int& sent, const std::string& url, c
     attempt.mayHaveActed = sent > (isRefusal(attempt.failure, m_policy) ? 1 : 0);
     attempt.flowed = exchange.flowed();
     if (attempt.failure == AttemptFailure::kNone) {
-        exchange.text.append('\0');
         attempt.text = std::move(exchange.text);
     }
     return attempt;

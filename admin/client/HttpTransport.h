@@ -7,7 +7,6 @@
 #include <memory>
 #include <string>
 
-#include "admin/client/ResultBlock.h"
 #include "admin/client/TlsPolicy.h"
 #include "runtime/SecretBuffer.h"
 
@@ -36,7 +35,7 @@ struct Attempt {
     /// Whether a server can have carried the request out. Once some of it left, only a server that refuses it by its
     /// HTTP status says that it did not, or one that turns our certificate down in TLS 1.3, which reads none of it.
     bool mayHaveActed = false;
-    AnswerText text;           ///< the answer, with a NUL at its end, when it did not fail
+    std::string text;          ///< the answer, when it did not fail
     Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
 };
 

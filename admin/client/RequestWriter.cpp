@@ -1,73 +1,81 @@
 #include "admin/client/RequestWriter.h"
 
-#include <rapidjson/writer.h>
-
+#include <string>
 #include <string_view>
 
 #include "protocol/protocol.h"
-#include "runtime/QelJsonAllocator.h"
 
 namespace olmdsess {
 
 namespace {
 
-/// RapidJSON's output stream, over storage that is wiped.
-struct SecretStream {
-    using Ch = char;
-    void Put(char byte) { bytes.push_back(byte); }
-    void Flush() {}
-    SecretBuffer bytes;
-};
+namespace field = protocol::field;
 
-using Writer = rapidjson::Writer<SecretStream, rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator>;
-
-void writeKey(Writer& writer, std::string_view name) {
-    writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+void append(SecretBuffer& request, std::string_view bytes) {
+    request.insert(request.end(), bytes.begin(), bytes.end());
 }
 
-void writeText(Writer& writer, const char* name, const char* value) {
-    writeKey(writer, name);
-    if (value == nullptr) {
-        writer.Null();
-    } else {
-        writer.String(value);
+/// UTF-8 as a string of JSON (RFC 8259, section 7); null as null.
+void writeValue(SecretBuffer& request, const char* text) {
+    if (text == nullptr) {
+        append(request, "null");
+        return;
     }
+    request.push_back('"');
+    for (const char byte : std::string_view(text)) {
+        if (byte >= '\0' && byte < ' ') {
+            append(request, byte < 16 ? "\\u000" : "\\u001");
+            request.push_back("0123456789abcdef"[byte % 16]);
+            continue;
+        }
+        if (byte == '"' || byte == '\\') {
+            request.push_back('\\');
+        }
+        request.push_back(byte);
+    }
+    request.push_back('"');
 }
 
-void writeSecurity(Writer& writer, const olm_dsess_admin_sec_info_t& security) {
-    writeKey(writer, protocol::field::kSecurity);
-    writer.StartObject();
-    writeText(writer, protocol::field::kUser, security.user_name);
-    writeText(writer, protocol::field::kPassword, security.password);
-    writeText(writer, protocol::field::kLoginId, security.login_id);
-    writer.EndObject();
+void writeValue(SecretBuffer& request, std::int32_t number) {
+    append(request, std::to_string(number));
+}
+
+/// The name of an object's next member.
+void writeName(SecretBuffer& request, const char* name) {
+    if (request.back() != '{') {
+        request.push_back(',');
+    }
+    writeValue(request, name);
+    request.push_back(':');
+}
+
+template <class Value>
+void write(SecretBuffer& request, const char* name, Value value) {
+    writeName(request, name);
+    writeValue(request, value);
 }
 
 }  // namespace
 
 SecretBuffer writeRequest(std::int32_t id, const char* method, const olm_dsess_admin_sec_info_t& security,
                           std::span<const RequestParameter> parameters) {
-    SecretStream stream;
-    Writer writer(stream);
-    writer.StartObject();
-    writeText(writer, protocol::field::kJsonRpc, protocol::field::kVersion);
-    writeKey(writer, protocol::field::kId);
-    writer.Int(id);
-    writeText(writer, protocol::field::kMethod, method);
-    writeKey(writer, protocol::field::kParams);
-    writer.StartObject();
-    writeSecurity(writer, security);
-    for (const RequestParameter& parameter : parameters) {
-        if (const auto* number = std::get_if<std::int32_t>(&parameter.value)) {
-            writeKey(writer, parameter.name);
-            writer.Int(*number);
-        } else {
-            writeText(writer, parameter.name, std::get<const char*>(parameter.value));
-        }
+    SecretBuffer request{'{'};
+    write(request, field::kJsonRpc, field::kVersion);
+    write(request, field::kId, id);
+    write(request, field::kMethod, method);
+    writeName(request, field::kParams);
+    append(request, "{");
+    writeName(request, field::kSecurity);
+    append(request, "{");
+    write(request, field::kUser, security.user_name);
+    write(request, field::kPassword, security.password);
+    write(request, field::kLoginId, security.login_id);
+    append(request, "}");
+    for (const auto& [name, value] : parameters) {
+        std::visit([&, parameter = name](auto itsValue) { write(request, parameter, itsValue); }, value);
     }
-    writer.EndObject();
-    writer.EndObject();
-    return std::move(stream.bytes);
+    append(request, "}}");
+    return request;
 }
 
 }  // namespace olmdsess

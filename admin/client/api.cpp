@@ -239,7 +239,7 @@ std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_adm
     const bool usable = realm_count != nullptr && realms != nullptr && cluster != nullptr;
     return perform(handle, sec_info, usable, kClusterGet, {}, [&](Answer& answer) {
         const olm_dsess_admin_cluster_t key = clusterResult(answer);
-        *realms = makeResult(OLM_DSESS_ADMIN_FREE_REALMS, answer.realms, answer.text, answer.replicaSetNames);
+        *realms = makeResult(OLM_DSESS_ADMIN_FREE_REALMS, answer.realms, answer.texts, answer.replicaSetNames);
         *realm_count = answer.count;
         *cluster = key;
     });
@@ -252,7 +252,7 @@ std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess
     return perform(
         handle, sec_info, usable, kReplicaSetGet, {{field::kReplicaSet, replica_set_name}}, [&](Answer& answer) {
             *records =
-                makeResult(OLM_DSESS_ADMIN_FREE_REPLICA_SET, answer.members, answer.text, answer.replicaSetNames);
+                makeResult(OLM_DSESS_ADMIN_FREE_REPLICA_SET, answer.members, answer.texts, answer.replicaSetNames);
             *count = answer.count;
         });
 }
@@ -275,7 +275,7 @@ std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_
                     {field::kValue, wanted.value},
                     {field::kMax, max}},
                    [&](Answer& answer) {
-                       *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.text,
+                       *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.texts,
                                               answer.replicaSetNames);
                        *total = answer.total;
                        *count = answer.count;

@@ -1,17 +1,21 @@
 // The answer parser alone: what it refuses.
 #include <gtest/gtest.h>
 
-#include "admin/client/AnswerParser.h"
+#include "admin/client/AnswerReader.h"
 
 using namespace olmdsess;
 
 namespace {
 
 struct Parsed {
-    Parsed(AnswerShape shape, const std::string& text) {
-        answer.text.append(text.c_str(), text.size() + 1);
-        problem = parseAnswer(shape, 7, answer);
+    /// In two pieces, the first of so many bytes.
+    Parsed(AnswerShape shape, std::string_view text, std::size_t first = 0) {
+        AnswerReader reader(shape, 7);
+        isWhole = reader.read(text.substr(0, first)) && reader.read(text.substr(first)) && reader.finish();
+        problem = reader.problem();
+        answer = std::move(reader.answer());
     }
+    bool isWhole;
     Answer answer;
     std::string problem;
 };
@@ -34,7 +38,7 @@ const std::pair<AnswerShape, std::string> kWhole[] = {
     {AnswerShape::kReplicaSet, result(R"("count":1,"records":[{"name":"n","time":1}])")},
 };
 
-TEST(AnswerParser, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
+TEST(AnswerReader, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
     Parsed list(AnswerShape::kSessions,
                 R"( {"new":[{"id":1e5,"x":[[]]},null,true,-0.5],"result":{"sessions":[{"time":2147483647,)"
                 R"("id":"\ud83d\ude00","user":"","extra":{"id":{}}}],"count":1,"total":9},"id":7,"jsonrpc":"2.0"} )");
@@ -48,7 +52,7 @@ TEST(AnswerParser, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
     EXPECT_STREQ(cluster.answer.realms.data()[1].name, "w");
 }
 
-TEST(AnswerParser, ResolvesEscapesWhereverTheyStandInAText) {
+TEST(AnswerReader, ResolvesEscapesWhereverTheyStandInAText) {
     for (std::size_t length = 0; length < 40; ++length) {
         const std::string plain(length, 'x');
         const std::string written = plain + R"(\"\\\/\b\f\n\r\t\u00e4\u20AC\ud83d\ude00ä)" + plain;
@@ -60,7 +64,7 @@ TEST(AnswerParser, ResolvesEscapesWhereverTheyStandInAText) {
     }
 }
 
-TEST(AnswerParser, RefusesWhatIsNotExactlyAnAnswer) {
+TEST(AnswerReader, RefusesWhatIsNotExactlyAnAnswer) {
     struct Edits {
         Which answer;
         std::string part;
