@@ -1,10 +1,13 @@
-/// One client's connection: its requests one after the other, and a deadline for whatever it is waited for.
+/// One client's connection: a coroutine that reads from top to bottom (HttpConnection::live()), and a deadline for
+/// whatever it waits for.
 #pragma once
 
+#include <boost/asio/awaitable.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include <array>
 #include <atomic>
@@ -15,16 +18,18 @@
 #include <string>
 #include <vector>
 
-#include "server/Dispatcher.h"
+#include "server/HeadCheck.h"
 #include "server/HttpLimits.h"
-#include "server/HttpRequest.h"
+#include "server/Lanes.h"
 #include "server/Log.h"
 
 namespace dsessd {
 
+class HttpRequest;
+
 /// What all connections share.
 struct HttpSetting {
-    Dispatcher& dispatcher;
+    Lanes& lanes;
     Log& log;
     const HttpLimits limits;
     /// What may be posted to.
@@ -40,15 +45,16 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   public:
     using Clock = std::chrono::steady_clock;
     using Context = boost::asio::io_context;
-    using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Context::executor_type>;
 
-    /// `onEnd` is called once, when all is over.
-    HttpConnection(HttpSetting& setting, Context& context, Socket socket, std::function<void(HttpConnection&)> onEnd);
+    /// Takes the socket, an accepted and open one. `onEnd` is called once, when all is over.
+    HttpConnection(HttpSetting& setting, Context& context, QelFileDescriptor socket,
+                   std::function<void(HttpConnection&)> onEnd);
     HttpConnection(const HttpConnection&) = delete;
     HttpConnection& operator=(const HttpConnection&) = delete;
     ~HttpConnection();
 
-    void start();
+    /// `isTurnedAway`: answers that the server is busy, without waiting for a request.
+    void start(bool isTurnedAway);
     /// To be called every now and then: ends what takes too long.
     void tick(Clock::time_point now);
 
@@ -71,43 +77,55 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     void letGo();
     /// The server stops: whatever is done ends by then.
     void stopBy(Clock::time_point moment);
-    /// Answers that the server is busy, without waiting for a request.
-    void turnAway();
+    /// Ends it at once: whatever it waits for fails.
     void cutOff();
 
   private:
     using Error = boost::system::error_code;
+    using Executor = Context::executor_type;
+    using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
+    using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, Executor>;
+    template <typename Result>
+    using Awaitable = boost::asio::awaitable<Result, Executor>;
+    class Ending;
+    /// So that no operation fails to begin for want of memory, which its coroutine could not be told.
+    struct OperationMemory {
+        alignas(std::max_align_t) std::array<std::byte, 1024> block;
+        bool isUsed = false;
+    };
+    template <typename Element>
+    class OperationAllocator;
+
+    Awaitable<void> live(std::shared_ptr<HttpConnection> self, bool isTurnedAway);
+    Awaitable<bool> shakeHands();
+    Awaitable<void> serve();
+    Awaitable<void> receiveRequest(HttpRequest& request);
+    Awaitable<void> answer(HttpRequest& request);
+    Awaitable<void> sendRest(Spool& rest, bool chunked);
+    Awaitable<void> refuse(int status);
+    Awaitable<void> closeGently();
+
+    Awaitable<std::size_t> receive(boost::asio::mutable_buffer room);
+    Awaitable<void> send(std::string_view bytes);
+    Awaitable<void> pause();
+    void wake();
+    auto into(Error& error);
 
     void become(Doing doing, Clock::duration mostTime);
-    template <typename Action>
-    void attempt(const Action& action) noexcept;
-    template <typename Action>
-    auto handler(Action action);
-    template <typename Action>
-    void withStream(const Action& action);
-    void awaitRequest();
-    void read();
-    void onRead(const Error& error, std::size_t bytes);
-    void onHandshake(const Error& error);
-    void endWhatTakesTooLong();
-    void consume();
-    void submit();
-    void onAnswer(Answer answer, std::shared_ptr<Spool> rest);
-    void refuse(int status);
-    void beginAnswer(int status, std::string_view body, bool chunked);
-    void write();
-    void onWritten(const Error& error);
-    void writeMore();
-    void endAnswer();
+    void beginWriting();
+    std::string headOf(int status, std::optional<std::size_t> length, bool chunked) const;
     Clock::time_point answerDeadline() const;
-    void closeGently();
-    void discard();
     bool hasLeft() const;
+    /// Whether nothing more can be sent.
+    bool isOver() const { return m_ended || m_error; }
 
     HttpSetting& m_setting;
     Context& m_context;
+    OperationMemory m_operation;
     Socket m_socket;
     std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
+    /// Never expires: pause() waits for it until wake() ends that.
+    Timer m_pause;
     const std::function<void(HttpConnection&)> m_onEnd;
     Peer m_peer;
 
@@ -117,19 +135,16 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     bool m_timedOut = false;
     bool m_close = false;
     bool m_ended = false;
+    /// What the last that was received or sent has failed of.
+    Error m_error;
 
-    std::array<char, HttpRequest::kMaxHeadBytes> m_buffer{};
+    std::array<char, HeadCheck::kMaxHeadBytes> m_buffer{};
     std::size_t m_at = 0;
     std::size_t m_end = 0;
-    std::optional<HttpRequest> m_request;
     std::shared_ptr<Patience> m_patience;
-
-    std::string m_out;
-    std::shared_ptr<Spool> m_rest;
     /// Without the times when the client was waiting.
     Clock::time_point m_answerStart;
     std::size_t m_answerBytes = 0;
-    std::size_t m_discarded = 0;
 };
 
 }  // namespace dsessd

@@ -1,77 +1,64 @@
-/// One request of HTTP/1.1 while it arrives. Boost.Beast parses it; what Beast takes although two readers could see two
-/// requests in it is refused here: lines that are folded or end in a bare line feed, lengths that come twice, in a list
-/// or beside a transfer encoding, extensions of chunks and trailers.
+/// One request of HTTP/1.1 while it arrives: Boost.Beast reads it, HeadCheck refuses what Beast takes although two
+/// readers could see two requests in it. Trailers and extensions of chunks are refused too.
 #pragma once
 
-#include <boost/beast/http/basic_parser.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/vector_body.hpp>
 
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "runtime/SecretBuffer.h"
+#include "server/HeadCheck.h"
 
 namespace dsessd {
 
-class HttpRequest final : private boost::beast::http::basic_parser<true> {
+class HttpRequest {
   public:
-    /// The longest head, and the longest line of one, in bytes.
-    static constexpr std::size_t kMaxHeadBytes = 16'384;
-    static constexpr std::size_t kMaxLineBytes = 8'192;
-
     /// `paths`: what may be posted to.
-    explicit HttpRequest(const std::vector<std::string>& paths) : m_paths(paths) { header_limit(kMaxHeadBytes); }
+    explicit HttpRequest(const std::vector<std::string>& paths);
+    HttpRequest(const HttpRequest&) = delete;
+    HttpRequest& operator=(const HttpRequest&) = delete;
 
-    /// Takes what has arrived and was not taken yet; gives how much of it was used. The rest has to come again with
-    /// more behind it, or belongs to the next request when this one is done.
+    /// Takes what has arrived and was not taken yet, the head first and alone; gives how much of it was used. The rest
+    /// has to come again, with more behind it if nothing was used; when this request is done it belongs to the next.
     std::size_t take(std::string_view bytes);
 
-    bool done() const { return is_done(); }
+    bool done() const { return m_parser.is_done(); }
     /// The status of HTTP that it is refused with; 0: it is not.
     int refusal() const { return m_refusal; }
     /// Whether the client waits to be told to send the body.
-    bool expectsContinue() const { return m_expectsContinue && is_header_done() && !is_done(); }
+    bool expectsContinue() const;
     /// It was told.
-    void continued() { m_expectsContinue = false; }
+    void continued() { m_isContinued = true; }
     /// Whether another request may follow on the connection.
-    bool keepAlive() const { return m_version == 11 && keep_alive(); }
+    bool keepAlive() const { return takesChunks() && m_parser.keep_alive(); }
     /// Whether its answer may come in chunks.
-    bool takesChunks() const { return m_version == 11; }
-    SecretBuffer body;
+    bool takesChunks() const { return m_parser.get().version() == 11; }
+    /// To be called once, when it is done.
+    SecretBuffer takeBody() { return std::move(m_parser.get().body()); }
 
   private:
-    using Error = boost::beast::error_code;
-    using Text = boost::beast::string_view;
+    using Parser = boost::beast::http::request_parser<boost::beast::http::vector_body<char, WipingAllocator<char>>>;
 
     std::size_t takeHead(std::string_view bytes);
-    int problemOf(std::string_view line);
-    bool isFramingClear(std::string_view line);
+    std::size_t takeBody(std::string_view bytes);
     int refusalOfHead() const;
     std::size_t parse(std::string_view bytes);
 
-    void on_request_impl(boost::beast::http::verb verb, Text method, Text target, int version, Error& error) override;
-    void on_response_impl(int, Text, int, Error&) override {}
-    void on_field_impl(boost::beast::http::field field, Text name, Text value, Error& error) override;
-    void on_header_impl(Error&) override {}
-    void on_body_init_impl(const boost::optional<std::uint64_t>&, Error&) override {}
-    std::size_t on_body_impl(Text bytes, Error& error) override;
-    void on_chunk_header_impl(std::uint64_t size, Text extension, Error& error) override;
-    std::size_t on_chunk_body_impl(std::uint64_t left, Text bytes, Error& error) override;
-    void on_finish_impl(Error&) override {}
+    struct RefuseExtension {
+        void operator()(std::uint64_t size, boost::beast::string_view extension, boost::beast::error_code& error) const;
+    };
 
     const std::vector<std::string>& m_paths;
+    HeadCheck m_check;
+    RefuseExtension m_refuseExtension;
+    Parser m_parser;
     int m_refusal = 0;
-    /// Where the line of the head begins that was not looked at yet.
-    std::size_t m_line = 0;
-    bool m_hasHost = false;
-    /// Whether a line said how long the body is.
-    bool m_framed = false;
-    int m_version = 0;
-    bool m_knownPath = false;
-    bool m_isPost = false;
-    bool m_isJson = false;
-    bool m_isEncoded = false;
-    bool m_expectsContinue = false;
+    bool m_isContinued = false;
+    /// Of the head. There are more when trailers have come.
+    std::ptrdiff_t m_fields = 0;
 };
 
 }  // namespace dsessd

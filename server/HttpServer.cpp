@@ -1,18 +1,21 @@
 #include "server/HttpServer.h"
 
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <set>
 #include <thread>
 
 #include "protocol/protocol.h"
 #include "server/HttpConnection.h"
+#include "server/Lanes.h"
 
 namespace dsessd {
 
@@ -20,9 +23,9 @@ namespace {
 
 namespace net = boost::asio;
 using Clock = HttpConnection::Clock;
-using Error = boost::system::error_code;
 
 constexpr std::chrono::milliseconds kTick{100};
+constexpr int kTakeInTurn = 64;
 
 /// The connections of one thread. All of it belongs to that thread, unless it says otherwise.
 class Loop {
@@ -33,41 +36,53 @@ class Loop {
     /// Stands for a connection that is here or on its way. For any thread.
     std::shared_ptr<void> place() const { return m_place; }
     long load() const { return m_place.use_count(); }
+    /// For any thread.
+    bool isRunning() const { return m_running; }
 
-    /// Until the server stops and the last connection has ended. `onTick` is called every now and then.
-    void run(const std::function<void()>& onTick) {
+    /// Until the server stops and the last connection has ended.
+    void run() {
         const auto work = net::make_work_guard(context);
+        keepMemory();
         while (m_setting.stop.load() == Clock::time_point::max() || !m_connections.empty()) {
             try {
                 context.run_for(kTick);
                 tick();
-                onTick();
             } catch (const std::exception& error) {
                 m_setting.log.failed("what was to be done for connections failed", error);
             }
         }
+        m_running = false;
     }
 
-    void admit(HttpConnection::Socket socket, const std::shared_ptr<void>& place) {
+    void admit(QelFileDescriptor socket, const std::shared_ptr<void>& place) {
         const bool stopping = m_setting.stop.load() != Clock::time_point::max();
         const bool refused = stopping || (m_connections.size() >= m_most && !makeRoom());
+        if (refused && !stopping && !m_saturated) {
+            m_setting.log.write(Topic::kFailure,
+                                "busy with " + std::to_string(m_connections.size()) + " connections, more are refused");
+        }
+        m_saturated = refused;
         const auto connection = std::make_shared<HttpConnection>(
             m_setting, context, std::move(socket),
             [this, place](HttpConnection& ended) { m_connections.erase(ended.shared_from_this()); });
         m_connections.insert(connection);
-        if (!refused) {
-            m_saturated = false;
-            connection->start();
-            return;
+        try {
+            connection->start(refused);
+        } catch (...) {
+            m_connections.erase(connection);
+            throw;
         }
-        if (!stopping && !std::exchange(m_saturated, true)) {
-            m_setting.log.write(Topic::kFailure,
-                                "busy with " + std::to_string(m_connections.size()) + " connections, more are refused");
-        }
-        connection->turnAway();
     }
 
   private:
+    /// Asio keeps the memory of a thread's last messages. With it, it ends what cannot go on when there is no other.
+    void keepMemory() {
+        for (int i = 0; i < 2; ++i) {
+            net::post(context, [unused = std::array<char, 128>()] { static_cast<void>(unused); });
+        }
+        context.poll();
+    }
+
     template <typename Action>
     void forEach(Action action) {
         for (auto next = m_connections.begin(); next != m_connections.end();) {
@@ -123,6 +138,7 @@ class Loop {
     std::set<std::shared_ptr<HttpConnection>> m_connections;
     /// Whether connections are being refused, so that the log says it once.
     bool m_saturated = false;
+    std::atomic<bool> m_running = true;
 };
 
 std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
@@ -137,14 +153,14 @@ std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
 
 }  // namespace
 
-/// What there is while the server runs.
+/// What there is while the server runs. Its own thread takes connections in; the others, one for each loop, serve them.
 class HttpServer::Running {
   public:
-    Running(HttpServer& server, Listener listener, int stopFd, const std::function<void()>& onStop)
-        : m_setting{m_dispatcher, server.m_log, server.m_limits, server.m_paths, nullptr},
+    Running(HttpServer& server, Listener listener, int stopFd)
+        : m_setting{m_lanes, server.m_log, server.m_limits, server.m_paths, nullptr},
           m_stopFd(stopFd),
-          m_onStop(onStop),
-          m_dispatcher(server.m_service, server.m_log) {
+          m_listener(std::move(listener)),
+          m_lanes(server.m_service, server.m_log) {
         if (server.m_tls != nullptr) {
             m_setting.tls = std::make_unique<net::ssl::context>(server.m_tls.release());
         }
@@ -152,68 +168,75 @@ class HttpServer::Running {
         for (std::size_t i = 0; i < threads; ++i) {
             m_loops.push_back(std::make_unique<Loop>(m_setting, server.m_limits.connections / threads));
         }
-        m_acceptor.emplace(m_loops.front()->context, listener.isV6() ? net::ip::tcp::v6() : net::ip::tcp::v4(),
-                           listener.release());
     }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
-    void run() {
+    void run(const std::function<void()>& onStop) {
         std::vector<std::jthread> threads;
         try {
-            for (std::size_t i = 1; i < m_loops.size(); ++i) {
-                threads.emplace_back([&loop = *m_loops[i]] { loop.run([] {}); });
+            for (const auto& loop : m_loops) {
+                threads.emplace_back([&loop = *loop] { loop.run(); });
             }
+            takeConnections();
         } catch (...) {
             m_setting.stop = Clock::now();
             throw;
         }
-        accept();
-        m_loops.front()->run([this] { tick(); });
+        m_setting.stop = Clock::now() + m_setting.limits.drain;
+        m_listener.close();
+        onStop();
+        while (std::any_of(m_loops.begin(), m_loops.end(), [](const auto& loop) { return loop->isRunning(); })) {
+            std::this_thread::sleep_for(kTick / 10);
+            m_lanes.tick();
+        }
     }
 
   private:
-    void tick() {
-        pollfd state{m_stopFd, POLLIN, 0};
-        if (m_acceptor->is_open() && ::poll(&state, 1, 0) > 0) {
-            m_setting.stop = Clock::now() + m_setting.limits.drain;
-            m_acceptor->close();
-            m_onStop();
+    /// Until the server is to stop. Does without Asio, which calls nobody back when there is no memory for a
+    /// connection.
+    void takeConnections() {
+        std::array<pollfd, 2> waited{{{m_stopFd, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+        for (bool canTake = true;;) {
+            ::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count()));
+            if (waited[0].revents != 0) {
+                return;
+            }
+            try {
+                m_lanes.tick();
+                canTake = takeThoseThatWait();
+            } catch (const std::exception& error) {
+                m_setting.log.failed("cannot take a connection", error);
+                canTake = false;
+            }
         }
-        m_dispatcher.tick();
-        accept();
     }
 
-    /// At each tick too, since it pauses when there are no descriptors or no memory.
-    void accept() {
-        if (m_accepting || !m_acceptor->is_open()) {
-            return;
-        }
-        Loop& loop = **std::min_element(m_loops.begin(), m_loops.end(), [](const auto& left, const auto& right) {
-            return left->load() < right->load();
-        });
-        m_acceptor->async_accept(loop.context, [this, &loop](const Error& error, HttpConnection::Socket socket) {
-            m_accepting = false;
-            if (!error) {
+    /// False: there are no descriptors, or no memory, so it is no use to try again at once.
+    bool takeThoseThatWait() {
+        for (int i = 0; i < kTakeInTurn; ++i) {
+            QelFileDescriptor socket = m_listener.accept();
+            if (socket.isOpen()) {
+                Loop& loop = **std::min_element(
+                    m_loops.begin(), m_loops.end(),
+                    [](const auto& left, const auto& right) { return left->load() < right->load(); });
                 net::post(loop.context, [&loop, place = loop.place(), socket = std::move(socket)]() mutable {
                     loop.admit(std::move(socket), place);
                 });
-            } else if (error != net::error::connection_aborted && error != net::error::operation_aborted) {
-                m_setting.log.write(Topic::kFailure, "cannot take a connection: " + error.message());
-                return;
-            }
-            accept();
-        });
-        m_accepting = true;
+            } else if (const int problem = errno; problem == EAGAIN) {
+                break;
+            } else if (problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM) {
+                throw std::runtime_error(std::strerror(problem));
+            }  // else the client has gone meanwhile
+        }
+        return true;
     }
 
     HttpSetting m_setting;
     const int m_stopFd;
-    const std::function<void()>& m_onStop;
+    Listener m_listener;
     std::vector<std::unique_ptr<Loop>> m_loops;
-    std::optional<net::basic_socket_acceptor<net::ip::tcp, net::io_context::executor_type>> m_acceptor;
-    bool m_accepting = false;
-    Dispatcher m_dispatcher;  // goes first, since its threads post to the loops
+    Lanes m_lanes;  // goes first, since its threads post to the loops
 };
 
 HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SslContext tls,
@@ -223,7 +246,7 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
 HttpServer::~HttpServer() = default;
 
 void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onStop) {
-    Running(*this, std::move(listener), stopFd, onStop).run();
+    Running(*this, std::move(listener), stopFd).run(onStop);
 }
 
 }  // namespace dsessd

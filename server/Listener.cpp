@@ -70,13 +70,16 @@ Listener::Listener(std::string_view hostAndPort) {
     int error = 0;
     for (const addrinfo* address = found; address != nullptr && !m_socket.isOpen(); address = address->ai_next) {
         m_socket = listenOn(*address);
-        m_isV6 = address->ai_family == AF_INET6;
         error = errno;
     }
     if (!m_socket.isOpen()) {
         throw std::runtime_error("cannot listen on " + std::string(hostAndPort) + ": " + std::strerror(error));
     }
     m_address = std::string(hostAndPort.substr(0, hostAndPort.rfind(':') + 1)) + std::to_string(portOf(m_socket.get()));
+}
+
+QelFileDescriptor Listener::accept() {
+    return QelFileDescriptor(::accept4(m_socket.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
 }
 
 }  // namespace dsessd

@@ -14,16 +14,18 @@ namespace dsessd {
 class Listener {
   public:
     explicit Listener(std::string_view hostAndPort);
-    /// Hands the socket over to the caller, who closes it.
-    [[nodiscard]] int release() { return m_socket.release(); }
-    bool isV6() const { return m_isV6; }
+    /// The next connection that has come in, as a socket that does not block. None: errno says why, EAGAIN if no other
+    /// has come.
+    QelFileDescriptor accept();
+    /// To wait for; stays the listener's.
+    int get() const { return m_socket.get(); }
+    void close() { m_socket.reset(); }
     /// `HOST:PORT` as given, with the port in use.
     const std::string& address() const { return m_address; }
 
   private:
     QelFileDescriptor m_socket;
     std::string m_address;
-    bool m_isV6 = false;
 };
 
 }  // namespace dsessd

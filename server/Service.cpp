@@ -26,13 +26,6 @@ namespace method = protocol::method;
 // Large enough that a chunk's own cost does not count, small enough to have one for each connection.
 constexpr std::size_t kPieceBytes = 65'536;
 
-/// How long a request waits for its turn, for each of its steps.
-constexpr std::chrono::seconds kWaitForTurn{10};
-/// The change before it may be one of a million sessions.
-constexpr std::chrono::seconds kWaitForChange{30};
-/// How long a step may take that changes nothing.
-constexpr std::chrono::seconds kWorkFor{30};
-
 /// Why a request is not done; thrown by whatever finds out.
 struct Refusal {
     int code;
@@ -345,10 +338,6 @@ std::shared_ptr<Service::Call> Service::receive(SecretBuffer request, Peer peer,
     return call;
 }
 
-std::chrono::seconds Service::longestWait(Lane lane) {
-    return lane == Lane::kChange ? kWaitForChange : kWaitForTurn;
-}
-
 const std::string& Service::peerOf(const Call& call) {
     return call.peer.host;
 }
@@ -357,7 +346,7 @@ Answer Service::answerOf(Call& call) {
     return std::move(call.answer);
 }
 
-Service::Lane Service::advance(Call& call, Lane lane) {
+Lane Service::advance(Call& call, Lane lane) {
     const auto refused = [&](const Refusal& refusal) {
         call.outcome = refusal.httpStatus == 503 ? "busy" : refusal.name;
         call.answer.httpStatus = refusal.httpStatus;
@@ -367,21 +356,30 @@ Service::Lane Service::advance(Call& call, Lane lane) {
         m_log.write(Topic::kFailure, std::string("the store failed: ") + why);
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why.", httpStatus});
     };
+    const auto goOnIn = [&](Lane next) {
+        call.queued = Patience::Clock::now();
+        call.store.reset();
+        return next;
+    };
     try {
-        if (Patience::Clock::now() - call.queued > longestWait(lane)) {
+        if (Patience::Clock::now() - call.queued > ruleOf(lane).longestWait) {
             throw busy();
         }
         const Lane next = proceed(call, lane);
         if (next != Lane::kDone) {
-            call.queued = Patience::Clock::now();
-            call.store.reset();
-            return next;
+            return goOnIn(next);
         }
     } catch (const Refusal& refusal) {
         refused(refusal);
     } catch (const StoreBusy&) {
+        if (lane == Lane::kAtOnce) {
+            return goOnIn(Lane::kQuick);
+        }
         refused(busy());
     } catch (const StoreInterrupted&) {
+        if (lane == Lane::kAtOnce) {
+            return goOnIn(Lane::kQuick);
+        }
         refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
     } catch (const StoreUncertain& failure) {
         failed(failure.what(), 500);
@@ -395,11 +393,11 @@ Service::Lane Service::advance(Call& call, Lane lane) {
     return Lane::kDone;
 }
 
-Service::Lane Service::proceed(Call& call, Lane lane) {
+Lane Service::proceed(Call& call, Lane lane) {
     if (call.method == nullptr) {
         read(call);
     }
-    const auto end = lane == Lane::kChange ? Patience::Clock::time_point::max() : Patience::Clock::now() + kWorkFor;
+    const auto end = Patience::Clock::now() + ruleOf(lane).longestWork;
     call.store = m_stores.take([patience = call.patience, end, changes = lane == Lane::kChange] {
         const auto now = Patience::Clock::now();
         return now > end || now > patience->stop() || (!changes && now > patience->leave());
@@ -408,8 +406,9 @@ Service::Lane Service::proceed(Call& call, Lane lane) {
         return Lane::kLogin;
     }
     permit(call);
-    if (laneOf(call) != lane) {
-        return laneOf(call);
+    const Lane own = laneOf(call);
+    if (own != lane && !(own == Lane::kQuick && lane == Lane::kAtOnce)) {
+        return own;
     }
     run(call);
     return Lane::kDone;
@@ -558,7 +557,7 @@ void Service::permit(const Call& call) const {
     }
 }
 
-Service::Lane Service::laneOf(const Call& call) {
+Lane Service::laneOf(const Call& call) {
     return call.method->lane == Lane::kListing && !call.role ? Lane::kAnonymousListing : call.method->lane;
 }
 

@@ -10,6 +10,7 @@
 #include "server/Authenticator.h"
 #include "server/Guesses.h"
 #include "server/Json.h"
+#include "server/Lane.h"
 #include "server/Log.h"
 #include "server/Patience.h"
 #include "server/Store.h"
@@ -72,23 +73,14 @@ class Service {
 
     /// One request on its way through.
     struct Call;
-    /// What the next step of a request is.
-    enum class Lane {
-        kQuick,             ///< the first step, and whatever else takes little
-        kLogin,             ///< a hash of a password
-        kListing,           ///< may read all that there is
-        kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
-        kChange,            ///< one at a time: else they would wait for each other by polling
-        kDone,
-    };
 
     Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous);
 
     std::shared_ptr<Call> receive(SecretBuffer request, Peer peer, std::shared_ptr<Patience> patience);
     /// Does the step of this lane and gives the next. Failures of the store are logged and answered.
     Lane advance(Call& call, Lane lane);
-    /// How long a request may wait for a lane: it is refused when it comes later.
-    static std::chrono::seconds longestWait(Lane lane);
+    /// Whether steps of Lane::kAtOnce are worth a try: not if each waits for another machine.
+    bool answersAtOnce() const { return m_stores.isEmbedded(); }
     /// Who takes turns with others for the threads of a lane.
     static const std::string& peerOf(const Call& call);
     /// The answer, once it is done.

@@ -92,6 +92,10 @@ StorePool::Lease StorePool::take(std::function<bool()> impatient) {
     return Lease(store.release(), Returner{this});
 }
 
+bool StorePool::isEmbedded() const {
+    return !isPostgresUri(m_data);
+}
+
 void StorePool::giveBack(Store* store) {
     std::unique_ptr<Store> owned(store);
     owned->endWhen({});

@@ -227,6 +227,8 @@ class StorePool {
     using Lease = std::unique_ptr<Store, Returner>;
     /// The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
     Lease take(std::function<bool()> impatient = {});
+    /// Whether the store is a file: it is read without asking another process.
+    bool isEmbedded() const;
 
   private:
     void giveBack(Store* store);

@@ -42,10 +42,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static Server server;
     const std::string label = server.store->cluster().key.label;
     SecretBuffer request(data, data + size);
-    using Lane = dsessd::Service::Lane;
     const auto call =
         server.service.receive(request, {"::1", "[::1]:1", "/CN=peer"}, std::make_shared<dsessd::Patience>());
-    for (Lane lane = Lane::kQuick; lane != Lane::kDone;) {
+    for (auto lane = dsessd::Lane::kAtOnce; lane != dsessd::Lane::kDone;) {
         lane = server.service.advance(*call, lane);
     }
     dsessd::Answer answer = dsessd::Service::answerOf(*call);

@@ -17,7 +17,7 @@ namespace {
 std::string request(const std::string& method, const std::string& parameters = "") {
     const std::string body = R"({"jsonrpc":"2.0","id":1,"method":")" + method +
                              R"(","params":{"security":{"user":"anonymous"})" + parameters + "}}";
-    return "POST /blue/services/DSessAdmin HTTP/1.1\r\nContent-Type: application/json\r\nConnection: close\r\n"
+    return "POST /blue/services/DSessAdmin HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nConnection: close\r\n"
            "Content-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + body;
 }

@@ -16,7 +16,7 @@ PATH = "/blue/services/DSessAdminProxy"
 GOOD = request_text("trace.get").encode()
 N = len(GOOD)
 RESULT = b'"result":{"level":1}}'
-JSON = "Content-Type: application/json"
+JSON = "Host: x\r\nContent-Type: application/json"
 CLOSE = (JSON, "Connection: close")
 
 
@@ -41,7 +41,7 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
     (200,): [
         request(headers=(*CLOSE, "Range: bytes=0-3", "Accept-Encoding: gzip, br")),
         chunked(GOOD[:10], GOOD[10:]),
-        request(headers=("Content-Type: Application/JSON; charset=utf-8", "Connection: close")),
+        request(headers=("host:", "Content-Type: Application/JSON; charset=utf-8", "Connection: close")),
     ],
     (200, 200): [request() + request(headers=CLOSE)],
     (100, 200): [request(headers=(*CLOSE, "Expect: 100-continue"))],
@@ -55,8 +55,9 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
         ),
         *(chunked(GOOD, end=b"0\r\n" + end) for end in (b"X: y\r\n\r\n", b"Content-Length: 1\r\n\r\n", b"\n")),
         *(chunked(GOOD, end=end) for end in (b"zz\r\n", b"0\n\n")),
-        *(request(headers=(JSON, odd)) for odd in ("X: a\r\n b", "Host: x\r\nHost: y", "Transfer-Encoding: chunked")),
+        *(request(headers=(JSON, odd)) for odd in ("X: a\r\n b", "Host: y", "Transfer-Encoding: chunked")),
         *(request(body, headers=CLOSE) for body in (b"", b"x" * 65536)),
+        request(headers=(JSON[9:],)),
         b"GET\r\n\r\n",
         b"\x16\x03\x01\x02\x00\x01\x00\x01\xfc" + bytes(99) + b"\n\r\n",
         request(headers=("X: " + "a" * 9000,)),
@@ -70,7 +71,7 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
         b"POST " + b"a" * 300000,
     ],
     (414,): [request(path="/" + "a" * 9000)],
-    (415,): [request(headers=odd) for odd in [(), ("Content-Type: text/json",), (JSON, "Content-Encoding: gzip")]],
+    (415,): [request(headers=odd) for odd in (["Host: x"], [JSON.replace("app", "tex")], [JSON, "Content-Encoding: gzip"])],
 }
 
 DAWDLERS = [b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")]

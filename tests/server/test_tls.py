@@ -33,7 +33,7 @@ class Tls(unittest.TestCase):
             plain = self.enterContext(socket.create_connection((server.host, server.port)))
             with context.wrap_socket(plain, server_hostname="localhost", session=before) as client:
                 self.assertFalse(client.session_reused)
-                client.sendall(b"GET / HTTP/1.1\r\nConnection: close\r\n\r\n")
+                client.sendall(b"GET / HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
                 return client.session if client.recv(100).startswith(b"HTTP/1.1 404 ") else None
         except OSError:
             return None

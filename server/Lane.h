@@ -1,0 +1,46 @@
+/// The kinds of work that a request may ask for, and who waits for whom: the one table of it.
+#pragma once
+
+#include <array>
+#include <chrono>
+
+namespace dsessd {
+
+/// What the next step of a request is.
+enum class Lane {
+    kAtOnce,            ///< whatever takes little, on the thread that has read the request
+    kQuick,             ///< the same, where it did take longer or another machine is asked
+    kLogin,             ///< a hash of a password
+    kListing,           ///< may read all that there is
+    kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
+    kChange,            ///< one at a time: else they would wait for each other by polling
+    kDone,
+};
+
+/// A lane has threads of its own, so that no kind of work waits for a slower one.
+struct LaneRule {
+    /// How many steps are done at a time, and how many of them for one host. Hosts take turns.
+    unsigned threads;
+    unsigned mostForOne;
+    /// How long a step may wait for its turn; who comes later is told that the server is busy.
+    std::chrono::milliseconds longestWait;
+    /// How long it may take.
+    std::chrono::milliseconds longestWork;
+};
+
+/// A row for each lane, in the order of the enumeration. The change before it may be one of a million sessions; once it
+/// has begun, a change is not given up.
+inline constexpr std::array<LaneRule, 6> kLanes{{
+    {0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20)},
+    {8, 8, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {1, 1, std::chrono::seconds(30), std::chrono::hours(24)},
+}};
+
+constexpr const LaneRule& ruleOf(Lane lane) {
+    return kLanes[static_cast<std::size_t>(lane)];
+}
+
+}  // namespace dsessd
