@@ -71,7 +71,9 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
         b"POST " + b"a" * 300000,
     ],
     (414,): [request(path="/" + "a" * 9000)],
-    (415,): [request(headers=odd) for odd in (["Host: x"], [JSON.replace("app", "tex")], [JSON, "Content-Encoding: gzip"])],
+    (415,): [
+        request(headers=odd) for odd in (["Host: x"], [JSON.replace("app", "tex")], [JSON, "Content-Encoding: gzip"])
+    ],
 }
 
 DAWDLERS = [b"POST " + PATH.encode(), request(GOOD[:5], length=5000), chunked(b" ", end=b"ffff\r\n")]
