@@ -4,9 +4,9 @@
 #include <bit>
 #include <boost/json/basic_parser_impl.hpp>
 #include <cstring>
-#include <limits>
 #include <span>
 #include <utility>
+#include <variant>
 
 #include "protocol/protocol.h"
 
@@ -18,31 +18,17 @@ namespace field = protocol::field;
 using boost::json::error_code;
 
 /// Deeper than any answer with fields that this client does not know is likely to be.
-constexpr int kMaxDepth = 64;
+constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxClusterIdBytes = 64;
 
 /// What has been read of the objects that are open. No two that can be open together share a member.
 struct Values {
-    char* version = nullptr;
-    char* clusterId = nullptr;
-    std::int32_t id = 0;
-    std::int32_t errorCode = 0;
-    char* errorMessage = nullptr;
-    char* name = nullptr;
-    char* replicaSet = nullptr;
-    char* label = nullptr;
-    char* sessionId = nullptr;
-    char* user = nullptr;
-    std::int32_t time = 0;
-    std::int32_t previousTime = 0;
-    std::int32_t total = 0;
-    std::int32_t count = 0;
-    std::int32_t level = 0;
+    char *version, *clusterId, *errorMessage, *name, *replicaSet, *label, *sessionId, *user;
+    std::int32_t id, errorCode, time, previousTime, total, count, level;
 };
 
-/// The objects of an answer.
+/// The objects of an answer; first the results, in the order of AnswerShape.
 enum Scope : std::uint8_t {
-    // The results, in the order of AnswerShape.
     kClusterResult,
     kReplicaSetResult,
     kKeyResult,
@@ -59,28 +45,14 @@ enum Scope : std::uint8_t {
     kSession
 };
 
-enum class Type : std::uint8_t { kInteger, kText, kObject, kList };
-
-/// A field of an object, or an item of a list: what it is, and where its value goes.
+/// A field of an object, or an item of a list.
 struct Field {
-    constexpr Field(const char* fieldName, std::int32_t Values::*destination)
-        : name(fieldName), type(Type::kInteger), number(destination) {}
-    constexpr Field(const char* fieldName, char* Values::*destination)
-        : name(fieldName), type(Type::kText), text(destination) {}
-    constexpr Field(const char* fieldName, Scope object) : name(fieldName), type(Type::kObject), scope(object) {}
-    constexpr Field(const char* fieldName, const Field& items) : name(fieldName), type(Type::kList), item(&items) {}
-
     std::string_view name;
-    Type type;
-    Scope scope = kResult;
-    union {
-        std::int32_t Values::*number;
-        char* Values::*text;
-        const Field* item = nullptr;
-    };
+    /// Where a number or a text goes, which object it is, or what a list consists of.
+    std::variant<std::int32_t Values::*, char * Values::*, Scope, const Field*> kind;
 };
 
-constexpr Field kRoot{"the answer", kEnvelope};
+constexpr Field kAnswer{"the answer", kEnvelope};
 constexpr Field kRealmItem{"a record", kRealm};
 constexpr Field kMemberItem{"a record", kMember};
 constexpr Field kSessionItem{"a record", kSession};
@@ -99,20 +71,20 @@ constexpr Field kErrorFields[] = {{field::kErrorCode, &Values::errorCode},
                                   {field::kErrorMessage, &Values::errorMessage},
                                   {field::kErrorData, kErrorData}};
 constexpr Field kErrorDataFields[] = {{field::kName, &Values::name}};
-constexpr Field kClusterFields[] = {{field::kCount, &Values::count}, {field::kRealms, kRealmItem}, {field::kKey, kKey}};
-constexpr Field kReplicaSetFields[] = {{field::kCount, &Values::count}, {field::kRecords, kMemberItem}};
+constexpr Field kClusterFields[] = {
+    {field::kCount, &Values::count}, {field::kRealms, &kRealmItem}, {field::kKey, kKey}};
+constexpr Field kReplicaSetFields[] = {{field::kCount, &Values::count}, {field::kRecords, &kMemberItem}};
 constexpr Field kKeyResultFields[] = {{field::kKey, kKey}};
 constexpr Field kSessionsFields[] = {
-    {field::kTotal, &Values::total}, {field::kCount, &Values::count}, {field::kSessions, kSessionItem}};
+    {field::kTotal, &Values::total}, {field::kCount, &Values::count}, {field::kSessions, &kSessionItem}};
 constexpr Field kCountFields[] = {{field::kCount, &Values::count}};
 constexpr Field kLevelFields[] = {{field::kLevel, &Values::level}};
-constexpr Field kRealmFields[] = {{field::kName, &Values::name}, {field::kReplicaSets, kNameItem}};
+constexpr Field kRealmFields[] = {{field::kName, &Values::name}, {field::kReplicaSets, &kNameItem}};
 constexpr Field kKeyFields[] = {
     {field::kLabel, &Values::label}, {field::kTime, &Values::time}, {field::kPreviousTime, &Values::previousTime}};
 constexpr Field kMemberFields[] = {{field::kName, &Values::name}, {field::kTime, &Values::time}};
 constexpr Field kSessionFields[] = {
     {field::kId, &Values::sessionId}, {field::kUser, &Values::user}, {field::kTime, &Values::time}};
-
 constexpr std::size_t kLongestName = std::string_view(field::kPreviousTime).size();
 
 /// By Scope.
@@ -123,10 +95,10 @@ constexpr std::span<const Field> kFields[] = {
 /// Takes the parser's events (basic_parser.hpp has their list). One that returns false ends the parse.
 class AnswerHandler {
   public:
-    static constexpr std::size_t max_array_size = std::numeric_limits<std::size_t>::max();
-    static constexpr std::size_t max_object_size = max_array_size;
-    static constexpr std::size_t max_string_size = max_array_size;
-    static constexpr std::size_t max_key_size = max_array_size;
+    static constexpr std::size_t max_array_size = -1;
+    static constexpr std::size_t max_object_size = -1;
+    static constexpr std::size_t max_string_size = -1;
+    static constexpr std::size_t max_key_size = -1;
 
     AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer, std::string& problem)
         : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_answer(answer), m_problem(problem) {}
@@ -136,51 +108,73 @@ class AnswerHandler {
     bool on_comment_part(std::string_view, error_code&) { return true; }
     bool on_comment(std::string_view, error_code&) { return true; }
 
-    bool on_object_begin(error_code& error) { return open(Type::kObject, error); }
-    bool on_array_begin(error_code& error) { return open(Type::kList, error); }
-    bool on_array_end(std::size_t, error_code&) {
-        leave();
-        return true;
-    }
-    bool on_object_end(std::size_t, error_code& error) {
-        if (m_skipped > 0) {
-            leave();
-            return true;
+    bool on_object_begin(error_code& error) {
+        const auto* wanted = expected<Scope>(error);
+        if (wanted != nullptr) {
+            const Scope scope = *wanted == kResult ? m_result : *wanted;
+            m_expected = nullptr;
+            *++m_open = {nullptr, scope, 0, kFields[scope]};
         }
-        const Frame& frame = m_frames[m_depth];
-        leave();
-        return isComplete(frame, error) && take(frame.scope, error);
+        return passes(wanted);
+    }
+    bool on_array_begin(error_code& error) {
+        const auto* wanted = expected<const Field*>(error);
+        if (wanted != nullptr) {
+            m_expected = *wanted;
+            *++m_open = {m_expected, kResult, 0, {}};
+        }
+        return passes(wanted);
+    }
+    bool on_array_end(std::size_t, error_code&) { return leave(); }
+    bool on_object_end(std::size_t, error_code& error) {
+        const Frame& object = *m_open;
+        return (m_skipped > 0 || (isComplete(object, error) && take(object.scope, error))) && leave();
     }
 
-    bool on_key_part(std::string_view part, std::size_t, error_code& error) {
+    bool on_key_part(std::string_view part, std::size_t length, error_code& error) {
+        m_key.resize(length > part.size() ? m_key.size() : 0);  // a new one
         m_key.append(part.substr(0, kLongestName + 1 - m_key.size()));
         return isText(part, error);
     }
     bool on_key(std::string_view name, std::size_t length, error_code& error) {
-        Frame& frame = m_frames[m_depth];
-        if (m_skipped == 0 && name.size() == length && name == frame.likely->name) {
-            return expect(frame, frame.likely, error);
+        if (name.size() < length) {
+            if (!on_key_part(name, length, error)) {
+                return false;
+            }
+            name = m_key;
         }
-        return find(name, length, error);
+        if (m_skipped > 0) {
+            return isText(name, error);
+        }
+        Frame& object = *m_open;
+        for (std::size_t index = 0; index < object.fields.size(); ++index) {
+            if (object.fields[index].name == name) {
+                const unsigned bit = 1U << index;
+                m_expected = &object.fields[index];
+                object.seen ^= bit;
+                return (object.seen & bit) != 0 || fail(error, "the field ", name, " comes twice");
+            }
+        }
+        m_expected = nullptr;  // a field that this client does not know
+        return isText(name, error);
     }
 
     bool on_string_part(std::string_view part, std::size_t, error_code& error) {
-        if (!isText(part, error) || !isOfType(Type::kText, error)) {
-            return false;
-        }
-        if (m_expected != nullptr) {
+        const bool isWanted = expected<char * Values::*>(error) != nullptr;
+        if (isWanted) {
             m_answer.texts.append(part);
         }
-        return true;
+        return (isWanted || m_expected == nullptr) && isText(part, error);
     }
     bool on_string(std::string_view last, std::size_t length, error_code& error) {
         if (!on_string_part(last, length, error)) {
             return false;
         }
         if (m_expected != nullptr) {
-            m_values.*m_expected->text = m_answer.texts.finish();
+            char* const text = m_answer.texts.finish();
+            m_values.*std::get<char * Values::*>(m_expected->kind) = text;
             if (m_expected == &kNameItem) {
-                m_answer.replicaSetNames.append(m_values.replicaSet);
+                m_answer.replicaSetNames.append(text);
             }
         }
         return true;
@@ -188,16 +182,12 @@ class AnswerHandler {
 
     bool on_number_part(std::string_view, error_code&) { return true; }
     bool on_int64(std::int64_t number, std::string_view, error_code& error) {
-        if (number != static_cast<std::int32_t>(number)) {
-            return other("a number of more than 32 bits", error);
+        const auto* wanted = expected<std::int32_t Values::*>(error);
+        if (wanted == nullptr) {
+            return m_expected == nullptr;
         }
-        if (!isOfType(Type::kInteger, error)) {
-            return false;
-        }
-        if (m_expected != nullptr) {
-            m_values.*m_expected->number = static_cast<std::int32_t>(number);
-        }
-        return true;
+        m_values.** wanted = static_cast<std::int32_t>(number);
+        return number == static_cast<std::int32_t>(number) || other("a number of more than 32 bits", error);
     }
     bool on_uint64(std::uint64_t, std::string_view, error_code& error) {
         return other("a number of more than 32 bits", error);
@@ -209,12 +199,11 @@ class AnswerHandler {
   private:
     /// An object or a list that is open.
     struct Frame {
-        const Field* item = &kRoot;  // what the list consists of; null: it is an object
+        const Field* item = &kAnswer;  // what the list consists of; null: it is an object
         // Of the object:
         Scope scope = kResult;
         unsigned seen = 0;  // a bit for each field
         std::span<const Field> fields{};
-        const Field* likely = nullptr;  // the field that comes next if they come in order, as in most lists
     };
 
     /// Refuses the answer for a reason in up to three parts. The parser only wants to know that there is one.
@@ -228,66 +217,32 @@ class AnswerHandler {
     bool isText(std::string_view text, error_code& error) {
         return std::memchr(text.data(), '\0', text.size()) == nullptr || fail(error, "a string holds a NUL");
     }
-    bool isOfType(Type type, error_code& error) {
-        return m_expected == nullptr || m_expected->type == type ||
-               fail(error, m_expected->name, " is of the wrong type");
+    /// The kind that the value at hand has to be of. Null: any value, to be passed over, or another kind, which fails.
+    template <class Kind>
+    const Kind* expected(error_code& error) {
+        const Kind* kind = m_expected == nullptr ? nullptr : std::get_if<Kind>(&m_expected->kind);
+        if (kind == nullptr && m_expected != nullptr) {
+            fail(error, m_expected->name, " is of the wrong type");
+        }
+        return kind;
     }
     /// A value that no field has.
     bool other(const char* what, error_code& error) {
         return m_expected == nullptr || fail(error, m_expected->name, " is ", what);
     }
 
-    /// The next value is that of this field.
-    bool expect(Frame& frame, const Field* field, error_code& error) {
-        const unsigned bit = 1U << (field - frame.fields.data());
-        if ((frame.seen & bit) != 0) {
-            return fail(error, "the field ", field->name, " comes twice");
-        }
-        frame.seen |= bit;
-        frame.likely = field + (field == &frame.fields.back() ? 0 : 1);
-        m_expected = field;
-        return true;
+    /// An object or a list has been opened, which counts if it is not `wanted`.
+    bool passes(const void* wanted) {
+        m_skipped += wanted == nullptr ? 1 : 0;
+        return m_problem.empty();
     }
-    /// Finds the field of this name, which may be one that this client does not know.
-    [[gnu::cold]] bool find(std::string_view name, std::size_t length, error_code& error) {
-        if (name.size() < length) {
-            return on_key_part(name, length, error) && find(std::exchange(m_key, {}), error);
-        }
-        return isText(name, error) && find(name, error);
-    }
-    bool find(std::string_view name, error_code& error) {
-        if (m_skipped > 0) {
-            return true;
-        }
-        Frame& frame = m_frames[m_depth];
-        const auto field = std::ranges::find(frame.fields, name, &Field::name);
-        if (field != frame.fields.end()) {
-            return expect(frame, &*field, error);
-        }
-        m_expected = nullptr;
-        return true;
-    }
-
-    bool open(Type type, error_code& error) {
-        if (!isOfType(type, error)) {
-            return false;
-        }
-        if (m_expected == nullptr) {
-            ++m_skipped;
-            return true;
-        }
-        const Scope scope = m_expected->scope == kResult ? m_result : m_expected->scope;
-        m_expected = type == Type::kList ? m_expected->item : nullptr;
-        m_frames[++m_depth] = {m_expected, scope, 0, kFields[scope], kFields[scope].data()};
-        return true;
-    }
-    void leave() {
+    bool leave() {
         if (m_skipped > 0) {
             --m_skipped;
         } else {
-            // Of an object the next field says what is expected.
-            m_expected = m_frames[--m_depth].item;
+            m_expected = (--m_open)->item;  // of an object, the next name tells what is expected
         }
+        return true;
     }
 
     bool isComplete(const Frame& object, error_code& error) {
@@ -304,11 +259,14 @@ class AnswerHandler {
     /// Takes the values of an object that is complete for what the object stands for.
     bool take(Scope scope, error_code& error) {
         switch (scope) {
-            case kSession:
-                m_answer.sessions.append({m_values.user, m_values.sessionId, m_values.time});
+            case kEnvelope:
+                m_answer.clusterId = m_values.clusterId;
+                return takeEnvelope(error);
+            case kError:
+                m_answer.errorMessage = m_values.errorMessage;
                 return true;
-            case kMember:
-                m_answer.members.append({m_values.name, m_values.time});
+            case kErrorData:
+                m_answer.errorName = m_values.name;
                 return true;
             case kRealm: {
                 // Where the names lie is known at the end; they follow each other in the order of the realms.
@@ -319,11 +277,11 @@ class AnswerHandler {
             case kKey:
                 m_answer.key = {m_values.label, m_values.time, m_values.previousTime};
                 return true;
-            case kErrorData:
-                m_answer.errorName = m_values.name;
+            case kMember:
+                m_answer.members.append({m_values.name, m_values.time});
                 return true;
-            case kError:
-                m_answer.errorMessage = m_values.errorMessage;
+            case kSession:
+                m_answer.sessions.append({m_values.user, m_values.sessionId, m_values.time});
                 return true;
             case kClusterResult:
                 return takeCount(m_answer.realms.size(), error);
@@ -338,11 +296,19 @@ class AnswerHandler {
             case kLevelResult:
                 m_answer.level = m_values.level;
                 return true;
-            case kEnvelope:
-                return takeEnvelope(error);
             default:
                 return true;
         }
+    }
+
+    bool takeEnvelope(error_code& error) {
+        if (std::strcmp(m_values.version, field::kVersion) != 0) {
+            return fail(error, "it is not JSON-RPC 2.0");
+        }
+        if (m_values.clusterId != nullptr && std::strlen(m_values.clusterId) > kMaxClusterIdBytes) {
+            return fail(error, "the field clusterId is too long");
+        }
+        return m_values.id == m_requestId || fail(error, "it answers another request");
     }
 
     bool takeCount(std::size_t records, error_code& error) {
@@ -351,38 +317,18 @@ class AnswerHandler {
                fail(error, "the field count is wrong");
     }
 
-    bool takeEnvelope(error_code& error) {
-        m_answer.clusterId = m_values.clusterId;
-        if (std::strcmp(m_values.version, field::kVersion) != 0) {
-            return fail(error, "it is not JSON-RPC 2.0");
-        }
-        if (m_answer.clusterId != nullptr && std::strlen(m_answer.clusterId) > kMaxClusterIdBytes) {
-            return fail(error, "the field clusterId is too long");
-        }
-        return m_values.id == m_requestId || fail(error, "it answers another request");
-    }
-
     const Scope m_result;
     const std::int32_t m_requestId;
     Answer& m_answer;
     std::string& m_problem;
-    const Field* m_expected = &kRoot;  // where the parse stands; null: anything, to be passed over
-    Frame m_frames[8]{};               // more than an answer has; the outermost is a list of one answer
-    std::size_t m_depth = 0;
-    int m_skipped = 0;  // levels of a value that is passed over
-    std::size_t m_names = 0;
-    std::string m_key;  // what came of a field's name that comes in parts, as far as it matters
-    Values m_values;
+    const Field* m_expected = &kAnswer;  // where the parse stands; null: anything, to be passed over
+    Frame m_frames[8]{};                 // more than an answer has; the outermost is a list of one answer
+    Frame* m_open = m_frames;            // the innermost one
+    std::size_t m_skipped = 0;           // levels of a value that is passed over
+    std::size_t m_names = 0;             // of replica sets, in the realms that are complete
+    std::string m_key;                   // what came of a field's name that comes in parts, as far as it matters
+    Values m_values{};
 };
-
-void linkReplicaSetNames(Answer& answer) {
-    char** names = answer.replicaSetNames.data();
-    for (std::size_t index = 0; index < answer.realms.size(); ++index) {
-        olm_dsess_admin_realm_t& realm = answer.realms.data()[index];
-        realm.replica_set_names = realm.replica_set_count == 0 ? nullptr : names;
-        names += realm.replica_set_count;
-    }
-}
 
 }  // namespace
 
@@ -410,7 +356,12 @@ bool AnswerReader::finish() {
     if (!parse(false, "")) {
         return false;
     }
-    linkReplicaSetNames(m_answer);
+    char** names = m_answer.replicaSetNames.data();
+    for (std::size_t index = 0; index < m_answer.realms.size(); ++index) {
+        olm_dsess_admin_realm_t& realm = m_answer.realms.data()[index];
+        realm.replica_set_names = realm.replica_set_count == 0 ? nullptr : names;
+        names += realm.replica_set_count;
+    }
     return true;
 }
 

@@ -22,16 +22,16 @@ void writeValue(SecretBuffer& request, const char* text) {
         return;
     }
     request.push_back('"');
-    for (const char byte : std::string_view(text)) {
-        if (byte >= '\0' && byte < ' ') {
-            append(request, byte < 16 ? "\\u000" : "\\u001");
-            request.push_back("0123456789abcdef"[byte % 16]);
+    for (; *text != '\0'; ++text) {
+        if (static_cast<unsigned char>(*text) < ' ') {
+            append(request, *text < 16 ? "\\u000" : "\\u001");
+            request.push_back("0123456789abcdef"[*text % 16]);
             continue;
         }
-        if (byte == '"' || byte == '\\') {
+        if (*text == '"' || *text == '\\') {
             request.push_back('\\');
         }
-        request.push_back(byte);
+        request.push_back(*text);
     }
     request.push_back('"');
 }
@@ -40,18 +40,19 @@ void writeValue(SecretBuffer& request, std::int32_t number) {
     append(request, std::to_string(number));
 }
 
-/// The name of an object's next member.
-void writeName(SecretBuffer& request, const char* name) {
+/// An object begins.
+void writeValue(SecretBuffer& request, char brace) {
+    request.push_back(brace);
+}
+
+/// The next member of an object.
+template <class Value>
+void write(SecretBuffer& request, const char* name, Value value) {
     if (request.back() != '{') {
         request.push_back(',');
     }
     writeValue(request, name);
     request.push_back(':');
-}
-
-template <class Value>
-void write(SecretBuffer& request, const char* name, Value value) {
-    writeName(request, name);
     writeValue(request, value);
 }
 
@@ -63,14 +64,12 @@ SecretBuffer writeRequest(std::int32_t id, const char* method, const olm_dsess_a
     write(request, field::kJsonRpc, field::kVersion);
     write(request, field::kId, id);
     write(request, field::kMethod, method);
-    writeName(request, field::kParams);
-    append(request, "{");
-    writeName(request, field::kSecurity);
-    append(request, "{");
+    write(request, field::kParams, '{');
+    write(request, field::kSecurity, '{');
     write(request, field::kUser, security.user_name);
     write(request, field::kPassword, security.password);
     write(request, field::kLoginId, security.login_id);
-    append(request, "}");
+    request.push_back('}');
     for (const auto& [name, value] : parameters) {
         std::visit([&, parameter = name](auto itsValue) { write(request, parameter, itsValue); }, value);
     }

@@ -7,8 +7,8 @@ namespace olmdsess {
 namespace {
 
 /// What a block offers texts. Each has twice as much as the one before it, up to the greatest.
-constexpr std::size_t kFirstBytes = 1024;
-constexpr std::size_t kMostBytes = std::size_t{1} << 20;
+constexpr std::ptrdiff_t kFirstBytes = 1024;
+constexpr std::ptrdiff_t kMostBytes = 1024 * 1024;
 
 char* bytesOf(TextArena::Block* block) {
     return reinterpret_cast<char*>(block + 1);
@@ -16,26 +16,30 @@ char* bytesOf(TextArena::Block* block) {
 
 }  // namespace
 
-// A text that comes in parts and fills a block alone takes the block along as it grows, so that no copies of it stay.
+// A text that comes in parts and is alone in its block takes the block along as it grows, so that no copies of it stay.
 void TextArena::grow(std::size_t more) {
-    const std::size_t begun = m.at - m.begun;
-    const bool isAlone = m.blocks != nullptr && m.begun == bytesOf(m.blocks);
-    const std::size_t last = m.blocks == nullptr ? kFirstBytes / 2 : m.end - bytesOf(m.blocks);
-    const std::size_t bytes = std::max(std::min(2 * last, kMostBytes), 2 * (begun + more + 1));
-    auto* block = static_cast<Block*>(std::realloc(isAlone ? m.blocks : nullptr, sizeof(Block) + bytes));
+    const std::size_t begun = m_at - m_begun;
+    const bool isAlone = m_blocks != nullptr && m_begun == bytesOf(m_blocks.get());
+    const auto usual = m_blocks == nullptr ? kFirstBytes : std::min(2 * (m_end - bytesOf(m_blocks.get())), kMostBytes);
+    const std::size_t bytes = std::max<std::size_t>(usual, 2 * (begun + more + 1));
+    auto* block = static_cast<Block*>(std::realloc(isAlone ? m_blocks.get() : nullptr, sizeof(Block) + bytes));
     if (block == nullptr) {
         throw std::bad_alloc();
     }
+    Block* const before = m_blocks.release();
     if (!isAlone) {
-        block->next = m.blocks;
-        std::copy_n(m.begun, begun, bytesOf(block));
+        block->next = before;
+        std::copy_n(m_begun, begun, bytesOf(block));
     }
-    m = {block, bytesOf(block), bytesOf(block) + begun, bytesOf(block) + bytes};
+    m_blocks.reset(block);
+    m_begun = bytesOf(block);
+    m_at = m_begun + begun;
+    m_end = m_begun + bytes;
 }
 
-void TextArena::free(Block* blocks) noexcept {
-    while (blocks != nullptr) {
-        std::free(std::exchange(blocks, blocks->next));
+void TextArena::ChainDeleter::operator()(Block* newest) const noexcept {
+    while (newest != nullptr) {
+        std::free(std::exchange(newest, newest->next));
     }
 }
 
@@ -49,15 +53,11 @@ char* makeTextResult(std::int32_t kind, std::string_view text) {
 }
 
 bool releaseResult(std::int32_t kind, void* records) {
-    if (records == nullptr) {
+    auto* header = records == nullptr ? nullptr : static_cast<ResultHeader*>(records) - 1;
+    if (header == nullptr || header->kind != kind) {
         return false;
     }
-    auto* header = static_cast<ResultHeader*>(records) - 1;
-    if (header->kind != kind) {
-        return false;
-    }
-    TextArena::free(header->texts);
-    std::free(header->names);
+    header->~ResultHeader();
     std::free(header);
     return true;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 #include <string_view>
 #include <type_traits>
@@ -15,48 +16,45 @@
 
 namespace olmdsess {
 
+struct FreeDeleter {
+    void operator()(void* block) const noexcept { std::free(block); }
+};
+using MallocPtr = std::unique_ptr<char, FreeDeleter>;
+
 /// Texts, each with a NUL behind it, in a chain of blocks: a text that is finished stays where it is.
 class TextArena {
   public:
-    TextArena() = default;
-    TextArena(TextArena&& other) noexcept : m(std::exchange(other.m, {})) {}
-    TextArena& operator=(TextArena&& other) noexcept {
-        std::swap(m, other.m);
-        return *this;
-    }
-    ~TextArena() { free(m.blocks); }
-
     /// Adds to the text that has been begun, or begins one. Throws std::bad_alloc.
     void append(std::string_view part) {
-        if (part.size() >= static_cast<std::size_t>(m.end - m.at)) {  // no room for it and a NUL
+        if (part.size() >= static_cast<std::size_t>(m_end - m_at)) {  // no room for it and a NUL
             grow(part.size());
         }
-        std::memcpy(m.at, part.data(), part.size());
-        m.at += part.size();
+        std::memcpy(m_at, part.data(), part.size());
+        m_at += part.size();
     }
     /// Ends the text, to which something has been appended, be it nothing but an empty part. Returns where it lies.
     char* finish() {
-        *m.at = '\0';
-        return std::exchange(m.begun, ++m.at);
+        *m_at = '\0';
+        return std::exchange(m_begun, ++m_at);
     }
 
     struct Block {
         Block* next;
     };
-    /// The chain, to be released with free(); the arena is empty afterwards.
-    Block* release() { return std::exchange(m, {}).blocks; }
-    static void free(Block* blocks) noexcept;
+    struct ChainDeleter {
+        void operator()(Block* newest) const noexcept;
+    };
+    using Chain = std::unique_ptr<Block, ChainDeleter>;
+    /// The blocks, for whoever owns the texts from now on. The arena may only be destroyed or assigned to then.
+    Chain release() { return std::move(m_blocks); }
 
   private:
     void grow(std::size_t more);
 
-    struct State {
-        Block* blocks = nullptr;  // the newest first; the bytes lie behind it
-        char* begun = nullptr;    // the text in hand
-        char* at = nullptr;       // where it goes on
-        char* end = nullptr;
-    };
-    State m;
+    Chain m_blocks;           // the newest first; the bytes lie behind each
+    char* m_begun = nullptr;  // the text in hand
+    char* m_at = nullptr;     // where it goes on
+    char* m_end = nullptr;    // of the newest block
 };
 
 /// An array of plain elements that grows by realloc: a large one is remapped by the C library, never copied, so that
@@ -67,60 +65,44 @@ class ReallocArray {
     static_assert(headerBytes % alignof(Element) == 0);
 
   public:
-    ReallocArray() = default;
-    ReallocArray(ReallocArray&& other) noexcept : m(std::exchange(other.m, {})) {}
-    ReallocArray& operator=(ReallocArray&& other) noexcept {
-        std::swap(m, other.m);
-        return *this;
-    }
-    ~ReallocArray() { std::free(m.block); }
-
     /// Throws std::bad_alloc; the array is then as it was.
     void append(const Element& element) {
-        if (m.size == m.capacity && !tryReallocate(m.capacity < kFirstCapacity ? kFirstCapacity : 2 * m.capacity)) {
+        if (m_size == m_capacity && !tryReallocate(m_capacity == 0 ? 16 : 2 * m_capacity)) {
             throw std::bad_alloc();
         }
-        data()[m.size++] = element;
+        data()[m_size++] = element;
     }
 
-    std::size_t size() const { return m.size; }
-    Element* data() { return reinterpret_cast<Element*>(m.block + headerBytes); }
+    std::size_t size() const { return m_size; }
+    Element* data() { return reinterpret_cast<Element*>(m_block.get() + headerBytes); }
 
-    /// The block from its header on, to be released with std::free; what growing took in advance has been given back,
-    /// unless the allocator cannot. The array is empty afterwards.
-    char* release() noexcept {
-        if (m.size < m.capacity) {
-            tryReallocate(m.size);
-        }
-        return std::exchange(m, {}).block;
-    }
+    /// Gives back what growing took in advance, unless the allocator cannot. The elements may move.
+    void trim() noexcept { tryReallocate(m_size); }
+    /// The block from its header on. The array may only be destroyed or assigned to then.
+    MallocPtr release() noexcept { return std::move(m_block); }
 
   private:
-    static constexpr std::size_t kFirstCapacity = 16;
-
     bool tryReallocate(std::size_t capacity) noexcept {
         // Never 0 bytes: what realloc returns for those says nothing about success.
-        auto* block = static_cast<char*>(std::realloc(m.block, headerBytes + capacity * sizeof(Element) + 1));
+        void* block = std::realloc(m_block.get(), headerBytes + capacity * sizeof(Element) + 1);
         if (block == nullptr) {
             return false;
         }
-        m.block = block;
-        m.capacity = capacity;
+        static_cast<void>(m_block.release());
+        m_block.reset(static_cast<char*>(block));
+        m_capacity = capacity;
         return true;
     }
 
-    struct State {
-        char* block = nullptr;
-        std::size_t size = 0;
-        std::size_t capacity = 0;
-    };
-    State m;
+    MallocPtr m_block;
+    std::size_t m_size = 0;
+    std::size_t m_capacity = 0;
 };
 
 struct alignas(std::max_align_t) ResultHeader {
-    std::int32_t kind;        ///< OLM_DSESS_ADMIN_FREE_*
-    TextArena::Block* texts;  ///< of the records, or null
-    char* names;              ///< lists of names of the records, or null
+    std::int32_t kind;       ///< OLM_DSESS_ADMIN_FREE_*
+    TextArena::Chain texts;  ///< of the records
+    MallocPtr names;         ///< lists of names of the records
 };
 
 using NameList = ReallocArray<char*>;
@@ -133,8 +115,8 @@ Record* makeResult(std::int32_t kind, RecordList<Record>& records, TextArena& te
     if (records.size() == 0) {
         return nullptr;
     }
-    auto* header = reinterpret_cast<ResultHeader*>(records.release());
-    *header = {kind, texts.release(), names.release()};
+    records.trim();
+    auto* header = new (records.release().release()) ResultHeader{kind, texts.release(), names.release()};
     return reinterpret_cast<Record*>(header + 1);
 }
 
