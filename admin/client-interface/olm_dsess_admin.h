@@ -27,17 +27,17 @@
  *     library's until it is handed back with olm_dsess_admin_free, once, by nothing else. The utility hands
  *     back what it got before it makes another request.
  *  7. Calls are made from one thread, one at a time; olm_dsess_admin_interrupt alone from anywhere. The trace
- *     function is called from inside them, on that thread.
+ *     function is called from inside them, on that thread. What it throws is passed over; it must not end the
+ *     thread. A thread that is cancelled meanwhile ends after the call.
  *  8. A request that only reads may be sent to several locations in turn. A change is carried out once at most,
  *     whatever is lost on the way: it may be sent again only where it is known by its identifier, and if nobody
  *     tells in time what became of it, its status says just that. Once some of it left, only a server's own
  *     refusal counts as word that it was not carried out.
- *  9. Of the process around it this library changes what follows; another one may do otherwise. It sets libcurl
- *     up, with functions that wipe what is freed, unless the program did so first, and ends it with the last
- *     context. It ignores SIGPIPE while it writes, and puts it back. One descriptor, for
- *     olm_dsess_admin_interrupt, stays open. Contexts with `fips_enabled` bind all of the process's use of
- *     OpenSSL's default context to the FIPS provider until they are shut down. A child process after fork(2)
- *     makes contexts of its own.
+ *  9. Of the process around it this library changes what follows; another one may do otherwise. One descriptor,
+ *     for olm_dsess_admin_interrupt, stays open, and the library stays loaded. A name lookup that hangs is left
+ *     to a thread, which gets no signals. Contexts with `fips_enabled` bind all of the process's use of OpenSSL's
+ *     default context to the FIPS provider until they are shut down. A child process after fork(2) makes
+ *     connections of its own, and an interrupt reaches the process that calls it alone.
  */
 #ifndef OLM_DSESS_ADMIN_H
 #define OLM_DSESS_ADMIN_H

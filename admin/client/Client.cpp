@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <new>
 #include <optional>
-#include <stdexcept>
 
 #include "admin/client/Interruption.h"
 #include "protocol/protocol.h"
@@ -109,7 +108,8 @@ Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
     : m_timeout(std::chrono::seconds(timeoutSeconds == 0 ? kDefaultTimeoutSeconds : timeoutSeconds)),
       m_urls(std::move(urls)),
       m_trace(trace),
-      m_tlsPolicy(tlsSettings, trace) {}
+      m_tlsPolicy(tlsSettings, trace),
+      m_transport(m_tlsPolicy) {}
 
 std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
                               std::span<const RequestParameter> parameters, Answer& answer) {
@@ -141,13 +141,7 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
     shown.password = security.password == nullptr ? nullptr : "***";
     m_trace.line(kTraceMessage, "request: " + std::string(contents(writeRequest(id, operation.method, shown, all))));
     try {
-        if (!m_transport) {
-            m_transport.emplace(m_tlsPolicy);
-        }
         return tryLocations(request, answer);
-    } catch (const std::runtime_error& lacking) {
-        m_trace.line(kTraceAlways, lacking.what());
-        return kStatusTlsFailure;
     } catch (const std::bad_alloc&) {
         return request.isOpen ? kStatusOutcomeUnknown : kStatusNoMemory;
     }
@@ -164,7 +158,7 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
         const std::string& url = m_urls[index];
         const auto now = Clock::now();
         const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
-        const Attempt attempt = tryLocation(url, request, {now + share, request.operation.changes, share}, answer);
+        const Attempt attempt = tryLocation(url, request, now + share, request.operation.changes, answer);
         if (attempt.failure == AttemptFailure::kNone) {
             return finish(index, request, answer);
         }
@@ -196,7 +190,7 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
         const auto share =
             std::min<Clock::duration>(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
         m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
-        const Attempt attempt = tryLocation(m_urls[index], request, {now + share, false, share}, answer);
+        const Attempt attempt = tryLocation(m_urls[index], request, now + share, false, answer);
         if (attempt.failure == AttemptFailure::kNone && isFinal(answer)) {
             return finish(index, request, answer);
         }
@@ -204,23 +198,24 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
     }
 }
 
-Attempt Client::tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer) {
-    answer = Answer();
-    Attempt attempt = m_transport->post(url, request.body, limits);
+Attempt Client::tryLocation(const std::string& url, Request& request, Clock::time_point end, bool leavesTime,
+                            Answer& answer) {
+    const auto now = Clock::now();
+    AnswerReader reader(request.operation.shape, request.id);
+    // Only a listing is long: any other answer that has not come whole by then never may.
+    const AttemptLimits limits{end, leavesTime, request.operation.shape == AnswerShape::kSessions, end - now};
+    Attempt attempt = m_transport.post(url, request.body, limits, reader);
     const bool wasOpen = request.isOpen;
     request.isOpen = request.operation.changes && (wasOpen || attempt.mayHaveActed);
     if (attempt.failure == AttemptFailure::kNoMemory) {
         throw std::bad_alloc();
     }
-    if (attempt.failure == AttemptFailure::kNone) {
-        AnswerReader reader(request.operation.shape, request.id);
-        const bool isWhole = reader.read(attempt.text) && reader.finish();
+    if (!reader.head().empty()) {
         m_trace.line(kTraceMessage, "answer: " + excerpt(request, reader.head()));
+    }
+    if (attempt.failure == AttemptFailure::kNone) {
         answer = std::move(reader.answer());
-        if (!isWhole) {
-            attempt.failure = AttemptFailure::kNotUnderstood;
-            attempt.cause = "answer not understood: " + reader.problem();
-        } else if (isError(answer, protocol::error::kOtherCluster)) {
+        if (isError(answer, protocol::error::kOtherCluster)) {
             request.isOpen = wasOpen;
             attempt.failure = AttemptFailure::kRefused;
             attempt.cause = excerpt(request, answer.errorMessage);

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <map>
-#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -62,8 +61,9 @@ class Client {
     std::uint32_t tryLocations(Request& request, Answer& answer);
     /// Asks until the time is up what became of a change that the location of this index may have carried out.
     std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
-    /// One attempt, with its answer parsed.
-    Attempt tryLocation(const std::string& url, Request& request, const AttemptLimits& limits, Answer& answer);
+    /// One attempt, with its answer read.
+    Attempt tryLocation(const std::string& url, Request& request, Clock::time_point end, bool leavesTime,
+                        Answer& answer);
     /// Makes the location of this index the first to ask and returns what its answer means.
     std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
     /// Shows at once what the locations failed of, each cause in a line of its own.
@@ -78,7 +78,7 @@ class Client {
     std::vector<std::string> m_urls;  // the one that last answered first
     const Trace m_trace;
     TlsPolicy m_tlsPolicy;
-    std::optional<HttpTransport> m_transport;  // from the first request on: not every run has one
+    HttpTransport m_transport;
     std::int32_t m_lastId = 0;
     std::string m_clusterId;  // of the last answer; empty: not told
 };

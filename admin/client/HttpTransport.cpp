@@ -1,46 +1,53 @@
 #include "admin/client/HttpTransport.h"
 
-#include <malloc.h>
-#include <strings.h>
+#include <openssl/err.h>
+#include <openssl/ssl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
+#include <boost/asio/as_tuple.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/compose.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/buffers_range.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/empty_body.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/read.hpp>
 #include <cerrno>
-#include <charconv>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <limits>
 #include <new>
-#include <stdexcept>
+#include <optional>
 #include <string_view>
 
+#include "admin/client/AnswerHead.h"
+#include "admin/client/Connecting.h"
 #include "admin/client/Interruption.h"
+#include "admin/client/Location.h"
 #include "protocol/protocol.h"
-#include "runtime/qel_ascii.h"
 
 namespace olmdsess {
 
 namespace {
 
+namespace beast = boost::beast;
+namespace http = beast::http;
+
 constexpr char kCutShort[] = "it was cut short";
 constexpr char kNoConnection[] = "no connection";
-constexpr char kHeadTooLong[] = "its head is too long";
-constexpr char kNotHttp[] = "it is not HTTP/1.1";
-constexpr char kTooLong[] = "it is too long";
-
-std::string_view withoutBlanks(std::string_view text) {
-    const char* const blanks = " \t\r\n";
-    const std::size_t first = text.find_first_not_of(blanks);
-    return first == std::string_view::npos ? std::string_view()
-                                           : text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
+constexpr char kEnded[] = "the connection ended before an answer";
+constexpr char kEndedPerhapsForTls[] = "the connection ended before an answer, as by a server that expects TLS";
+constexpr char kNoTls[] = "no TLS connection: ";
 
 Attempt failed(AttemptFailure failure, std::string cause) {
-    Attempt attempt;
-    attempt.failure = failure;
-    attempt.cause = std::move(cause);
-    return attempt;
+    return {failure, std::move(cause)};
 }
 
 Attempt notUnderstood(const std::string& why) {
@@ -62,69 +69,108 @@ Attempt httpStatusFailure(int status) {
     return notUnderstood(cause);  // a redirection, for one, which no session server sends
 }
 
-/// What happens to one request on its way: filled by libcurl's callbacks.
-class Exchange {
-  public:
-    /// `sent` counts how often any of the request can have left, and outlives the object.
-    Exchange(const std::string& url, const AttemptLimits& limits, TlsPolicy& tlsPolicy, int& sent)
-        : secure(qel_ascii_equal(std::string_view(url).substr(0, 6), "https:")),
-          policy(tlsPolicy),
-          m_limits(limits),
-          m_sent(sent) {}
+/// Ends an attempt that has failed, whatever it was about to do.
+struct Failed {
+    Attempt attempt;
+};
 
-    /// A connection is about to be made, perhaps in place of a kept one that turned out to be closed: what that one
-    /// failed of is no longer the cause.
-    void onConnecting() {
-        m_sentHere = false;
-        policy.beginConnection();
+/// A connection that counts the bytes that left through it: what has been sent is known, whatever the layers above it
+/// make of an error. As long as a write has not been counted, a byte of it may have left. A stream as Asio's composed
+/// operations take it.
+class Wire {
+  public:
+    using executor_type = tcp::socket::executor_type;
+    using lowest_layer_type = tcp::socket::lowest_layer_type;
+
+    explicit Wire(tcp::socket socket) : m_socket(std::move(socket)) {}
+
+    executor_type get_executor() { return m_socket.get_executor(); }
+    lowest_layer_type& lowest_layer() { return m_socket.lowest_layer(); }
+    tcp::socket& socket() { return m_socket; }
+    std::size_t written() const { return m_written + (m_isWriting ? 1 : 0); }
+
+    template <class Buffers, class Token>
+    auto async_read_some(const Buffers& buffers, Token&& token) {
+        return m_socket.async_read_some(buffers, std::forward<Token>(token));
+    }
+    template <class Buffers, class Token>
+    auto async_write_some(const Buffers& buffers, Token&& token) {
+        const auto write = [this, buffers, begun = false](auto& self, ErrorCode error = {},
+                                                          std::size_t count = 0) mutable {
+            if (!begun) {
+                begun = m_isWriting = true;
+                m_socket.async_write_some(buffers, std::move(self));
+            } else {
+                m_isWriting = false;
+                m_written += count;
+                self.complete(error, count);
+            }
+        };
+        return net::async_compose<Token, void(ErrorCode, std::size_t)>(write, token, m_socket);
     }
 
-    /// The connection is there and the request is about to be sent, perhaps for another time.
-    void onConnected() {
-        ++m_sent;
-        m_sentHere = true;
+  private:
+    tcp::socket m_socket;
+    std::size_t m_written = 0;
+    bool m_isWriting = false;
+};
+
+/// A connection to one location. Its address stays, for TLS refers to its parts.
+struct Connection {
+    Connection(tcp::socket socket, const Location& to)
+        : wire(std::move(socket)), secure(to.secure), authority(to.authority) {}
+
+    bool leadsTo(const Location& location) const {
+        return secure == location.secure && authority == location.authority;
+    }
+
+    /// Whether it is at rest: the server has neither closed it nor said anything that nobody asked for.
+    bool isAtRest() {
+        char byte = 0;
+        return recv(wire.socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+    }
+
+    Wire wire;
+    const bool secure;
+    const std::string authority;
+    TlsReport report;
+    std::optional<net::ssl::stream<Wire&>> tls;
+};
+
+/// How far one exchange of a request for an answer has come, and until when it may take.
+class Exchange {
+  public:
+    enum class Stage { kLookup, kConnecting, kHandshake, kSent, kHead, kBody };
+
+    Exchange(const AttemptLimits& limits, AnswerReader& reader) : m_limits(limits), m_reader(reader) {}
+
+    Stage stage() const { return m_stage; }
+    void enter(Stage stage) { m_stage = stage; }
+
+    void onSending() {
+        m_stage = Stage::kSent;
         m_answered = m_limits.leavesTime ? Clock::now() + (m_limits.end - Clock::now()) / 2 : m_limits.end;
     }
 
-    bool onHeader(std::string_view line) {
-        m_headBytes += line.size();
-        if (m_headBytes > kMaxHeadBytes) {
-            return refuse(notUnderstood(kHeadTooLong));
-        }
-        if (m_inBody) {
-            return true;  // a trailer
-        }
-        if (line.substr(0, 5) == "HTTP/") {
-            // "HTTP/1.1 200 OK"; an interim answer (1xx) is followed by another one.
-            const std::size_t blank = line.find(' ');
-            m_status = 0;
-            m_isJson = false;
-            if (blank != std::string_view::npos) {
-                std::from_chars(line.data() + blank + 1, line.data() + line.size(), m_status);
-            }
-            return true;
-        }
-        const std::size_t colon = line.find(':');
-        if (colon == std::string_view::npos) {
-            return withoutBlanks(line).empty() && m_status >= 200 ? onHeadComplete() : true;
-        }
-        return onField(withoutBlanks(line.substr(0, colon)), withoutBlanks(line.substr(colon + 1)));
+    void onBodyBegin() {
+        m_stage = Stage::kBody;
+        m_bodyStart = m_windowStart = m_lastByte = Clock::now();
     }
 
-    bool onBody(const char* bytes, std::size_t count) {
-        if (text.size() + count > protocol::kMaxAnswerBytes) {
-            return refuse(notUnderstood(kTooLong));
-        }
-        text.append(bytes, count);
+    /// A piece of the body. False when the answer is none; problem() says why.
+    bool onBody(std::string_view piece) {
         m_lastByte = Clock::now();
-        m_windowBytes += static_cast<long>(count);
-        return true;
+        m_windowBytes += static_cast<long>(piece.size());
+        return m_reader.read(piece);
     }
 
-    /// When the exchange has to end unless something more comes.
+    /// When it has to end unless something more comes.
     Clock::time_point deadline() {
-        if (!m_inBody) {
-            return m_sentHere ? m_answered : m_limits.end;
+        if (m_stage < Stage::kSent) {
+            return m_limits.end;
+        }
+        if (m_stage != Stage::kBody || !m_limits.mayFlow) {
+            return m_answered;
         }
         const auto now = Clock::now();
         if (now >= m_windowStart + m_limits.silence && m_windowBytes >= leastBytesPerWindow()) {
@@ -136,474 +182,431 @@ class Exchange {
         return m_windowBytes < leastBytesPerWindow() ? std::min(windowEnd, silenceEnd) : silenceEnd;
     }
 
-    void onInterruption() { m_refusal = failed(AttemptFailure::kInterrupted, "interrupted"); }
-
-    /// Whether it was sent on the connection in hand.
-    bool sentHere() const { return m_sentHere; }
-    bool begun() const { return m_headBytes > 0; }
-    bool inBody() const { return m_inBody; }
-    Clock::duration flowed() const { return m_windowStart - m_bodyStart; }
-    /// Why a callback refused what came; no failure when none did.
-    Attempt takeRefusal() { return std::move(m_refusal); }
-    bool refused() const { return m_refusal.failure != AttemptFailure::kNone; }
-    const bool secure;
-    TlsPolicy& policy;
-    bool outOfMemory = false;
-    std::string text;
-    char error[CURL_ERROR_SIZE] = "";
+    Clock::duration flowed() const { return m_limits.mayFlow ? m_windowStart - m_bodyStart : Clock::duration(); }
+    const std::string& problem() const { return m_reader.problem(); }
+    AnswerReader& reader() { return m_reader; }
 
   private:
-    bool refuse(Attempt refusal) {
-        m_refusal = std::move(refusal);
-        return false;
-    }
-
-    bool onField(std::string_view name, std::string_view value) {
-        if (qel_ascii_equal(name, "Content-Type")) {
-            m_isJson = qel_ascii_equal(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
-        } else if (qel_ascii_equal(name, "Content-Encoding")) {
-            m_isEncoded = m_isEncoded || !qel_ascii_equal(value, "identity");
-        } else if (qel_ascii_equal(name, "Transfer-Encoding")) {
-            m_isEncoded = m_isEncoded || !qel_ascii_equal(value, "chunked");
-        }
-        return true;
-    }
-
-    bool onHeadComplete() {
-        if (m_status != 200) {
-            return refuse(httpStatusFailure(m_status));
-        }
-        if (m_isEncoded) {
-            return refuse(notUnderstood("it is compressed"));
-        }
-        if (!m_isJson) {
-            return refuse(notUnderstood(std::string("its type is not ") + protocol::kContentType));
-        }
-        m_inBody = true;
-        m_bodyStart = m_windowStart = m_lastByte = Clock::now();
-        return true;
-    }
-
     long leastBytesPerWindow() const {
         return kLeastBytesPerSecond * std::chrono::duration_cast<std::chrono::milliseconds>(m_limits.silence).count() /
                1000;
     }
 
     const AttemptLimits m_limits;
-    int& m_sent;
-    bool m_sentHere = false;
+    AnswerReader& m_reader;
+    Stage m_stage = Stage::kLookup;
     Clock::time_point m_answered;
-    bool m_inBody = false;
-    bool m_isJson = false;
-    bool m_isEncoded = false;
-    int m_status = 0;
-    std::size_t m_headBytes = 0;
     Clock::time_point m_bodyStart;
     Clock::time_point m_windowStart;
     Clock::time_point m_lastByte;
     long m_windowBytes = 0;
-    Attempt m_refusal;
 };
 
-/// Runs a callback's body: false, or memory that ran out, ends the transfer.
-template <class Body>
-bool guarded(void* exchange, Body body) noexcept {
-    try {
-        return body(*static_cast<Exchange*>(exchange));
-    } catch (const std::bad_alloc&) {
-        static_cast<Exchange*>(exchange)->outOfMemory = true;
-        return false;
-    }
-}
+/// What Beast hands an answer's body to, piece by piece (its concept "Body").
+struct AnswerBody {
+    using value_type = Exchange*;
 
-int connectingCallback(void* exchange, curl_socket_t, curlsocktype) {
-    static_cast<Exchange*>(exchange)->onConnecting();
-    return CURL_SOCKOPT_OK;
-}
+    class reader {
+      public:
+        template <bool isRequest, class Fields>
+        reader(http::header<isRequest, Fields>& /*head*/, value_type& exchange) : m_exchange(exchange) {}
 
-int connectedCallback(void* exchange, char*, char*, int, int) {
-    static_cast<Exchange*>(exchange)->onConnected();
-    return CURL_PREREQFUNC_OK;
-}
-
-std::size_t headerCallback(char* line, std::size_t, std::size_t length, void* exchange) {
-    return guarded(exchange, [&](Exchange& it) { return it.onHeader({line, length}); }) ? length : 0;
-}
-
-std::size_t bodyCallback(char* bytes, std::size_t, std::size_t count, void* exchange) {
-    // A count other than the one given ends the transfer, also for the empty piece that libcurl may pass.
-    return guarded(exchange, [&](Exchange& it) { return it.onBody(bytes, count); }) ? count : count + 1;
-}
-
-CURLcode tlsCallback(CURL*, void* context, void* policy) {
-    return static_cast<TlsPolicy*>(policy)->configure(static_cast<SSL_CTX*>(context)) ? CURLE_OK
-                                                                                      : CURLE_SSL_CERTPROBLEM;
-}
-
-template <class Value>
-void set(CURL* easy, CURLoption option, Value value) {
-    const CURLcode code = curl_easy_setopt(easy, option, value);
-    if (code == CURLE_OUT_OF_MEMORY) {
-        throw std::bad_alloc();
-    }
-    if (code != CURLE_OK) {
-        throw std::runtime_error(curl_easy_strerror(code));
-    }
-}
-
-long milliseconds(Clock::duration duration) {
-    const auto count = std::chrono::ceil<std::chrono::milliseconds>(duration).count();
-    return static_cast<long>(std::clamp<decltype(count)>(count, 0, std::numeric_limits<int>::max()));
-}
-
-constexpr std::size_t kReceiveBytes = std::size_t{256} * 1024;
-// A buffer that grows doubles: none that a request goes into becomes as large as the one for what is received.
-static_assert(2 * (protocol::kMaxRequestBytes + kMaxHeadBytes) <= kReceiveBytes);
-
-void wipingFree(void* block) {
-    if (block == nullptr) {
-        return;
-    }
-    if (const std::size_t size = malloc_usable_size(block); size < kReceiveBytes) {
-        explicit_bzero(block, size);
-    }
-    std::free(block);
-}
-
-/// Whether an allocation failed in the request in hand. libcurl ends in CURLE_OUT_OF_MEMORY also when a line is longer
-/// than it takes, which is no lack of memory. It allocates on its name lookup's thread too.
-std::atomic<bool> allocationFailed = false;
-
-template <class Block>
-Block* noted(Block* block) {
-    allocationFailed = allocationFailed || block == nullptr;
-    return block;
-}
-
-void* notingMalloc(std::size_t size) {
-    return noted(std::malloc(size));
-}
-
-void* notingCalloc(std::size_t count, std::size_t size) {
-    return noted(std::calloc(count, size));
-}
-
-char* notingStrdup(const char* text) {
-    return noted(strdup(text));
-}
-
-void* wipingRealloc(void* block, std::size_t size) {
-    void* larger = notingMalloc(size);
-    if (larger != nullptr && block != nullptr) {
-        std::memcpy(larger, block, std::min(size, malloc_usable_size(block)));
-        wipingFree(block);
-    }
-    return larger;
-}
-
-/// Lends the easy handle to the multi handle. Taking it back closes a connection that is not at rest.
-class Transfer {
-  public:
-    Transfer(CURLM* multi, CURL* easy) : m_multi(multi), m_easy(easy) {
-        if (curl_multi_add_handle(m_multi, m_easy) != CURLM_OK) {
-            throw std::bad_alloc();
+        static void init(const boost::optional<std::uint64_t>& /*length*/, ErrorCode& error) { error = {}; }
+        template <class Buffers>
+        std::size_t put(const Buffers& buffers, ErrorCode& error) {
+            error = {};
+            std::size_t taken = 0;
+            for (const net::const_buffer piece : beast::buffers_range_ref(buffers)) {
+                if (!m_exchange->onBody({static_cast<const char*>(piece.data()), piece.size()})) {
+                    error = http::make_error_code(http::error::bad_value);
+                    break;
+                }
+                taken += piece.size();
+            }
+            return taken;
         }
-    }
-    ~Transfer() { curl_multi_remove_handle(m_multi, m_easy); }
-    Transfer(const Transfer&) = delete;
-    Transfer& operator=(const Transfer&) = delete;
+        static void finish(ErrorCode& error) { error = {}; }
 
-    /// Runs until libcurl is done, until the exchange's deadline, or until it is interrupted.
-    CURLcode run(Exchange& exchange) {
-        for (;;) {
-            int running = 0;
-            int queued = 0;
-            if (curl_multi_perform(m_multi, &running) != CURLM_OK) {
-                return CURLE_OUT_OF_MEMORY;
-            }
-            if (const CURLMsg* message = curl_multi_info_read(m_multi, &queued)) {
-                return message->data.result;
-            }
-            const auto deadline = exchange.deadline();
-            const auto now = Clock::now();
-            if (now >= deadline) {
-                return CURLE_OPERATION_TIMEDOUT;
-            }
-            if (interruption::isOn()) {
-                exchange.onInterruption();
-                return CURLE_ABORTED_BY_CALLBACK;
-            }
-            curl_waitfd interrupted{interruption::descriptor(), CURL_WAIT_POLLIN, 0};
-            const int patience = static_cast<int>(milliseconds(deadline - now));
-            if (const CURLMcode code = curl_multi_poll(m_multi, &interrupted, 1, patience, nullptr); code != CURLM_OK) {
-                return code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
-            }
-            if (interrupted.revents != 0) {
-                interruption::rest();
-            }
-        }
-    }
-
-  private:
-    CURLM* m_multi;
-    CURL* m_easy;
+      private:
+        value_type& m_exchange;  // is set later
+    };
 };
 
-std::string timeoutCause(CURL* easy, const Exchange& exchange) {
-    if (exchange.inBody()) {
-        return "the rest of the answer did not come in time";
-    }
-    if (exchange.sentHere()) {
-        return "no answer in time";
-    }
-    curl_off_t lookedUp = 0;
-    curl_easy_getinfo(easy, CURLINFO_NAMELOOKUP_TIME_T, &lookedUp);
-    return exchange.policy.handshakeBegun() ? "no TLS handshake in time"
-           : lookedUp == 0                  ? "name lookup failed: no answer in time"
-                                            : "no connection in time";
+using AnswerParser = http::response_parser<AnswerBody>;
+
+std::string_view textOf(const beast::flat_buffer& buffer) {
+    return {static_cast<const char*>(buffer.data().data()), buffer.size()};
 }
 
-int systemError(CURL* easy) {
-    long number = 0;
-    curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
-    return static_cast<int>(number);
+bool isOutOfMemory(const ErrorCode& error) {
+    return error == boost::system::errc::not_enough_memory ||
+           (error.category() == net::error::get_ssl_category() &&
+            ERR_GET_REASON(static_cast<unsigned long>(error.value())) == ERR_R_MALLOC_FAILURE);
 }
 
-std::string systemCause(CURL* easy, const char* otherwise) {
-    const int number = systemError(easy);
-    if (number == ECONNREFUSED) {
+std::string systemCause(const ErrorCode& error, const char* otherwise) {
+    if (error == net::error::connection_refused) {
         return "connection refused";
     }
-    return number == 0 ? otherwise : std::string(otherwise) + ": " + std::strerror(number);
+    return error.category() == boost::system::system_category() ? otherwise + (": " + error.message()) : otherwise;
 }
 
-/// libcurl's words for a failed handshake, but for those in which it says that the connection simply ended.
-std::string handshakeCause(std::string_view words) {
-    const auto says = [words](const char* what) { return words.find(what) != std::string_view::npos; };
-    const bool ended = says("SSL_ERROR_SYSCALL") || says("unexpected eof") || says("Connection reset");
-    if (says("wrong version number")) {
-        return "no TLS connection: what answers there does not speak TLS";
+std::string handshakeCause(const ErrorCode& error) {
+    if (error.category() != net::error::get_ssl_category()) {
+        return std::string(kNoTls) + "the server ended the connection in the handshake";
     }
-    return "no TLS connection: " + (ended ? "the server ended the connection in the handshake" : std::string(words));
+    const auto code = static_cast<unsigned long>(error.value());
+    if (ERR_GET_LIB(code) == ERR_LIB_SSL &&
+        (ERR_GET_REASON(code) == SSL_R_WRONG_VERSION_NUMBER || ERR_GET_REASON(code) == SSL_R_HTTP_REQUEST)) {
+        return std::string(kNoTls) + "what answers there does not speak TLS";
+    }
+    const char* reason = ERR_reason_error_string(code);
+    return std::string(kNoTls) + (reason == nullptr ? error.message() : reason);
 }
 
-/// Why no secure connection came about, or empty when it is not of that.
-std::string tlsCause(CURLcode code, const Exchange& exchange) {
-    const TlsPolicy& policy = exchange.policy;
-    if (!policy.certificateProblem().empty()) {
-        return "the server's certificate " + policy.certificateProblem();
+std::string timeoutCause(Exchange::Stage stage) {
+    switch (stage) {
+        case Exchange::Stage::kLookup:
+            return "name lookup failed: no answer in time";
+        case Exchange::Stage::kConnecting:
+            return "no connection in time";
+        case Exchange::Stage::kHandshake:
+            return "no TLS handshake in time";
+        case Exchange::Stage::kSent:
+        case Exchange::Stage::kHead:
+            return "no answer in time";
+        case Exchange::Stage::kBody:
+            return "the rest of the answer did not come in time";
     }
-    if (policy.certificateAlert() != nullptr) {
-        return std::string("our certificate was refused: ") + policy.certificateAlert() +
-               (policy.hasIdentity() ? " (" + policy.identityText() + ")" : ", and the key file holds none");
-    }
-    if (exchange.sentHere()) {
-        return {};
-    }
-    switch (code) {
-        case CURLE_PEER_FAILED_VERIFICATION:
-            return std::string("the server's certificate: ") + exchange.error;
-        case CURLE_COULDNT_CONNECT:
-        case CURLE_SSL_CONNECT_ERROR:
-        case CURLE_SSL_CERTPROBLEM:
-        case CURLE_SSL_CIPHER:
-        case CURLE_SSL_ENGINE_NOTFOUND:
-        case CURLE_SSL_ENGINE_SETFAILED:
-        case CURLE_SSL_CACERT_BADFILE:
-        case CURLE_USE_SSL_FAILED:
-            return handshakeCause(exchange.error);
-        default:
-            return {};
-    }
+    return {};
 }
 
 /// Whether the server said that it did nothing.
-bool isRefusal(AttemptFailure failure, const TlsPolicy& policy) {
-    switch (failure) {
+bool isRefusal(const Attempt& attempt, const Connection* connection) {
+    switch (attempt.failure) {
         case AttemptFailure::kRefused:
         case AttemptFailure::kNotServed:
         case AttemptFailure::kBusy:
             return true;
         case AttemptFailure::kTls:
-            return policy.refusalProven();
+            return connection != nullptr && connection->report.refusalProven;
         default:
             return false;
     }
 }
 
-/// What libcurl's result means.
-Attempt judge(CURL* easy, CURLcode code, Exchange& exchange) {
-    if (exchange.refused()) {
-        return exchange.takeRefusal();
-    }
-    switch (code) {
-        case CURLE_OK:
-            return exchange.inBody() ? Attempt() : notUnderstood(kCutShort);
-        case CURLE_COULDNT_RESOLVE_HOST:
-            return failed(AttemptFailure::kUnreachable, "name lookup failed");
-        case CURLE_URL_MALFORMAT:
-        case CURLE_LOGIN_DENIED:
-            return failed(AttemptFailure::kUnreachable, "this is not a usable URL");
-        case CURLE_COULDNT_CONNECT:
-            if (exchange.secure && systemError(easy) == ECONNRESET) {
-                break;  // as the same reset a moment later, in the handshake
-            }
-            return failed(AttemptFailure::kUnreachable, systemCause(easy, kNoConnection));
-        case CURLE_OPERATION_TIMEDOUT:
-            return failed(AttemptFailure::kTimedOut, timeoutCause(easy, exchange));
-        case CURLE_OUT_OF_MEMORY:
-            return notUnderstood(kHeadTooLong);  // a line of more than 100 KiB
-        case CURLE_FILESIZE_EXCEEDED:
-            return notUnderstood(kTooLong);
-        default:
-            break;
-    }
-    if (exchange.begun()) {
-        return notUnderstood(code == CURLE_PARTIAL_FILE || code == CURLE_RECV_ERROR ? kCutShort : kNotHttp);
-    }
-    if (code == CURLE_UNSUPPORTED_PROTOCOL || code == CURLE_WEIRD_SERVER_REPLY) {
-        return exchange.sentHere() ? notUnderstood(kNotHttp)
-                                   : failed(AttemptFailure::kUnreachable, "this is not a usable URL");
-    }
-    if (std::string cause = tlsCause(code, exchange); !cause.empty()) {
-        return failed(AttemptFailure::kTls, std::move(cause));
-    }
-    const char* cause = !exchange.sentHere() ? kNoConnection
-                        : exchange.secure    ? "the connection ended before an answer"
-                                             : "the connection ended before an answer, as by a server that expects TLS";
-    return failed(AttemptFailure::kUnreachable, systemCause(easy, cause));
+/// The request's head and body in one piece: what wipes its memory holds the only copy.
+SecretBuffer requestText(const Location& location, const SecretBuffer& body) {
+    std::string head = "POST " + location.path + " HTTP/1.1\r\nHost: " + location.authority +
+                       "\r\nContent-Type: " + protocol::kContentType + "\r\nAccept: " + protocol::kContentType +
+                       "\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+    SecretBuffer text;
+    text.reserve(head.size() + body.size());
+    text.insert(text.end(), head.begin(), head.end());
+    text.insert(text.end(), body.begin(), body.end());
+    return text;
 }
 
 }  // namespace
 
-HttpTransport::CurlLibrary::CurlLibrary() {
-    // libcurl copies a request to put it behind its head.
-    if (curl_global_init_mem(CURL_GLOBAL_DEFAULT, notingMalloc, wipingFree, wipingRealloc, notingStrdup,
-                             notingCalloc) != CURLE_OK) {
-        throw std::bad_alloc();
+/// All that waits: the event loop, and the connection in use. Once an exchange in it is left unfinished, or an
+/// exception has left it, it is good for nothing but its end.
+class HttpTransport::Wires {
+  public:
+    explicit Wires(const TlsPolicy& policy) : m_policy(policy), m_interrupted(m_loop, interruption::descriptor()) {}
+    ~Wires() {
+        leaveParent();
+        if (m_isReusable && m_connection != nullptr && m_connection->tls) {
+            farewell();
+        }
+        static_cast<void>(m_interrupted.release());
     }
-}
+    Wires(const Wires&) = delete;
+    Wires& operator=(const Wires&) = delete;
 
-HttpTransport::CurlLibrary::~CurlLibrary() {
-    curl_global_cleanup();
-}
+    Attempt post(const Location& location, const SecretBuffer& body, const AttemptLimits& limits,
+                 AnswerReader& reader) {
+        leaveParent();
+        m_location = &location;
+        m_request = requestText(location, body);
+        if (m_connection != nullptr && !(m_connection->leadsTo(location) && m_connection->isAtRest())) {
+            m_connection.reset();
+        }
+        const bool isKept = m_connection != nullptr;
+        m_sentBefore = 0;
+        Attempt attempt = run(limits, reader);
+        if (isKept && hasSent() && attempt.failure == AttemptFailure::kUnreachable) {
+            // The server closed the kept connection just when it was to be used again.
+            m_connection.reset();
+            m_sentBefore = 1;
+            attempt = run(limits, reader);
+        }
+        // What was said of the last time is not said of one before it.
+        attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore > 0 : mayHaveSent();
+        attempt.flowed = m_exchange->flowed();
+        if (!m_isReusable && !m_isUnfinished) {
+            m_connection.reset();
+        }
+        m_request = SecretBuffer();
+        return attempt;
+    }
 
-HttpTransport::HttpTransport(TlsPolicy& policy) : m_policy(policy), m_multi(curl_multi_init()) {
-    const std::string type = protocol::kContentType;
-    for (const std::string& header : {"Content-Type: " + type, "Accept: " + type, std::string("Expect:")}) {
-        curl_slist* longer = curl_slist_append(m_headers.get(), header.c_str());
-        if (longer == nullptr) {
+    bool isUnfinished() const { return m_isUnfinished; }
+    /// Whether any of the request in hand has left.
+    bool mayHaveSent() const { return m_sentBefore > 0 || hasSent(); }
+
+  private:
+    bool hasSent() const { return m_connection != nullptr && m_connection->wire.written() > m_writtenBefore; }
+
+    /// In a child process after fork(2): what the loop waits for, and the connection, are the parent's.
+    void leaveParent() {
+        if (m_process != getpid()) {
+            m_process = getpid();
+            m_loop.notify_fork(net::execution_context::fork_child);
+            m_connection.reset();
+        }
+    }
+
+    /// Tells the server that the connection ends here, without waiting for its answer (RFC 8446, section 6.1).
+    void farewell() noexcept {
+        try {
+            m_connection->tls->async_shutdown([](const ErrorCode&) {});
+            m_loop.restart();
+            m_loop.poll();
+        } catch (const std::exception&) {
+            return;  // it ends without a word then
+        }
+    }
+
+    /// Runs an exchange until it has ended, its deadline has come, or somebody asks to give up. One that is left then
+    /// is thrown away with the loop that it waits in: nothing has to be cancelled, and nothing can refuse to be.
+    Attempt run(const AttemptLimits& limits, AnswerReader& reader) {
+        m_exchange.emplace(limits, reader);
+        m_isReusable = false;
+        m_isUnfinished = true;
+        Attempt attempt;
+        net::co_spawn(m_loop, exchange(), [&](const std::exception_ptr& problem, Attempt result) {
+            m_isUnfinished = false;
+            attempt = problem == nullptr ? std::move(result) : Attempt{AttemptFailure::kNoMemory};
+        });
+        while (m_isUnfinished) {
+            const auto deadline = m_exchange->deadline();
+            if (!m_isWatching) {
+                watchForInterruption();
+            }
+            if (m_loop.run_one_until(deadline) == 0 && Clock::now() >= m_exchange->deadline()) {
+                return failed(AttemptFailure::kTimedOut, timeoutCause(m_exchange->stage()));
+            }
+            if (m_isUnfinished && interruption::isOn()) {
+                return failed(AttemptFailure::kInterrupted, "interrupted");
+            }
+        }
+        return attempt;
+    }
+
+    void watchForInterruption() {
+        m_interrupted.async_wait(net::posix::stream_descriptor::wait_read, [this](const ErrorCode&) {
+            m_isWatching = false;
+            interruption::rest();
+        });
+        m_isWatching = true;
+    }
+
+    /// The whole attempt, from the name of the host to the last byte of the answer.
+    net::awaitable<Attempt> exchange() {
+        try {
+            if (m_connection == nullptr) {
+                co_await connect();
+            }
+            if (m_connection->tls) {
+                co_await converse(*m_connection->tls);
+            } else {
+                co_await converse(m_connection->wire);
+            }
+            co_return Attempt();
+        } catch (Failed& failure) {
+            co_return std::move(failure.attempt);
+        } catch (const boost::system::system_error& error) {
+            co_return judge(error.code());
+        }
+    }
+
+    net::awaitable<void> connect() {
+        if (m_location->secure && !m_policy.trustsAnybody()) {
+            throw Failed{failed(AttemptFailure::kTls, "no TLS connection: there is no key file to say whom to trust")};
+        }
+        const std::vector<tcp::endpoint> addresses = co_await lookUp(m_location->host, m_location->port);
+        m_exchange->enter(Exchange::Stage::kConnecting);
+        m_connection = std::make_unique<Connection>(co_await connectToFirst(addresses), *m_location);
+        m_connection->wire.socket().set_option(tcp::no_delay(true));
+        m_writtenBefore = 0;
+        if (m_location->secure) {
+            m_exchange->enter(Exchange::Stage::kHandshake);
+            // The stream takes what it is given over, also when it throws.
+            auto& tls = m_connection->tls.emplace(
+                m_connection->wire, m_policy.makeConnection(m_location->host, m_connection->report).release());
+            if (SSL_get_rbio(tls.native_handle()) == nullptr) {
+                throw std::bad_alloc();
+            }
+            m_writtenBefore = std::numeric_limits<std::size_t>::max();  // of the handshake nothing counts as sent
+            co_await tls.async_handshake(net::ssl::stream_base::client, net::use_awaitable);
+        }
+    }
+
+    template <class Stream>
+    net::awaitable<void> converse(Stream& stream) {
+        m_writtenBefore = m_connection->wire.written();
+        m_exchange->onSending();
+        m_buffer.clear();
+        co_await net::async_write(stream, net::buffer(m_request), net::use_awaitable);
+        co_await readHead(stream);
+        co_await readBody(stream);
+    }
+
+    /// Leaves the head of the answer in the buffer, with what came behind it.
+    template <class Stream>
+    net::awaitable<void> readHead(Stream& stream) {
+        std::size_t left = kMaxHeadBytes;
+        AnswerHead head;
+        AnswerHead::State state;
+        while ((state = head.read(textOf(m_buffer))) != AnswerHead::State::kFinal) {
+            if (state == AnswerHead::State::kRefused || (state == AnswerHead::State::kInterim && head.size() > left)) {
+                throw Failed{notUnderstood(state == AnswerHead::State::kRefused ? head.problem() : kHeadTooLong)};
+            }
+            if (state == AnswerHead::State::kInterim) {
+                left -= head.size();
+                m_buffer.consume(head.size());
+                head = AnswerHead();
+                continue;
+            }
+            m_buffer.commit(co_await stream.async_read_some(m_buffer.prepare(m_buffer.max_size() - m_buffer.size()),
+                                                            net::use_awaitable));
+            m_exchange->enter(Exchange::Stage::kHead);
+        }
+        if (head.status() != 200) {
+            throw Failed{httpStatusFailure(head.status())};
+        }
+    }
+
+    template <class Stream>
+    net::awaitable<void> readBody(Stream& stream) {
+        AnswerParser parser;
+        parser.header_limit(kMaxHeadBytes);
+        parser.body_limit(protocol::kMaxAnswerBytes);
+        parser.get().body() = &*m_exchange;
+        m_exchange->onBodyBegin();
+        const auto [error, count] =
+            co_await http::async_read(stream, m_buffer, parser, net::as_tuple(net::use_awaitable));
+        if (isOutOfMemory(error)) {
             throw std::bad_alloc();
         }
-        static_cast<void>(m_headers.release());
-        m_headers.reset(longer);
+        if (error) {
+            throw Failed{notUnderstood(bodyProblem(error, parser.is_header_done()))};
+        }
+        if (!m_exchange->reader().finish()) {
+            throw Failed{notUnderstood(m_exchange->problem())};
+        }
+        m_isReusable = parser.keep_alive() && m_buffer.size() == 0;
     }
-    if (m_multi == nullptr) {
-        throw std::bad_alloc();
+
+    std::string bodyProblem(const ErrorCode& error, bool isHeaderDone) const {
+        if (!m_exchange->problem().empty()) {
+            return m_exchange->problem();
+        }
+        if (error == http::error::body_limit) {
+            return "it is too long";
+        }
+        const bool isDamaged = error.category() == http::make_error_code(http::error::bad_value).category() &&
+                               error != http::error::partial_message;
+        return !isDamaged ? kCutShort : isHeaderDone ? "its chunks are not HTTP/1.1" : kNotHttp;
     }
-    curl_multi_setopt(m_multi.get(), CURLMOPT_MAXCONNECTS, 1L);
-    static_cast<void>(makeEasy());  // shows what libcurl lacks before it is needed
-}
+
+    /// What an error of the system, or of TLS, means where the exchange stands.
+    Attempt judge(const ErrorCode& error) const {
+        if (isOutOfMemory(error)) {
+            return failed(AttemptFailure::kNoMemory, "");
+        }
+        switch (m_exchange->stage()) {
+            case Exchange::Stage::kLookup:
+                return failed(AttemptFailure::kUnreachable, "name lookup failed");
+            case Exchange::Stage::kConnecting:
+                if (!m_location->secure || error != net::error::connection_reset) {
+                    return failed(AttemptFailure::kUnreachable, systemCause(error, kNoConnection));
+                }
+                [[fallthrough]];  // the same reset, a moment earlier
+            case Exchange::Stage::kHandshake:
+                return failed(AttemptFailure::kTls, tlsCause(error));
+            case Exchange::Stage::kSent:
+                if (m_connection->report.certificateAlert != nullptr) {
+                    return failed(AttemptFailure::kTls, tlsCause(error));
+                }
+                return failed(AttemptFailure::kUnreachable,
+                              systemCause(error, m_location->secure ? kEnded : kEndedPerhapsForTls));
+            case Exchange::Stage::kHead:
+            case Exchange::Stage::kBody:
+                break;
+        }
+        return notUnderstood(kCutShort);
+    }
+
+    std::string tlsCause(const ErrorCode& error) const {
+        const TlsReport report = m_connection == nullptr ? TlsReport() : m_connection->report;
+        if (!report.certificateProblem.empty()) {
+            return "the server's certificate " + report.certificateProblem;
+        }
+        if (report.certificateAlert != nullptr) {
+            return std::string("our certificate was refused: ") + report.certificateAlert +
+                   (m_policy.hasIdentity() ? " (" + m_policy.identityText() + ")" : ", and the key file holds none");
+        }
+        return handshakeCause(error);
+    }
+
+    // What coroutines refer to goes after the loop that holds them; the loop goes after all that waits in it.
+    const TlsPolicy& m_policy;
+    const Location* m_location = nullptr;  // of the request in hand
+    SecretBuffer m_request;
+    std::optional<Exchange> m_exchange;
+    beast::flat_buffer m_buffer{kMaxHeadBytes};
+    int m_sentBefore = 0;             // times that the request was sent on another connection
+    std::size_t m_writtenBefore = 0;  // bytes that left the connection before the request
+    bool m_isReusable = false;
+    pid_t m_process = getpid();
+    bool m_isUnfinished = false;                                 // an exchange waits in the loop
+    bool m_isWatching = false;                                   // for an interruption
+    net::io_context m_loop{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE};  // for one thread
+    net::posix::stream_descriptor m_interrupted;
+    std::unique_ptr<Connection> m_connection;
+};
+
+HttpTransport::HttpTransport(const TlsPolicy& policy) : m_policy(policy) {}
 
 HttpTransport::~HttpTransport() = default;
 
-HttpTransport::EasyPtr HttpTransport::makeEasy() const {
-    EasyPtr owner(curl_easy_init());
-    if (owner == nullptr) {
-        throw std::bad_alloc();
-    }
-    CURL* easy = owner.get();
-    // libcurl keeps SIGPIPE from the process while it writes, unless told that there is no need: eight system calls a
-    // request.
-    struct sigaction pipe {};
-    sigaction(SIGPIPE, nullptr, &pipe);
-    set(easy, CURLOPT_NOSIGNAL, pipe.sa_handler == SIG_IGN ? 1L : 0L);
-    set(easy, CURLOPT_POST, 1L);
-    set(easy, CURLOPT_HTTPHEADER, m_headers.get());
-    set(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-    set(easy, CURLOPT_HTTP09_ALLOWED, 0L);
-    set(easy, CURLOPT_FOLLOWLOCATION, 0L);
-    set(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    set(easy, CURLOPT_PROXY, "");  // empty: none, whatever the environment says
-    set(easy, CURLOPT_DISALLOW_USERNAME_IN_URL, 1L);
-    set(easy, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(protocol::kMaxAnswerBytes));
-    set(easy, CURLOPT_BUFFERSIZE, static_cast<long>(kReceiveBytes));
-    set(easy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
-    set(easy, CURLOPT_SSL_VERIFYPEER, 1L);
-    set(easy, CURLOPT_SSL_VERIFYHOST, m_policy.namesServers() ? 0L : 2L);
-    if (m_policy.hasOwnAnchors()) {
-        set(easy, CURLOPT_CAINFO, static_cast<char*>(nullptr));
-        set(easy, CURLOPT_CAPATH, static_cast<char*>(nullptr));
-        set(easy, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NO_PARTIALCHAIN));  // the policy says how far
-    }
-    set(easy, CURLOPT_SSL_CTX_FUNCTION, tlsCallback);
-    set(easy, CURLOPT_SSL_CTX_DATA, &m_policy);
-    // A name lookup that hangs is left behind rather than waited for.
-    set(easy, CURLOPT_QUICK_EXIT, 1L);
-    set(easy, CURLOPT_SOCKOPTFUNCTION, connectingCallback);
-    set(easy, CURLOPT_PREREQFUNCTION, connectedCallback);
-    set(easy, CURLOPT_HEADERFUNCTION, headerCallback);
-    set(easy, CURLOPT_WRITEFUNCTION, bodyCallback);
-    return owner;
-}
-
-Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits) noexcept {
-    int sent = 0;
+Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits,
+                            AnswerReader& reader) noexcept {
     try {
-        bool fresh = false;
-        Attempt attempt = perform(fresh, sent, url, body, limits);
-        if (!fresh && sent > 0 && attempt.failure == AttemptFailure::kUnreachable) {
-            // The server closed the kept connection just when it was to be used again.
-            fresh = true;
-            attempt = perform(fresh, sent, url, body, limits);
+        const std::optional<Location> location = parseLocation(url);
+        if (!location) {
+            return failed(AttemptFailure::kUnreachable, "this is not a usable URL");
+        }
+        if (m_wires == nullptr) {
+            m_wires = std::make_unique<Wires>(m_policy);
+        }
+        const Attempt attempt = m_wires->post(*location, body, limits, reader);
+        if (m_wires->isUnfinished()) {
+            m_wires.reset();
         }
         return attempt;
+    } catch (const boost::system::system_error& lacking) {  // such as a descriptor
+        return abandon(failed(AttemptFailure::kUnreachable, systemCause(lacking.code(), kNoConnection)));
     } catch (const std::exception&) {
-        Attempt attempt;
-        attempt.failure = AttemptFailure::kNoMemory;
-        attempt.mayHaveActed = sent > 0;
-        return attempt;
+        return abandon({AttemptFailure::kNoMemory});
     }
 }
 
-Attempt HttpTransport::perform(bool& fresh, int& sent, const std::string& url, const SecretBuffer& body,
-                               const AttemptLimits& limits) {
-    Exchange exchange(url, limits, m_policy, sent);
-    // One for each request: libcurl before 8.0 keeps a pointer into the head of the last answer, which is gone, and
-    // goes there when the next answer's head begins with a continuation line.
-    const EasyPtr owner = makeEasy();
-    CURL* easy = owner.get();
-    set(easy, CURLOPT_URL, url.c_str());
-    set(easy, CURLOPT_POSTFIELDS, body.data());
-    set(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-    set(easy, CURLOPT_FRESH_CONNECT, fresh ? 1L : 0L);
-    // For libcurl to divide between several addresses of one name; 0 would mean its own default.
-    set(easy, CURLOPT_CONNECTTIMEOUT_MS, std::max(1L, milliseconds(limits.end - Clock::now())));
-    set(easy, CURLOPT_SOCKOPTDATA, &exchange);
-    set(easy, CURLOPT_PREREQDATA, &exchange);
-    set(easy, CURLOPT_HEADERDATA, &exchange);
-    set(easy, CURLOPT_WRITEDATA, &exchange);
-    set(easy, CURLOPT_ERRORBUFFER, exchange.error);
-    m_policy.beginConnection();
-    allocationFailed = false;
-
-    const CURLcode code = Transfer(m_multi.get(), easy).run(exchange);
-    // Once the request is sent, libcurl allocates by our functions alone: without a failure of theirs, a line was too
-    // long for it. With one, whatever it says has that for its cause.
-    if (exchange.outOfMemory || (code != CURLE_OK && allocationFailed) ||
-        (code == CURLE_OUT_OF_MEMORY && !exchange.sentHere())) {
-        throw std::bad_alloc();
-    }
-    long connectionsMade = 0;
-    curl_easy_getinfo(easy, CURLINFO_NUM_CONNECTS, &connectionsMade);
-    fresh = connectionsMade > 0;
-    Attempt attempt = judge(easy, code, exchange);
-    // What was said of the last time is not said of one before it.
-    attempt.mayHaveActed = sent > (isRefusal(attempt.failure, m_policy) ? 1 : 0);
-    attempt.flowed = exchange.flowed();
-    if (attempt.failure == AttemptFailure::kNone) {
-        attempt.text = std::move(exchange.text);
-    }
+Attempt HttpTransport::abandon(Attempt attempt) noexcept {
+    attempt.mayHaveActed = m_wires != nullptr && m_wires->mayHaveSent();
+    m_wires.reset();
     return attempt;
 }
 

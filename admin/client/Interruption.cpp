@@ -1,6 +1,8 @@
 #include "admin/client/Interruption.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -20,15 +22,31 @@ std::atomic<bool> g_on{false};
 std::atomic<int> g_descriptor{-1};
 static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
+int makeEvent() noexcept {
+    return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+/// In a child process after fork(2): puts an event of its own in the place of the parent's, which it would wake.
+void separate() noexcept {
+    const int own = makeEvent();
+    if (own >= 0) {
+        dup3(own, g_descriptor, O_CLOEXEC);
+        close(own);
+    } else {
+        g_descriptor = -1;  // its waits end only when their time is up
+    }
+}
+
 }  // namespace
 
 // The descriptor stays open as long as the process: a signal handler may be about to write to it.
 void prepare() {
     if (g_descriptor < 0) {
-        g_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        if (g_descriptor < 0) {
+        const int descriptor = makeEvent();
+        if (descriptor < 0 || pthread_atfork(nullptr, nullptr, separate) != 0) {
             throw std::bad_alloc();
         }
+        g_descriptor = descriptor;
     }
 }
 

@@ -17,10 +17,22 @@ namespace {
 
 constexpr int kExpiryWarningDays = 30;
 
-/// Where a context keeps the policy it was made for.
-int policyIndex() {
-    static const int index = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+/// Where a connection keeps its report.
+int reportIndex() {
+    static const int index = SSL_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
     return index;
+}
+
+TlsReport& reportOf(const SSL* connection) {
+    return *static_cast<TlsReport*>(SSL_get_ex_data(connection, reportIndex()));
+}
+
+/// What OpenSSL could not do although nothing is wrong with what it was given.
+void require(bool done) {
+    if (!done) {
+        ERR_clear_error();
+        throw std::bad_alloc();
+    }
 }
 
 bool isCertificateAlert(int description) {
@@ -39,16 +51,12 @@ bool isCertificateAlert(int description) {
 
 StorePtr makeStore(const std::vector<CertificatePtr>& certificates) {
     StorePtr store(X509_STORE_new());
-    if (store == nullptr) {
-        throw std::bad_alloc();
-    }
+    require(store != nullptr);
     for (const CertificatePtr& certificate : certificates) {
-        if (X509_STORE_add_cert(store.get(), certificate.get()) != 1) {
-            throw std::bad_alloc();
-        }
+        require(X509_STORE_add_cert(store.get(), certificate.get()) == 1);
     }
     // Every certificate of the file is trusted, also one that another CA has signed.
-    X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN);
+    require(X509_STORE_set_flags(store.get(), X509_V_FLAG_PARTIAL_CHAIN) == 1);
     return store;
 }
 
@@ -67,7 +75,7 @@ void dropCiphersWithoutSecurity(SSL_CTX* context) {
     }
     if (dropped) {
         // The names of TLS 1.3's are passed over: they have a list of their own, which has none of these.
-        SSL_CTX_set_cipher_list(context, secure.empty() ? "DEFAULT" : secure.c_str());
+        require(SSL_CTX_set_cipher_list(context, secure.empty() ? "DEFAULT" : secure.c_str()) == 1);
     }
 }
 
@@ -115,8 +123,8 @@ TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace) : 
     if (m_fips) {
         m_fips->enable();
     }
-    if (hasIdentity()) {
-        checkIdentity(settings.keyfile);
+    if (settings.keyfile != nullptr) {
+        makeContext();
     }
 }
 
@@ -143,9 +151,6 @@ void TlsPolicy::loadServerNames(const olm_dsess_admin_mv_string_t& names) {
 void TlsPolicy::load(const char* keyFile, const char* stash, const char* label) {
     m_keyFile = loadKeyFile(keyFile, stash, label);
     m_keyFileName = keyFile;
-    if (!m_keyFile.trusted.empty()) {
-        m_anchors = makeStore(m_keyFile.trusted);
-    }
     const std::string whose = std::string("of the key file ") + keyFile;
     if (hasIdentity()) {
         watchExpiry(whose.c_str(), m_keyFile.certificate.get());
@@ -155,7 +160,31 @@ void TlsPolicy::load(const char* keyFile, const char* stash, const char* label) 
     }
 }
 
-const X509* TlsPolicy::offerIdentity(SSL_CTX* context) const {
+void TlsPolicy::makeContext() {
+    m_context.reset(SSL_CTX_new(TLS_client_method()));
+    require(m_context != nullptr);
+    SSL_CTX* const context = m_context.get();
+    // OpenSSL's configuration may ask for a newer version.
+    if (SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) {
+        require(SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION) == 1);
+    }
+    dropCiphersWithoutSecurity(context);
+    // A resumed session would skip the check of the server's name; no certificate is asked for behind a request's back.
+    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
+    SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
+    SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+    SSL_CTX_set_cert_verify_callback(context, verifyCallback, this);
+    SSL_CTX_set_info_callback(context, infoCallback);
+    SSL_CTX_set_cert_cb(context, askedCallback, nullptr);
+    SSL_CTX_set1_cert_store(context, makeStore(m_keyFile.trusted).get());
+    if (const X509* refused = hasIdentity() ? offerIdentity() : nullptr) {
+        throw TlsProblem{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " +
+                                             m_keyFileName + " cannot be used: " + weaknessText(ERR_get_error())};
+    }
+}
+
+const X509* TlsPolicy::offerIdentity() const {
+    SSL_CTX* const context = m_context.get();
     // The chain is the key file's, not one that OpenSSL makes up to the first certificate that we trust.
     SSL_CTX_set_mode(context, SSL_MODE_NO_AUTO_CHAIN);
     if (SSL_CTX_use_certificate(context, m_keyFile.certificate.get()) != 1 ||
@@ -170,15 +199,21 @@ const X509* TlsPolicy::offerIdentity(SSL_CTX* context) const {
     return nullptr;
 }
 
-void TlsPolicy::checkIdentity(const char* keyFile) const {
-    const ContextPtr trial(SSL_CTX_new(TLS_client_method()));
-    if (trial == nullptr) {
-        throw std::bad_alloc();
+ConnectionPtr TlsPolicy::makeConnection(const std::string& host, TlsReport& report) const {
+    report = TlsReport();
+    ConnectionPtr connection(SSL_new(m_context.get()));
+    require(connection != nullptr && SSL_set_ex_data(connection.get(), reportIndex(), &report) == 1);
+    X509_VERIFY_PARAM* const wanted = SSL_get0_param(connection.get());
+    const bool isAddress = Octets(a2i_IPADDRESS(host.c_str())) != nullptr;
+    // A name is shown to the server too, which may have a certificate for each (RFC 6066, section 3).
+    require(isAddress || SSL_set_tlsext_host_name(connection.get(), host.c_str()) == 1);
+    if (m_serverNames.empty()) {
+        // The common name is no host name: a CA that may vouch for some names only is not held to that in it.
+        X509_VERIFY_PARAM_set_hostflags(wanted, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
+        require((isAddress ? X509_VERIFY_PARAM_set1_ip_asc(wanted, host.c_str())
+                           : X509_VERIFY_PARAM_set1_host(wanted, host.c_str(), host.size())) == 1);
     }
-    if (const X509* refused = offerIdentity(trial.get())) {
-        throw TlsProblem{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " + keyFile +
-                                             " cannot be used: " + weaknessText(ERR_get_error())};
-    }
+    return connection;
 }
 
 std::string TlsPolicy::identityText() const {
@@ -202,41 +237,11 @@ void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
     }
 }
 
-bool TlsPolicy::configure(SSL_CTX* context) {
-    // OpenSSL's configuration may ask for a newer version; libcurl leaves that alone, and so do we.
-    if (SSL_CTX_get_min_proto_version(context) < TLS1_2_VERSION) {
-        SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
-    }
-    dropCiphersWithoutSecurity(context);
-    // libcurl would write the keys of every connection to the file that SSLKEYLOGFILE names.
-    SSL_CTX_set_keylog_callback(context, nullptr);
-    // A resumed session would skip the check of the server's name; no certificate is asked for behind a request's back.
-    SSL_CTX_set_session_cache_mode(context, SSL_SESS_CACHE_OFF);
-    SSL_CTX_set_options(context, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION);
-    SSL_CTX_set_post_handshake_auth(context, 0);
-    SSL_CTX_set_cert_verify_callback(context, verifyCallback, this);
-    SSL_CTX_set_info_callback(context, infoCallback);
-    SSL_CTX_set_cert_cb(context, askedCallback, this);
-    if (SSL_CTX_set_ex_data(context, policyIndex(), this) != 1) {
-        return false;
-    }
-    if (m_anchors != nullptr) {
-        SSL_CTX_set1_cert_store(context, m_anchors.get());
-    }
-    return !hasIdentity() || offerIdentity(context) == nullptr;
-}
-
-void TlsPolicy::beginConnection() {
-    m_certificateProblem.clear();
-    m_certificateAlert = nullptr;
-    m_refusalProven = false;
-    m_certificateAsked = false;
-    m_handshakeBegun = false;
-}
-
 int TlsPolicy::verifyCallback(X509_STORE_CTX* chain, void* policy) {
+    const auto* connection =
+        static_cast<const SSL*>(X509_STORE_CTX_get_ex_data(chain, SSL_get_ex_data_X509_STORE_CTX_idx()));
     try {
-        if (static_cast<TlsPolicy*>(policy)->verify(chain)) {
+        if (static_cast<const TlsPolicy*>(policy)->verify(chain, reportOf(connection))) {
             return 1;
         }
     } catch (const std::bad_alloc&) {
@@ -248,19 +253,25 @@ int TlsPolicy::verifyCallback(X509_STORE_CTX* chain, void* policy) {
     return 0;
 }
 
-bool TlsPolicy::verify(X509_STORE_CTX* chain) {
+bool TlsPolicy::verify(X509_STORE_CTX* chain, TlsReport& report) const {
     const X509* server = X509_STORE_CTX_get0_cert(chain);
     if (X509_verify_cert(chain) != 1) {
+        const int error = X509_STORE_CTX_get_error(chain);
+        if (error == X509_V_ERR_OUT_OF_MEM) {
+            throw std::bad_alloc();
+        }
         const X509* culprit = X509_STORE_CTX_get_current_cert(chain);
         culprit = culprit == nullptr ? server : culprit;
-        m_certificateProblem = subjectText(culprit) + endText(culprit) + ": " +
-                               X509_verify_cert_error_string(X509_STORE_CTX_get_error(chain));
+        const bool isForAnother = error == X509_V_ERR_HOSTNAME_MISMATCH || error == X509_V_ERR_IP_ADDRESS_MISMATCH;
+        report.certificateProblem = subjectText(culprit) + endText(culprit) + ": " +
+                                    (isForAnother ? "its subjectAltName does not bear the location's host"
+                                                  : X509_verify_cert_error_string(error));
         return false;
     }
-    if (namesServers()) {
+    if (!m_serverNames.empty()) {
         const std::optional<DistinguishedName> name = subjectName(server);
         if (!name || std::find(m_serverNames.begin(), m_serverNames.end(), *name) == m_serverNames.end()) {
-            m_certificateProblem = subjectText(server) + ": this name is not on the list (server-dns)";
+            report.certificateProblem = subjectText(server) + ": this name is not on the list (server-dns)";
             X509_STORE_CTX_set_error(chain, X509_V_ERR_APPLICATION_VERIFICATION);
             return false;
         }
@@ -272,30 +283,30 @@ bool TlsPolicy::verify(X509_STORE_CTX* chain) {
     return true;
 }
 
-int TlsPolicy::askedCallback(SSL*, void* policy) {
-    static_cast<TlsPolicy*>(policy)->m_certificateAsked = true;
+int TlsPolicy::askedCallback(SSL* connection, void* /*unused*/) {
+    reportOf(connection).certificateAsked = true;
     return 1;
 }
 
 void TlsPolicy::infoCallback(const SSL* connection, int where, int value) {
-    auto* policy = static_cast<TlsPolicy*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(connection), policyIndex()));
-    policy->m_handshakeBegun = policy->m_handshakeBegun || (where & SSL_CB_HANDSHAKE_START) != 0;
     if ((where & SSL_CB_READ_ALERT) != SSL_CB_READ_ALERT) {
         return;
     }
+    TlsReport& report = reportOf(connection);
     const int description = value & 0xFF;
     const bool finished = SSL_is_init_finished(connection) != 0;
     const bool authenticated = finished && SSL_version(connection) == TLS1_3_VERSION;
     // Before TLS 1.3 a warning ends nothing. One that comes before the server asks for a certificate is not about ours.
-    if (!policy->m_certificateAsked || (!authenticated && value >> 8 != SSL3_AL_FATAL)) {
+    if (!report.certificateAsked || (!authenticated && value >> 8 != SSL3_AL_FATAL)) {
         return;
     }
     // Before TLS 1.3 there is no alert of its own for a certificate that was asked for and did not come.
-    const bool lacksCertificate = description == SSL_AD_CERTIFICATE_REQUIRED ||
-                                  (description == SSL_AD_HANDSHAKE_FAILURE && !policy->hasIdentity() && !finished);
+    const bool lacksCertificate =
+        description == SSL_AD_CERTIFICATE_REQUIRED ||
+        (description == SSL_AD_HANDSHAKE_FAILURE && SSL_get_certificate(connection) == nullptr && !finished);
     if (lacksCertificate || isCertificateAlert(description)) {
-        policy->m_certificateAlert = lacksCertificate ? "a certificate is required" : SSL_alert_desc_string_long(value);
-        policy->m_refusalProven = authenticated;
+        report.certificateAlert = lacksCertificate ? "a certificate is required" : SSL_alert_desc_string_long(value);
+        report.refusalProven = authenticated;
     }
 }
 

@@ -1,3 +1,5 @@
+#include <pthread.h>
+
 #include <algorithm>
 #include <cstring>
 #include <memory>
@@ -70,9 +72,23 @@ Client* findClient(const void* handleAddress) {
     return nullptr;
 }
 
+/// While it lives, a thread that is cancelled (pthreads(7)) goes on. It would end in the middle of a request otherwise,
+/// and nobody would be told what became of it.
+class Uncancelled {
+  public:
+    Uncancelled() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_before); }
+    ~Uncancelled() { pthread_setcancelstate(m_before, nullptr); }
+    Uncancelled(const Uncancelled&) = delete;
+    Uncancelled& operator=(const Uncancelled&) = delete;
+
+  private:
+    int m_before = PTHREAD_CANCEL_ENABLE;
+};
+
 /// No exception leaves the library; one that is not expected becomes `otherwise`.
 template <class Body>
 std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
+    const Uncancelled thread;
     try {
         return body();
     } catch (...) {
@@ -227,6 +243,7 @@ void olm_dsess_admin_release_handle(void* context, void** handle) {
 }
 
 void olm_dsess_admin_shutdown(void** context) {
+    const Uncancelled thread;
     if (context != nullptr) {
         std::erase_if(contexts(), [&](const auto& candidate) { return candidate.get() == *context; });
         *context = nullptr;

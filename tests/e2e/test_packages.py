@@ -12,7 +12,7 @@ CLIENT = "libolmdsess-admin-client"
 PACKAGES = [
     ("vexiladmin", f"{CLIENT}1 (>= 1.0)", "/etc/vexiladmin/vexilclicfg.conf\n", "bin/vexiladmin"),
     ("dsessd", "libpq5", "/etc/default/dsessd\n", "sbin/dsessd"),
-    (f"{CLIENT}1", "libcurl4", "", f"{CLIENT}.so.1"),
+    (f"{CLIENT}1", "libssl3", "", f"{CLIENT}.so.1"),
     (f"{CLIENT}-dev", f"{CLIENT}1 (= {VERSION})", "", "*client.so"),
 ]
 

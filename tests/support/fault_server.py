@@ -13,7 +13,8 @@ them the first is that of the first connection and so on; the last is that of al
     good               answers every method
     one-answer         the same, and resets the connection once it is used again
     slow=S, flow=S, flow-stall=S  S seconds late; with a body that flows for S seconds; and stops there
-    answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id
+    answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id. They are the
+                       head too where they begin with "HTTP/"
     status=N           HTTP status N, empty, with another place to go to
     head=LINES         with these lines, a "|" between them, in place of the one with the type
     http09             with a body alone
@@ -42,6 +43,7 @@ RESULTS = {
     "key.change": {"key": KEY},
     **dict.fromkeys(["session.terminate", "session.refresh"], {"count": 1}),
     **dict.fromkeys(["trace.get", "trace.set"], {"level": 3}),
+    "session.list": {"total": 0, "count": 0, "sessions": []},
 }
 
 
@@ -185,7 +187,7 @@ class Peer:
                 piece = {"line": b"x", "head": b"X: x\r\n", "body": b" "}
                 yield from itertools.chain([start[what]], itertools.repeat(piece[what] * 99999))
             case _:
-                yield good
+                yield body if body.startswith(b"HTTP/") else good
 
 
 if __name__ == "__main__":

@@ -48,12 +48,6 @@ std::uint32_t flushOutput() {
 
 }  // namespace
 
-/// Asked by GnuTLS as it is loaded, because libcurl brings it for protocols that nobody speaks here: it need not set
-/// itself up, which takes time and memory (GNUTLS_SKIP_GLOBAL_INIT in its manual).
-extern "C" [[gnu::visibility("default")]] int _gnutls_global_init_skip() {
-    return 1;
-}
-
 int main(int argc, char** argv) {
     // No core dump: it would hold a password. A limit on its size does not stop one that is piped to a program.
     prctl(PR_SET_DUMPABLE, 0);

@@ -86,24 +86,35 @@ class Library {
     void* handle = nullptr;
     double seconds = 0;  ///< that the last of the following took
 
-    /// A request that reads, and one that changes something; both with their results released.
-    std::uint32_t read() { return request(false); }
-    std::uint32_t change() { return request(true); }
+    /// A request that reads, one that changes something, and one that may have a long answer, all with their results
+    /// released.
+    std::uint32_t read() {
+        return timed([this] { return olm_dsess_admin_get_cluster_info(handle, &kRoot, &count, &realms, &cluster); });
+    }
+    std::uint32_t change() {
+        return timed([this] { return olm_dsess_admin_generate_new_key(handle, &kRoot, &cluster); });
+    }
+    std::uint32_t list() {
+        const auto query = allSessions();
+        return timed(
+            [&] { return olm_dsess_admin_list_sessions(handle, &kRoot, &query, -1, &total, &count, &sessions); });
+    }
+    std::int32_t total = 0, count = 0;  ///< of the last answer
 
   private:
-    std::uint32_t request(bool changes) {
-        std::int32_t count = 0;
-        olm_dsess_admin_realm_t* realms = nullptr;
-        olm_dsess_admin_cluster_t cluster{};
+    std::uint32_t timed(const auto& request) {
         const auto start = std::chrono::steady_clock::now();
-        const std::uint32_t status = changes
-                                         ? olm_dsess_admin_generate_new_key(handle, &kRoot, &cluster)
-                                         : olm_dsess_admin_get_cluster_info(handle, &kRoot, &count, &realms, &cluster);
+        const std::uint32_t status = request();
         seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         release(OLM_DSESS_ADMIN_FREE_REALMS, count, &realms);
+        release(OLM_DSESS_ADMIN_FREE_SESSIONS, count, &sessions);
         release(OLM_DSESS_ADMIN_FREE_CLUSTER, 1, &cluster);
         return status;
     }
+
+    olm_dsess_admin_realm_t* realms = nullptr;
+    olm_dsess_admin_session_t* sessions = nullptr;
+    olm_dsess_admin_cluster_t cluster{};
 
     void* m_context = nullptr;
 };

@@ -1,6 +1,10 @@
 // The functions: what they take, give and release. What they get across is tried on the real server.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/wait.h>
+
+#include <thread>
 
 #include "runtime/qel_messages.h"
 #include "tests/admin/client/Library.h"
@@ -135,6 +139,50 @@ TEST(Api, ContextsAreCheckedMadeAndMadeAgain) {
         EXPECT_EQ(olm_dsess_admin_get_trace_level(stale, &kRoot, &level), kStatusNoHandle);
     }
     olm_dsess_admin_shutdown(&context);
+}
+
+void throwing(std::int32_t /*level*/, const char* /*format*/, ...) {
+    throw 1;
+}
+
+TEST(Api, WhatTheCallerDoesMeanwhileChangesNoStatus) {
+    FaultServers servers({"reset=request", "slow=0.3", "good"});
+    // A trace function that throws.
+    char* url = servers.urls[0].data();
+    const olm_dsess_admin_mv_string_t list{1, &url};
+    const olm_dsess_admin_ssl_info_t plain{};
+    void* context = nullptr;
+    void* handle = nullptr;
+    ASSERT_EQ(olm_dsess_admin_initialize(1, &list, &plain, throwing, &context), 0U);
+    ASSERT_EQ(olm_dsess_admin_create_handle(context, &handle), 0U);
+    EXPECT_EQ(olm_dsess_admin_set_trace_level(handle, &kRoot, 1), kStatusOutcomeUnknown);
+    olm_dsess_admin_shutdown(&context);
+    // A thread that is cancelled.
+    Library slow({servers.urls[1]});
+    std::uint32_t status = 1;
+    std::thread thread([&] {
+        status = slow.change();
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    });
+    pthread_cancel(thread.native_handle());
+    thread.join();
+    EXPECT_EQ(status, 0U);
+    // A child process, which neither uses nor ends what its parent has.
+    Library library({servers.urls[2]});
+    ASSERT_EQ(library.read(), 0U);
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool reads = library.read() == 0;
+        olm_dsess_admin_interrupt(1);
+        const bool isInterrupted = library.read() == kStatusInterrupted;
+        library.~Library();
+        _exit(reads && isInterrupted ? 0 : 1);
+    }
+    int ended = -1;
+    waitpid(child, &ended, 0);
+    EXPECT_EQ(ended, 0);
+    EXPECT_EQ(library.read(), 0U);
+    EXPECT_EQ(servers.counts()[2].connections, 2);
 }
 
 }  // namespace

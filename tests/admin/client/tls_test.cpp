@@ -61,7 +61,8 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         {"node1", "ca.pem", {}, kRefused + "a certificate is required, and the key file", true},
         {"node1", "deep.p12", {}, "", true},  // below two CAs that the server does not have
         {"under", "mid-ca.pem", {}, ""},      // trusted without the CA above it
-        {"far", "ca.pem", {}, "the server's certificate: SSL: no alternative certificate subject name"},
+        {"far", "ca.pem", {}, "CN=far: its subjectAltName does not bear"},
+        {"common", "ca.pem", {}, "CN=localhost: its subjectAltName does not bear"},
         // A list of names takes the place of the host name, and of nothing else.
         {"far", "ca.pem", {kNode1, "/C=DE/O=Example/CN=far"}, ""},
         {"node1", "ca.pem", {"/O=Example/C=DE/CN=node1", "/C=DE/O=Example/CN=Node1", "/CN=node1"}, noName},
@@ -70,13 +71,13 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         {"multi", "ca.pem", {"/C=DE/O=Example/CN=multi"}, "/C=DE/CN=multi+O=Example" + noName},
         {"comma", "ca.pem", {comma}, ""},
         {"comma", "ca.pem", {kNode1}, comma + noName},
-        // Without CA certificates of our own, the system's are asked.
-        {"node1", "", {}, "the server's certificate " + kNode1 + ": unable to get"},
+        {"node1", "", {}, "there is no key file to say whom to trust"},
     };
     for (const auto& [server, keyFile, names, cause, wantsClients] : cases) {
         SCOPED_TRACE(server + " " + keyFile + " " + cause);
         FaultServers servers({"tls:good", "tls1.2:good"}, as(server, wantsClients));
-        for (const std::string& url : servers.urls) {
+        for (std::string url : servers.urls) {
+            url.replace(8, 9, server == "common" ? "localhost" : "127.0.0.1");
             Library library({url}, 5, keyFile.empty() ? TlsSettings{} : with(keyFile, "", names));
             const std::uint32_t wanted = cause.empty() ? 0 : kStatusTlsFailure;
             EXPECT_EQ(library.read(), wanted);
@@ -84,7 +85,7 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
             EXPECT_TRUE(wasTraced(cause)) << traced.back();
         }
         for (const auto& [connections, requests, changes] : servers.counts()) {
-            EXPECT_TRUE(cause.empty() || (connections == 2 && requests + changes == 0))
+            EXPECT_TRUE(cause.empty() || (connections == (keyFile.empty() ? 0 : 2) && requests + changes == 0))
                 << connections << " " << requests;
         }
     }

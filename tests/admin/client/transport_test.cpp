@@ -1,4 +1,5 @@
 // Bad servers and bad networks: failover, deadlines, and nothing twice.
+#include <arpa/inet.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -17,7 +18,16 @@ extern "C" __attribute__((visibility("default"))) int getaddrinfo(const char* no
         return EAI_NONAME;
     }
     static const auto real = reinterpret_cast<decltype(&getaddrinfo)>(dlsym(RTLD_NEXT, "getaddrinfo"));
-    return real(node, service, hints, result);
+    if (node == nullptr || std::string_view(node) != "several") {
+        return real(node, service, hints, result);
+    }
+    for (const char* address : {"127.0.0.4", "127.0.0.3", "127.0.0.2", "127.0.0.1"}) {
+        if (const int error = real(address, service, hints, result); error != 0) {
+            return error;
+        }
+        result = &(*result)->ai_next;
+    }
+    return 0;
 }
 
 namespace {
@@ -85,10 +95,6 @@ TEST(Transport, BadAnswersAreRefusedAtOnceAndAChangeIsCarriedOutOnce) {
         {"endless=line", kNotUnderstood, Change::kAsksAgain, "its head is too long"},
         {"endless=head", kNotUnderstood, Change::kAsksAgain, "its head is too long"},
         {"endless=body", kNotUnderstood, Change::kAsksAgain, "it is too long"},
-        {"head=,head= : continued|Content-Type: application/json", kNotUnderstood, Change::kAsksAgain,
-         "answer not understood"},
-        {"head=Content-Encoding: gzip", kNotUnderstood, Change::kAsksAgain, "it is compressed"},
-        {"head=Transfer-Encoding: gzip", kNotUnderstood, Change::kAsksAgain, "it is compressed"},
         {"head=Content-Type: text/html", kNotUnderstood, Change::kAsksAgain, "its type is not application/json"}};
     expectPeers(rows, 100, 0, 40);
 }
@@ -99,7 +105,8 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
                                 {"stall=accept", kStatusTimedOut, Change::kAsksAgain, "no answer in time"},
                                 {"drip=head", kStatusTimedOut, Change::kAsksAgain, "no answer in time"},
                                 {"stall=body", kStatusTimedOut, Change::kAsksAgain, rest},
-                                {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest}};
+                                {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest},
+                                {"flow=3", kStatusTimedOut, Change::kAsksAgain, rest}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
 }
 
@@ -177,13 +184,99 @@ TEST(Transport, ANameLookupThatHangsOrFailsCostsOnlyItsShare) {
     EXPECT_FALSE(wasTraced("HIDDEN"));
 }
 
+/// A listener on an address and port that neither takes connections nor refuses them.
+class BlackHole {
+  public:
+    BlackHole(const char* address, int port) {
+        sockaddr_in place{AF_INET, htons(static_cast<std::uint16_t>(port)), {inet_addr(address)}, {}};
+        for (int& socket : m_sockets) {
+            socket = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+            if (&socket == m_sockets) {
+                bind(socket, reinterpret_cast<sockaddr*>(&place), sizeof place);
+                listen(socket, 0);
+            } else {
+                connect(socket, reinterpret_cast<sockaddr*>(&place), sizeof place);
+            }
+        }
+    }
+    ~BlackHole() { std::for_each(std::begin(m_sockets), std::end(m_sockets), close); }
+    BlackHole(const BlackHole&) = delete;
+
+  private:
+    int m_sockets[5];
+};
+
+TEST(Transport, TheNextAddressOfANameIsTriedAfterAQuarterOfASecondOrAtOnceWhenOneRefuses) {
+    FaultServers servers({"good"});
+    const std::string port = servers.urls[0].substr(17);
+    Library refusing({"http://several:" + port});
+    EXPECT_EQ(refusing.read(), 0U);
+    EXPECT_LE(refusing.seconds, kLateness);
+    const BlackHole second("127.0.0.3", std::stoi(port));
+    const BlackHole third("127.0.0.2", std::stoi(port));
+    Library library({"http://several:" + port});
+    EXPECT_EQ(library.read(), 0U);
+    EXPECT_TRUE(0.5 <= library.seconds && library.seconds <= 0.5 + kLateness) << library.seconds;
+    Library unanswered({"http://127.0.0.2:" + port}, 1);
+    EXPECT_EQ(unanswered.read(), kStatusTimedOut);
+}
+
+/// What stands before and behind an answer's JSON decides whether it is one.
+TEST(Transport, TheFormOfAnAnswerIsTakenAsHttpHasItOrRefusedInWords) {
+    const std::string json = R"({"jsonrpc":"2.0","id":@ID@,"result":{"count":0,"realms":[],"key":)"
+                             R"({"label":"k","time":1,"previousTime":0}}})";
+    const std::string ok = "HTTP/1.1 200 OK\r\nContent-Type: application/json";
+    const std::string length = "\r\nContent-Length: " + std::to_string(json.size() - 3) + "\r\n";
+    const std::string chunked = "\r\nTransfer-Encoding: chunked\r\n";
+    const std::string whole = length + "\r\n" + json;
+    const auto pieces = [&](const std::string& extension) {  // 22 bytes, the identifier, the rest
+        char rest[20];
+        std::snprintf(rest, sizeof rest, "%zx", json.size() - 26);
+        return "\r\n16" + extension + "\r\n" + json.substr(0, 22) + "\r\n1" + extension + "\r\n@ID@\r\n" + rest +
+               "\r\n" + json.substr(26) + "\r\n0\r\n";
+    };
+    const struct {
+        std::string answer, cause;  // no cause: it is taken
+    } cases[] = {
+        {ok + ";charset=utf-8\r\nContent-Encoding: identity" + whole, ""},
+        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nContent-Type: text/html\r\n\r\n" + ok + whole, ""},
+        {ok + chunked + pieces("") + "\r\n", ""},
+        {ok + chunked + pieces(";a=b;c=\"d\"") + "X-Sum: 1\r\nX-More: 2\r\n\r\n", ""},
+        {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 204 No Content\r\n\r\n", "HTTP status 204"},
+        {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "HTTP status 101"},
+        {"HTTP/2 200\r\n\r\n", "it is not HTTP/1.1"},
+        {"HTTP/1.1 20 OK\r\n\r\n", "it is not HTTP/1.1"},
+        {ok + "\r\nno colon" + whole, "it is not HTTP/1.1"},
+        {ok + "\nX: y" + whole, "a line of its head ends without a carriage return"},
+        {ok + "\r\nX: y\r\n z" + whole, "a line of its head is folded"},
+        {ok + length + "Content-Length: 5\r\n\r\n" + json, "its length is given twice"},
+        {ok + "\r\nContent-Length: 5, 5\r\n\r\n" + json, "its length is no number"},
+        {ok + chunked + "Content-Length: 5\r\n" + pieces("") + "\r\n", "its length is given beside chunks"},
+        {"HTTP/1.0" + ok.substr(8) + chunked + pieces("") + "\r\n", "it comes in chunks, which HTTP/1.0 does not have"},
+        {ok + "\r\nTransfer-Encoding: gzip, chunked" + pieces("") + "\r\n", "other than chunked: gzip, chunked"},
+        {ok + "\r\nContent-Encoding: br" + whole, "it is encoded: br"},
+        {ok + chunked + "\r\nzz\r\n", "its chunks are not HTTP/1.1"},
+        {ok + "\r\nContent-Length: 999999999999\r\n\r\n", "it is too long"},
+    };
+    FaultServers servers({"answer=" + answerFile(json)});
+    for (const auto& [answer, cause] : cases) {
+        SCOPED_TRACE(answer);
+        answerFile(answer);
+        const auto before = servers.counts()[0].connections;
+        Library library(servers.urls, 5);
+        EXPECT_TRUE(library.read() == (cause.empty() ? 0 : kNotUnderstood) && wasTraced(cause)) << traced.back();
+        EXPECT_EQ(library.read(), cause.empty() ? 0 : kNotUnderstood);
+        EXPECT_EQ(servers.counts()[0].connections - before, cause.empty() ? 1 : 2);
+    }
+}
+
 TEST(Transport, AnAnswerThatKeepsFlowingIsWaitedForAndNotAtTheCostOfTheNextLocation) {
     FaultServers servers({"flow=2.5", "flow-stall=2.5", "good"});
     Library flowing({servers.urls[0]}, 1);
-    EXPECT_EQ(flowing.read(), 0U);
+    EXPECT_EQ(flowing.list(), 0U);
     EXPECT_GE(flowing.seconds, 2.4);
     Library stopping({servers.urls[1], servers.urls[2]}, 2);
-    EXPECT_EQ(stopping.read(), 0U);
+    EXPECT_EQ(stopping.list(), 0U);
     EXPECT_GE(stopping.seconds, 2.5);
 }
 
@@ -212,15 +305,10 @@ TEST(Transport, AListingNeedsNoMoreMemoryThanItsBytesAndItsRecords) {
     rusage before{};
     rusage after{};
     getrusage(RUSAGE_SELF, &before);
-    const auto query = allSessions();
-    std::int32_t total = 0;
-    std::int32_t count = 0;
-    olm_dsess_admin_session_t* sessions = nullptr;
-    ASSERT_EQ(olm_dsess_admin_list_sessions(library.handle, &kRoot, &query, -1, &total, &count, &sessions), 0U);
+    ASSERT_EQ(library.list(), 0U);
     getrusage(RUSAGE_SELF, &after);
-    EXPECT_EQ(std::pair(count, total), std::pair(300000, 300001));
+    EXPECT_EQ(std::pair(library.count, library.total), std::pair(300000, 300001));
     EXPECT_LE(static_cast<std::size_t>(after.ru_maxrss - before.ru_maxrss) * 1024, wanted);
-    release(OLM_DSESS_ADMIN_FREE_SESSIONS, count, &sessions);
 }
 #endif
 

@@ -1,0 +1,60 @@
+/// The head of an answer (RFC 9112, sections 4 and 5), looked at line by line as it comes:
+///
+///     HTTP/1.1 200 OK
+///     Content-Type: application/json
+///     Content-Length: 123
+///
+/// The HTTP library takes the same bytes apart afterwards. This look says in our own words, and the same with every
+/// version of that library, which answers are none: those that two readers might take apart differently, and those
+/// that are no session server's.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace olmdsess {
+
+/// Of all the heads of one answer, interim ones included.
+inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
+
+inline constexpr char kHeadTooLong[] = "its head is too long";
+inline constexpr char kNotHttp[] = "it is not HTTP/1.1";
+
+class AnswerHead {
+  public:
+    enum class State {
+        kGoesOn,   ///< it is not complete
+        kInterim,  ///< it is, and another one follows (RFC 9110, section 15.2)
+        kFinal,    ///< it is, and its body follows
+        kRefused   ///< problem() says why
+    };
+
+    /// Looks at what is new. `text` begins with the head and has only grown since the last call. Throws std::bad_alloc.
+    State read(std::string_view text);
+
+    /// Once it is complete: its bytes, the empty line included.
+    std::size_t size() const { return m_line; }
+    /// Of a final one.
+    int status() const { return m_status; }
+    const std::string& problem() const { return m_problem; }
+
+  private:
+    void readStatus(std::string_view line);
+    void readField(std::string_view line);
+    void check(std::string_view name, std::string_view value);
+    State finish();
+    State refuse(std::string problem);
+
+    std::size_t m_line = 0;      // where the line in hand begins
+    std::size_t m_searched = 0;  // how far its end has been looked for
+    int m_status = 0;
+    bool m_isOld = false;  // HTTP/1.0
+    bool m_isJson = false;
+    bool m_hasLength = false;
+    bool m_isChunked = false;
+    std::string m_encoding;  // of the content; empty: none
+    std::string m_problem;
+};
+
+}  // namespace olmdsess
