@@ -345,7 +345,6 @@ AnswerReader::AnswerReader(AnswerShape shape, std::int32_t requestId) {
 AnswerReader::~AnswerReader() = default;
 
 bool AnswerReader::read(std::string_view bytes) {
-    m_head += bytes.substr(0, kHeadBytes - m_head.size());
     return parse(true, bytes);
 }
 
@@ -369,6 +368,7 @@ bool AnswerReader::parse(bool more, std::string_view bytes) {
     if (!m_problem.empty()) {
         return false;
     }
+    m_head += bytes.substr(0, kHeadBytes - m_head.size());
     error_code error;
     const std::size_t parsed = m_parser->write_some(more, bytes.data(), bytes.size(), error);
     m_bytes += parsed;

@@ -10,6 +10,7 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/ResultBlock.h"
+#include "protocol/protocol.h"
 
 namespace olmdsess {
 
@@ -36,8 +37,10 @@ struct Answer {
 /// Reads one answer while its bytes come. Of its text it keeps the head and the fields that are wanted.
 class AnswerReader {
   public:
-    /// How much of the head is kept.
-    static constexpr std::size_t kHeadBytes = 4096;
+    /// How much of the head may be shown, and how much is kept: so far that a password which begins in what is shown
+    /// is there to its end.
+    static constexpr std::size_t kShownBytes = 2048;
+    static constexpr std::size_t kHeadBytes = kShownBytes + protocol::kMaxRequestBytes;
 
     /// Throws std::bad_alloc.
     AnswerReader(AnswerShape shape, std::int32_t requestId);

@@ -14,7 +14,7 @@ namespace olmdsess {
 
 namespace {
 
-constexpr std::size_t kExcerptBytes = 2048;
+constexpr std::size_t kExcerptBytes = AnswerReader::kShownBytes;
 
 // Of the causes that a request failed of, so many are shown at once.
 constexpr std::size_t kShownCauses = 3;
