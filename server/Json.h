@@ -1,26 +1,40 @@
-/// JSON (RFC 8259) from a peer that is not trusted.
+/// JSON (RFC 8259) from a peer that is not trusted, and to it.
 #pragma once
 
-#include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
+#include <array>
+#include <boost/json/monotonic_resource.hpp>
+#include <boost/json/value.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
 
-#include "runtime/QelJsonAllocator.h"
+#include "runtime/WipingResource.h"
 
 namespace dsessd {
 
-using JsonDocument =
-    rapidjson::GenericDocument<rapidjson::UTF8<>, rapidjson::MemoryPoolAllocator<QelJsonAllocator>, QelJsonAllocator>;
-using JsonValue = JsonDocument::ValueType;
-using JsonBuffer = rapidjson::GenericStringBuffer<rapidjson::UTF8<>, QelJsonAllocator>;
-using JsonWriter = rapidjson::Writer<JsonBuffer, rapidjson::UTF8<>, rapidjson::UTF8<>, QelJsonAllocator>;
+/// The memory of one request's values, which may be secret: wiped when it goes. No value may outlive it.
+class JsonMemory {
+  public:
+    JsonMemory() = default;
+    JsonMemory(const JsonMemory&) = delete;
+    JsonMemory& operator=(const JsonMemory&) = delete;
+    ~JsonMemory() { explicit_bzero(m_first.data(), m_first.size()); }
+    boost::json::storage_ptr storage() { return &m_all; }
+
+  private:
+    WipingResource m_wiping;
+    std::array<unsigned char, 4096> m_first;
+    boost::json::monotonic_resource m_all{m_first.data(), m_first.size(), &m_wiping};
+};
 
 /// The deepest nesting that is read.
-inline constexpr int kMaxJsonDepth = 16;
+inline constexpr std::size_t kMaxJsonDepth = 16;
 
-/// Parses `text` in place: it is changed, must be NUL-terminated, and must outlive the document, whose strings lie in
-/// it. False when the text is not one JSON value, nests too deeply, has a field twice in an object, or has a string or
-/// field name that holds NUL or is not well-formed UTF-8.
-bool parseStrictly(char* text, JsonDocument& document);
+/// Nothing when the text is not one JSON value and no more, nests too deeply, has a field twice in an object, or has a
+/// string or field name that holds NUL or is not well-formed UTF-8. Texts of the value end in a NUL.
+std::optional<boost::json::value> parseStrictly(std::string_view text, JsonMemory& memory);
+
+/// Appends a text as JSON has it, in quotation marks.
+void appendQuoted(std::string& out, std::string_view text);
 
 }  // namespace dsessd

@@ -1,10 +1,8 @@
 #include "server/Loader.h"
 
-#include <rapidjson/error/en.h>
-#include <rapidjson/reader.h>
-
 #include <algorithm>
 #include <array>
+#include <boost/json/basic_parser_impl.hpp>
 #include <limits>
 #include <optional>
 #include <span>
@@ -12,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "runtime/QelJsonAllocator.h"
 #include "runtime/qel_utf8.h"
 #include "server/Text.h"
 
@@ -20,53 +17,13 @@ namespace dsessd {
 
 namespace {
 
-using rapidjson::SizeType;
+namespace json = boost::json;
+using Error = json::error_code;
 
-/// RapidJSON's input stream concept over a C++ stream, counting lines.
-class CountingStream {
-  public:
-    using Ch = char;
-    explicit CountingStream(std::istream& input) : m_input(input) { fill(); }
-
-    Ch Peek() const { return m_at == m_end ? '\0' : m_buffer[m_at]; }
-    Ch Take() {
-        const Ch c = Peek();
-        if (m_at == m_end) {
-            return c;
-        }
-        if (c == '\n') {
-            ++m_line;
-        }
-        if (++m_at == m_end) {
-            fill();
-        }
-        return c;
-    }
-    std::size_t Tell() const { return m_before + m_at; }
-    std::size_t line() const { return m_line; }
-    /// A NUL in the text looks like the end to the parser.
-    bool atEnd() const { return m_at == m_end; }
-
-    // Of the concept, for streams that are written to.
-    Ch* PutBegin() { return nullptr; }
-    void Put(Ch) {}
-    void Flush() {}
-    std::size_t PutEnd(Ch*) { return 0; }
-
-  private:
-    void fill() {
-        m_before += m_end;
-        m_input.read(m_buffer.data(), static_cast<std::streamsize>(m_buffer.size()));
-        m_end = static_cast<std::size_t>(m_input.gcount());
-        m_at = 0;
-    }
-
-    std::istream& m_input;
-    std::vector<char> m_buffer = std::vector<char>(65'536);
-    std::size_t m_at = 0;
-    std::size_t m_end = 0;
-    std::size_t m_before = 0;
-    std::size_t m_line = 1;
+/// How far the reading is.
+struct Place {
+    std::size_t line = 1;
+    std::uint64_t bytes = 0;
 };
 
 /// What may stand where: the kinds of objects in a cluster file and their fields.
@@ -110,7 +67,7 @@ constexpr std::array<ObjectRule, 6> kObjects{{{"a cluster", kClusterFields, fals
 
 constexpr std::size_t kMaxFields = 4;
 constexpr std::size_t kSessionsAtOnce = 500;
-constexpr std::size_t kMaxTextBytes = 65'536;
+constexpr std::size_t kReadBytes = 65'536;
 
 /// An object whose end has not come yet.
 struct OpenObject {
@@ -127,45 +84,83 @@ struct OpenObject {
     const ObjectRule& rule() const { return kObjects[kind]; }
 };
 
-/// A text is far longer than any that is taken.
-struct TextTooLong {};
-
-/// Where RapidJSON puts the text that it is reading.
-struct BoundedAllocator : QelJsonAllocator {
-    void* Realloc(void* block, std::size_t oldSize, std::size_t size) {
-        return size > kMaxTextBytes ? throw TextTooLong() : QelJsonAllocator::Realloc(block, oldSize, size);
-    }
-};
-
-/// Walks through kObjects with the parser's events and stores each object at its end, so that only those are kept that
-/// are still open.
-class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, ClusterHandler> {
+/// Walks through kObjects with the parser's events (basic_parser.hpp has their list) and stores each object at its end,
+/// so that only those are kept that are still open.
+class ClusterHandler {
   public:
-    ClusterHandler(Store& store, Seconds now, const LoadProgress& progress, const CountingStream& stream)
-        : m_replacement(store.replace()), m_now(now), m_progress(progress), m_stream(stream) {}
+    static constexpr std::size_t max_array_size = std::numeric_limits<std::size_t>::max();
+    static constexpr std::size_t max_object_size = max_array_size;
+    static constexpr std::size_t max_string_size = max_array_size;
+    static constexpr std::size_t max_key_size = max_array_size;
 
-    bool Default() { return fail("is neither text nor a whole number nor a list"); }
-    bool Int(int value) { return integer(value); }
-    bool Uint(unsigned value) { return integer(value); }
-    bool Int64(std::int64_t value) { return integer(value); }
-    bool Uint64(std::uint64_t) { return fail("is too large a number"); }
+    ClusterHandler(Store& store, Seconds now, const LoadProgress& progress, const Place& place)
+        : m_replacement(store.replace()), m_now(now), m_progress(progress), m_place(place) {}
 
-    bool String(const char* bytes, SizeType length, bool) {
-        const std::string_view value(bytes, length);
+    bool on_document_begin(Error&) { return true; }
+    bool on_document_end(Error&) { return true; }
+    bool on_comment_part(std::string_view, Error&) { return true; }
+    bool on_comment(std::string_view, Error&) { return true; }
+    bool on_number_part(std::string_view, Error&) { return true; }
+    bool on_double(double, std::string_view, Error& error) { return other(error); }
+    bool on_bool(bool, Error& error) { return other(error); }
+    bool on_null(Error& error) { return other(error); }
+    bool on_int64(std::int64_t value, std::string_view, Error& error) { return did(integer(value), error); }
+    bool on_uint64(std::uint64_t, std::string_view, Error& error) { return did(fail("is too large a number"), error); }
+    bool on_string_part(std::string_view part, std::size_t, Error& error) { return did(append(part), error); }
+    bool on_string(std::string_view last, std::size_t, Error& error) { return did(append(last) && text(), error); }
+    bool on_key_part(std::string_view part, std::size_t, Error& error) { return did(append(part), error); }
+    bool on_key(std::string_view last, std::size_t, Error& error) { return did(append(last) && key(), error); }
+    bool on_array_begin(Error& error) { return did(beginList(), error); }
+    bool on_array_end(std::size_t, Error&) {
+        m_open.back().element.reset();
+        return valueEnds();
+    }
+    bool on_object_begin(Error& error) { return did(beginObject(), error); }
+    bool on_object_end(std::size_t, Error& error) { return did(endObject(), error); }
+
+    LoadCounts finish() {
+        if (!storeSessions()) {
+            throw LoadError(m_line, m_problem);
+        }
+        m_replacement->commit();
+        return m_counts;
+    }
+    /// Why an event was refused; empty: none was.
+    const std::string& problem() const { return m_problem; }
+    std::size_t line() const { return m_line; }
+
+  private:
+    static bool did(bool done, Error& error) {
+        if (!done) {
+            error = json::error::syntax;
+        }
+        return done;
+    }
+
+    bool other(Error& error) { return did(fail("is neither text nor a whole number nor a list"), error); }
+
+    /// To the name or text that is being read.
+    bool append(std::string_view part) {
+        m_text += part;
+        return m_text.size() <= kMaxNameBytes || failForText();
+    }
+
+    bool text() {
+        const std::string value = std::exchange(m_text, {});
         if (!expects(Kind::kText)) {
             return false;
         }
-        if (value.empty() || value.size() > kMaxNameBytes || !qel_utf8_is_text(value)) {
+        if (value.empty() || !qel_utf8_is_text(value)) {
             return failForText();
         }
         m_open.back().texts[m_open.back().field] = value;
         return valueEnds();
     }
 
-    bool Key(const char* bytes, SizeType length, bool) {
+    bool key() {
         OpenObject& object = m_open.back();
         const auto fields = object.rule().fields;
-        const std::string_view name(bytes, length);
+        const std::string name = std::exchange(m_text, {});
         const auto found =
             std::find_if(fields.begin(), fields.end(), [&](const auto& rule) { return rule.name == name; });
         if (found == fields.end()) {
@@ -176,7 +171,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         return !std::exchange(object.seen[object.field], true) || fail("comes twice");
     }
 
-    bool StartArray() {
+    bool beginList() {
         if (!expects(Kind::kList)) {
             return false;
         }
@@ -184,12 +179,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         return true;
     }
 
-    bool EndArray(SizeType) {
-        m_open.back().element.reset();
-        return valueEnds();
-    }
-
-    bool StartObject() {
+    bool beginObject() {
         if (m_open.empty()) {
             m_open.push_back({kCluster});
             return true;
@@ -204,7 +194,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
         return true;
     }
 
-    bool EndObject(SizeType) {
+    bool endObject() {
         if (!isComplete() || !store(m_open.back())) {
             return false;
         }
@@ -213,27 +203,17 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
             ++*m_open.back().element;
         }
         if (m_progress && ++m_stored % 4096 == 0) {
-            m_progress(m_stream.Tell(), m_counts);
+            m_progress(m_place.bytes, m_counts);
         }
         return true;
     }
 
-    LoadCounts finish() {
-        if (!storeSessions()) {
-            throw LoadError(m_line, m_problem);
-        }
-        m_replacement->commit();
-        return m_counts;
-    }
     bool failForText() {
         return fail("is empty, longer than " + std::to_string(kMaxNameBytes) + " bytes, or not UTF-8 without NUL");
     }
-    const std::string& problem() const { return m_problem; }
-    std::size_t line() const { return m_line; }
 
-  private:
     bool fail(const std::string& why) {
-        m_line = m_stream.line();
+        m_line = m_place.line;
         m_problem = where() + " " + why;
         return false;
     }
@@ -332,7 +312,7 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
                 break;
             case kSession:
                 m_sessions.push_back({parent, name, object.texts[1], time});
-                m_places.emplace_back(m_stream.line(), where());
+                m_places.emplace_back(m_place.line, where());
                 ++m_counts.sessions;
                 return m_sessions.size() < kSessionsAtOnce || storeSessions();
         }
@@ -360,7 +340,9 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
     std::vector<std::pair<std::size_t, std::string>> m_places;
     const Seconds m_now;
     const LoadProgress& m_progress;
-    const CountingStream& m_stream;
+    const Place& m_place;
+    /// The name or text that is being read.
+    std::string m_text;
     std::vector<OpenObject> m_open;
     std::int64_t m_lastNumber = 0;
     std::int64_t m_stored = 0;
@@ -372,29 +354,39 @@ class ClusterHandler : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, Cl
 }  // namespace
 
 LoadCounts loadCluster(std::istream& input, Store& store, Seconds now, const LoadProgress& progress) {
-    CountingStream stream(input);
-    ClusterHandler handler(store, now, progress, stream);
-    rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, BoundedAllocator> reader;
-    rapidjson::ParseResult result;
-    try {
-        result = reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
-    } catch (const TextTooLong&) {
-        handler.failForText();
-        result.Set(rapidjson::kParseErrorTermination);
-    }
-    if (input.bad()) {
-        throw LoadError(stream.line(), "reading failed");
-    }
-    if (result.IsError()) {
-        if (result.Code() == rapidjson::kParseErrorTermination) {
-            throw LoadError(handler.line(), handler.problem());
+    Place place;
+    json::parse_options options;
+    options.allow_invalid_utf8 = true;  // the handler says where it is
+    json::basic_parser<ClusterHandler> parser(options, store, now, progress, place);
+    std::vector<char> buffer(kReadBytes);
+    Error error;
+    do {
+        input.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
+        std::string_view rest(buffer.data(), static_cast<std::size_t>(input.gcount()));
+        // Line by line, so that the handler knows which it is.
+        for (std::size_t used = 0; !rest.empty() && !error; rest.remove_prefix(used)) {
+            const std::string_view line = rest.substr(0, rest.find('\n') + 1);
+            used = line.empty() ? rest.size() : line.size();
+            if (parser.write_some(true, rest.data(), used, error) < used && !error) {
+                error = json::error::extra_data;
+            }
+            place.bytes += used;
+            place.line += line.empty() || error ? 0 : 1;
         }
-        throw LoadError(stream.line(), rapidjson::GetParseError_En(result.Code()));
+    } while (input && !error);
+    if (input.bad()) {
+        throw LoadError(place.line, "reading failed");
     }
-    if (!stream.atEnd()) {
-        throw LoadError(stream.line(), "a NUL byte");
+    if (!error) {
+        parser.write_some(false, "", 0, error);
     }
-    return handler.finish();
+    if (!parser.handler().problem().empty()) {
+        throw LoadError(parser.handler().line(), parser.handler().problem());
+    }
+    if (error) {
+        throw LoadError(place.line, error.message());
+    }
+    return parser.handler().finish();
 }
 
 }  // namespace dsessd

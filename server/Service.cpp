@@ -2,11 +2,12 @@
 
 #include <openssl/evp.h>
 
+#include <boost/json/serialize.hpp>
 #include <chrono>
 #include <cstdio>
-#include <iterator>
 #include <new>
 #include <optional>
+#include <span>
 #include <utility>
 
 #include "protocol/protocol.h"
@@ -18,6 +19,7 @@ namespace dsessd {
 
 namespace {
 
+namespace json = boost::json;
 namespace code = protocol::code;
 namespace error = protocol::error;
 namespace field = protocol::field;
@@ -25,6 +27,8 @@ namespace method = protocol::method;
 
 // Large enough that a chunk's own cost does not count, small enough to have one for each connection.
 constexpr std::size_t kPieceBytes = 65'536;
+/// Most rows are shorter.
+constexpr std::size_t kRowBytes = 1'024;
 
 /// Why a request is not done; thrown by whatever finds out.
 struct Refusal {
@@ -47,62 +51,13 @@ Refusal busy() {
     return {code::kInternalError, error::kServerFailure, "The server is busy; try again.", 503};
 }
 
-std::string_view viewOf(const JsonValue& value) {
-    return {value.GetString(), value.GetStringLength()};
-}
-
-const JsonValue* find(const JsonValue& object, const char* name) {
-    const auto found = object.FindMember(name);
-    return found == object.MemberEnd() ? nullptr : &found->value;
-}
-
-std::string_view textParameter(const JsonValue& parameters, const char* name) {
-    const JsonValue* value = find(parameters, name);
-    if (value == nullptr || !value->IsString()) {
-        refuseForm(code::kInvalidParams, "A parameter is missing or is not text.");
-    }
-    return viewOf(*value);
-}
-
-std::int32_t integerParameter(const JsonValue& parameters, const char* name) {
-    const JsonValue* value = find(parameters, name);
-    if (value == nullptr || !value->IsInt()) {
-        refuseForm(code::kInvalidParams, "A parameter is missing or is not an integer of 32 bits.");
-    }
-    return value->GetInt();
-}
-
-/// Null when it is null or missing.
-const JsonValue* optionalText(const JsonValue& object, const char* name) {
-    const JsonValue* value = find(object, name);
-    if (value == nullptr || value->IsNull()) {
-        return nullptr;
-    }
-    if (!value->IsString()) {
-        refuseForm(code::kInvalidParams, "A field of security is neither text nor null.");
-    }
-    return value;
-}
-
-Credentials credentialsOf(const JsonValue& parameters) {
-    const JsonValue* security = find(parameters, field::kSecurity);
-    if (security == nullptr || !security->IsObject()) {
-        refuseForm(code::kInvalidParams, "The parameter security is missing or is not an object.");
-    }
-    Credentials credentials;
-    if (const JsonValue* user = optionalText(*security, field::kUser)) {
-        credentials.user = viewOf(*user);
-    }
-    if (const JsonValue* password = optionalText(*security, field::kPassword)) {
-        credentials.password = password->GetString();
-    }
-    if (const JsonValue* loginId = optionalText(*security, field::kLoginId)) {
-        credentials.loginId = viewOf(*loginId);
-    }
-    return credentials;
-}
-
+/// What stands in the params and their security. A text that has not come, or was null, is a null pointer.
 struct Parameters {
+    std::string_view user;
+    std::string_view password;
+    std::string_view loginId;
+    std::string_view changeId;
+    std::string_view clusterId;
     std::string_view replicaSet;
     std::string_view realm;
     std::string_view selector;
@@ -111,26 +66,53 @@ struct Parameters {
     std::int32_t level = 0;
 };
 
-/// Which parameters a method takes beside the identity.
-enum class Takes { kNothing, kReplicaSet, kSessions, kSessionsAndMax, kLevel };
+/// A field, and where its value goes.
+struct FieldRule {
+    enum Kind { kText, kTextOrNothing, kInteger };
+    const char* name;
+    Kind kind;
+    std::string_view Parameters::*text = nullptr;
+    std::int32_t Parameters::*number = nullptr;
+};
 
-Parameters parametersOf(const JsonValue& object, Takes takes) {
-    Parameters parameters;
-    if (takes == Takes::kReplicaSet) {
-        parameters.replicaSet = textParameter(object, field::kReplicaSet);
+// The fields of security; of params, in what changes something; and of params, by method.
+constexpr FieldRule kSecurity[] = {{field::kUser, FieldRule::kTextOrNothing, &Parameters::user},
+                                   {field::kPassword, FieldRule::kTextOrNothing, &Parameters::password},
+                                   {field::kLoginId, FieldRule::kTextOrNothing, &Parameters::loginId}};
+constexpr FieldRule kChange[] = {{field::kChangeId, FieldRule::kTextOrNothing, &Parameters::changeId},
+                                 {field::kClusterId, FieldRule::kTextOrNothing, &Parameters::clusterId}};
+constexpr FieldRule kReplicaSet[] = {{field::kReplicaSet, FieldRule::kText, &Parameters::replicaSet}};
+constexpr FieldRule kListing[] = {{field::kRealm, FieldRule::kText, &Parameters::realm},
+                                  {field::kSelector, FieldRule::kText, &Parameters::selector},
+                                  {field::kValue, FieldRule::kText, &Parameters::value},
+                                  {field::kMax, FieldRule::kInteger, nullptr, &Parameters::max}};
+constexpr std::span<const FieldRule> kSessions(kListing, 3);
+constexpr FieldRule kLevel[] = {{field::kLevel, FieldRule::kInteger, nullptr, &Parameters::level}};
+
+void take(const json::object& object, std::span<const FieldRule> rules, Parameters& parameters) {
+    for (const FieldRule& rule : rules) {
+        const json::value* value = object.if_contains(rule.name);
+        if (rule.kind == FieldRule::kInteger) {
+            const std::int64_t* number = value == nullptr ? nullptr : value->if_int64();
+            if (number == nullptr || *number != static_cast<std::int32_t>(*number)) {
+                refuseForm(code::kInvalidParams, "A parameter is missing or is not an integer of 32 bits.");
+            }
+            parameters.*rule.number = static_cast<std::int32_t>(*number);
+        } else if (const json::string* text = value == nullptr ? nullptr : value->if_string()) {
+            parameters.*rule.text = *text;
+        } else if (rule.kind == FieldRule::kText || (value != nullptr && !value->is_null())) {
+            refuseForm(code::kInvalidParams, "A parameter is missing or is not text.");
+        }
     }
-    if (takes == Takes::kSessions || takes == Takes::kSessionsAndMax) {
-        parameters.realm = textParameter(object, field::kRealm);
-        parameters.selector = textParameter(object, field::kSelector);
-        parameters.value = textParameter(object, field::kValue);
+}
+
+const json::object& objectIn(const json::object& object, const char* name) {
+    const json::value* value = object.if_contains(name);
+    const json::object* found = value == nullptr ? nullptr : value->if_object();
+    if (found == nullptr) {
+        refuseForm(code::kInvalidParams, "The params or their security are missing or are not an object.");
     }
-    if (takes == Takes::kSessionsAndMax) {
-        parameters.max = integerParameter(object, field::kMax);
-    }
-    if (takes == Takes::kLevel) {
-        parameters.level = integerParameter(object, field::kLevel);
-    }
-    return parameters;
+    return *found;
 }
 
 Selector selectorOf(std::string_view name) {
@@ -143,46 +125,20 @@ Selector selectorOf(std::string_view name) {
     refuse(error::kInvalidValue, "The selector is neither user nor session.");
 }
 
-void putText(JsonWriter& writer, const char* name, std::string_view text) {
-    writer.Key(name);
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+json::object keyObject(const Key& key) {
+    return {{field::kLabel, key.label}, {field::kTime, key.time}, {field::kPreviousTime, key.previousTime}};
 }
 
-void putInteger(JsonWriter& writer, const char* name, std::int64_t value) {
-    writer.Key(name);
-    writer.Int64(value);
-}
-
-void putKey(JsonWriter& writer, const Key& key) {
-    writer.Key(field::kKey);
-    writer.StartObject();
-    putText(writer, field::kLabel, key.label);
-    putInteger(writer, field::kTime, key.time);
-    putInteger(writer, field::kPreviousTime, key.previousTime);
-    writer.EndObject();
-}
-
-std::string textOf(const JsonBuffer& buffer) {
-    return {buffer.GetString(), buffer.GetSize()};
-}
-
-/// What an answer says: its result or error, which is JSON.
-std::string saying(const char* outcome, std::string_view object) {
-    return std::string("\"").append(outcome).append("\":").append(object);
+/// What an answer says: its result or error.
+std::string saying(const char* outcome, const json::object& object) {
+    return std::string("\"").append(outcome).append("\":").append(json::serialize(object));
 }
 
 std::string saying(const Refusal& refusal) {
-    JsonBuffer buffer;
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    putInteger(writer, field::kErrorCode, refusal.code);
-    putText(writer, field::kErrorMessage, refusal.message);
-    writer.Key(field::kErrorData);
-    writer.StartObject();
-    putText(writer, field::kName, refusal.name);
-    writer.EndObject();
-    writer.EndObject();
-    return saying(field::kError, textOf(buffer));
+    const json::object data{{field::kName, refusal.name}};
+    return saying(
+        field::kError,
+        {{field::kErrorCode, refusal.code}, {field::kErrorMessage, refusal.message}, {field::kErrorData, data}});
 }
 
 /// Whether a refusal of a change is kept under the change's identifier: it depends on what the store holds.
@@ -193,14 +149,11 @@ bool isKept(const Refusal& refusal) {
 
 /// An answer up to what it says. `id` is JSON.
 std::string opening(std::string_view id, std::string_view clusterId) {
-    JsonBuffer buffer;
-    JsonWriter writer(buffer);
-    writer.StartObject();
-    putText(writer, field::kJsonRpc, field::kVersion);
-    writer.Key(field::kId);
-    writer.RawValue(id.data(), id.size(), rapidjson::kNumberType);
-    putText(writer, field::kClusterId, clusterId);
-    return textOf(buffer) + ',';
+    std::string text = std::string("{\"").append(field::kJsonRpc).append("\":\"").append(field::kVersion);
+    text.append("\",\"").append(field::kId).append("\":").append(id).append(",\"").append(field::kClusterId);
+    text += "\":";
+    appendQuoted(text, clusterId);
+    return text += ',';
 }
 
 /// Stands for all that a change is about.
@@ -234,34 +187,28 @@ std::string millisecondsSince(Patience::Clock::time_point start) {
 }  // namespace
 
 ListingAnswer::ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string head)
-    : m_store(std::move(store)), m_listing(std::move(listing)), m_head(std::move(head)), m_writer(m_buffer) {
-    m_writer.StartObject();
-    putInteger(m_writer, field::kTotal, m_listing->total());
-    putInteger(m_writer, field::kCount, m_listing->count());
-    m_writer.Key(field::kSessions);
-    m_writer.StartArray();
+    : m_store(std::move(store)), m_listing(std::move(listing)), m_head(std::move(head)) {
+    m_head.append("{\"").append(field::kTotal).append("\":").append(std::to_string(m_listing->total()));
+    m_head.append(",\"").append(field::kCount).append("\":").append(std::to_string(m_listing->count()));
+    m_head.append(",\"").append(field::kSessions).append("\":[");
 }
 
 std::string ListingAnswer::next() {
+    std::string piece = std::exchange(m_head, {});
+    piece.reserve(kPieceBytes + kRowBytes);
     SessionRow row;
-    std::string_view tail;
-    while (!m_done && m_buffer.GetSize() < kPieceBytes) {
+    while (!m_done && piece.size() < kPieceBytes) {
         if (m_listing->next(row)) {
-            m_writer.StartObject();
-            putText(m_writer, field::kId, row.id);
-            putText(m_writer, field::kUser, row.user);
-            putInteger(m_writer, field::kTime, row.time);
-            m_writer.EndObject();
+            piece.append(std::exchange(m_isFirst, false) ? "{\"" : ",{\"").append(field::kId).append("\":");
+            appendQuoted(piece, row.id);
+            piece.append(",\"").append(field::kUser).append("\":");
+            appendQuoted(piece, row.user);
+            piece.append(",\"").append(field::kTime).append("\":").append(std::to_string(row.time)) += '}';
         } else {
-            m_writer.EndArray();
-            m_writer.EndObject();
-            tail = "}";
+            piece += "]}}";
             m_done = true;
         }
     }
-    std::string piece = std::exchange(m_head, {});
-    piece.append(m_buffer.GetString(), m_buffer.GetSize()).append(tail);
-    m_buffer.Clear();
     return piece;
 }
 
@@ -272,21 +219,17 @@ struct Service::Call {
     const Patience::Clock::time_point start = Patience::Clock::now();
     /// When the present step was asked for.
     Patience::Clock::time_point queued = start;
-    JsonDocument document;
+    JsonMemory memory;
+    std::optional<json::value> document;
     /// JSON, comes back as it came.
     std::string id = "null";
     const Method* method = nullptr;
-    Credentials credentials;
     Parameters parameters;
-    /// Empty: none was given.
-    std::string_view changeId;
-    std::string_view clusterId;
+    Credentials credentials;
     bool identified = false;
     /// Nothing: anonymous.
     std::optional<Role> role;
     StorePool::Lease store{nullptr, StorePool::Returner{nullptr}};
-    JsonBuffer buffer;
-    JsonWriter result{buffer};
     /// For the log, once a change is made: its topic and what it was.
     std::optional<std::pair<Topic, std::string>> changed;
     std::unique_ptr<ListingAnswer> listing;
@@ -307,20 +250,20 @@ struct Service::Call {
 struct Service::Method {
     const char* name;
     Lane lane;
-    Takes takes;
-    void (Service::*run)(Call& call);
+    std::span<const FieldRule> takes;
+    boost::json::object (Service::*run)(Call& call);
     bool changes() const { return lane == Lane::kChange; }
 };
 
 const Service::Method Service::kMethods[] = {
-    {method::kClusterGet, Lane::kQuick, Takes::kNothing, &Service::getCluster},
-    {method::kReplicaSetGet, Lane::kQuick, Takes::kReplicaSet, &Service::getReplicaSet},
-    {method::kKeyChange, Lane::kChange, Takes::kNothing, &Service::changeKey},
-    {method::kSessionList, Lane::kListing, Takes::kSessionsAndMax, &Service::listSessions},
-    {method::kSessionTerminate, Lane::kChange, Takes::kSessions, &Service::terminateSessions},
-    {method::kSessionRefresh, Lane::kChange, Takes::kSessions, &Service::refreshSessions},
-    {method::kTraceGet, Lane::kQuick, Takes::kNothing, &Service::getTrace},
-    {method::kTraceSet, Lane::kChange, Takes::kLevel, &Service::setTrace},
+    {method::kClusterGet, Lane::kQuick, {}, &Service::getCluster},
+    {method::kReplicaSetGet, Lane::kQuick, kReplicaSet, &Service::getReplicaSet},
+    {method::kKeyChange, Lane::kChange, {}, &Service::changeKey},
+    {method::kSessionList, Lane::kListing, kListing, &Service::listSessions},
+    {method::kSessionTerminate, Lane::kChange, kSessions, &Service::terminateSessions},
+    {method::kSessionRefresh, Lane::kChange, kSessions, &Service::refreshSessions},
+    {method::kTraceGet, Lane::kQuick, {}, &Service::getTrace},
+    {method::kTraceSet, Lane::kChange, kLevel, &Service::setTrace},
 };
 
 Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
@@ -415,45 +358,43 @@ Lane Service::proceed(Call& call, Lane lane) {
 }
 
 void Service::read(Call& call) {
-    JsonDocument& document = call.document;
-    call.request.push_back('\0');
-    if (!parseStrictly(call.request.data(), document)) {
+    call.document = parseStrictly({call.request.data(), call.request.size()}, call.memory);
+    call.request = {};
+    if (!call.document) {
         refuseForm(code::kParseError, "The request is not acceptable JSON.", 400);
     }
-    const JsonValue* version = document.IsObject() ? find(document, field::kJsonRpc) : nullptr;
-    const JsonValue* id = version != nullptr ? find(document, field::kId) : nullptr;
-    const JsonValue* name = version != nullptr ? find(document, field::kMethod) : nullptr;
-    if (id == nullptr || name == nullptr || !version->IsString() || viewOf(*version) != field::kVersion ||
-        !(id->IsInt64() || id->IsUint64()) || !name->IsString()) {
+    const json::object* whole = call.document->if_object();
+    const json::value nothing;
+    const auto find = [&](const char* name) -> const json::value& {
+        const json::value* value = whole == nullptr ? nullptr : whole->if_contains(name);
+        return value == nullptr ? nothing : *value;
+    };
+    const json::string* version = find(field::kJsonRpc).if_string();
+    const json::value& id = find(field::kId);
+    const json::string* name = find(field::kMethod).if_string();
+    if (version == nullptr || *version != field::kVersion || !(id.is_int64() || id.is_uint64()) || name == nullptr) {
         refuseForm(code::kInvalidRequest, "This is not one JSON-RPC 2.0 request with an integer as its id.", 400);
     }
-    call.id = id->IsInt64() ? std::to_string(id->GetInt64()) : std::to_string(id->GetUint64());
-
+    call.id = json::serialize(id);
     for (const Method& candidate : kMethods) {
-        if (viewOf(*name) == candidate.name) {
+        if (*name == candidate.name) {
             call.method = &candidate;
         }
     }
     if (call.method == nullptr) {
         refuseForm(code::kMethodNotFound, "There is no such method.");
     }
-    const JsonValue* parameters = find(document, field::kParams);
-    if (parameters == nullptr || !parameters->IsObject()) {
-        refuseForm(code::kInvalidParams, "The params are missing or are not an object.");
-    }
-    call.credentials = credentialsOf(*parameters);
-    call.parameters = parametersOf(*parameters, call.method->takes);
+    Parameters& parameters = call.parameters;
+    const json::object& params = objectIn(*whole, field::kParams);
+    take(objectIn(params, field::kSecurity), kSecurity, parameters);
+    take(params, call.method->takes, parameters);
     if (call.method->changes()) {
-        if (const JsonValue* changeId = optionalText(*parameters, field::kChangeId)) {
-            call.changeId = viewOf(*changeId);
-        }
-        if (const JsonValue* clusterId = optionalText(*parameters, field::kClusterId)) {
-            call.clusterId = viewOf(*clusterId);
-        }
-        if (call.changeId.size() > kMaxChangeIdBytes) {
+        take(params, kChange, parameters);
+        if (parameters.changeId.size() > kMaxChangeIdBytes) {
             refuse(error::kInvalidValue, "The changeId is too long.");
         }
     }
+    call.credentials = {parameters.user, parameters.password.data(), parameters.loginId};
 }
 
 void Service::run(Call& call) {
@@ -475,23 +416,18 @@ void Service::run(Call& call) {
 }
 
 std::string Service::perform(Call& call) {
-    call.buffer.Clear();
-    call.result.Reset(call.buffer);
-    call.result.StartObject();
-    (this->*call.method->run)(call);
-    call.result.EndObject();
-    return saying(field::kResult, textOf(call.buffer));
+    return saying(field::kResult, (this->*call.method->run)(call));
 }
 
 std::string Service::change(Call& call) {
-    if (!call.clusterId.empty() && call.clusterId != m_clusterId) {
+    if (!call.parameters.clusterId.empty() && call.parameters.clusterId != m_clusterId) {
         refuse(error::kOtherCluster, "The change is meant for another cluster.");
     }
     const std::string digest = digestOf(call.method->name, call.parameters);
     std::string said;
     call.outcome = "done before";
     try {
-        said = call.store->once({call.changeId, call.credentials.user, digest}, [&] {
+        said = call.store->once({call.parameters.changeId, call.credentials.user, digest}, [&] {
             call.changed.reset();
             call.outcome = "done";
             try {
@@ -508,7 +444,7 @@ std::string Service::change(Call& call) {
         refuse(error::kOtherChange, "The changeId names another change.");
     }
     if (call.changed) {
-        if (call.method->takes == Takes::kLevel) {
+        if (call.method->run == &Service::setTrace) {
             m_log.setLevel(call.parameters.level);
         }
         m_log.write(call.changed->first, "changed: " + call.changed->second + ", by " + call.who());
@@ -568,68 +504,49 @@ void Service::logRequest(const Call& call) {
     const std::string name = call.method == nullptr ? "a message" : call.method->name;
     m_log.write(Topic::kRequest,
                 name + " by " + call.who() + ": " + call.outcome + ", " + millisecondsSince(call.start));
-    if (call.method == nullptr || call.method->takes == Takes::kNothing) {
+    if (call.method == nullptr || call.method->takes.empty()) {
         return;
     }
-    const Parameters& given = call.parameters;
     std::string text = name + " with";
-    if (call.method->takes == Takes::kReplicaSet) {
-        text += " replica set " + harmless(given.replicaSet);
-    } else if (call.method->takes == Takes::kLevel) {
-        text += " level " + std::to_string(given.level);
-    } else {
-        text += " realm " + harmless(given.realm) + ", " + harmless(given.selector) + " " + harmless(given.value);
-    }
-    if (call.method->takes == Takes::kSessionsAndMax) {
-        text += ", max " + std::to_string(given.max);
+    for (const FieldRule& rule : call.method->takes) {
+        const Parameters& given = call.parameters;
+        text.append(&rule == call.method->takes.data() ? " " : ", ").append(rule.name).append(" ");
+        text += rule.kind == FieldRule::kInteger ? std::to_string(given.*rule.number) : harmless(given.*rule.text);
     }
     m_log.write(Topic::kDetail, text);
 }
 
-void Service::getCluster(Call& call) {
+json::object Service::getCluster(Call& call) {
     const ClusterState state = call.store->cluster();
-    putInteger(call.result, field::kCount, static_cast<std::int64_t>(state.realms.size()));
-    call.result.Key(field::kRealms);
-    call.result.StartArray();
+    json::array realms;
     for (const Realm& realm : state.realms) {
-        call.result.StartObject();
-        putText(call.result, field::kName, realm.name);
-        call.result.Key(field::kReplicaSets);
-        call.result.StartArray();
-        for (const std::string& set : realm.replicaSets) {
-            call.result.String(set.data(), static_cast<rapidjson::SizeType>(set.size()));
-        }
-        call.result.EndArray();
-        call.result.EndObject();
+        json::array sets(realm.replicaSets.begin(), realm.replicaSets.end());
+        realms.push_back(json::object{{field::kName, realm.name}, {field::kReplicaSets, std::move(sets)}});
     }
-    call.result.EndArray();
-    putKey(call.result, state.key);
+    const std::size_t count = realms.size();
+    return {{field::kCount, count}, {field::kRealms, std::move(realms)}, {field::kKey, keyObject(state.key)}};
 }
 
-void Service::getReplicaSet(Call& call) {
+json::object Service::getReplicaSet(Call& call) {
     const auto members = call.store->members(call.parameters.replicaSet);
     if (!members) {
         refuse(error::kUnknownReplicaSet, "There is no replica set of this name.");
     }
-    putInteger(call.result, field::kCount, static_cast<std::int64_t>(members->size()));
-    call.result.Key(field::kRecords);
-    call.result.StartArray();
+    json::array records;
     for (const Member& member : *members) {
-        call.result.StartObject();
-        putText(call.result, field::kName, member.name);
-        putInteger(call.result, field::kTime, member.lastContact);
-        call.result.EndObject();
+        records.push_back(json::object{{field::kName, member.name}, {field::kTime, member.lastContact}});
     }
-    call.result.EndArray();
+    const std::size_t count = records.size();
+    return {{field::kCount, count}, {field::kRecords, std::move(records)}};
 }
 
-void Service::changeKey(Call& call) {
+json::object Service::changeKey(Call& call) {
     const Key key = call.store->changeKey(presentTime());
     call.changed.emplace(Topic::kAudit, "key is " + key.label);
-    putKey(call.result, key);
+    return {{field::kKey, keyObject(key)}};
 }
 
-void Service::listSessions(Call& call) {
+json::object Service::listSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     if (given.max < -1 || given.value.size() > kMaxPatternBytes) {
@@ -640,7 +557,8 @@ void Service::listSessions(Call& call) {
         refuse(error::kUnknownRealm, "There is no realm of this name.");
     }
     call.listing = std::make_unique<ListingAnswer>(std::move(call.store), std::move(listing),
-                                                   opening(call.id, m_clusterId) + saying(field::kResult, ""));
+                                                   opening(call.id, m_clusterId) + "\"" + field::kResult + "\":");
+    return {};
 }
 
 namespace {
@@ -663,27 +581,27 @@ std::string describe(const Parameters& given, int count) {
 
 }  // namespace
 
-void Service::terminateSessions(Call& call) {
+json::object Service::terminateSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->terminateSessions(given.realm, selector, given.value));
     call.changed.emplace(Topic::kAudit, "terminated " + describe(given, count));
-    putInteger(call.result, field::kCount, count);
+    return {{field::kCount, count}};
 }
 
-void Service::refreshSessions(Call& call) {
+json::object Service::refreshSessions(Call& call) {
     const Parameters& given = call.parameters;
     const Selector selector = selectorOf(given.selector);
     const int count = changedSessions(call.store->refreshSessions(given.realm, selector, given.value, presentTime()));
     call.changed.emplace(Topic::kAudit, "refreshed " + describe(given, count));
-    putInteger(call.result, field::kCount, count);
+    return {{field::kCount, count}};
 }
 
-void Service::getTrace(Call& call) {
-    putInteger(call.result, field::kLevel, call.store->traceLevel());
+json::object Service::getTrace(Call& call) {
+    return {{field::kLevel, call.store->traceLevel()}};
 }
 
-void Service::setTrace(Call& call) {
+json::object Service::setTrace(Call& call) {
     const int level = call.parameters.level;
     if (level < 0 || level > Log::kMaxLevel) {
         refuse(error::kInvalidValue, "A trace level is a number from 0 to 9.");
@@ -691,7 +609,7 @@ void Service::setTrace(Call& call) {
     call.store->setTraceLevel(level);
     // At every level: it says what else the log will hold.
     call.changed.emplace(Topic::kNotice, "trace level is " + std::to_string(level));
-    putInteger(call.result, field::kLevel, level);
+    return {{field::kLevel, level}};
 }
 
 }  // namespace dsessd

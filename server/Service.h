@@ -40,9 +40,9 @@ class ListingAnswer {
   private:
     StorePool::Lease m_store;
     std::unique_ptr<Store::SessionListing> m_listing;
+    /// What is to come next and does not depend on the listing.
     std::string m_head;
-    JsonBuffer m_buffer;
-    JsonWriter m_writer;
+    bool m_isFirst = true;
     bool m_done = false;
 };
 
@@ -103,14 +103,15 @@ class Service {
     std::string change(Call& call);
     void logRequest(const Call& call);
 
-    void getCluster(Call& call);
-    void getReplicaSet(Call& call);
-    void changeKey(Call& call);
-    void listSessions(Call& call);
-    void terminateSessions(Call& call);
-    void refreshSessions(Call& call);
-    void getTrace(Call& call);
-    void setTrace(Call& call);
+    // The methods; each gives its result.
+    boost::json::object getCluster(Call& call);
+    boost::json::object getReplicaSet(Call& call);
+    boost::json::object changeKey(Call& call);
+    boost::json::object listSessions(Call& call);
+    boost::json::object terminateSessions(Call& call);
+    boost::json::object refreshSessions(Call& call);
+    boost::json::object getTrace(Call& call);
+    boost::json::object setTrace(Call& call);
 
     StorePool& m_stores;
     Authenticator& m_authenticator;

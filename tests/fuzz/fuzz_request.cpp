@@ -51,10 +51,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (answer.rest != nullptr && !answer.rest->done()) {
         answer.text += answer.rest->next();
     }
-    dsessd::JsonDocument document;
-    REQUIRE(dsessd::parseStrictly(answer.text.data(), document) && document.IsObject());
-    const bool refused = document.HasMember("error");
-    REQUIRE(refused != document.HasMember("result") && (refused || answer.httpStatus == 200));
+    dsessd::JsonMemory memory;
+    const auto document = dsessd::parseStrictly(answer.text, memory);
+    REQUIRE(document && document->is_object());
+    const bool refused = document->get_object().contains("error");
+    REQUIRE(refused != document->get_object().contains("result") && (refused || answer.httpStatus == 200));
     REQUIRE(!refused || server.store->cluster().key.label == label);
     return 0;
 }

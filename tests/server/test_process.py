@@ -125,7 +125,7 @@ FAULTY = [  # what is no cluster, and what is said of it
     ("[]", "1: the cluster is not an object"),
     ("{\n'realms': [\n{'nmae': 1}]}", "3: realms[0] has a field 'nmae', which a realm does not have"),
     ("{'realms': {}}", "1: realms is an object where there should be none"),
-    ("{'realms': []}\0x", "1: a NUL byte"),
+    ("{'realms': []}\0x", "1: extra data"),
     ("{'realms': " + "[" * 100000, "1: realms[0] is something other than an object"),
     (realm(""), "1: realms[0] lacks the field 'name'"),
     (realm("'name':'a'},\n{'name':'a'"), "2: realms[1] is a realm 'a' that comes twice"),
