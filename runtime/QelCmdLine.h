@@ -13,12 +13,12 @@ class QelCmdLine {
   public:
     /// Takes main's arguments, which must outlive the object. Returns 0, or kStatusCommandLine when there is not even a
     /// program name.
-    std::uint32_t initialize(int argc, const char* const* argv);
+    [[nodiscard]] std::uint32_t initialize(int argc, const char* const* argv);
     /// The last component of the path under which the program was started.
     void getCmdName(QelStringRef* name) const;
     /// Returns 0 and the value of the option's first occurrence (empty when it has none), or non-zero when it is
     /// absent. `value` may be null.
-    std::uint32_t findOption(const QelString& name, QelStringRef* value) const;
+    [[nodiscard]] std::uint32_t findOption(const QelString& name, QelStringRef* value) const;
     /// Declares an option that the program accepts.
     void validated(const QelStringRef& name);
     /// The options present that were not declared, by name with their value; each name once.

@@ -60,7 +60,7 @@ class QelHashTable {
 
     /// Empties the table and gives it buckets; from now on it owns keys and values. Returns 0 or kStatusNoMemory, which
     /// leaves it without buckets.
-    std::uint32_t setUp(std::uint32_t bucketCount) noexcept {
+    [[nodiscard]] std::uint32_t setUp(std::uint32_t bucketCount) noexcept {
         clear();
         m_owns = true;
         m_buckets = static_cast<Node**>(std::calloc(bucketCount, sizeof(void*)));
@@ -73,7 +73,7 @@ class QelHashTable {
 
     /// Adds an entry in front of its bucket's chain. Returns 0 or, with the arguments released, kStatusNoMemory (also
     /// for a table without buckets).
-    std::uint32_t insert(std::unique_ptr<Key> key, std::unique_ptr<Value> value) noexcept {
+    [[nodiscard]] std::uint32_t insert(std::unique_ptr<Key> key, std::unique_ptr<Value> value) noexcept {
         if (m_bucketCount == 0) {
             return kStatusNoMemory;
         }

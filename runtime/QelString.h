@@ -53,7 +53,7 @@ class QelString {
     static bool isShownAsItIs(std::string_view text) noexcept;
 
     /// Replaces the content. Returns 0 or kStatusNoMemory, which leaves the content as it was. Null counts as empty.
-    std::uint32_t set(const char* text, Mode mode = kBytes) noexcept;
+    [[nodiscard]] std::uint32_t set(const char* text, Mode mode = kBytes) noexcept;
     /// Throws std::bad_alloc.
     void append(std::string_view text);
     void clear() noexcept;

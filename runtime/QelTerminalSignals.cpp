@@ -166,7 +166,7 @@ void QelTerminalSignals::readSettings() {
 void QelTerminalSignals::letPendingIn() const {
     // Input that is ready would keep them waiting.
     const timespec noTime{};
-    ppoll(nullptr, 0, &noTime, &m_mask);
+    static_cast<void>(ppoll(nullptr, 0, &noTime, &m_mask));
 }
 
 bool QelTerminalSignals::isInBackground() const {

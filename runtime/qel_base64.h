@@ -5,5 +5,5 @@
 
 /// Encodes in standard base64 with padding (RFC 4648, section 4) and a terminating NUL. Returns the length without the
 /// NUL, or -1 with `output` untouched when `outputSize` is too small.
-int qel_base64_std_encode(const unsigned char* input, std::size_t length, char* output,
-                          std::size_t outputSize) noexcept;
+[[nodiscard]] int qel_base64_std_encode(const unsigned char* input, std::size_t length, char* output,
+                                        std::size_t outputSize) noexcept;

@@ -17,4 +17,5 @@ enum class QelHidden {
 ///
 /// No signal leaves the echo off (QelTerminalSignals). `showPrompt` is called for each time that the prompt must be
 /// shown again, not for the first. The buffer is the only place where bytes of the line are kept; the caller wipes it.
-QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line, const std::function<void()>& showPrompt);
+[[nodiscard]] QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line,
+                                        const std::function<void()>& showPrompt);

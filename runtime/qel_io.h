@@ -9,15 +9,15 @@
 #include <string_view>
 
 /// read(2), but tried again when a signal interrupts it, and waiting for input where the descriptor does not block.
-ssize_t qel_read(int descriptor, void* buffer, std::size_t size) noexcept;
+[[nodiscard]] ssize_t qel_read(int descriptor, void* buffer, std::size_t size) noexcept;
 
 /// Writes all of `bytes`, in as many pieces as it takes; waits as qel_read does. Returns false, with errno, on a
 /// failure.
-bool qel_write(int descriptor, std::string_view bytes) noexcept;
+[[nodiscard]] bool qel_write(int descriptor, std::string_view bytes) noexcept;
 
 /// Opens those of the descriptors 0 to 2 that are closed, so that reading and writing them fails and no file or socket
 /// can take their place. Call it before anything is opened. Returns false when that is not possible.
-bool qel_open_standard_descriptors() noexcept;
+[[nodiscard]] bool qel_open_standard_descriptors() noexcept;
 
 /// Lets stdout and stderr write by qel_write: the C library's own streams drop what they hold when a write is
 /// interrupted. Call it once, before anything is written. Without memory the streams stay as they are.
@@ -27,7 +27,7 @@ void qel_set_up_output() noexcept;
 std::FILE* qel_descriptor_output() noexcept;
 
 /// Writes out what stdout holds. Returns 0, or the error number of the first write of its that failed.
-int qel_flush_output() noexcept;
+[[nodiscard]] int qel_flush_output() noexcept;
 
 /// Gathers text on the stack, so that it needs no memory, and hands it to a stream when there is much of it and at the
 /// end: a short one in one piece.

@@ -48,11 +48,11 @@ struct qelStanzaFile;
 /// Opens and reads a file. `status` receives 0, kStatusFileOpen, kStatusFileRead, kStatusFileSyntax or kStatusNoMemory;
 /// the service log then names the file, and the line for a malformed one. Returns null on failure. A directory cannot
 /// be read. Close it with qelStzFileClose.
-qelStanzaFile* qelStzFileOpen(const char* path, std::uint32_t* status) noexcept;
+[[nodiscard]] qelStanzaFile* qelStzFileOpen(const char* path, std::uint32_t* status) noexcept;
 /// Moves to the first entry of a stanza. Returns 0, or non-zero when there is no such stanza. Names compare exactly.
-std::uint32_t qelStzMoveStanza(qelStanzaFile* file, const char* stanza) noexcept;
+[[nodiscard]] std::uint32_t qelStzMoveStanza(qelStanzaFile* file, const char* stanza) noexcept;
 /// Moves to the next entry of the stanza. Returns 0, or non-zero at the stanza's end.
-std::uint32_t qelStzMoveNextEntry(qelStanzaFile* file) noexcept;
+[[nodiscard]] std::uint32_t qelStzMoveNextEntry(qelStanzaFile* file) noexcept;
 /// Name and value of the entry moved to; null when there is none (an empty stanza, its end). The value of an entry
 /// without one is empty. Valid until the file is closed.
 const char* qelStzEntryName(const qelStanzaFile* file) noexcept;

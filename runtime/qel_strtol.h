@@ -5,4 +5,4 @@
 
 /// Converts a whole text: an optional sign and decimal digits that fit a signed 32-bit integer, nothing else. `base` is
 /// 10. Returns 0, or kStatusInvalidValue, which leaves `value` as it was. Null is no number.
-std::uint32_t qel_strtol(const char* text, int base, std::int32_t* value) noexcept;
+[[nodiscard]] std::uint32_t qel_strtol(const char* text, int base, std::int32_t* value) noexcept;

@@ -107,7 +107,7 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
                                          : LOG_WARNING,
                "%s", visible.data());
     } else if (!appendToUserFile(full)) {
-        qel_write(STDERR_FILENO, full);
+        static_cast<void>(qel_write(STDERR_FILENO, full));  // there is nowhere else to say it
     }
 }
 
@@ -131,7 +131,8 @@ void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, co
         if (isForTerminal(severity)) {
             const std::string text = entryText(identifier, insertFormat, again, QelLanguage::kLocale);
             const QelString bytes(text, QelString::kFromLocale);
-            qel_write(STDERR_FILENO, std::string(QelString(bytes.view(), QelString::kForDisplay).view()) + "\n");
+            const QelString shown(bytes.view(), QelString::kForDisplay);
+            static_cast<void>(qel_write(STDERR_FILENO, std::string(shown.view()) + "\n"));
         }
     } catch (const std::bad_alloc&) {
         // The entry is lost.

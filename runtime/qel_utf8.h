@@ -14,4 +14,4 @@ struct QelCharacter {
 QelCharacter qel_utf8_decode(std::string_view text) noexcept;
 
 /// Whether the bytes are well-formed and without NUL, as all text is that comes from outside.
-bool qel_utf8_is_text(std::string_view bytes) noexcept;
+[[nodiscard]] bool qel_utf8_is_text(std::string_view bytes) noexcept;

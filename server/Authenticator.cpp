@@ -4,6 +4,7 @@
 #include <openssl/hmac.h>
 
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "runtime/SecretBuffer.h"
@@ -36,7 +37,7 @@ Authenticator::Verdict Authenticator::verify(Store& store, const Credentials& cr
     const auto administrator = store.administrator(credentials.user);
     if (!isPossible(administrator, credentials)) {
         ++m_hashCount;
-        passwordMatches("-", m_dummyHash);
+        static_cast<void>(passwordMatches("-", m_dummyHash));
         return {Outcome::kRefused, {}};
     }
     const Digest digest = digestOf(credentials, administrator->passwordHash);
@@ -61,8 +62,10 @@ Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, st
     }
     Digest digest{};
     unsigned length = 0;
-    HMAC(EVP_sha256(), m_key.data(), static_cast<int>(m_key.size()),
-         reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest.data(), &length);
+    if (HMAC(EVP_sha256(), m_key.data(), static_cast<int>(m_key.size()),
+             reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest.data(), &length) == nullptr) {
+        throw std::bad_alloc();
+    }
     return digest;
 }
 
@@ -74,10 +77,13 @@ bool Authenticator::remembers(const Digest& digest) {
 
 void Authenticator::remember(const Digest& digest) {
     const std::lock_guard lock(m_mutex);
-    if (!m_expiries.insert_or_assign(digest, Clock::now() + m_limits.rememberFor).second) {
+    const auto expiry = Clock::now() + m_limits.rememberFor;
+    if (const auto found = m_expiries.find(digest); found != m_expiries.end()) {
+        found->second = expiry;
         return;
     }
-    m_oldestFirst.push_back(digest);
+    m_oldestFirst.push_back(digest);  // first: what is remembered without it would stay for ever
+    m_expiries.emplace(digest, expiry);
     if (m_oldestFirst.size() > m_limits.remembered) {
         m_expiries.erase(m_oldestFirst.front());
         m_oldestFirst.pop_front();

@@ -49,11 +49,12 @@ class Authenticator {
     Authenticator();
     explicit Authenticator(const Limits& limits);
 
-    // Safe to call from several threads, each with a store of its own.
+    // Safe to call from several threads, each with a store of its own. What cannot be computed is no refusal: they throw
+    // std::bad_alloc or std::system_error then, and StoreError.
     /// What is known without a hash; nothing: it takes one.
-    std::optional<Verdict> recall(Store& store, const Credentials& credentials);
+    [[nodiscard]] std::optional<Verdict> recall(Store& store, const Credentials& credentials);
     /// Computes a hash, unless it is remembered by now.
-    Verdict verify(Store& store, const Credentials& credentials);
+    [[nodiscard]] Verdict verify(Store& store, const Credentials& credentials);
 
     /// How many hashes were computed since the start.
     std::uint64_t hashCount() const { return m_hashCount; }

@@ -50,7 +50,9 @@ QelFileDescriptor listenOn(const addrinfo& address) {
 unsigned portOf(int fd) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::runtime_error(std::string("the port cannot be told: ") + std::strerror(errno));
+    }
     // The port lies at the same place in both families.
     return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }

@@ -5,10 +5,12 @@
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
 
 #include "runtime/SecretBuffer.h"
 #include "runtime/qel_hidden.h"
@@ -28,10 +30,18 @@ struct CryptMemory {
     std::unique_ptr<crypt_data> data;
 };
 
+/// Empty: the setting or the password is none that crypt(3) takes.
 std::string crypted(const char* password, const char* setting) {
     CryptMemory memory;
+    errno = 0;
     const char* hash = crypt_r(password, setting, memory.data.get());
-    return hash == nullptr || hash[0] == '*' ? std::string() : std::string(hash);
+    if (hash != nullptr && hash[0] != '*') {
+        return hash;
+    }
+    if (errno != EINVAL && errno != ERANGE) {
+        throw std::system_error(errno, std::generic_category(), "no hash of a password can be computed");
+    }
+    return {};
 }
 
 }  // namespace

@@ -10,11 +10,12 @@ namespace dsessd {
 inline constexpr std::size_t kMaxPasswordBytes = 511;
 
 /// A salted hash of the password at the library's default cost. Empty when there is no randomness or the password is
-/// too long.
-std::string hashPassword(const char* password);
+/// too long. Throws std::system_error when it cannot be computed now, for want of memory for instance.
+[[nodiscard]] std::string hashPassword(const char* password);
 
-/// Whether the password is the one `hash` was made from. Costs the same whether it is or not.
-bool passwordMatches(const char* password, const std::string& hash);
+/// Whether the password is the one `hash` was made from. Costs the same whether it is or not. Throws as
+/// hashPassword() does.
+[[nodiscard]] bool passwordMatches(const char* password, const std::string& hash);
 
 /// Reads a new password for `name` from standard input, without echo and twice when that is a terminal, else its first
 /// line, and gives its hash. Throws std::runtime_error with one line that says why there is none.

@@ -227,6 +227,8 @@ struct Service::Call {
     Parameters parameters;
     Credentials credentials;
     bool identified = false;
+    /// Whether a change may have been made.
+    bool changing = false;
     /// Nothing: anonymous.
     std::optional<Role> role;
     StorePool::Lease store{nullptr, StorePool::Returner{nullptr}};
@@ -295,8 +297,8 @@ Lane Service::advance(Call& call, Lane lane) {
         call.answer.httpStatus = refusal.httpStatus;
         call.answer.text = opening(call.id, m_clusterId) + saying(refusal) + '}';
     };
-    const auto failed = [&](const char* why, int httpStatus = 200) {
-        m_log.write(Topic::kFailure, std::string("the store failed: ") + why);
+    const auto failed = [&](const char* why, int httpStatus = 200, const char* what = "the store failed: ") {
+        m_log.write(Topic::kFailure, std::string(what) + why);
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why.", httpStatus});
     };
     const auto goOnIn = [&](Lane next) {
@@ -330,6 +332,11 @@ Lane Service::advance(Call& call, Lane lane) {
         failed(failure.what(), 503);
     } catch (const StoreError& failure) {
         failed(failure.what());
+    } catch (const std::exception& failure) {
+        if (call.changing) {
+            throw;
+        }
+        failed(failure.what(), 503, "a request cannot be answered now: ");  // another node may have more memory
     }
     call.store.reset();
     logRequest(call);
@@ -426,6 +433,7 @@ std::string Service::change(Call& call) {
     const std::string digest = digestOf(call.method->name, call.parameters);
     std::string said;
     call.outcome = "done before";
+    call.changing = true;
     try {
         said = call.store->once({call.parameters.changeId, call.credentials.user, digest}, [&] {
             call.changed.reset();

@@ -45,11 +45,10 @@ SslContext makeTlsContext(const TlsFiles& files) {
         throw std::runtime_error("TLS is not available: " + tlsError());
     }
     SSL_CTX* raw = context.get();
-    SSL_CTX_set_min_proto_version(raw, TLS1_2_VERSION);
     SSL_CTX_set_options(raw, SSL_OP_NO_TICKET | SSL_OP_NO_RENEGOTIATION | SSL_OP_CIPHER_SERVER_PREFERENCE);
-    SSL_CTX_set_num_tickets(raw, 0);
     SSL_CTX_set_session_cache_mode(raw, SSL_SESS_CACHE_OFF);
-    if (SSL_CTX_set_cipher_list(raw, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1) {
+    if (SSL_CTX_set_min_proto_version(raw, TLS1_2_VERSION) != 1 || SSL_CTX_set_num_tickets(raw, 0) != 1 ||
+        SSL_CTX_set_cipher_list(raw, "ECDHE+AESGCM:ECDHE+CHACHA20") != 1) {
         throw std::runtime_error("TLS is not available: " + tlsError());
     }
     SSL_CTX_set_default_passwd_cb(raw, noPassphrase);

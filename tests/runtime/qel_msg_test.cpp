@@ -134,10 +134,11 @@ struct Files : testing::Test {
         if (file == nullptr) {
             return takeLog();
         }
-        qelStzMoveStanza(file.get(), "x");
+        static_cast<void>(qelStzMoveStanza(file.get(), "x"));
         std::string seen = qelStzMoveStanza(file.get(), stanza) == 0 ? "" : "none";
-        for (; qelStzEntryName(file.get()) != nullptr; qelStzMoveNextEntry(file.get())) {
+        while (qelStzEntryName(file.get()) != nullptr) {
             seen += "(" + std::string(qelStzEntryName(file.get())) + "=" + qelStzEntryValue(file.get()) + ")";
+            status = qelStzMoveNextEntry(file.get());
         }
         return seen;
     }

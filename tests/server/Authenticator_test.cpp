@@ -1,7 +1,11 @@
 #include "server/Authenticator.h"
 
+#include <crypt.h>
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <openssl/hmac.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 
@@ -14,6 +18,9 @@ using Outcome = Authenticator::Outcome;
 namespace {
 
 std::atomic<int> g_syncs = 0;
+/// What has no memory: computing a digest, or a hash.
+bool g_noDigest = false;
+bool g_noHash = false;
 
 struct Authentication : testing::Test {
     Authentication() { store->putAdministrator({"root", hashPassword("SECRET"), Role::kChange}); }
@@ -48,6 +55,19 @@ TEST_F(Authentication, HashesOnceForOneLoginAndAnewForAnythingElse) {
     EXPECT_EQ(verify(forgetful, "root", "SECRET", "a"), Outcome::kVerified);
 }
 
+TEST_F(Authentication, TakesNothingForADigestOrAHashThatCouldNotBeComputed) {
+    Authenticator authenticator;
+    for (const char* password : {"SECRET", "GUESS", "SECRET"}) {
+        for (bool* fault : {&g_noDigest, &g_noHash}) {
+            *fault = true;
+            EXPECT_ANY_THROW(verify(authenticator, "root", password, "a")) << password;
+            *fault = false;
+        }
+    }
+    EXPECT_EQ(verify(authenticator, "root", "GUESS", "a"), Outcome::kRefused);
+    EXPECT_EQ(verify(authenticator, "root", "SECRET", "a"), Outcome::kVerified);
+}
+
 TEST_F(Authentication, LastsOnTheDisk) {
     const int before = g_syncs;
     store->removeAdministrator("root");
@@ -72,8 +92,26 @@ TEST(Text, MakesOneHarmlessLine) {
 
 }  // namespace
 
-/// What SQLite asks the system for when something has to be on the disk.
-extern "C" __attribute__((visibility("default"))) int fdatasync(int) {
+/// What the libraries ask for, which here may fail.
+#define STANDS_IN extern "C" __attribute__((visibility("default")))
+
+STANDS_IN int fdatasync(int) {
     ++g_syncs;
     return 0;
+}
+
+STANDS_IN unsigned char* HMAC(const EVP_MD* kind, const void* key, int keyLength, const unsigned char* bytes,
+                              std::size_t length, unsigned char* digest, unsigned* digestLength) {
+    static const auto real = reinterpret_cast<decltype(&HMAC)>(dlsym(RTLD_NEXT, "HMAC"));
+    return g_noDigest ? nullptr : real(kind, key, keyLength, bytes, length, digest, digestLength);
+}
+
+STANDS_IN char* crypt_r(const char* phrase, const char* setting, crypt_data* data) {
+    static const auto real = reinterpret_cast<decltype(&crypt_r)>(dlsym(RTLD_NEXT, "crypt_r"));
+    if (!g_noHash) {
+        return real(phrase, setting, data);
+    }
+    static char failed[] = "*0";
+    errno = ENOMEM;
+    return failed;
 }

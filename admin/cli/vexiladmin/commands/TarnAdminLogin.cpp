@@ -57,7 +57,9 @@ std::uint32_t TarnAdminLogin::makeLoginId(QelString& loginId) {
         return status;
     }
     char encoded[89];
-    qel_base64_std_encode(random, sizeof(random), encoded, sizeof(encoded));
+    if (qel_base64_std_encode(random, sizeof(random), encoded, sizeof(encoded)) < 0) {
+        return kStatusNoMemory;
+    }
     loginId = QelString(encoded);
     const qel_uuid_t uuid = qel_uuid_create(&status);
     if (status != 0) {
