@@ -4,8 +4,9 @@
 
 #include <atomic>
 #include <exception>
-#include <mutex>
+#include <memory>
 #include <string_view>
+#include <thread>
 
 namespace dsessd {
 
@@ -18,13 +19,19 @@ enum class Topic {
     kDetail,   ///< level 3: the requests' parameters; connections
 };
 
-/// Safe to use from several threads.
+/// Lines go through a queue to a thread that writes them, since whoever reads them may stop reading. As long as they
+/// flow, a line is written when write() returns. When they do not, nobody waits: what the queue cannot hold is dropped,
+/// and a line tells how many were when they flow again. Safe to use from several threads.
 class Log {
   public:
     static constexpr int kMaxLevel = 9;
 
-    /// `fd` stays the caller's.
-    explicit Log(int fd) : m_fd(fd) {}
+    /// `fd` stays the caller's, and open until the process ends.
+    explicit Log(int fd);
+    /// Waits a second at most for what is queued.
+    ~Log();
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
 
     void setLevel(int level) { m_level = level; }
     bool wants(Topic topic) const;
@@ -34,9 +41,11 @@ class Log {
     void failed(const char* what, const std::exception& why) noexcept;
 
   private:
-    int m_fd;
+    class Queue;
     std::atomic<int> m_level = 0;
-    std::mutex m_mutex;
+    /// Shared with the thread, which may be in the middle of a write for ever.
+    std::shared_ptr<Queue> m_queue;
+    std::thread m_thread;
 };
 
 }  // namespace dsessd

@@ -97,6 +97,29 @@ class Serving(unittest.TestCase):
             self.assertEqual(server.stop(), 0)
             self.assertLess(time.monotonic() - begun, 5)
 
+    def test_answers_and_ends_though_nobody_reads_its_log_and_tells_what_was_dropped(self):
+        with Dsessd(administrators=ROOT, anonymous="read") as server:
+            server.call("trace.set", level=3, **AS_ROOT)
+            for reads in (False, True):
+                server.stop()
+                reader, writer = os.pipe()
+                with open(reader, "rb") as log:
+                    server.start(stderr=writer)
+                    os.close(writer)
+                    for _ in range(1500):
+                        server.call("replicaSet.get", replicaSet="x" * 300)
+                    said = b""
+                    while reads and b"could not be written" not in said:
+                        said += os.read(reader, 1 << 16)
+                    begun = time.monotonic()
+                    self.assertEqual(server.stop(), 0)
+                    self.assertLess(time.monotonic() - begun, 5)
+                    said += log.read()
+            dropped = int(re.search(rb" failure lines that could not be written: (\d+)\n", said)[1])
+            seen = len(re.findall(rb" request | detail ", said))
+            self.assertGreater(seen, 500, "the pipe, and a queue")
+            self.assertEqual(seen + dropped, 2 * 1500)
+
     def test_keeps_no_request_in_its_memory(self):
         secret = os.urandom(16).hex()
         with Dsessd(administrators=[("root", secret, "change")]) as server:

@@ -70,11 +70,12 @@ class Dsessd:
         options = {"timeout": DEADLINE, "errors": "surrogateescape", "capture_output": True, **options}
         return subprocess.run([BINARY, *arguments], check=check, text=True, **options)
 
-    def start(self):
+    def start(self, stderr=None):
+        """stderr: where the log goes, None for a file that log() reads."""
         words = [word for name, value in self.options.items() for word in ("--" + name.replace("_", "-"), value)]
         with open(self.directory / "log", "ab") as log:
             command = [BINARY, "serve", *words, "--instance", *self.instances]
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=log)
+            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr or log)
         self.ready_line = self.process.stdout.readline().decode()
         match = re.match(r"dsessd: listening on https?://((.*):(\d+))/ for instances ", self.ready_line)
         if not match:
