@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -42,13 +44,22 @@ QelFileDescriptor stopSignals() {
     return fd;
 }
 
-/// A connection may need two descriptors: its own and that of a file with what it has not taken yet.
-void allowManyDescriptors() {
+// Those of the store and the server itself, and some connections.
+constexpr rlim_t kLeastDescriptors = 256;
+constexpr std::size_t kOtherDescriptors = 128;
+
+/// Gives how many there may be. A connection may need two: its own and that of a file with what it has not taken yet.
+std::size_t allowManyDescriptors() {
     rlimit limit{};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t before = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
+    limit.rlim_cur = limit.rlim_max;
+    const rlim_t now = ::setrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : before;
+    if (now < kLeastDescriptors) {
+        throw std::runtime_error("at least " + std::to_string(kLeastDescriptors) +
+                                 " descriptors are needed, of which " + std::to_string(now) +
+                                 " are allowed; see 'ulimit -n' and LimitNOFILE");
     }
+    return static_cast<std::size_t>(std::min<rlim_t>(now, std::numeric_limits<int>::max()));
 }
 
 /// Ends the process when it does not end by itself in time. Some of what a thread may wait for cannot be broken off,
@@ -91,14 +102,15 @@ std::string readyLine(const ServeOptions& options, const Listener& listener) {
 int serve(const ServeOptions& options) {
     std::signal(SIGPIPE, SIG_IGN);
     const QelFileDescriptor stop = stopSignals();
-    allowManyDescriptors();
+    HttpLimits limits;
+    limits.connections = std::min(limits.connections, allowManyDescriptors() - kOtherDescriptors);
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
     StorePool stores(options.data);
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
     SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
-    HttpServer server(service, log, options.instances, std::move(tls), HttpLimits{});
+    HttpServer server(service, log, options.instances, std::move(tls), limits);
     Listener listener(options.listen);
     const Beat beat(stores, log, options.membership);
 
@@ -171,6 +183,8 @@ int load(const LoadOptions& options) {
             progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
         }
         counts = loadCluster(input, *store, presentTime(), progress);
+    } catch (const StoreUncertain&) {
+        throw;
     } catch (const StoreError& error) {
         throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
     } catch (const LoadError& error) {
@@ -233,6 +247,8 @@ int administrate(const AdminOptions& options) {
                 break;
         }
         return 0;
+    } catch (const StoreUncertain&) {
+        throw;
     } catch (const StoreError& error) {
         throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what());
     }

@@ -86,7 +86,7 @@ void PostgresConnection::open() {
     if (m_connection == nullptr || PQstatus(m_connection.get()) != CONNECTION_OK) {
         const std::string why = m_connection == nullptr ? "no memory" : lineOf(PQerrorMessage(m_connection.get()));
         close();
-        throw StoreUnreachable(nameOf(m_uri) + " cannot be reached: " + why);
+        throw StoreUnavailable(nameOf(m_uri) + " cannot be reached: " + why);
     }
 }
 

@@ -95,7 +95,7 @@ class PostgresConnection {
     PostgresConnection(const PostgresConnection&) = delete;
     PostgresConnection& operator=(const PostgresConnection&) = delete;
 
-    /// Connects. Throws StoreUnreachable.
+    /// Connects. Throws StoreUnavailable.
     void open();
     bool isOpen() const { return m_connection != nullptr; }
     void close() { m_connection.reset(); }

@@ -14,7 +14,7 @@ namespace {
 
 using Value = PostgresConnection::Value;
 
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 // How often a transaction is tried that stands in another's way, and for how long it steps aside in between.
 constexpr int kTries = 8;
 constexpr std::chrono::milliseconds kStepAside{20};
@@ -74,9 +74,8 @@ CREATE TABLE changes (
     user_name text NOT NULL,
     digest text NOT NULL,
     answer text NOT NULL,
-    time timestamptz NOT NULL DEFAULT now()
+    number bigint GENERATED ALWAYS AS IDENTITY UNIQUE
 );
-CREATE INDEX changes_by_time ON changes (time);
 )";
 
 // A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up. What a node has left in
@@ -256,8 +255,21 @@ class Replacing final : public Store::Replacement {
 
 class PostgresStore final : public Store {
   public:
-    PostgresStore(const std::string& uri, IfMissing ifMissing) : m_name(nameOfPostgres(uri)), m_connection(uri) {
+    PostgresStore(const std::string& uri, IfMissing ifMissing)
+        : m_uri(uri), m_name(nameOfPostgres(uri)), m_connection(uri) {
         connect(ifMissing);
+    }
+
+    std::unique_ptr<Store> another() const override {
+        auto store = std::make_unique<PostgresStore>(m_uri, IfMissing::kFail);
+        if (store->m_clusterId != m_clusterId) {
+            throw StoreUnavailable(m_name + " holds another cluster now");
+        }
+        return store;
+    }
+    void beReliable() override {}  // a database that has not committed a change does not show it either
+    void tryWriting() override {
+        transaction(kBeginChange, [&] { return m_connection.run("UPDATE store SET version = version").changed(); });
     }
 
     void endWhen(std::function<bool()> impatient) override { m_connection.endWhen(std::move(impatient)); }
@@ -566,15 +578,18 @@ class PostgresStore final : public Store {
         }
         std::string answer = action();
         m_connection.run("UPDATE changes SET answer = $2 WHERE id = $1", {change.id, answer});
+        const std::int64_t newest = m_connection.run("SELECT max(number) FROM changes").integer(0, 0);
         m_connection.run(
-            "DELETE FROM changes WHERE id IN (SELECT id FROM changes WHERE time < now() - make_interval(secs => $1) "
-            "ORDER BY time LIMIT $2 FOR UPDATE SKIP LOCKED)",
-            {kKeepChangesSeconds, kForgetAtOnce});
+            "DELETE FROM changes WHERE id IN (SELECT id FROM changes WHERE number <= $1 "
+            "ORDER BY number LIMIT $2 FOR UPDATE SKIP LOCKED)",
+            {m_ages.oldUpTo(newest), kForgetAtOnce});
         return answer;
     }
 
-    std::string m_name;
+    const std::string m_uri;
+    const std::string m_name;
     PostgresConnection m_connection;
+    ChangeAges m_ages;
     std::string m_clusterId;
     bool m_inChange = false;
 };

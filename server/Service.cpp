@@ -328,7 +328,7 @@ Lane Service::advance(Call& call, Lane lane) {
         refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
     } catch (const StoreUncertain& failure) {
         failed(failure.what(), 500);
-    } catch (const StoreUnreachable& failure) {
+    } catch (const StoreUnavailable& failure) {
         failed(failure.what(), 503);
     } catch (const StoreError& failure) {
         failed(failure.what());

@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "runtime/QelFileDescriptor.h"
+#include "server/SqliteFiles.h"
 #include "server/StoreEngines.h"
 
 namespace dsessd {
@@ -17,7 +18,7 @@ namespace dsessd {
 namespace {
 
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 // Another process may write: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
 constexpr int kBusyPause = 5;
@@ -41,9 +42,8 @@ CREATE TABLE changes (
     user TEXT NOT NULL,
     digest TEXT NOT NULL,
     answer TEXT NOT NULL,
-    time INTEGER NOT NULL
+    number INTEGER NOT NULL UNIQUE
 ) STRICT, WITHOUT ROWID;
-CREATE INDEX changes_by_time ON changes (time);
 CREATE TABLE realms (
     number INTEGER PRIMARY KEY,
     name TEXT NOT NULL UNIQUE
@@ -106,6 +106,13 @@ auto sqlite(const Action& action) {
                 throw StoreBusy(error.what());
             case SQLITE_INTERRUPT:
                 throw StoreInterrupted(error.what());
+            case SQLITE_NOMEM:
+            case SQLITE_IOERR:
+            case SQLITE_FULL:
+            case SQLITE_READONLY:
+            case SQLITE_CANTOPEN:
+            case SQLITE_PROTOCOL:
+                throw StoreUnavailable(error.what());
             default:
                 throw SqliteError(error);
         }
@@ -165,6 +172,13 @@ class Query {
     SQLite::Statement& m_statement;
 };
 
+struct Connection {
+    SQLite::Database database;
+    std::shared_ptr<SqliteFiles> files;
+    /// Whether every commit has succeeded.
+    bool isSound = true;
+};
+
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
 /// for every one of its neighbours.
 class LargeCache {
@@ -187,28 +201,47 @@ class LargeCache {
 class Transaction {
   public:
     enum class Kind { kRead, kWrite };
-    Transaction(SQLite::Database& database, Kind kind)
-        : m_database(database), m_open(sqlite3_get_autocommit(database.getHandle()) != 0) {
-        if (m_open) {
-            execute(database, kind == Kind::kWrite ? "BEGIN IMMEDIATE" : "BEGIN");
+    Transaction(Connection& connection, Kind kind) : m_connection(connection), m_open(!isInside()) {
+        if (m_open && kind == Kind::kWrite) {
+            connection.files->check(connection.database.getHandle());
+            execute(connection.database, "BEGIN IMMEDIATE");
+        } else if (m_open) {
+            execute(connection.database, "BEGIN");
         }
     }
     Transaction(const Transaction&) = delete;
     Transaction& operator=(const Transaction&) = delete;
     ~Transaction() {
         if (m_open) {
-            m_database.tryExec("ROLLBACK");
+            m_connection.database.tryExec("ROLLBACK");
         }
     }
+    /// Throws StoreUncertain too.
     void commit() {
-        if (m_open) {
-            execute(m_database, "COMMIT");
+        if (!m_open) {
+            return;
+        }
+        try {
+            execute(m_connection.database, "COMMIT");
             m_open = false;
+            m_connection.files->check(m_connection.database.getHandle());
+        } catch (const std::exception& error) {
+            // As long as it is open nothing was written; a full disk has not taken its last page, without which the
+            // others count for nothing. After any other failure all may be in the log, and come back after a crash.
+            const int code = sqlite3_errcode(m_connection.database.getHandle()) & 0xFF;
+            if (m_open && (isInside() || code == SQLITE_FULL)) {
+                throw;
+            }
+            m_connection.isSound = false;
+            m_connection.files->doubt();
+            throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
         }
     }
 
   private:
-    SQLite::Database& m_database;
+    bool isInside() const { return sqlite3_get_autocommit(m_connection.database.getHandle()) == 0; }
+
+    Connection& m_connection;
     /// Whether it is this one that ends it.
     bool m_open;
 };
@@ -229,13 +262,15 @@ void createSchema(SQLite::Database& database) {
 }
 
 /// Makes the schema in a new file; throws unless the file is ours and of this version.
-void establishSchema(SQLite::Database& database, const std::string& path) {
+void establishSchema(Connection& connection) {
+    SQLite::Database& database = connection.database;
+    const std::string& path = connection.files->path();
     const auto isEmpty = [&] {
         return queryInteger(database, "PRAGMA application_id") == 0 &&
                queryInteger(database, "SELECT count(*) FROM sqlite_schema") == 0;
     };
     if (isEmpty()) {
-        Transaction transaction(database, Transaction::Kind::kWrite);
+        Transaction transaction(connection, Transaction::Kind::kWrite);
         if (isEmpty()) {  // another process may have been faster
             createSchema(database);
         }
@@ -294,10 +329,11 @@ struct Statements {
           refreshById(db, "UPDATE sessions SET time = ? WHERE realm = ? AND id = ?"),
           clusterId(db, "SELECT id FROM cluster"),
           change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
-          recordChange(db, "INSERT INTO changes (id, user, digest, answer, time) VALUES (?, ?, ?, ?, ?)"),
+          newestChange(db, "SELECT coalesce(max(number), 0) FROM changes"),
+          recordChange(db, "INSERT INTO changes (id, user, digest, answer, number) VALUES (?, ?, ?, ?, ?)"),
           forgetChanges(db,
                         "DELETE FROM changes WHERE id IN "
-                        "(SELECT id FROM changes WHERE time < ? ORDER BY time LIMIT ?)"),
+                        "(SELECT id FROM changes WHERE number <= ? ORDER BY number LIMIT ?)"),
           contact(db,
                   "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?) "
                   "ON CONFLICT (replica_set, name) DO UPDATE SET last_contact = excluded.last_contact"),
@@ -320,7 +356,7 @@ struct Statements {
     SQLite::Statement realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
-    SQLite::Statement clusterId, change, recordChange, forgetChanges, contact, setting, putSetting;
+    SQLite::Statement clusterId, change, newestChange, recordChange, forgetChanges, contact, setting, putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
     SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey;
 };
@@ -332,7 +368,7 @@ Administrator administratorOf(const Query& row) {
 
 class Listing final : public Store::SessionListing {
   public:
-    explicit Listing(SQLite::Database& database) : m_transaction(database, Transaction::Kind::kRead) {}
+    explicit Listing(Connection& connection) : m_transaction(connection, Transaction::Kind::kRead) {}
 
     void start(Statements& statements, std::int64_t realm, Selector selector, const std::string& glob,
                std::int32_t max) {
@@ -362,9 +398,11 @@ class Listing final : public Store::SessionListing {
 
 class Replacing final : public Store::Replacement {
   public:
-    Replacing(SQLite::Database& database, Statements& statements)
-        : m_database(database), m_statements(statements), m_transaction(database, Transaction::Kind::kWrite) {
-        execute(database,
+    Replacing(Connection& connection, Statements& statements)
+        : m_database(connection.database),
+          m_statements(statements),
+          m_transaction(connection, Transaction::Kind::kWrite) {
+        execute(m_database,
                 "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
                 "DELETE FROM keys");
     }
@@ -402,9 +440,14 @@ class Replacing final : public Store::Replacement {
     Transaction m_transaction;
 };
 
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files);
+
 class SqliteStore final : public Store {
   public:
-    explicit SqliteStore(SQLite::Database database) : m_database(std::move(database)), m_statements(m_database) {
+    explicit SqliteStore(Connection connection)
+        : m_connection(std::move(connection)),
+          m_pageBytes(queryInteger(m_database, "PRAGMA page_size")),
+          m_statements(m_database) {
         sqlite3* handle = m_database.getHandle();
         sqlite3_progress_handler(handle, kStepsBetweenChecks, onProgress, this);
         sqlite3_busy_handler(handle, onBusy, this);
@@ -412,7 +455,30 @@ class SqliteStore final : public Store {
     }
 
     void endWhen(std::function<bool()> impatient) override { m_impatient = std::move(impatient); }
-    bool isSound() const override { return sqlite3_get_autocommit(m_database.getHandle()) != 0; }
+    bool isSound() const override {
+        return m_connection.isSound && sqlite3_get_autocommit(m_database.getHandle()) != 0;
+    }
+    std::unique_ptr<Store> another() const override { return connect(m_connection.files); }
+
+    void beReliable() override {
+        m_connection.files->checkNowAndThen(m_database.getHandle());
+        if (!m_connection.files->isInDoubt()) {
+            return;
+        }
+        try {
+            tryWriting();
+        } catch (const StoreUncertain& error) {
+            throw StoreUnavailable(std::string("a change before has failed, and so does another one: ") + error.what());
+        }
+    }
+
+    void tryWriting() override {
+        const std::uint64_t doubts = m_connection.files->doubts();
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        execute(m_database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+        transaction.commit();
+        m_connection.files->settle(doubts);
+    }
 
     std::string clusterId() override {
         Query query(m_statements.clusterId);
@@ -423,7 +489,7 @@ class SqliteStore final : public Store {
     }
 
     ClusterState cluster() override {
-        Transaction transaction(m_database, Transaction::Kind::kRead);
+        Transaction transaction(m_connection, Transaction::Kind::kRead);
         ClusterState state;
         Query realms(m_statements.realms);
         while (realms.step()) {
@@ -439,7 +505,7 @@ class SqliteStore final : public Store {
     }
 
     std::optional<std::vector<Member>> members(std::string_view replicaSet) override {
-        Transaction transaction(m_database, Transaction::Kind::kRead);
+        Transaction transaction(m_connection, Transaction::Kind::kRead);
         Query set(m_statements.replicaSet, replicaSet);
         if (!set.step()) {
             return std::nullopt;
@@ -454,7 +520,7 @@ class SqliteStore final : public Store {
 
     std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
                                                  std::int32_t max) override {
-        auto listing = std::make_unique<Listing>(m_database);
+        auto listing = std::make_unique<Listing>(m_connection);
         const auto number = realmNumber(realm);
         if (!number) {
             return nullptr;
@@ -465,7 +531,7 @@ class SqliteStore final : public Store {
 
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
         const LargeCache cache(m_database, selector);
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         const auto number = realmNumber(realm);
         if (!number) {
             return std::nullopt;
@@ -480,7 +546,7 @@ class SqliteStore final : public Store {
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                        Seconds now) override {
         const LargeCache cache(m_database, selector);
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         const auto number = realmNumber(realm);
         if (!number) {
             return std::nullopt;
@@ -493,7 +559,7 @@ class SqliteStore final : public Store {
     }
 
     Key changeKey(Seconds now) override {
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         insertKey(m_database, now);
         Key key = currentKey();
         transaction.commit();
@@ -501,22 +567,22 @@ class SqliteStore final : public Store {
     }
 
     std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         if (auto recorded = answerTo(change)) {
             return *recorded;
         }
         std::string answer = action();
         if (!change.id.empty()) {
-            const Seconds now = presentTime();
-            Query(m_statements.recordChange, change.id, change.user, change.digest, answer, now).step();
-            Query(m_statements.forgetChanges, now - kKeepChangesSeconds, kForgetAtOnce).step();
+            const std::int64_t number = 1 + newestChange();
+            Query(m_statements.recordChange, change.id, change.user, change.digest, answer, number).step();
+            Query(m_statements.forgetChanges, m_ages.oldUpTo(number), kForgetAtOnce).step();
         }
         transaction.commit();
         return answer;
     }
 
     bool contact(std::string_view replicaSet, const Member& member) override {
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         Query set(m_statements.replicaSet, replicaSet);
         if (!set.step()) {
             return false;
@@ -531,7 +597,11 @@ class SqliteStore final : public Store {
         return query.step() ? query.integer32(0) : kDefaultTraceLevel;
     }
 
-    void setTraceLevel(int level) override { Query(m_statements.putSetting, "trace level", level).step(); }
+    void setTraceLevel(int level) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Query(m_statements.putSetting, "trace level", level).step();
+        transaction.commit();
+    }
 
     std::optional<Administrator> administrator(std::string_view name) override {
         Query query(m_statements.administrator, name);
@@ -548,7 +618,7 @@ class SqliteStore final : public Store {
     }
 
     bool putAdministrator(const Administrator& administrator) override {
-        Transaction transaction(m_database, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         const bool isNew = !this->administrator(administrator.name).has_value();
         Query(m_statements.putAdministrator, administrator.name, administrator.passwordHash, nameOf(administrator.role))
             .step();
@@ -557,11 +627,14 @@ class SqliteStore final : public Store {
     }
 
     bool removeAdministrator(std::string_view name) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
         Query(m_statements.removeAdministrator, name).step();
-        return m_database.getChanges() > 0;
+        const bool isKnown = m_database.getChanges() > 0;
+        transaction.commit();
+        return isKnown;
     }
 
-    std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_database, m_statements); }
+    std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_connection, m_statements); }
 
   private:
     static int onProgress(void* store) {
@@ -578,16 +651,18 @@ class SqliteStore final : public Store {
         return 1;
     }
 
-    /// What is not moved to the file now is after the next commit.
-    static int onCommit(void* store, sqlite3* database, const char* name, int logPages) {
+    static int onCommit(void* self, sqlite3* database, const char* name, int logPages) {
+        auto* const store = static_cast<SqliteStore*>(self);
+        store->m_connection.files->sawLog(logPages, store->m_pageBytes);
         if (logPages < kMovePages) {
             return SQLITE_OK;
         }
-        auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        auto& impatient = store->m_impatient;
         const auto end = std::chrono::steady_clock::now() + kWaitForReaders;
         auto outside = std::exchange(impatient, [end] { return std::chrono::steady_clock::now() > end; });
         const int mode = logPages < kRestartPages ? SQLITE_CHECKPOINT_PASSIVE : SQLITE_CHECKPOINT_RESTART;
-        sqlite3_wal_checkpoint_v2(database, name, mode, nullptr, nullptr);
+        // What is not moved to the file now is after the next commit.
+        static_cast<void>(sqlite3_wal_checkpoint_v2(database, name, mode, nullptr, nullptr));
         impatient = std::move(outside);
         return SQLITE_OK;
     }
@@ -595,6 +670,12 @@ class SqliteStore final : public Store {
     std::optional<std::int64_t> realmNumber(std::string_view name) {
         Query query(m_statements.realm, name);
         return query.step() ? std::optional(query.integer(0)) : std::nullopt;
+    }
+
+    std::int64_t newestChange() {
+        Query query(m_statements.newestChange);
+        query.step();
+        return query.integer(0);
     }
 
     std::optional<std::string> answerTo(const ChangeRecord& change) {
@@ -617,10 +698,38 @@ class SqliteStore final : public Store {
         return key;
     }
 
-    SQLite::Database m_database;
+    Connection m_connection;
+    SQLite::Database& m_database = m_connection.database;
+    const std::int64_t m_pageBytes;
     Statements m_statements;
+    ChangeAges m_ages;
     std::function<bool()> m_impatient;
 };
+
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
+    const std::string& path = files->path();
+    const auto unusable = [&](const StoreError& error) { return path + " cannot be used: " + error.what(); };
+    try {
+        Connection connection{sqlite([&] {
+                                  return SQLite::Database(
+                                      path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+                                      kBusyMilliseconds);
+                              }),
+                              files};
+        SQLite::Database& database = connection.database;
+        execute(database,
+                "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF; "
+                "PRAGMA journal_size_limit=33554432");
+        establishSchema(connection);
+        execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
+        files->check(database.getHandle());
+        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(connection)); });
+    } catch (const StoreUnavailable& error) {
+        throw StoreUnavailable(unusable(error));
+    } catch (const SqliteError& error) {
+        throw StoreError(error.code() == SQLITE_NOTADB ? path + " is not a data file of dsessd" : unusable(error));
+    }
+}
 
 }  // namespace
 
@@ -630,23 +739,7 @@ std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing
     } else if (::access(path.c_str(), F_OK) != 0) {
         throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");
     }
-    try {
-        SQLite::Database database = sqlite([&] {
-            return SQLite::Database(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
-                                    kBusyMilliseconds);
-        });
-        execute(database,
-                "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF; "
-                "PRAGMA journal_size_limit=33554432");
-        establishSchema(database, path);
-        execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
-        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(database)); });
-    } catch (const SqliteError& error) {
-        if (error.code() == SQLITE_NOTADB) {
-            throw StoreError(path + " is not a data file of dsessd");
-        }
-        throw StoreError(path + " cannot be used: " + error.what());
-    }
+    return connect(std::make_shared<SqliteFiles>(path));
 }
 
 }  // namespace dsessd

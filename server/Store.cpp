@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <limits>
+#include <utility>
 
 #include "runtime/QelTimeText.h"
 #include "runtime/qel_random.h"
@@ -64,6 +65,15 @@ void checkSameChange(const ChangeRecord& change, std::string_view user, std::str
     }
 }
 
+std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_seen || now - m_seenAt > kKeepChanges) {
+        m_old = std::exchange(m_seen, newest).value_or(m_old);
+        m_seenAt = now;
+    }
+    return m_old;
+}
+
 std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing) {
     return isPostgresUri(data) ? openPostgresStore(data, ifMissing) : openSqliteStore(data, ifMissing);
 }
@@ -72,7 +82,8 @@ std::string Store::describe(const std::string& data) {
     return isPostgresUri(data) ? nameOfPostgres(data) : data;
 }
 
-StorePool::StorePool(std::string data) : m_data(std::move(data)) {
+StorePool::StorePool(const std::string& data)
+    : m_isEmbedded(!isPostgresUri(data)), m_first(Store::open(data, Store::IfMissing::kFail)) {
     m_idle.reserve(kIdleStores);  // giving one back must not fail
 }
 
@@ -86,14 +97,15 @@ StorePool::Lease StorePool::take(std::function<bool()> impatient) {
         }
     }
     if (store == nullptr) {
-        store = Store::open(m_data, Store::IfMissing::kFail);
+        store = m_first->another();
     }
     store->endWhen(std::move(impatient));
+    store->beReliable();
     return Lease(store.release(), Returner{this});
 }
 
 bool StorePool::isEmbedded() const {
-    return !isPostgresUri(m_data);
+    return m_isEmbedded;
 }
 
 void StorePool::giveBack(Store* store) {

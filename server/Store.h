@@ -29,14 +29,15 @@ class StoreBusy : public StoreError {
     using StoreError::StoreError;
 };
 
-/// The database cannot be reached: nothing is done.
-class StoreUnreachable : public StoreError {
+/// The store cannot do it now: the database is out of reach, the disk is full or failing, there is no memory, or the
+/// file is not the one any more that was opened. Nothing is done.
+class StoreUnavailable : public StoreError {
   public:
     using StoreError::StoreError;
 };
 
-/// The database was lost while a change was being committed: nobody knows whether it is done. Asked for again under
-/// its identifier (Store::once()), it is done once all the same.
+/// The database was lost, or the disk failed, while a change was being committed: nobody knows whether it is done.
+/// Asked for again under its identifier (Store::once()), it is done once all the same.
 class StoreUncertain : public StoreError {
   public:
     using StoreError::StoreError;
@@ -138,8 +139,16 @@ class Store {
     /// What is asked every now and then while a statement runs or waits for another process: true ends it. Empty:
     /// nothing ends it, and another process is waited for 10 seconds. Must not throw.
     virtual void endWhen(std::function<bool()> impatient) = 0;
-    /// False: a transaction could not be undone, for want of memory. It ends with the store.
+    /// False: not to be used again. A transaction could not be undone, for want of memory, or a commit has failed.
     virtual bool isSound() const { return true; }
+    /// One more connection to the same file or database: what has come to its place since is refused as unavailable.
+    /// Safe to call while another thread uses this one.
+    virtual std::unique_ptr<Store> another() const = 0;
+    /// Throws StoreUnavailable unless what this store shows is sure to last: its file is still there, and no commit has
+    /// failed that a crash could bring back.
+    virtual void beReliable() = 0;
+    /// Makes a change that shows nowhere, to be sure that changes can be made.
+    virtual void tryWriting() = 0;
 
     /// Names the cluster: a UUID made with the store. New contents (replace()) are still the same cluster.
     virtual std::string clusterId() = 0;
@@ -218,14 +227,15 @@ class Store {
 /// Connections to one store, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {
   public:
-    explicit StorePool(std::string data);
+    /// Opens the first, and keeps it: further ones are to the same file or database. Throws StoreError.
+    explicit StorePool(const std::string& data);
 
     struct Returner {
         StorePool* pool;
         void operator()(Store* store) const { pool->giveBack(store); }
     };
     using Lease = std::unique_ptr<Store, Returner>;
-    /// The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
+    /// A reliable one. The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
     Lease take(std::function<bool()> impatient = {});
     /// Whether the store is a file: it is read without asking another process.
     bool isEmbedded() const;
@@ -233,7 +243,8 @@ class StorePool {
   private:
     void giveBack(Store* store);
 
-    std::string m_data;
+    const bool m_isEmbedded;
+    const std::unique_ptr<Store> m_first;
     std::mutex m_mutex;
     std::vector<std::unique_ptr<Store>> m_idle;
 };

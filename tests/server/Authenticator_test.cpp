@@ -1,26 +1,18 @@
 #include "server/Authenticator.h"
 
-#include <crypt.h>
-#include <dlfcn.h>
 #include <gtest/gtest.h>
-#include <openssl/hmac.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 
 #include "server/Password.h"
 #include "server/Text.h"
+#include "tests/server/Faults.h"
 
 using namespace dsessd;
 using Outcome = Authenticator::Outcome;
 
 namespace {
-
-std::atomic<int> g_syncs = 0;
-/// What has no memory: computing a digest, or a hash.
-bool g_noDigest = false;
-bool g_noHash = false;
 
 struct Authentication : testing::Test {
     Authentication() { store->putAdministrator({"root", hashPassword("SECRET"), Role::kChange}); }
@@ -58,7 +50,7 @@ TEST_F(Authentication, HashesOnceForOneLoginAndAnewForAnythingElse) {
 TEST_F(Authentication, TakesNothingForADigestOrAHashThatCouldNotBeComputed) {
     Authenticator authenticator;
     for (const char* password : {"SECRET", "GUESS", "SECRET"}) {
-        for (bool* fault : {&g_noDigest, &g_noHash}) {
+        for (std::atomic<bool>* fault : {&g_faults.noDigest, &g_faults.noHash}) {
             *fault = true;
             EXPECT_ANY_THROW(verify(authenticator, "root", password, "a")) << password;
             *fault = false;
@@ -69,9 +61,9 @@ TEST_F(Authentication, TakesNothingForADigestOrAHashThatCouldNotBeComputed) {
 }
 
 TEST_F(Authentication, LastsOnTheDisk) {
-    const int before = g_syncs;
+    const int before = g_faults.syncs;
     store->removeAdministrator("root");
-    EXPECT_GT(g_syncs, before);
+    EXPECT_GT(g_faults.syncs, before);
 }
 
 TEST(Password, MatchesItsOwnHashOnly) {
@@ -91,27 +83,3 @@ TEST(Text, MakesOneHarmlessLine) {
 }
 
 }  // namespace
-
-/// What the libraries ask for, which here may fail.
-#define STANDS_IN extern "C" __attribute__((visibility("default")))
-
-STANDS_IN int fdatasync(int) {
-    ++g_syncs;
-    return 0;
-}
-
-STANDS_IN unsigned char* HMAC(const EVP_MD* kind, const void* key, int keyLength, const unsigned char* bytes,
-                              std::size_t length, unsigned char* digest, unsigned* digestLength) {
-    static const auto real = reinterpret_cast<decltype(&HMAC)>(dlsym(RTLD_NEXT, "HMAC"));
-    return g_noDigest ? nullptr : real(kind, key, keyLength, bytes, length, digest, digestLength);
-}
-
-STANDS_IN char* crypt_r(const char* phrase, const char* setting, crypt_data* data) {
-    static const auto real = reinterpret_cast<decltype(&crypt_r)>(dlsym(RTLD_NEXT, "crypt_r"));
-    if (!g_noHash) {
-        return real(phrase, setting, data);
-    }
-    static char failed[] = "*0";
-    errno = ENOMEM;
-    return failed;
-}

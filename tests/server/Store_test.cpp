@@ -1,13 +1,17 @@
 #include "server/Store.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
 
+#include "tests/server/Faults.h"
+
 using namespace dsessd;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -29,7 +33,7 @@ struct Stores : testing::TestWithParam<const char*> {
         EXPECT_EQ(replacement->addSessions(sessions), std::nullopt);
         replacement->commit();
     }
-    ~Stores() override { std::filesystem::remove_all(folder); }
+    ~Stores() override { fs::remove_all(folder); }
 
     std::unique_ptr<Store> open() const {
         const std::string uri = "postgresql://dsessd@/postgres?host=" + std::string(GetParam());
@@ -48,8 +52,7 @@ struct Stores : testing::TestWithParam<const char*> {
         return found;
     }
 
-    const std::filesystem::path folder =
-        mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const fs::path folder = mkdtemp((fs::temp_directory_path() / "dsessd-XXXXXX").string().data());
     const std::unique_ptr<Store> store = open(), other = open();
 };
 
@@ -105,6 +108,123 @@ TEST_P(Stores, CarryOutAChangeOnceWhenItIsAskedForAtSeveralNodesAtATime) {
         for (std::thread& thread : threads) {
             thread.join();
         }
+    }
+}
+
+TEST_P(Stores, RememberAChangeForAnHourOfWhichTheTimeOfDaySaysNothing) {
+    int runs = 0;
+    const auto runsOf = [&](const char* id) {
+        return store->once({id, "root", "x"}, [&] { return std::to_string(++runs); });
+    };
+    EXPECT_EQ(runsOf("first"), "1");
+    for (const int hours : {2, -2}) {
+        g_faults.dayAhead = std::chrono::hours(hours);
+        EXPECT_EQ(runsOf(hours > 0 ? "ahead" : "behind"), hours > 0 ? "2" : "3");
+        EXPECT_EQ(runsOf("first"), "1") << hours;
+    }
+    g_faults.clockAhead = std::chrono::minutes(59);
+    EXPECT_EQ(runsOf("late"), "4");
+    EXPECT_EQ(runsOf("first"), "1");
+    g_faults.clockAhead = std::chrono::minutes(80);
+    EXPECT_EQ(runsOf("next"), "5");
+    EXPECT_EQ(runsOf("late"), "4");
+    EXPECT_EQ(runsOf("first"), "6") << "or the records would grow for ever";
+    g_faults.clockAhead = g_faults.dayAhead = std::chrono::seconds(0);
+}
+
+/// A store in a file, and what can be done to it from outside.
+struct DataFiles : testing::Test {
+    ~DataFiles() override { fs::remove_all(folder); }
+
+    std::string change(
+        const char* id, const std::function<void()>& meanwhile = [] {}) {
+        const auto lease = pool->take();
+        return lease->once({id, "root", "x"}, [&] {
+            meanwhile();
+            return lease->changeKey(1).label;
+        });
+    }
+    std::string key() { return pool->take()->cluster().key.label; }
+    /// The key that is there after a crash now.
+    std::string keyAfterCrash() const {
+        const auto copy = folder / "copy";
+        for (const char* end : {"", "-wal"}) {
+            fs::copy_file(data + end, copy.string() + end, fs::copy_options::overwrite_existing);
+        }
+        return Store::open(copy, Store::IfMissing::kFail)->cluster().key.label;
+    }
+    /// As another process does that means well.
+    void execute(const char* sql) const {
+        sqlite3* other = nullptr;
+        EXPECT_EQ(sqlite3_open(data.c_str(), &other), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(other, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(other);
+        sqlite3_close(other);
+    }
+
+    const fs::path folder = mkdtemp((fs::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const std::string data = folder / "cluster.db";
+    const std::unique_ptr<Store> first = Store::open(data, Store::IfMissing::kCreate);
+    std::unique_ptr<StorePool> pool = std::make_unique<StorePool>(data);
+};
+
+TEST_F(DataFiles, AreNotReadAgainAfterAFailedCommitBeforeAnotherOneHasSucceeded) {
+    const std::string before = change("1");
+    g_faults.noSync = true;
+    EXPECT_THROW(change("2"), StoreUncertain);
+    EXPECT_NE(keyAfterCrash(), before) << "nobody can say that nothing was changed";
+    EXPECT_THROW(key(), StoreUnavailable);
+    g_faults.noSync = false;
+    EXPECT_EQ(key(), before);
+    EXPECT_EQ(keyAfterCrash(), before);
+    const std::string after = change("2");
+    EXPECT_EQ(change("2"), after);
+    EXPECT_EQ(keyAfterCrash(), after);
+}
+
+TEST_F(DataFiles, TakeNoChangeOnceTheyAreRemovedReplacedOrCut) {
+    const auto cutTo = [](std::uintmax_t percent) {
+        return [percent](const std::string& path) { fs::resize_file(path, fs::file_size(path) * percent / 100); };
+    };
+    const auto replace = [](const std::string& path) {
+        fs::copy_file(path, path + "2");
+        fs::rename(path + "2", path);
+    };
+    const auto remove = [](const std::string& path) { fs::remove(path); };
+    for (const char* end : {"", "-wal"}) {
+        for (const std::function<void(const std::string&)>& damage :
+             std::initializer_list<std::function<void(const std::string&)>>{remove, replace, cutTo(0), cutTo(50)}) {
+            for (const bool early : {true, false}) {
+                const std::string path = folder / "other.db";
+                Store::open(path, Store::IfMissing::kCreate);
+                pool = std::make_unique<StorePool>(path);
+                change("1");
+                const std::string whole = path + end;
+                if (early) {
+                    damage(whole);
+                    EXPECT_THROW(change("2"), StoreUnavailable) << whole;
+                    EXPECT_THROW(key(), StoreUnavailable) << whole;
+                } else {
+                    EXPECT_THROW(change("2", [&] { damage(whole); }), StoreUncertain) << whole;
+                }
+                pool.reset();
+                for (const char* each : {"", "-wal", "-shm"}) {
+                    fs::remove(path + each);
+                }
+            }
+        }
+    }
+}
+
+TEST_F(DataFiles, AreTrustedWhateverAnotherProcessDoesRightly) {
+    change("1");
+    fs::rename(data, data + "2");
+    EXPECT_THROW(change("2"), StoreUnavailable);
+    fs::rename(data + "2", data);
+    for (const char* sql : {"PRAGMA wal_checkpoint(TRUNCATE)", "VACUUM", "PRAGMA wal_checkpoint = TRUNCATE",
+                            "CREATE TABLE x AS SELECT zeroblob(100000)", "DROP TABLE x; VACUUM"}) {
+        execute(sql);
+        const std::string label = change(sql);
+        EXPECT_EQ(key(), label) << sql;
     }
 }
 

@@ -56,6 +56,9 @@ class Serving(unittest.TestCase):
                 self.assertEqual((done.returncode, done.stdout), (1, ""), problem)
                 self.assertRegex(done.stderr, rf"^dsessd: .*{problem}.*\n$")
             self.assertFalse(os.path.exists(files["none"]))
+            few = f'ulimit -n 255; "$DSESSD" serve --listen 127.0.0.1:0 --data {server.data} --instance blue'
+            done = subprocess.run(["sh", "-c", few], capture_output=True, text=True)
+            self.assertEqual((done.returncode, done.stdout, "256 descriptors" in done.stderr), (1, "", True))
             with contextlib.closing(sqlite3.connect(files["foreign"])) as database:
                 self.assertEqual(database.execute("SELECT name FROM sqlite_schema").fetchall(), [("songs",)])
             serve = f"serve --listen 127.0.0.1:0 --data {server.data} --instance"

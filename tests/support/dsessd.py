@@ -75,7 +75,9 @@ class Dsessd:
         words = [word for name, value in self.options.items() for word in ("--" + name.replace("_", "-"), value)]
         with open(self.directory / "log", "ab") as log:
             command = [BINARY, "serve", *words, "--instance", *self.instances]
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr or log)
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr or log
+            )
         self.ready_line = self.process.stdout.readline().decode()
         match = re.match(r"dsessd: listening on https?://((.*):(\d+))/ for instances ", self.ready_line)
         if not match:
