@@ -117,7 +117,7 @@ typedef struct olm_dsess_admin_mv_string_t {
 typedef struct olm_dsess_admin_ssl_info_t {
     /** Distinguished names, one of which the server's certificate must bear; empty: its host name is checked. */
     olm_dsess_admin_mv_string_t server_dns;
-    /** Path of a PKCS#12 or PEM file with the client's identity and the trusted CA certificates. */
+    /** Path of a PKCS#12 or PEM file with the client's identity and the CA certificates, the only ones trusted. */
     char* keyfile;
     /** Path of the file whose first line is the key file's password. */
     char* keyfile_stash;

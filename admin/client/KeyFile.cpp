@@ -9,65 +9,57 @@
 #include <cstring>
 
 #include "admin/client/DistinguishedName.h"
-#include "admin/client/PemFile.h"
-#include "admin/client/Pkcs12File.h"
+#include "admin/client/KeyFileContents.h"
+#include "admin/client/TlsProblem.h"
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/SecretBuffer.h"
+#include "runtime/qel_messages.h"
 
 namespace olmdsess {
 
 namespace {
 
-constexpr std::size_t kMaxFileBytes = std::size_t{1024} * 1024;
+constexpr off_t kMaxFileBytes = off_t{1024} * 1024;
 constexpr mode_t kNobodyElse = S_IRWXG | S_IRWXO;
 constexpr mode_t kNobodyElseWrites = S_IWGRP | S_IWOTH;
 
 struct File {
-    std::string called;
     struct stat status {};
     SecretBuffer bytes;
 };
 
 /// Refuses a file that others could have read or written, by the permissions that are refused.
-void checkOwner(const File& file, mode_t refused, const char* why) {
+void checkOwner(const File& file, mode_t refused, const std::string& why) {
     if (file.status.st_uid != geteuid() && file.status.st_uid != 0) {
-        failOfKeyFile(file.called + " cannot be used: it belongs to another user" + why);
+        throw UnusableFile{"cannot be used: it belongs to another user" + why};
     }
     if ((file.status.st_mode & refused) != 0) {
-        failOfKeyFile(file.called + " cannot be used: others than its owner have permissions on it" + why +
-                      " (chmod 600 takes them away)");
+        throw UnusableFile{"cannot be used: others than its owner have permissions on it" + why +
+                           " (chmod 600 takes them away)"};
     }
 }
 
 /// Reads a regular file. A FIFO must not hang the open, so that it never waits.
-File readFile(const char* what, const char* path, int moreFlags) {
-    File file{std::string(what) + " " + path, {}, {}};
+File readFile(const char* path, int moreFlags) {
+    File file;
     const QelFileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | moreFlags));
     if (!descriptor.isOpen()) {
-        failOfKeyFile(file.called +
-                      " cannot be opened: " + (errno == ELOOP ? "it is a symbolic link" : std::strerror(errno)));
+        throw UnusableFile{std::string("cannot be opened: ") +
+                           (errno == ELOOP ? "it is a symbolic link" : std::strerror(errno))};
     }
     if (fstat(descriptor.get(), &file.status) != 0 || !S_ISREG(file.status.st_mode)) {
-        failOfKeyFile(file.called + " cannot be used: it is not a regular file");
+        throw UnusableFile{"cannot be used: it is not a regular file"};
     }
-    // One byte more than it has, to see its end; all that is allowed for one that grows meanwhile.
-    file.bytes.resize(std::min(static_cast<std::size_t>(file.status.st_size), kMaxFileBytes) + 1);
+    if (file.status.st_size > kMaxFileBytes) {
+        throw UnusableFile{"cannot be used: it is longer than 1 MiB"};
+    }
+    file.bytes.resize(static_cast<std::size_t>(file.status.st_size));
     std::size_t size = 0;
-    while (size <= kMaxFileBytes) {
-        if (size == file.bytes.size()) {
-            file.bytes.resize(kMaxFileBytes + 1);
-        }
-        const ssize_t count = read(descriptor.get(), file.bytes.data() + size, file.bytes.size() - size);
+    for (ssize_t count = 1; count != 0; size += static_cast<std::size_t>(count)) {
+        count = read(descriptor.get(), file.bytes.data() + size, file.bytes.size() - size);
         if (count < 0) {
-            failOfKeyFile(file.called + " cannot be read: " + std::strerror(errno));
+            throw UnusableFile{std::string("cannot be read: ") + std::strerror(errno)};
         }
-        if (count == 0) {
-            break;
-        }
-        size += static_cast<std::size_t>(count);
-    }
-    if (size > kMaxFileBytes) {
-        failOfKeyFile(file.called + " cannot be used: it is longer than 1 MiB");
     }
     file.bytes.resize(size);
     return file;
@@ -75,25 +67,19 @@ File readFile(const char* what, const char* path, int moreFlags) {
 
 /// The first line, without its end.
 SecretBuffer readStash(const char* path) {
-    File file = readFile("the stash file", path, O_NOFOLLOW);
+    File file = readFile(path, O_NOFOLLOW);
     checkOwner(file, kNobodyElse, "");
     SecretBuffer& bytes = file.bytes;
-    bytes.resize(static_cast<std::size_t>(std::find(bytes.begin(), bytes.end(), '\n') - bytes.begin()));
+    bytes.erase(std::find(bytes.begin(), bytes.end(), '\n'), bytes.end());
     if (!bytes.empty() && bytes.back() == '\r') {
         bytes.pop_back();
     }
     return std::move(file.bytes);
 }
 
-/// DER of this size begins with a sequence whose length takes more than one byte.
-bool isDer(const SecretBuffer& bytes) {
-    return bytes.size() > 1 && bytes[0] == '\x30' && (bytes[1] & '\x80') != 0;
-}
-
 KeyFileContents readContents(const char* path, SecretBuffer& password) {
-    const File file = readFile("the key file", path, 0);
-    KeyFileContents contents =
-        isDer(file.bytes) ? readPkcs12(path, file.bytes, password) : readPem(path, file.bytes, password);
+    const File file = readFile(path, 0);
+    KeyFileContents contents = readKeyFileContents(file.bytes, password);
     if (contents.hasPlainKey) {
         checkOwner(file, kNobodyElse, ", and its private key is not encrypted");
     } else if (!contents.isSealed) {
@@ -104,79 +90,78 @@ KeyFileContents readContents(const char* path, SecretBuffer& password) {
 
 /// A certificate of the file that one of its keys belongs to.
 struct Identity {
-    KeyFileContents::Certificate* certificate;
-    KeyFileContents::Key* key;
-    std::string label() const { return certificate->label.empty() ? key->label : certificate->label; }
+    X509* certificate;
+    EVP_PKEY* key;
+    std::string label;
 };
 
-std::vector<Identity> findIdentities(KeyFileContents& contents) {
+/// Each certificate counts once.
+std::vector<Identity> findIdentities(const KeyFileContents& contents) {
     std::vector<Identity> identities;
-    for (KeyFileContents::Certificate& certificate : contents.certificates) {
-        for (KeyFileContents::Key& key : contents.keys) {
-            if (X509_check_private_key(certificate.certificate.get(), key.key.get()) == 1) {
-                identities.push_back({&certificate, &key});
-                break;
+    for (const auto& [owner, label] : contents.certificates) {
+        X509* certificate = owner.get();
+        for (const auto& [key, keyLabel] : contents.keys) {
+            if (X509_check_private_key(certificate, key.get()) != 1) {
+                continue;
+            }
+            auto same = std::find_if(identities.begin(), identities.end(), [certificate](const Identity& other) {
+                return X509_cmp(other.certificate, certificate) == 0;
+            });
+            if (same == identities.end()) {
+                same = identities.insert(same, {certificate, key.get(), {}});
+            }
+            if (same->label.empty()) {
+                same->label = label.empty() ? keyLabel : label;
             }
         }
     }
-    ERR_clear_error();  // of the pairs that do not match
     return identities;
 }
 
-std::string labelsOf(const std::vector<Identity>& identities) {
-    std::string text;
-    for (const Identity& identity : identities) {
-        text += (text.empty() ? "" : ", ") + identity.label();
-    }
-    return text.empty() ? "none" : text;
-}
+using Certificates = decltype(KeyFileContents::certificates);
 
-/// The identity of this label, or the only one; null when there is none and none is asked for.
-const Identity* chooseIdentity(const std::string& path, const std::vector<Identity>& identities, const char* label) {
-    const Identity* chosen = nullptr;
-    for (const Identity& identity : identities) {
-        if (label != nullptr && identity.label() != label) {
-            continue;
-        }
-        if (chosen != nullptr) {
-            failOfKeyFile("the key file " + path +
-                          (label != nullptr
-                               ? " holds several identities labelled " + std::string(label)
-                               : " holds several identities, and no label (ssl-keyfile-label) chooses one of them: " +
-                                     labelsOf(identities)));
-        }
-        chosen = &identity;
-    }
-    if (chosen == nullptr && label != nullptr) {
-        failOfKeyFile("the key file " + path + " holds no identity labelled " + label +
-                      "; labels in it: " + labelsOf(identities));
-    }
-    return chosen;
-}
-
-bool isTrustworthy(X509* certificate) {
-    return X509_check_ca(certificate) != 0 || X509_self_signed(certificate, 1) == 1;
+bool hasSigned(X509* issuer, X509* certificate) {
+    return X509_verify(certificate, X509_get0_pubkey(issuer)) == 1;
 }
 
 /// The issuer among these, one that has not ended if there is a choice; null when there is none.
-X509* issuerOf(X509* certificate, const std::vector<KeyFileContents::Certificate>& certificates) {
-    std::vector<X509*> candidates;
-    for (const KeyFileContents::Certificate& candidate : certificates) {
-        if (X509_check_issued(candidate.certificate.get(), certificate) == X509_V_OK) {
-            candidates.push_back(candidate.certificate.get());
+X509* issuerOf(X509* certificate, const Certificates& certificates) {
+    std::vector<X509*> issuers;
+    for (const auto& [candidate, label] : certificates) {
+        if (X509_check_issued(candidate.get(), certificate) == X509_V_OK) {
+            issuers.push_back(candidate.get());
         }
     }
-    if (candidates.size() == 1) {
-        return candidates.front();  // whoever gets the chain verifies it
+    if (issuers.size() > 1) {  // whoever gets the chain verifies it
+        std::erase_if(issuers, [certificate](X509* issuer) { return !hasSigned(issuer, certificate); });
     }
-    X509* found = nullptr;
-    for (X509* issuer : candidates) {
-        if (X509_verify(certificate, X509_get0_pubkey(issuer)) == 1 &&
-            (found == nullptr || X509_cmp_current_time(X509_get0_notAfter(found)) < 0)) {
-            found = issuer;
+    const auto lasting = std::find_if(issuers.begin(), issuers.end(), [](const X509* issuer) {
+        return X509_cmp_current_time(X509_get0_notAfter(issuer)) > 0;
+    });
+    return lasting != issuers.end() ? *lasting : issuers.empty() ? nullptr : issuers.front();
+}
+
+/// Whether a certificate says that this one has signed it: by its name, or by the identifier of its key.
+bool namesIssuer(X509* certificate, X509* issuer) {
+    const ASN1_OCTET_STRING* wanted = X509_get0_authority_key_id(certificate);
+    const ASN1_OCTET_STRING* present = X509_get0_subject_key_id(issuer);
+    return X509_NAME_cmp(X509_get_issuer_name(certificate), X509_get_subject_name(issuer)) == 0 ||
+           (wanted != nullptr && present != nullptr && ASN1_OCTET_STRING_cmp(wanted, present) == 0);
+}
+
+/// Whether none of those that a certificate names as its issuer has signed it. One whose issuer is not in the file is
+/// taken as it is.
+bool lacksSignature(X509* certificate, const Certificates& certificates) {
+    bool isNamed = false;
+    for (const auto& [issuer, label] : certificates) {
+        if (namesIssuer(certificate, issuer.get())) {
+            if (hasSigned(issuer.get(), certificate)) {
+                return false;
+            }
+            isNamed = true;
         }
     }
-    return found;
+    return isNamed;
 }
 
 CertificatePtr shared(X509* certificate) {
@@ -185,7 +170,7 @@ CertificatePtr shared(X509* certificate) {
 }
 
 /// The certificates above this one, in order, as far as the file has them.
-std::vector<CertificatePtr> chainOf(X509* certificate, const std::vector<KeyFileContents::Certificate>& certificates) {
+std::vector<CertificatePtr> chainOf(X509* certificate, const Certificates& certificates) {
     std::vector<CertificatePtr> chain;
     while (chain.size() < certificates.size() && X509_self_signed(certificate, 0) != 1) {
         certificate = issuerOf(certificate, certificates);
@@ -194,53 +179,84 @@ std::vector<CertificatePtr> chainOf(X509* certificate, const std::vector<KeyFile
         }
         chain.push_back(shared(certificate));
     }
-    ERR_clear_error();  // of the pairs that do not match
     return chain;
 }
 
-/// The certificates that are trusted. Those without a key that are none have to stand beside one that is: the
-/// system's are asked only where the file holds no sign of others.
-std::vector<CertificatePtr> findTrusted(const char* path, const KeyFileContents& contents,
-                                        const std::vector<Identity>& identities) {
+/// CA certificates, and those that sign themselves. A damaged one must not be trusted in place of what it was.
+std::vector<CertificatePtr> findTrusted(const KeyFileContents& contents) {
     std::vector<CertificatePtr> trusted;
-    const X509* other = nullptr;
-    for (const KeyFileContents::Certificate& certificate : contents.certificates) {
-        const bool isIdentity = std::any_of(identities.begin(), identities.end(), [&](const Identity& identity) {
-            return identity.certificate == &certificate;
-        });
-        if (!isIdentity && isTrustworthy(certificate.certificate.get())) {
-            trusted.push_back(shared(certificate.certificate.get()));
-        } else if (!isIdentity) {
-            other = certificate.certificate.get();
+    for (const auto& [certificate, label] : contents.certificates) {
+        if (X509_check_ca(certificate.get()) == 0 && X509_self_signed(certificate.get(), 0) != 1) {
+            continue;
         }
+        if (!contents.isSealed && lacksSignature(certificate.get(), contents.certificates)) {
+            throw UnusableFile{
+                "holds a certificate that its issuer in the file has not signed: " + subjectText(certificate.get()) +
+                "; it is damaged, or the issuer is another one of that name"};
+        }
+        trusted.push_back(shared(certificate.get()));
     }
-    if (trusted.empty() && other != nullptr) {
-        failOfKeyFile("the key file " + std::string(path) + " holds neither a CA certificate nor the private key of " +
-                      subjectText(other));
+    if (trusted.empty()) {
+        throw UnusableFile{
+            "holds no CA certificate to trust; add that of the CA which has signed the servers' certificates"};
     }
     return trusted;
+}
+
+/// Takes the identity of this label; null: the only one, if there is one.
+KeyFile choose(const KeyFileContents& contents, const char* label) {
+    std::vector<Identity> identities = findIdentities(contents);
+    if (identities.empty() && !contents.keys.empty()) {
+        throw UnusableFile{"holds a private key, but not its certificate"};
+    }
+    KeyFile result;
+    result.trusted = findTrusted(contents);
+    std::string labels;
+    for (const Identity& identity : identities) {
+        labels += (labels.empty() ? "" : ", ") + identity.label;
+    }
+    if (label != nullptr) {
+        std::erase_if(identities, [label](const Identity& identity) { return identity.label != label; });
+    }
+    if (identities.size() > 1) {
+        throw UnusableFile{label != nullptr
+                               ? "holds several identities labelled " + std::string(label)
+                               : "holds several identities, and no label (ssl-keyfile-label) chooses one of them: " +
+                                     labels};
+    }
+    if (identities.empty() && label != nullptr) {
+        throw UnusableFile{"holds no identity labelled " + std::string(label) +
+                           "; labels in it: " + (labels.empty() ? "none" : labels)};
+    }
+    if (!identities.empty()) {
+        const Identity& identity = identities.front();
+        EVP_PKEY_up_ref(identity.key);
+        result.key.reset(identity.key);
+        result.certificate = shared(identity.certificate);
+        result.chain = chainOf(identity.certificate, contents.certificates);
+    }
+    return result;
 }
 
 }  // namespace
 
 KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) {
-    SecretBuffer password = stashPath == nullptr ? SecretBuffer() : readStash(stashPath);
-    KeyFileContents contents = readContents(path, password);
-    const std::vector<Identity> identities = findIdentities(contents);
-    if (identities.empty() && !contents.keys.empty()) {
-        failOfKeyFile("the key file " + std::string(path) + " holds a private key, but not its certificate");
+    ERR_clear_error();  // what reads the file looks for its own errors
+    std::string called;
+    try {
+        SecretBuffer password;
+        if (stashPath != nullptr) {
+            called = std::string("the stash file ") + stashPath;
+            password = readStash(stashPath);
+        }
+        called = std::string("the key file ") + path;
+        KeyFile result = choose(readContents(path, password), label);
+        ERR_clear_error();  // of pairs that do not match
+        return result;
+    } catch (const UnusableFile& file) {
+        ERR_clear_error();
+        throw TlsProblem{kStatusKeyFile, called + " " + file.why};
     }
-    KeyFile result;
-    result.trusted = findTrusted(path, contents, identities);
-    if (const Identity* identity = chooseIdentity(path, identities, label)) {
-        result.key = std::move(identity->key->key);
-        result.certificate = shared(identity->certificate->certificate.get());
-        result.chain = chainOf(result.certificate.get(), contents.certificates);
-    }
-    if (result.key == nullptr && result.trusted.empty()) {
-        failOfKeyFile("the key file " + std::string(path) + " holds neither an identity nor a CA certificate");
-    }
-    return result;
 }
 
 }  // namespace olmdsess

@@ -1,8 +1,8 @@
 /// The client's key file: its identity and the CA certificates it trusts.
 ///
 /// PKCS#12: an identity is a private key and its certificate; its label is their friendly name. PEM: one private key
-/// and its certificate; its label is the certificate's common name. In both, further CA certificates, and certificates
-/// that sign themselves, are trusted. A file without a private key holds trusted certificates only.
+/// and its certificate; its label is the certificate's common name. In both, CA certificates and certificates that sign
+/// themselves are trusted, with or without their keys.
 #pragma once
 
 #include <string>
@@ -13,13 +13,14 @@
 namespace olmdsess {
 
 struct KeyFile {
-    PrivateKeyPtr key;                  ///< null: no identity
-    CertificatePtr certificate;         ///< of the key
-    std::vector<CertificatePtr> chain;  ///< the certificates above it, in order, as far as the file has them
-    std::vector<CertificatePtr> trusted;
+    PrivateKeyPtr key;                    ///< null: no identity
+    CertificatePtr certificate;           ///< of the key
+    std::vector<CertificatePtr> chain;    ///< the certificates above it, in order, as far as the file has them
+    std::vector<CertificatePtr> trusted;  ///< at least one
 };
 
-/// Reads a key file and chooses its identity.
+/// Reads a key file and chooses its identity. A CA certificate that its issuer in the file has not signed is
+/// refused, so that damage adds nobody to those who are trusted.
 ///
 /// stashPath: a file whose first line is the password; null: none. It has to be a regular file, not a link, that
 /// belongs

@@ -29,7 +29,5 @@ using Octets = std::unique_ptr<ASN1_OCTET_STRING, OpensslDeleter<ASN1_OCTET_STRI
 using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
 using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;
-using Pkcs12Ptr = std::unique_ptr<PKCS12, OpensslDeleter<PKCS12_free>>;
-using Pkcs8Ptr = std::unique_ptr<PKCS8_PRIV_KEY_INFO, OpensslDeleter<PKCS8_PRIV_KEY_INFO_free>>;
 
 }  // namespace olmdsess

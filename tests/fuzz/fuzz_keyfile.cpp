@@ -1,5 +1,5 @@
-/// Any bytes as a key file: it gives an identity whose parts fit, or a reason that names the file. The first byte
-/// chooses whether there are a stash and a label.
+/// Any bytes as a key file: it gives somebody to trust and an identity whose parts fit, or a reason that names the
+/// file. The first byte chooses whether there are a stash and a label.
 
 #include <openssl/err.h>
 #include <openssl/x509.h>
@@ -23,6 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const bool stashed = (input[0] & 1) != 0, labelled = (input[0] & 2) != 0;
     try {
         const KeyFile file = loadKeyFile(path.c_str(), stashed ? stash.c_str() : nullptr, labelled ? "me" : nullptr);
+        REQUIRE(!file.trusted.empty());
         REQUIRE(file.key == nullptr || X509_check_private_key(file.certificate.get(), file.key.get()) == 1);
     } catch (const TlsProblem& problem) {
         REQUIRE(problem.status == kStatusKeyFile && problem.text.find(path) != std::string::npos);
