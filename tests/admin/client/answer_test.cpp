@@ -75,7 +75,7 @@ const std::pair<AnswerShape, std::string> kWhole[] = {
     {AnswerShape::kLevel, result(R"("level":-2147483648)")},
     {AnswerShape::kCount, result(R"("count":0)")},
     {AnswerShape::kReplicaSet, result(R"("count":1,"records":[{"name":"n","time":1}])")},
-    {AnswerShape::kKey, result(R"("key":{"label":"k","time":1,"previousTime":2147483647})")},
+    {AnswerShape::kKey, result(R"("key":{"label":"k","time":1,"previousTime":2147483647,"previousTimes":0})")},
 };
 
 TEST(AnswerReader, TakesFieldsInAnyOrderAndPassesOverThoseItDoesNotKnow) {
@@ -118,6 +118,11 @@ TEST(AnswerReader, KeepsTextsOfAnyLengthWhereverTheirEscapesStand) {
         for (const std::size_t piece : {17, 262'144}) {
             EXPECT_TRUE(read(AnswerShape::kSessions, result(text + "]"), piece, true) == said) << length;
         }
+    }
+    for (std::size_t length = 900; length < 1100; ++length) {  // some fill what there is room for
+        const std::string id(length, 'x');
+        const std::string text = R"("total":1,"count":1,"sessions":[{"user":"","time":1,"id":")" + id + "\"}]";
+        EXPECT_EQ(read(AnswerShape::kSessions, result(text), 4096, false), "~ ~ ~ ~ 0/0 1/1/0,  " + id + " 1");
     }
 }
 
