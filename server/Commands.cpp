@@ -97,13 +97,25 @@ std::string readyLine(const ServeOptions& options, const Listener& listener) {
     return line;
 }
 
+void checkThatItTakesChanges(StorePool& stores) {
+    try {
+        stores.take()->tryWriting();
+    } catch (const StoreBusy&) {
+        // somebody else can write
+    } catch (const StoreUncertain& error) {
+        throw StoreError(std::string("the store takes no changes: ") + error.what());
+    } catch (const StoreUnavailable& error) {
+        throw StoreError(std::string("the store takes no changes: ") + error.what());
+    }
+}
+
 }  // namespace
 
 int serve(const ServeOptions& options) {
     std::signal(SIGPIPE, SIG_IGN);
     const QelFileDescriptor stop = stopSignals();
     HttpLimits limits;
-    limits.connections = std::min(limits.connections, allowManyDescriptors() - kOtherDescriptors);
+    limits.connections = std::min(limits.connections, (allowManyDescriptors() - kOtherDescriptors) / 2);
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
     StorePool stores(options.data);
@@ -114,10 +126,12 @@ int serve(const ServeOptions& options) {
     Listener listener(options.listen);
     const Beat beat(stores, log, options.membership);
 
-    const std::string ready = readyLine(options, listener);
-    std::cout << ready << std::endl;
-    log.write(Topic::kNotice, ready.substr(ready.find("listening")));
-    server.run(std::move(listener), stop.get(), [&] { lastResort.startClock(); });
+    checkThatItTakesChanges(stores);
+    const auto sayReady = [&log, ready = readyLine(options, listener)] {
+        std::cout << ready << std::endl;
+        log.write(Topic::kNotice, ready.substr(ready.find("listening")));
+    };
+    server.run(std::move(listener), stop.get(), sayReady, [&] { lastResort.startClock(); });
     log.write(Topic::kNotice, "stopped");
     return 0;
 }

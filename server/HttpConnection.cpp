@@ -163,11 +163,14 @@ HttpConnection::Awaitable<bool> HttpConnection::shakeHands() {
         m_peer.certificate = peerSubject(m_tls->native_handle());
         co_return true;
     }
-    if (!m_ended) {
+    if (m_ended) {
+        co_return false;
+    }
+    if (const Repeats::Reaction reaction = m_setting.failedHandshakes.count(m_peer.host); reaction.say) {
         const bool isOfTls = error.category() == net::error::get_ssl_category();
         m_setting.log.write(Topic::kAudit,
                             "TLS handshake failed: " + tlsError(isOfTls ? static_cast<unsigned>(error.value()) : 0) +
-                                ", from " + m_peer.address);
+                                ", from " + m_peer.address + reaction.rest());
     }
     co_return false;
 }

@@ -22,6 +22,7 @@
 #include "server/HttpLimits.h"
 #include "server/Lanes.h"
 #include "server/Log.h"
+#include "server/Repeats.h"
 
 namespace dsessd {
 
@@ -38,6 +39,7 @@ struct HttpSetting {
     std::unique_ptr<boost::asio::ssl::context> tls;
     /// The server stops: whatever is done ends by then.
     std::atomic<std::chrono::steady_clock::time_point> stop = std::chrono::steady_clock::time_point::max();
+    Repeats failedHandshakes{};
 };
 
 /// Used by one thread, the one that runs its context.
@@ -68,6 +70,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
         kEnding,
     };
     Doing doing() const { return m_doing; }
+    /// Whose it is.
+    const std::string& host() const { return m_peer.host; }
     /// When it began to wait for its client.
     Clock::time_point since() const { return m_since; }
     /// Whether it was told to end soon.

@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
 #include <set>
 #include <thread>
+#include <tuple>
 
 #include "protocol/protocol.h"
 #include "server/HttpConnection.h"
@@ -26,6 +28,9 @@ using Clock = HttpConnection::Clock;
 
 constexpr std::chrono::milliseconds kTick{100};
 constexpr int kTakeInTurn = 64;
+constexpr std::chrono::minutes kSayBusyEvery{1};
+/// Who has no more than this part of the connections is not refused for what others have.
+constexpr std::size_t kModestPart = 8;
 
 /// The connections of one thread. All of it belongs to that thread, unless it says otherwise.
 class Loop {
@@ -55,16 +60,16 @@ class Loop {
     }
 
     void admit(QelFileDescriptor socket, const std::shared_ptr<void>& place) {
-        const bool stopping = m_setting.stop.load() != Clock::time_point::max();
-        const bool refused = stopping || (m_connections.size() >= m_most && !makeRoom());
-        if (refused && !stopping && !m_saturated) {
-            m_setting.log.write(Topic::kFailure,
-                                "busy with " + std::to_string(m_connections.size()) + " connections, more are refused");
-        }
-        m_saturated = refused;
         const auto connection = std::make_shared<HttpConnection>(
             m_setting, context, std::move(socket),
             [this, place](HttpConnection& ended) { m_connections.erase(ended.shared_from_this()); });
+        const bool stopping = m_setting.stop.load() != Clock::time_point::max();
+        const bool refused = stopping || (m_connections.size() >= m_most && !makeRoomFor(*connection));
+        if (refused && !stopping && Clock::now() > m_saidBusy + kSayBusyEvery) {
+            m_saidBusy = Clock::now();
+            m_setting.log.write(Topic::kFailure,
+                                "busy with " + std::to_string(m_connections.size()) + " connections, more are refused");
+        }
         m_connections.insert(connection);
         try {
             connection->start(refused);
@@ -106,38 +111,44 @@ class Loop {
         });
     }
 
-    /// Who is slow to take an answer is more likely to be honest than who is slow to ask.
-    bool makeRoom() {
-        const auto longest = [&](HttpConnection::Doing first, HttpConnection::Doing last) {
-            HttpConnection* found = nullptr;
-            for (const auto& candidate : m_connections) {
-                const auto doing = candidate->doing();
-                if (!candidate->isLeaving() && first <= doing && doing <= last &&
-                    (found == nullptr || candidate->since() < found->since())) {
-                    found = candidate.get();
-                }
-            }
-            return found;
+    /// Of the hosts that have no fewer connections than the newcomer's, the one that has most makes room, by what has
+    /// waited longest for its client; who is slow to take an answer is more likely to be honest than who is slow to
+    /// ask. False: none does, and the newcomer is not from a host that has few.
+    bool makeRoomFor(const HttpConnection& newcomer) {
+        std::map<std::string_view, std::size_t> counts{{newcomer.host(), 1}};
+        for (const auto& connection : m_connections) {
+            ++counts[connection->host()];
+        }
+        const std::size_t own = counts[newcomer.host()];
+        const auto rank = [&](const HttpConnection& candidate) {
+            return std::tuple(counts[candidate.host()], candidate.doing() <= HttpConnection::Doing::kReading,
+                              Clock::now() - candidate.since());
         };
-        using Doing = HttpConnection::Doing;
-        HttpConnection* leaving = longest(Doing::kHandshake, Doing::kReading);
-        if (leaving == nullptr) {
-            leaving = longest(Doing::kHeldBack, Doing::kWriting);
+        HttpConnection* leaving = nullptr;
+        for (const auto& candidate : m_connections) {
+            const auto doing = candidate->doing();
+            const bool waits = doing <= HttpConnection::Doing::kWriting && doing != HttpConnection::Doing::kWorking;
+            if (waits && !candidate->isLeaving() && counts[candidate->host()] + 1 >= own &&
+                (leaving == nullptr || rank(*candidate) > rank(*leaving))) {
+                leaving = candidate.get();
+            }
         }
         // Those who were told to leave still count until they have.
-        if (leaving == nullptr || m_connections.size() >= 2 * m_most) {
+        if (m_connections.size() >= 2 * m_most) {
             return false;
         }
-        leaving->letGo();
-        return true;
+        if (leaving != nullptr) {
+            leaving->letGo();
+        }
+        return leaving != nullptr || own <= m_most / kModestPart;
     }
 
     HttpSetting& m_setting;
     const std::size_t m_most;
     const std::shared_ptr<void> m_place = std::make_shared<char>();
     std::set<std::shared_ptr<HttpConnection>> m_connections;
-    /// Whether connections are being refused, so that the log says it once.
-    bool m_saturated = false;
+    /// When the log was last told that connections are refused.
+    Clock::time_point m_saidBusy = Clock::time_point::min();
     std::atomic<bool> m_running = true;
 };
 
@@ -172,12 +183,13 @@ class HttpServer::Running {
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
-    void run(const std::function<void()>& onStop) {
+    void run(const std::function<void()>& onReady, const std::function<void()>& onStop) {
         std::vector<std::jthread> threads;
         try {
             for (const auto& loop : m_loops) {
                 threads.emplace_back([&loop = *loop] { loop.run(); });
             }
+            onReady();
             takeConnections();
         } catch (...) {
             m_setting.stop = Clock::now();
@@ -245,8 +257,9 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
 
 HttpServer::~HttpServer() = default;
 
-void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onStop) {
-    Running(*this, std::move(listener), stopFd).run(onStop);
+void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onReady,
+                     const std::function<void()>& onStop) {
+    Running(*this, std::move(listener), stopFd).run(onReady, onStop);
 }
 
 }  // namespace dsessd

@@ -21,9 +21,9 @@ class HttpServer {
                const HttpLimits& limits);
     ~HttpServer();
 
-    /// Serves until `stopFd` is readable, then calls `onStop` and finishes what is in progress. When it returns, no
-    /// thread of the server is left.
-    void run(Listener listener, int stopFd, const std::function<void()>& onStop);
+    /// Calls `onReady` as soon as whatever is asked would be answered, and serves until `stopFd` is readable; then
+    /// calls `onStop` and finishes what is in progress. When it returns, no thread of the server is left.
+    void run(Listener listener, int stopFd, const std::function<void()>& onReady, const std::function<void()>& onStop);
 
   private:
     class Running;

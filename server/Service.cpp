@@ -298,7 +298,10 @@ Lane Service::advance(Call& call, Lane lane) {
         call.answer.text = opening(call.id, m_clusterId) + saying(refusal) + '}';
     };
     const auto failed = [&](const char* why, int httpStatus = 200, const char* what = "the store failed: ") {
-        m_log.write(Topic::kFailure, std::string(what) + why);
+        const std::string text = std::string(what) + why;
+        if (const Repeats::Reaction reaction = m_failures.count(text); reaction.say) {
+            m_log.write(Topic::kFailure, text + reaction.rest());
+        }
         refused({code::kInternalError, error::kServerFailure, "The server failed; its log says why.", httpStatus});
     };
     const auto goOnIn = [&](Lane next) {
@@ -483,11 +486,10 @@ bool Service::identify(Call& call, Lane lane) {
 }
 
 void Service::refuseIdentity(Call& call) {
-    const Guesses::Reaction reaction = m_guesses.failed(call.peer.host);
+    const Repeats::Reaction reaction = m_guesses.count(call.peer.host);
     call.answer.delay = reaction.delay;
     if (reaction.say) {
-        const std::string more = reaction.unsaid == 0 ? "" : "; unsaid before: " + std::to_string(reaction.unsaid);
-        m_log.write(Topic::kAudit, "identity refused: " + call.who() + more);
+        m_log.write(Topic::kAudit, "identity refused: " + call.who() + reaction.rest());
     }
     refuse(error::kIdentityRefused, "The user is unknown or the password is wrong.");
 }

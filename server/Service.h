@@ -8,11 +8,11 @@
 
 #include "runtime/SecretBuffer.h"
 #include "server/Authenticator.h"
-#include "server/Guesses.h"
 #include "server/Json.h"
 #include "server/Lane.h"
 #include "server/Log.h"
 #include "server/Patience.h"
+#include "server/Repeats.h"
 #include "server/Store.h"
 
 namespace dsessd {
@@ -118,7 +118,8 @@ class Service {
     Log& m_log;
     Anonymous m_anonymous;
     const std::string m_clusterId;
-    Guesses m_guesses;
+    Repeats m_guesses;
+    Repeats m_failures;
 };
 
 }  // namespace dsessd

@@ -1,7 +1,10 @@
 #include <sys/prctl.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <exception>
 #include <iostream>
+#include <string_view>
 
 #include "runtime/qel_io.h"
 #include "server/Commands.h"
@@ -25,11 +28,25 @@ struct Run {
     int operator()(const dsessd::AdminOptions& options) const { return told(dsessd::administrate(options)); }
 };
 
+/// For what nobody catches: where there is no memory, what is set up before main throws, and where there was none for
+/// exceptions from the start, whatever throws.
+[[noreturn]] void endWithALine() {
+    constexpr std::string_view kLine = "dsessd: ended, most likely for want of memory\n";
+    static_cast<void>(qel_write(STDERR_FILENO, kLine));
+    ::_exit(1);
+}
+
+/// Before all other code of the program.
+[[gnu::constructor(101)]] void beforeAll() {
+    std::set_terminate(endWithALine);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     // No core dump: it would hold passwords. A limit on its size does not stop one that is piped to a program.
     prctl(PR_SET_DUMPABLE, 0);
+    std::signal(SIGXFSZ, SIG_IGN);  // the write fails, which is told
     if (!qel_open_standard_descriptors()) {
         std::cerr << "dsessd: a closed standard input, output or error cannot be replaced" << std::endl;
         return 1;

@@ -17,7 +17,8 @@ namespace {
 std::string request(const std::string& method, const std::string& parameters = "") {
     const std::string body = R"({"jsonrpc":"2.0","id":1,"method":")" + method +
                              R"(","params":{"security":{"user":"anonymous"})" + parameters + "}}";
-    return "POST /blue/services/DSessAdmin HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nConnection: close\r\n"
+    return "POST /blue/services/DSessAdmin HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nConnection: "
+           "close\r\n"
            "Content-Length: " +
            std::to_string(body.size()) + "\r\n\r\n" + body;
 }
@@ -35,7 +36,9 @@ struct HttpServing : testing::Test {
         Listener listener("127.0.0.1:0");
         port = static_cast<std::uint16_t>(std::stoi(listener.address().substr(10)));
         thread = std::thread([this, limits, moved = std::move(listener)]() mutable {
-            HttpServer(service, log, {"blue"}, nullptr, limits).run(std::move(moved), stop[0], [] {});
+            HttpServer(service, log, {"blue"}, nullptr, limits)
+                .run(
+                    std::move(moved), stop[0], [] {}, [] {});
         });
     }
     void end() {

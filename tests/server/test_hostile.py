@@ -4,6 +4,7 @@ import concurrent.futures
 import contextlib
 import itertools
 import re
+import resource
 import select
 import socket
 import struct
@@ -123,6 +124,14 @@ class Hostile(unittest.TestCase):
             with self.connect(part) as client:
                 client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))  # reset
         self.assertEqual(statuses(self.converse(request(), half_close=True)), [200])
+
+    def test_the_connections_of_one_address_cost_others_none(self):
+        resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+        guess = request(request_text("cluster.get", "root", "guess").encode())
+        for _ in range(1200):
+            client = socket.create_connection((self.server.host, self.server.port), DEADLINE, ("127.0.0.2", 0))
+            self.enterContext(client).sendall(guess)
+        self.assertEqual([self.server.post(GOOD)[0] for _ in range(101)], [200] * 101)
 
     def test_bad_logins_by_the_hundred_do_not_lock_out_who_is_logged_in(self):
         def guess(number):

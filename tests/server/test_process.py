@@ -56,12 +56,15 @@ class Serving(unittest.TestCase):
                 self.assertEqual((done.returncode, done.stdout), (1, ""), problem)
                 self.assertRegex(done.stderr, rf"^dsessd: .*{problem}.*\n$")
             self.assertFalse(os.path.exists(files["none"]))
-            few = f'ulimit -n 255; "$DSESSD" serve --listen 127.0.0.1:0 --data {server.data} --instance blue'
-            done = subprocess.run(["sh", "-c", few], capture_output=True, text=True)
-            self.assertEqual((done.returncode, done.stdout, "256 descriptors" in done.stderr), (1, "", True))
+            serve = f"serve --listen 127.0.0.1:0 --data {server.data} --instance"
+            for limit, problem in [
+                ("ulimit -n 255", "256 descriptors"),
+                ("ulimit -f 0", "the store takes no changes"),
+            ]:
+                done = subprocess.run(["sh", "-c", f'{limit}; "$DSESSD" {serve} x'], capture_output=True, text=True)
+                self.assertEqual((done.returncode, done.stdout, problem in done.stderr), (1, "", True), done.stderr)
             with contextlib.closing(sqlite3.connect(files["foreign"])) as database:
                 self.assertEqual(database.execute("SELECT name FROM sqlite_schema").fetchall(), [("songs",)])
-            serve = f"serve --listen 127.0.0.1:0 --data {server.data} --instance"
             wrong = ["", "bogus", f"{serve} a/b", f"{serve} a --tls-cert x", f"{serve} a --anonymous all"]
             for line in [*wrong, f"admin add x --data {server.data} --role root"]:
                 self.assertEqual(server.run(*line.split(), check=False).returncode, 2, line)

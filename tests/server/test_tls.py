@@ -44,12 +44,14 @@ class Tls(unittest.TestCase):
         with Dsessd(**self.files) as server:
             self.assertRegex(server.ready_line, "^dsessd: listening on https://")
             self.assertIsNone(self.session(server, old))
-            with socket.create_connection((server.host, server.port)) as plain:
-                plain.sendall(b"GET / HTTP/1.1\r\n\r\n")
-                self.assertNotIn(b"HTTP", plain.recv(100))
+            for _ in range(30):
+                with socket.create_connection((server.host, server.port)) as plain:
+                    plain.sendall(b"GET / HTTP/1.1\r\n\r\n")
+                    self.assertNotIn(b"HTTP", plain.recv(100))
             for version in VERSIONS:
                 self.assertIsNotNone(self.session(server, self.context(version)), version)
             self.assertRegex(server.log(), r"audit TLS handshake failed: unsupported protocol, from 127\.0\.0\.1:\d+\n")
+            self.assertLess(server.log().count("handshake failed"), 9, "not each of them is worth a line")
 
     def test_asks_for_a_certificate_of_its_authority_logs_whose_it_is_and_resumes_no_session(self):
         with Dsessd(administrators=ROOT, client_ca=self.path / "ca.pem", **self.files) as server:

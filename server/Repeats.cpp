@@ -1,4 +1,4 @@
-#include "server/Guesses.h"
+#include "server/Repeats.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,30 +8,30 @@ namespace dsessd {
 namespace {
 
 constexpr unsigned kForgiven = 40;
-/// For each, one failure is forgotten.
+/// For each, one time is forgotten.
 constexpr std::chrono::seconds kForgetOne{1};
 constexpr std::chrono::seconds kDelay{3};
 constexpr std::chrono::minutes kBetweenEntries{1};
-constexpr std::size_t kHosts = 10'000;
+constexpr std::size_t kKinds = 10'000;
 
 }  // namespace
 
-Guesses::Reaction Guesses::failed(const std::string& host) {
+Repeats::Reaction Repeats::count(const std::string& what) {
     const auto now = Clock::now();
     const std::lock_guard lock(m_mutex);
-    if (m_records.size() >= kHosts) {
+    if (m_records.size() >= kKinds) {
         std::erase_if(m_records, [&](const auto& entry) { return now - entry.second.last > kForgiven * kForgetOne; });
     }
-    if (m_records.size() >= kHosts) {
+    if (m_records.size() >= kKinds) {
         return {kDelay, false, 0};
     }
-    Record& record = m_records[host];
+    Record& record = m_records[what];
     const auto forgotten = (now - record.last) / kForgetOne;
-    record.failures -= static_cast<unsigned>(std::min<std::int64_t>(record.failures, forgotten));
+    record.times -= static_cast<unsigned>(std::min<std::int64_t>(record.times, forgotten));
     record.last = now;
     Reaction reaction;
-    if (record.failures < kForgiven) {
-        ++record.failures;
+    if (record.times < kForgiven) {
+        ++record.times;
     } else {
         reaction.delay = kDelay;
     }

@@ -1,4 +1,4 @@
-/// Who gives wrong passwords, and how often.
+/// What comes again and again, such as wrong passwords of one host.
 #pragma once
 
 #include <chrono>
@@ -8,26 +8,29 @@
 
 namespace dsessd {
 
-/// A few mistakes cost nothing. A host that makes many waits for each refusal, so that guessing leaves time for others'
-/// logins, and has one entry a minute in the log. Safe to use from several threads.
-class Guesses {
+/// A few times cost nothing. What comes often is answered late, so that guessing leaves time for others' logins, and
+/// has one entry a minute in the log. Safe to use from several threads.
+class Repeats {
   public:
     using Clock = std::chrono::steady_clock;
 
     struct Reaction {
-        /// How long the refusal is to be held back.
+        /// How long the answer is to be held back.
         std::chrono::milliseconds delay{0};
         /// Whether it goes into the log, and how many did not that came before it.
         bool say = true;
         unsigned unsaid = 0;
+
+        /// What the entry ends with.
+        std::string rest() const { return unsaid == 0 ? "" : "; unsaid before: " + std::to_string(unsaid); }
     };
-    /// Counts a refusal.
-    Reaction failed(const std::string& host);
+    /// `what`: a host, or whatever else tells one kind from another.
+    Reaction count(const std::string& what);
 
   private:
     static constexpr unsigned kEntriesAtFirst = 5;
     struct Record {
-        unsigned failures = 0;
+        unsigned times = 0;
         unsigned unsaid = 0;
         /// How many more the log may have of this minute.
         unsigned entries = kEntriesAtFirst;
