@@ -23,7 +23,7 @@ class JsonMemory {
 
   private:
     WipingResource m_wiping;
-    std::array<unsigned char, 4096> m_first;
+    std::array<unsigned char, 2048> m_first;
     boost::json::monotonic_resource m_all{m_first.data(), m_first.size(), &m_wiping};
 };
 

@@ -528,13 +528,15 @@ void Service::logRequest(const Call& call) {
 
 json::object Service::getCluster(Call& call) {
     const ClusterState state = call.store->cluster();
-    json::array realms;
+    const json::storage_ptr memory = call.memory.storage();
+    json::array realms(memory);
     for (const Realm& realm : state.realms) {
-        json::array sets(realm.replicaSets.begin(), realm.replicaSets.end());
-        realms.push_back(json::object{{field::kName, realm.name}, {field::kReplicaSets, std::move(sets)}});
+        json::array sets(realm.replicaSets.begin(), realm.replicaSets.end(), memory);
+        realms.push_back(json::object({{field::kName, realm.name}, {field::kReplicaSets, std::move(sets)}}, memory));
     }
     const std::size_t count = realms.size();
-    return {{field::kCount, count}, {field::kRealms, std::move(realms)}, {field::kKey, keyObject(state.key)}};
+    return json::object(
+        {{field::kCount, count}, {field::kRealms, std::move(realms)}, {field::kKey, keyObject(state.key)}}, memory);
 }
 
 json::object Service::getReplicaSet(Call& call) {
@@ -542,12 +544,13 @@ json::object Service::getReplicaSet(Call& call) {
     if (!members) {
         refuse(error::kUnknownReplicaSet, "There is no replica set of this name.");
     }
-    json::array records;
+    const json::storage_ptr memory = call.memory.storage();
+    json::array records(memory);
     for (const Member& member : *members) {
-        records.push_back(json::object{{field::kName, member.name}, {field::kTime, member.lastContact}});
+        records.push_back(json::object({{field::kName, member.name}, {field::kTime, member.lastContact}}, memory));
     }
     const std::size_t count = records.size();
-    return {{field::kCount, count}, {field::kRecords, std::move(records)}};
+    return json::object({{field::kCount, count}, {field::kRecords, std::move(records)}}, memory);
 }
 
 json::object Service::changeKey(Call& call) {

@@ -309,7 +309,8 @@ std::string globOf(std::string_view pattern) {
 
 struct Statements {
     explicit Statements(const SQLite::Database& db)
-        : realms(db, "SELECT number, name FROM realms ORDER BY number"),
+        : version(db, "PRAGMA data_version"),
+          realms(db, "SELECT number, name FROM realms ORDER BY number"),
           realm(db, "SELECT number FROM realms WHERE name = ?"),
           replicaSets(db, "SELECT name FROM replica_sets WHERE realm = ? ORDER BY number"),
           replicaSet(db, "SELECT number FROM replica_sets WHERE name = ?"),
@@ -353,7 +354,7 @@ struct Statements {
           addSession(db, "INSERT INTO sessions (realm, id, user, time) VALUES (?, ?, ?, ?)"),
           addKey(db, "INSERT INTO keys (label, time) VALUES (?, ?)") {}
 
-    SQLite::Statement realms, realm, replicaSets, replicaSet, members, keys;
+    SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
     SQLite::Statement clusterId, change, newestChange, recordChange, forgetChanges, contact, setting, putSetting;
@@ -488,8 +489,18 @@ class SqliteStore final : public Store {
         return std::string(query.text(0));
     }
 
+    /// Read anew only when somebody has changed the file: it is what most requests ask for.
     ClusterState cluster() override {
-        Transaction transaction(m_connection, Transaction::Kind::kRead);
+        if (version() != m_clusterVersion) {
+            Transaction transaction(m_connection, Transaction::Kind::kRead);
+            const auto now = version();
+            m_cluster = readCluster();
+            m_clusterVersion = now;
+        }
+        return m_cluster;
+    }
+
+    ClusterState readCluster() {
         ClusterState state;
         Query realms(m_statements.realms);
         while (realms.step()) {
@@ -698,12 +709,21 @@ class SqliteStore final : public Store {
         return key;
     }
 
+    /// Changes with every change of the file, by others and through this store (https://sqlite.org/pragma.html).
+    std::pair<std::int64_t, int> version() {
+        Query query(m_statements.version);
+        query.step();
+        return {query.integer(0), m_database.getTotalChanges()};
+    }
+
     Connection m_connection;
     SQLite::Database& m_database = m_connection.database;
     const std::int64_t m_pageBytes;
     Statements m_statements;
     ChangeAges m_ages;
     std::function<bool()> m_impatient;
+    ClusterState m_cluster;
+    std::pair<std::int64_t, int> m_clusterVersion{-1, -1};
 };
 
 std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
