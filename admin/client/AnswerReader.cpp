@@ -95,10 +95,7 @@ constexpr std::span<const Field> kFields[] = {
 /// Takes the parser's events (basic_parser.hpp has their list). One that returns false ends the parse.
 class AnswerHandler {
   public:
-    static constexpr std::size_t max_array_size = -1;
-    static constexpr std::size_t max_object_size = -1;
-    static constexpr std::size_t max_string_size = -1;
-    static constexpr std::size_t max_key_size = -1;
+    static constexpr std::size_t max_array_size = -1, max_object_size = -1, max_string_size = -1, max_key_size = -1;
 
     AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer, std::string& problem)
         : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_answer(answer), m_problem(problem) {}

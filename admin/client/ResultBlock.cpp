@@ -15,42 +15,34 @@ constexpr std::ptrdiff_t kMostBytes = 16 * 1024 * 1024;
 /// From here on a block is worth pages of 2 MiB: a long listing's cost less time than those of 4 KiB.
 constexpr std::size_t kLargeBytes = std::size_t{4} * 1024 * 1024;
 
-char* bytesOf(TextArena::Block* block) {
-    return reinterpret_cast<char*>(block + 1);
-}
-
 }  // namespace
 
 // A text that comes in parts and is alone in its block takes the block along as it grows, so that no copies of it stay.
 void TextArena::grow(std::size_t more) {
     const std::size_t begun = m_at - m_begun;
-    const bool isAlone = m_blocks != nullptr && m_begun == bytesOf(m_blocks.get());
-    const auto usual = m_blocks == nullptr ? kFirstBytes : std::min(2 * (m_end - bytesOf(m_blocks.get())), kMostBytes);
+    char* const last = m_blocks.empty() ? nullptr : m_blocks.back().get();
+    const auto usual = last == nullptr ? kFirstBytes : std::min(2 * (m_end - last), kMostBytes);
     const std::size_t bytes = std::max<std::size_t>(usual, 2 * (begun + more + 1));
-    auto* block = static_cast<Block*>(std::realloc(isAlone ? m_blocks.get() : nullptr, sizeof(Block) + bytes));
-    if (block == nullptr) {
+    if (last == nullptr || last != m_begun) {
+        m_blocks.emplace_back();
+    }
+    MallocPtr& block = m_blocks.back();
+    auto* const grown = static_cast<char*>(std::realloc(block.get(), bytes));
+    if (grown == nullptr) {
         throw std::bad_alloc();
     }
     if (bytes >= kLargeBytes) {
         constexpr std::uintptr_t kPage = 4096;
-        auto* const page = reinterpret_cast<char*>((reinterpret_cast<std::uintptr_t>(block) + kPage - 1) & -kPage);
+        auto* const page = reinterpret_cast<char*>((reinterpret_cast<std::uintptr_t>(grown) + kPage - 1) & -kPage);
         madvise(page, bytes - kPage, MADV_HUGEPAGE);  // whether or not the system has any
     }
-    Block* const before = m_blocks.release();
-    if (!isAlone) {
-        block->next = before;
-        std::copy_n(m_begun, begun, bytesOf(block));
+    if (block.release() == nullptr) {
+        std::copy_n(m_begun, begun, grown);
     }
-    m_blocks.reset(block);
-    m_begun = bytesOf(block);
-    m_at = m_begun + begun;
-    m_end = m_begun + bytes;
-}
-
-void TextArena::ChainDeleter::operator()(Block* newest) const noexcept {
-    while (newest != nullptr) {
-        std::free(std::exchange(newest, newest->next));
-    }
+    block.reset(grown);
+    m_begun = grown;
+    m_at = grown + begun;
+    m_end = grown + bytes;
 }
 
 char* makeTextResult(std::int32_t kind, std::string_view text) {

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
 
@@ -21,7 +22,7 @@ struct FreeDeleter {
 };
 using MallocPtr = std::unique_ptr<char, FreeDeleter>;
 
-/// Texts, each with a NUL behind it, in a chain of blocks: a text that is finished stays where it is.
+/// Texts, each with a NUL behind it, in several blocks: a text that is finished stays where it is.
 class TextArena {
   public:
     /// Adds to the text that has been begun, or begins one. Throws std::bad_alloc.
@@ -38,23 +39,16 @@ class TextArena {
         return std::exchange(m_begun, ++m_at);
     }
 
-    struct Block {
-        Block* next;
-    };
-    struct ChainDeleter {
-        void operator()(Block* newest) const noexcept;
-    };
-    using Chain = std::unique_ptr<Block, ChainDeleter>;
     /// The blocks, for whoever owns the texts from now on. The arena may only be destroyed or assigned to then.
-    Chain release() { return std::move(m_blocks); }
+    std::vector<MallocPtr> release() { return std::move(m_blocks); }
 
   private:
     void grow(std::size_t more);
 
-    Chain m_blocks;           // the newest first; the bytes lie behind each
+    std::vector<MallocPtr> m_blocks;
     char* m_begun = nullptr;  // the text in hand
     char* m_at = nullptr;     // where it goes on
-    char* m_end = nullptr;    // of the newest block
+    char* m_end = nullptr;    // of the last block
 };
 
 /// An array of plain elements that grows by realloc: a large one is remapped by the C library, never copied, so that
@@ -100,9 +94,9 @@ class ReallocArray {
 };
 
 struct alignas(std::max_align_t) ResultHeader {
-    std::int32_t kind;       ///< OLM_DSESS_ADMIN_FREE_*
-    TextArena::Chain texts;  ///< of the records
-    MallocPtr names;         ///< lists of names of the records
+    std::int32_t kind;             ///< OLM_DSESS_ADMIN_FREE_*
+    std::vector<MallocPtr> texts;  ///< of the records
+    MallocPtr names;               ///< lists of names of the records
 };
 
 using NameList = ReallocArray<char*>;
