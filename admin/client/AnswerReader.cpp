@@ -353,8 +353,7 @@ bool AnswerReader::finish() {
         return false;
     }
     char** names = m_answer.replicaSetNames.data();
-    for (std::size_t index = 0; index < m_answer.realms.size(); ++index) {
-        olm_dsess_admin_realm_t& realm = m_answer.realms.data()[index];
+    for (olm_dsess_admin_realm_t& realm : m_answer.realms) {
         realm.replica_set_names = realm.replica_set_count == 0 ? nullptr : names;
         names += realm.replica_set_count;
     }

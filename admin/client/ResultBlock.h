@@ -68,6 +68,8 @@ class ReallocArray {
     }
 
     std::size_t size() const { return m_size; }
+    Element* begin() { return m_size == 0 ? nullptr : data(); }
+    Element* end() { return begin() + m_size; }
     Element* data() { return reinterpret_cast<Element*>(m_block.get() + headerBytes); }
 
     /// Gives back what growing took in advance, unless the allocator cannot. The elements may move.

@@ -19,20 +19,19 @@ void requireText(const char* text) {
 }
 
 void requireRecords(Answer& answer) {
-    for (std::size_t index = 0; index < answer.realms.size(); ++index) {
-        const olm_dsess_admin_realm_t& realm = answer.realms.data()[index];
+    for (const olm_dsess_admin_realm_t& realm : answer.realms) {
         requireText(realm.name);
         REQUIRE((realm.replica_set_count == 0) == (realm.replica_set_names == nullptr));
         for (std::int32_t name = 0; name < realm.replica_set_count; ++name) {
             requireText(realm.replica_set_names[name]);
         }
     }
-    for (std::size_t index = 0; index < answer.members.size(); ++index) {
-        requireText(answer.members.data()[index].name);
+    for (const auto& [name, time] : answer.members) {
+        requireText(name);
     }
-    for (std::size_t index = 0; index < answer.sessions.size(); ++index) {
-        requireText(answer.sessions.data()[index].first_text);
-        requireText(answer.sessions.data()[index].second_text);
+    for (const auto& [user, id, time] : answer.sessions) {
+        requireText(user);
+        requireText(id);
     }
 }
 

@@ -1,6 +1,7 @@
 // The reader of answers alone: what it takes and what it refuses, however the bytes are cut.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <sstream>
 
 #include "admin/client/AnswerReader.h"
@@ -15,18 +16,14 @@ std::string shown(Answer& answer) {
     all << text(answer.clusterId) << " " << text(answer.errorName) << " " << text(answer.errorMessage) << " "
         << text(answer.key.key_label) << " " << answer.key.key_time << "/" << answer.key.second_time << " "
         << answer.total << "/" << answer.count << "/" << answer.level;
-    for (std::size_t i = 0; i < answer.realms.size(); ++i) {
-        const olm_dsess_admin_realm_t& realm = answer.realms.data()[i];
-        all << ", " << realm.name << ":";
-        for (std::int32_t name = 0; name < realm.replica_set_count; ++name) {
-            all << " " << realm.replica_set_names[name];
-        }
+    for (const auto& [name, count, names] : answer.realms) {
+        all << ", " << name << ":";
+        std::for_each(names, names + count, [&all](const char* replicaSet) { all << " " << replicaSet; });
     }
-    for (std::size_t i = 0; i < answer.members.size(); ++i) {
-        all << ", " << answer.members.data()[i].name << " " << answer.members.data()[i].time;
+    for (const auto& [name, time] : answer.members) {
+        all << ", " << name << " " << time;
     }
-    for (std::size_t i = 0; i < answer.sessions.size(); ++i) {
-        const auto& [user, id, time] = answer.sessions.data()[i];
+    for (const auto& [user, id, time] : answer.sessions) {
         all << ", " << user << " " << id << " " << time;
     }
     return all.str();
