@@ -20,7 +20,7 @@ replica set list [-realm <realm>]'
 
 # Fills COMPREPLY with what a line of the command language may become, shown with the values that its user knows.
 _vexiladmin_command() {
-  local line=$1 quote=$2 pattern index
+  local line=$1 quote=$2 pattern index head rest beginning
   local -a words parts
   read -ra words <<<"$line"
   [[ -n $line && $line != *' ' ]] || words+=('')
@@ -34,15 +34,20 @@ _vexiladmin_command() {
       # A value may be anything; of a keyword there must be a beginning.
       [[ ${parts[index]} == *[\>\]]* || ${parts[index]#[} == "${words[index]}"* ]] || continue 2
     done
-    if [[ -n ${words[last]} ]]; then
-      [[ ${parts[last]} != *[\>\]]* ]] || parts[last]=${words[last]}
-      [[ ${parts[last]} != \[* ]] || pattern=${parts[*]:last} parts=("${parts[@]:0:last}" "${pattern//[][]/}")
+    head='' rest=${parts[*]:last}
+    if [[ -n ${words[last]} && ${parts[last]} == *[\>\]]* ]]; then
+      head=${words[last]} rest=${parts[*]:last+1}
+      [[ -z $rest ]] || head+=' '
+    elif [[ -n ${words[last]} && ${parts[last]} == \[* ]]; then
+      rest=${rest//[][]/}
     fi
-    COMPREPLY+=("$quote$before${parts[*]:last}")
+    COMPREPLY+=("$quote$before$head$rest")
+    # What is typed may hold brackets of its own.
+    beginning=$quote$before$head${rest%%[<[]*}
   done <<<"$_vexiladmin_patterns"
   # A value stays to be typed: the beginning beside the whole lets bash insert no more than that.
   if ((${#COMPREPLY[@]} == 1)); then
-    if [[ ${COMPREPLY[0]} == *[\<[]* ]]; then COMPREPLY+=("${COMPREPLY[0]%%[<[]*}"); else COMPREPLY[0]+=$quote; fi
+    if [[ ${COMPREPLY[0]} != "$beginning" ]]; then COMPREPLY+=("$beginning"); else COMPREPLY[0]+=$quote; fi
   fi
   compopt -o nospace
 }
