@@ -5,7 +5,6 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <optional>
@@ -13,6 +12,7 @@
 #include "runtime/QelStringRef.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_utf8.h"
+#include "runtime/qel_visible.h"
 
 namespace {
 
@@ -88,47 +88,8 @@ SecretText fromLocale(std::string_view text) {
     return out;
 }
 
-/// Bytes that are shown as they are: printable ASCII and tab.
-constexpr auto kPlain = [] {
-    std::array<bool, 256> plain{};
-    for (std::size_t byte = 0x20; byte < 0x7F; ++byte) {
-        plain[byte] = true;
-    }
-    plain['\t'] = true;
-    return plain;
-}();
-
-std::size_t plainPrefix(std::string_view text) {
-    constexpr std::uint64_t kEach = 0x0101010101010101;
-    std::size_t length = 0;
-    for (std::uint64_t eight = 0; length + sizeof(eight) <= text.size(); length += sizeof(eight)) {
-        std::memcpy(&eight, text.data() + length, sizeof(eight));
-        // The high bit of each byte is set in one of these if it is below 0x20, is 0x7F, or is above that.
-        if ((((eight - 0x20 * kEach) | (eight + kEach) | eight) & (0x80 * kEach)) != 0) {
-            break;
-        }
-    }
-    while (length < text.size() && kPlain[static_cast<unsigned char>(text[length])]) {
-        ++length;
-    }
-    return length;
-}
-
-/// Controls beyond ASCII: C1, line separators, and what reorders the text around it.
-bool isControl(std::uint32_t codePoint) {
-    return (codePoint >= 0x80 && codePoint <= 0x9F) || codePoint == 0x61C || codePoint == 0x200E ||
-           codePoint == 0x200F || (codePoint >= 0x2028 && codePoint <= 0x202E) ||
-           (codePoint >= 0x2066 && codePoint <= 0x2069);
-}
-
-void appendEscape(const char* format, unsigned value, SecretText& out) {
-    std::array<char, 16> escape;
-    const int length = std::snprintf(escape.data(), escape.size(), format, value);
-    out.append(escape.data(), static_cast<std::size_t>(length));
-}
-
 SecretText forDisplay(std::string_view text) {
-    SecretText out(text.substr(0, plainPrefix(text)));
+    SecretText out(text.substr(0, qel_plain_prefix(text)));
     text.remove_prefix(out.size());
     if (text.empty() || text == "\n") {
         out += text;
@@ -142,15 +103,16 @@ SecretText forDisplay(std::string_view text) {
     while (!text.empty() && text != "\n") {
         const QelCharacter character = qel_utf8_decode(text);
         const std::string_view bytes = text.substr(0, character.length == 0 ? 1 : character.length);
-        if (character.length < 2) {
-            appendEscape("\\x%02X", static_cast<unsigned char>(text.front()), out);
-        } else if (isControl(character.codePoint) || (converter && converter->append(bytes, out) != bytes.size())) {
-            appendEscape("\\u{%04X}", character.codePoint, out);
+        if (character.length == 0) {
+            out += qel_escape_byte(text.front()).data();
+        } else if (qel_drives_terminal(character.codePoint) ||
+                   (converter && converter->append(bytes, out) != bytes.size())) {
+            out += qel_escape(character.codePoint).data();
         } else if (!converter) {
             out += bytes;
         }
         text.remove_prefix(bytes.size());
-        const std::size_t plain = plainPrefix(text);
+        const std::size_t plain = qel_plain_prefix(text);
         out += text.substr(0, plain);
         text.remove_prefix(plain);
     }
@@ -181,7 +143,7 @@ QelString::QelString(const char* text, Mode mode) : m_made(convert(orEmpty(text)
 QelString::QelString(std::string_view text, Mode mode) : m_made(convert(text, mode)) {}
 
 bool QelString::isShownAsItIs(std::string_view text) noexcept {
-    return plainPrefix(text) == text.size();
+    return qel_plain_prefix(text) == text.size();
 }
 
 QelString::QelString(const QelStringRef& ref) : m_made(ref.view()) {}

@@ -30,9 +30,8 @@ class QelString {
         kBytes = 0,
         /// From the locale's encoding to UTF-8: text typed by the user. Bytes that are no text in that encoding stay.
         kFromLocale = 1,
-        /// From UTF-8 to the locale's encoding, with what could drive a terminal made visible: C0 controls except tab
-        /// and one final line feed, DEL and invalid bytes become \xNN; C1 controls, line separators, bidirectional
-        /// controls, and characters that the encoding lacks, become \u{NNNN}.
+        /// From UTF-8 to the locale's encoding, with what could drive a terminal (qel_visible.h), but for tabs and one
+        /// final line feed, made visible, and so what is not valid or the encoding lacks.
         kForDisplay = 2,
     };
 
