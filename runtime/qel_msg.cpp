@@ -7,10 +7,13 @@
 #include <cerrno>
 #include <clocale>
 #include <cstring>
+#include <cwchar>
 #include <new>
 
+#include "runtime/QelString.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_path.h"
+#include "runtime/qel_visible.h"
 
 namespace {
 
@@ -35,6 +38,21 @@ constexpr auto kTable = [] {
 
 const char* g_programName = program_invocation_short_name;
 
+/// The locale of the environment, or null while LC_MESSAGES is still that of all.
+locale_t g_userLocale = nullptr;
+
+/// While an object lives, the C library speaks the user's language.
+class InUsersLanguage {
+  public:
+    InUsersLanguage() : m_before(uselocale(g_userLocale)) {}
+    InUsersLanguage(const InUsersLanguage&) = delete;
+    InUsersLanguage& operator=(const InUsersLanguage&) = delete;
+    ~InUsersLanguage() { uselocale(m_before); }
+
+  private:
+    locale_t m_before;
+};
+
 const QelMessage* find(std::uint32_t identifier) {
     const auto* found =
         std::lower_bound(kTable.begin(), kTable.end(), identifier,
@@ -49,7 +67,8 @@ std::array<char, kIdentifierLength + 1> shownIdentifier(std::uint32_t identifier
 }
 
 struct Argument {
-    char conversion = 's';  // the placeholder that takes it
+    char conversion = 's';   // the placeholder that takes it
+    bool isForeign = false;  // text from outside, to be made visible
     std::string_view text;
     std::array<char, 256> made;  // what `text` looks at unless the caller gave it
 };
@@ -58,6 +77,7 @@ using Arguments = std::array<Argument, kMaxArguments>;
 
 void makeSystemErrorText(int error, QelLanguage language, Argument& argument) {
     std::array<char, 64> buffer;
+    const InUsersLanguage inUsersLanguage;
     const char* text = language == QelLanguage::kEnglish ? strerrordesc_np(error) : nullptr;
     if (text == nullptr) {
         text = strerror_r(error, buffer.data(), buffer.size());
@@ -72,6 +92,7 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, QelLanguag
         if (kinds[count] == 's') {
             const char* text = va_arg(list, const char*);
             argument.text = text == nullptr ? "" : text;
+            argument.isForeign = language == QelLanguage::kLocale;
             continue;
         }
         if (kinds[count] == 'v') {
@@ -88,6 +109,29 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, QelLanguag
         argument.text = argument.made.data();
     }
     return {arguments.data(), count};
+}
+
+/// Hands a text, in the locale's encoding, to `put`, with what could drive a terminal made visible.
+template <class Put>
+void putVisible(std::string_view text, Put put) {
+    for (std::mbstate_t state{}; !text.empty();) {
+        std::size_t length = qel_plain_prefix(text);
+        if (length > 0) {
+            put(text.substr(0, length));
+        } else {
+            wchar_t character = 0;
+            length = std::mbrtowc(&character, text.data(), text.size(), &state);
+            const auto codePoint = static_cast<std::uint32_t>(character);
+            if (length == 0 || length > text.size()) {
+                state = {};
+                length = 1;
+                put(qel_escape_byte(text.front()).data());
+            } else {
+                put(qel_drives_terminal(codePoint) ? qel_escape(codePoint).data() : text.substr(0, length));
+            }
+        }
+        text.remove_prefix(length);
+    }
 }
 
 /// Hands `text`, its placeholders filled in, to `put`, piece by piece. Returns whether they take every argument and
@@ -118,7 +162,11 @@ bool expand(std::string_view text, std::span<const Argument> arguments, Put put)
         if (index >= arguments.size() || !text.starts_with(arguments[index].conversion)) {
             return false;
         }
-        put(arguments[index].text);
+        if (arguments[index].isForeign) {
+            putVisible(arguments[index].text, put);
+        } else {
+            put(arguments[index].text);
+        }
         taken |= 1U << index;
         text.remove_prefix(1);
     }
@@ -126,6 +174,7 @@ bool expand(std::string_view text, std::span<const Argument> arguments, Put put)
 
 /// The translation of a text, if the arguments fit it, else the text.
 std::string_view translated(const char* english, std::span<const Argument> arguments) {
+    const InUsersLanguage inUsersLanguage;
     const char* translation = dgettext(kTextDomain, english);
     return expand(translation, arguments, [](std::string_view) {}) ? translation : english;
 }
@@ -157,6 +206,11 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
     const std::string_view characters = std::setlocale(LC_CTYPE, nullptr);
     if (characters == "C" || characters == "POSIX") {
         std::setlocale(LC_CTYPE, "C.UTF-8");
+    }
+    // What others write into trace lines, such as the C library's words for an error, is in English like the lines.
+    if (locale_t user = duplocale(LC_GLOBAL_LOCALE); user != nullptr) {
+        g_userLocale = user;
+        std::setlocale(LC_MESSAGES, "C");
     }
     try {
         bindtextdomain(kTextDomain, qel_get_path(kPathTranslations).data());
@@ -221,7 +275,7 @@ void QelMessageLines::write(std::initializer_list<std::string_view> texts) {
     m_out.put("\n");
 }
 
-void qel_print_status(std::FILE* stream, std::uint32_t status) {
+void qel_print_status(std::FILE* stream, std::uint32_t status, std::uint32_t more) {
     const QelMessage* message = find(status);
     const bool isFailure = message != nullptr && message->isFailure;
     const char* english = isFailure ? message->text + kIdentifierLength : find(kMsgNoText)->text;
@@ -236,6 +290,10 @@ void qel_print_status(std::FILE* stream, std::uint32_t status) {
             out.put(byte == '\n' ? " " : std::string_view(&byte, 1));
         }
     });
+    if (more != 0) {
+        out.put(" ");
+        out.put(translated(find(more)->text, {}));
+    }
     out.put("\n");
 }
 
@@ -257,9 +315,16 @@ std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list, QelLang
         return shownIdentifier(identifier).data() + std::string(find(kMsgNoText)->text);
     }
     Arguments storage;
+    const std::span<const Argument> arguments = fetch(message->kinds, list, language, storage);
+    std::array<QelString, kMaxArguments> shown;
+    for (std::size_t index = 0; index < arguments.size(); ++index) {
+        if (storage[index].isForeign) {
+            shown[index] = QelString(storage[index].text, QelString::kForDisplay);
+            storage[index].text = shown[index].view();
+        }
+    }
     std::string out;
-    expand(*message, fetch(message->kinds, list, language, storage), language,
-           [&out](std::string_view piece) { out += piece; });
+    expand(*message, arguments, language, [&out](std::string_view piece) { out += piece; });
     return out;
 }
 

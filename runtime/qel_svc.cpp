@@ -43,9 +43,13 @@ std::string entryText(std::uint32_t identifier, std::string_view insertFormat, s
     return text;
 }
 
+bool isStandardError(std::string_view path) {
+    return path == "/dev/stderr";
+}
+
 bool appendToFile(const char* path, std::string_view line) {
     // Opened anew, standard error would have a position of its own, and later output would overwrite the entry.
-    if (std::string_view(path) == "/dev/stderr") {
+    if (isStandardError(path)) {
         return qel_write(STDERR_FILENO, line);
     }
     // One write, so that the entries of processes that share the file do not mix; and no wait for the reader of a FIFO.
@@ -86,7 +90,8 @@ bool appendToUserFile(std::string_view line) {
     return appendToFile((folder + "/service.log").c_str(), line);
 }
 
-void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint32_t severity, std::string_view text) {
+/// Returns whether the entry went to standard error.
+bool writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint32_t severity, std::string_view text) {
     const std::string entry = std::string(handle == QelSvcHandle::kClient ? "client " : "deployment ")
                                   .append(file.substr(file.rfind('/') + 1))
                                   .append(":" + std::to_string(line) + " ")
@@ -98,7 +103,7 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
         std::string(now.data()) + " " + program + "[" + std::to_string(getpid()) + "] " + visible.data() + "\n";
     const char* path = std::getenv("QEL_SVC_LOG");
     if (path != nullptr && *path != '\0' && appendToFile(path, full)) {
-        return;
+        return isStandardError(path);
     }
     if (isSyslogThere()) {
         openlog(program, LOG_PID, LOG_USER);
@@ -106,15 +111,15 @@ void writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
                : severity == kSvcError   ? LOG_ERR
                                          : LOG_WARNING,
                "%s", visible.data());
-    } else if (!appendToUserFile(full)) {
-        static_cast<void>(qel_write(STDERR_FILENO, full));  // there is nowhere else to say it
+        return false;
     }
+    return !appendToUserFile(full) && qel_write(STDERR_FILENO, full);
 }
 
-/// Whether somebody sits there who set up no log, and need not look for one.
+/// Whether somebody sits there who must see it, or who set up no log and need not look for one.
 bool isForTerminal(std::uint32_t severity) {
     const char* path = std::getenv("QEL_SVC_LOG");
-    return severity >= kSvcError && (path == nullptr || *path == '\0') && isatty(STDERR_FILENO) != 0;
+    return (severity == kSvcNotice || path == nullptr || *path == '\0') && isatty(STDERR_FILENO) != 0;
 }
 
 }  // namespace
@@ -127,12 +132,10 @@ void qel_svc_printf_withfile(QelSvcHandle handle, const char* file, int line, co
     std::va_list again;
     va_copy(again, inserts);
     try {
-        writeEntry(handle, file, line, severity, entryText(identifier, insertFormat, inserts, QelLanguage::kEnglish));
-        if (isForTerminal(severity)) {
-            const std::string text = entryText(identifier, insertFormat, again, QelLanguage::kLocale);
-            const QelString bytes(text, QelString::kFromLocale);
-            const QelString shown(bytes.view(), QelString::kForDisplay);
-            static_cast<void>(qel_write(STDERR_FILENO, std::string(shown.view()) + "\n"));
+        const std::string text = entryText(identifier, insertFormat, inserts, QelLanguage::kEnglish);
+        if (!writeEntry(handle, file, line, severity, text) && isForTerminal(severity)) {
+            const std::string shown = entryText(identifier, insertFormat, again, QelLanguage::kLocale) + "\n";
+            static_cast<void>(qel_write(STDERR_FILENO, shown));  // there is nowhere else to say it
         }
     } catch (const std::bad_alloc&) {
         // The entry is lost.

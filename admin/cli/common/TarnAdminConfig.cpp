@@ -1,7 +1,6 @@
 #include "admin/cli/common/TarnAdminConfig.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -10,7 +9,6 @@
 #include "runtime/QelStringIter.h"
 #include "runtime/qel_ascii.h"
 #include "runtime/qel_messages.h"
-#include "runtime/qel_msg.h"
 #include "runtime/qel_strtol.h"
 #include "runtime/qel_svc.h"
 
@@ -82,12 +80,15 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
     return urls;
 }
 
-std::string messageText(std::uint32_t message, ...) {
-    std::va_list inserts;
-    va_start(inserts, message);
-    std::string text = qel_msg_vformat(message, inserts, QelLanguage::kLocale);
-    va_end(inserts);
-    return text;
+/// Takes notice of what an administrator must see, though nothing failed.
+void takeNotice(int line, std::uint32_t message, const char* insert) {
+    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
+}
+
+/// Whether a value of ssl-fips-enabled is meant to switch FIPS mode off. Others that do not switch it on are mistakes.
+bool saysNo(std::string_view value) {
+    const char first = value.empty() ? 'N' : qel_ascii_upper(value[0]);
+    return first == 'N' || first == 'F' || (first == 'O' && value.size() > 1 && qel_ascii_upper(value[1]) == 'F');
 }
 
 }  // namespace
@@ -116,7 +117,6 @@ std::uint32_t TarnAdminConfig::shutdown() {
     freeText(m_sslInfo.keyfile);
     freeText(m_sslInfo.keyfile_stash);
     freeText(m_sslInfo.keyfile_label);
-    m_notice.clear();
     return 0;
 }
 
@@ -207,30 +207,25 @@ void TarnAdminConfig::loadFipsMode(qelStanzaFile* file) {
     }
     const char first = qel_ascii_upper(value.data()[0]);
     m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
-    const bool saysNo = first == 'N' || first == 'F' || (first == 'O' && qel_ascii_upper(value.data()[1]) == 'F');
-    if (m_sslInfo.fips_enabled == 0 && !saysNo) {
+    if (m_sslInfo.fips_enabled == 0 && !saysNo(value.view())) {
         takeNotice(__LINE__, kMsgFipsNotAsked, value.data());
     }
 }
 
 void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
-    const QelString* const names[] = {&m_serverDNsEntryName, &m_fipsEnabledEntryName, &m_keyFileStashEntryName,
-                                      &m_keyFileLabelEntryName};
+    const QelString* const names[] = {&m_serverDNsEntryName, &m_keyFileStashEntryName, &m_keyFileLabelEntryName};
     for (std::uint32_t status = qelStzMoveStanza(file, m_tarnStanzaName.data());
          status == 0 && qelStzEntryName(file) != nullptr; status = qelStzMoveNextEntry(file)) {
         const std::string_view name = qelStzEntryName(file);
+        const std::string_view value = qelStzEntryValue(file);
         const bool isSsl =
             std::any_of(std::begin(names), std::end(names), [&](const auto* one) { return one->view() == name; });
-        if (name == m_keyFileEntryName.view() || (isSsl && *qelStzEntryValue(file) != '\0')) {
+        if (name == m_keyFileEntryName.view() || (isSsl && !value.empty()) ||
+            (name == m_fipsEnabledEntryName.view() && !saysNo(value))) {
             takeNotice(__LINE__, kMsgSslNotUsed, qelStzFileName(file));
             return;
         }
     }
-}
-
-void TarnAdminConfig::takeNotice(int line, std::uint32_t message, const char* insert) {
-    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
-    m_notice = messageText(message, insert);
 }
 
 std::uint32_t TarnAdminConfig::loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value) {

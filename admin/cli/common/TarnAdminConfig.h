@@ -40,9 +40,6 @@ class TarnAdminConfig {
     /// Seconds, as the client library takes it; -1 before a successful initialize.
     std::int32_t timeout() const { return m_timeout; }
     const olm_dsess_admin_ssl_info_t& sslInfo() const { return m_sslInfo; }
-    /// A line about SSL entries that an administrator must see, though nothing failed; empty: there is none. The
-    /// service log has it already.
-    const std::string& notice() const { return m_notice; }
 
   private:
     std::uint32_t loadEntries(qelStanzaFile* file, bool proxy);
@@ -53,7 +50,6 @@ class TarnAdminConfig {
     void loadFipsMode(qelStanzaFile* file);
     /// Takes notice of SSL entries in a file that does not switch SSL on.
     void watchUnusedSsl(qelStanzaFile* file);
-    void takeNotice(int line, std::uint32_t message, const char* insert);
     /// The values of all entries of one name, joined by commas. An entry that is absent or empty gives
     /// kStatusEntryMissing, logged unless it is optional.
     static std::uint32_t loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value);
@@ -74,5 +70,4 @@ class TarnAdminConfig {
     std::int32_t m_timeout = -1;
     olm_dsess_admin_ssl_info_t m_sslInfo{};
     QelString m_defaultInstance;
-    std::string m_notice;
 };

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <new>
 
+#include "runtime/QelString.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -51,7 +52,7 @@ void TarnAdminCmdRegistry::list(TarnAdminCmdTokens const& words, MatchResult bes
     qel_fprintf(stdout, kMsgListingHeading);
     std::fputs(" ", stdout);
     for (std::int32_t i = 0; i < words.tokens(); ++i) {
-        std::printf("%s ", words[i]);
+        std::printf("%s ", QelString(words[i], QelString::kForDisplay).data());
     }
     std::fputs("\n", stdout);
     qel_fprintf(stdout, best == MatchAbbreviated ? kMsgListingAmbiguous : kMsgListingIncomplete);

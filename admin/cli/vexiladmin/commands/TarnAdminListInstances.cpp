@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "admin/cli/vexiladmin/records/RecordText.h"
+
 constinit const QelString TarnAdminListInstances::m_cmdFormat(QelLiteral("instances list"));
 
 TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
@@ -10,7 +12,7 @@ TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
 std::uint32_t TarnAdminListInstances::executeCmd(void* const& /*handle*/, olm_dsess_admin_sec_info_t const& /*secInfo*/,
                                                  TarnAdminCmdTokens const& /*tokens*/) {
     for (const auto& instance : m_config->instanceTable()) {
-        std::printf("%s\n", instance.key.data());
+        std::printf("%s\n", RecordText(instance.key.data()).data());
     }
     return 0;
 }

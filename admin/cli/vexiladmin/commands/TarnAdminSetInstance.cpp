@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "admin/cli/vexiladmin/records/RecordText.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -27,8 +29,9 @@ std::uint32_t TarnAdminSetInstance::initializeHandles(const char* instance) {
     clearHandles();
     const TarnAdminConfig::ServerURLs* urls = m_config->serverURLs(instance);
     if (urls == nullptr) {
-        std::fflush(stdout);
-        qel_fprintf(stderr, kMsgUnknownInstance, instance != nullptr ? instance : m_config->defaultInstance().data());
+        qel_flush_output();
+        const char* const name = instance != nullptr ? instance : m_config->defaultInstance().data();
+        qel_fprintf(stderr, kMsgUnknownInstance, RecordText(name).data());
         return kStatusUnknownName;
     }
     std::uint32_t status = olm_dsess_admin_initialize(m_config->timeout(), urls, &m_config->sslInfo(),
