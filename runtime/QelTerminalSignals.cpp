@@ -7,6 +7,8 @@
 #include <array>
 #include <cerrno>
 
+#include "runtime/qel_io.h"
+
 namespace {
 
 /// What the program goes on after, if it is not ignored.
@@ -79,7 +81,11 @@ QelTerminalSignals::~QelTerminalSignals() {
 QelTerminalSignals::Event QelTerminalSignals::wait() {
     for (;;) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
-        const int ready = ppoll(&input, 1, nullptr, &m_mask);
+        // Some may have come where nobody waited.
+        const timespec noTime{};
+        const bool hasCome =
+            std::any_of(kDeferred.begin(), kDeferred.end(), [](int signal) { return g_came[signal] != 0; });
+        const int ready = ppoll(&input, 1, hasCome ? &noTime : nullptr, &m_mask);
         const bool canRead = ready > 0 || (ready < 0 && errno != EINTR);
         letPendingIn();
         if (takeCame(SIGTSTP)) {
@@ -117,7 +123,13 @@ void QelTerminalSignals::giveBack() const {
 void QelTerminalSignals::show(std::string_view text) const {
     pollfd output{m_output, POLLOUT, 0};
     if (poll(&output, 1, 0) > 0) {
-        [[maybe_unused]] const ssize_t written = write(m_output, text.data(), text.size());
+        [[maybe_unused]] const ssize_t written = ::write(m_output, text.data(), text.size());
+    }
+}
+
+void QelTerminalSignals::write(std::string_view text) const {
+    if (canShow()) {
+        static_cast<void>(qel_write(m_output, text));  // a terminal that is gone ends the input too
     }
 }
 

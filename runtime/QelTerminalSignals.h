@@ -37,6 +37,9 @@ class QelTerminalSignals {
     const termios& settings() const { return m_settings; }
     /// Writes to the terminal unless neither standard output nor standard error is one, or it takes nothing now.
     void show(std::string_view text) const;
+    /// The same, but waits until the terminal takes it.
+    void write(std::string_view text) const;
+    bool canShow() const { return m_output >= 0; }
 
   private:
     static void remember(int signal);

@@ -21,6 +21,7 @@ class Reader {
     }
 
     QelHidden read(std::span<char> buffer, std::size_t& length) {
+        m_showPrompt();
         for (bool any = false;; any = true) {
             char byte = 0;
             const QelHidden result = readByte(byte);
@@ -81,10 +82,12 @@ class Reader {
 
 }  // namespace
 
-QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line, const std::function<void()>& showPrompt) {
+QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line, const std::function<void()>& showPrompt,
+                          const std::function<bool()>& wasInterrupted) {
     std::fill(buffer.begin(), buffer.end(), '\0');
     std::size_t length = 0;
-    const QelHidden result = Reader(showPrompt).read(buffer, length);
+    Reader reader(showPrompt);
+    const QelHidden result = wasInterrupted && wasInterrupted() ? QelHidden::kInterrupted : reader.read(buffer, length);
     if (result != QelHidden::kLine) {
         explicit_bzero(buffer.data(), buffer.size());
         length = 0;

@@ -15,7 +15,9 @@ enum class QelHidden {
 /// it, without its line feed and with a NUL behind it. What does not fit is dropped, up to the line's end. Unless there
 /// is a line the buffer is all zero afterwards.
 ///
-/// No signal leaves the echo off (QelTerminalSignals). `showPrompt` is called for each time that the prompt must be
-/// shown again, not for the first. The buffer is the only place where bytes of the line are kept; the caller wipes it.
+/// No signal leaves the echo off (QelTerminalSignals). `wasInterrupted` is asked when none can slip through any more,
+/// before anything is shown or read: whether one came that the caller has heard of. `showPrompt` is called each time
+/// the prompt must be shown. The buffer is the only place where bytes of the line are kept; the caller wipes it.
 [[nodiscard]] QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line,
-                                        const std::function<void()>& showPrompt);
+                                        const std::function<void()>& showPrompt,
+                                        const std::function<bool()>& wasInterrupted = {});

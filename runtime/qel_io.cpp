@@ -5,14 +5,21 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
-#include <cstdint>
+#include <cstring>
 
 namespace {
 
-std::FILE* g_descriptorOutput = stdout;
 int g_outputError = 0;
-std::array<char, 65536> g_outputBuffer;
+bool g_isLineOutput = false;
+
+/// What was written to stdout and not yet to its descriptor: the bytes from `g_taken` to `g_filled`. A signal handler
+/// may look at them at any moment.
+std::array<char, 65536> g_output;
+std::atomic<std::size_t> g_filled = 0;
+std::atomic<std::size_t> g_taken = 0;
+static_assert(std::atomic<std::size_t>::is_always_lock_free);
 
 /// After a call failed: whether it is to be tried again. Waits until the descriptor is ready if that was lacking.
 bool tryAgain(int descriptor, short event) {
@@ -23,21 +30,51 @@ bool tryAgain(int descriptor, short event) {
     return errno == EINTR;
 }
 
-ssize_t writeStream(void* cookie, const char* bytes, std::size_t size) {
-    const auto descriptor = static_cast<int>(reinterpret_cast<std::intptr_t>(cookie));
-    if (qel_write(descriptor, {bytes, size})) {
-        return static_cast<ssize_t>(size);
+/// Writes out what stdout was given. Returns false, with errno, on a failure, after which that is gone.
+bool writeOutput() noexcept {
+    bool isWritten = true;
+    while (isWritten && g_taken < g_filled) {
+        const ssize_t written = write(STDOUT_FILENO, g_output.data() + g_taken, g_filled - g_taken);
+        g_taken += written > 0 ? static_cast<std::size_t>(written) : 0;
+        isWritten = written >= 0 || tryAgain(STDOUT_FILENO, POLLOUT);
     }
-    if (descriptor == STDOUT_FILENO && g_outputError == 0) {
-        g_outputError = errno;
-    }
-    return 0;
+    g_filled = 0;
+    g_taken = 0;
+    return isWritten;
 }
 
-std::FILE* openStream(std::intptr_t descriptor) {
+bool keepError(bool isWritten) noexcept {
+    if (!isWritten && g_outputError == 0) {
+        g_outputError = errno;
+    }
+    return isWritten;
+}
+
+ssize_t takeOutput(void* /*cookie*/, const char* bytes, std::size_t size) {
+    for (std::string_view left(bytes, size); !left.empty();) {
+        if (g_filled == g_output.size() && !keepError(writeOutput())) {
+            return 0;
+        }
+        const std::size_t count = left.copy(g_output.data() + g_filled, g_output.size() - g_filled);
+        g_filled += count;
+        left.remove_prefix(count);
+    }
+    const bool isWhole = g_isLineOutput && std::memchr(bytes, '\n', size) != nullptr;
+    return isWhole && !keepError(writeOutput()) ? 0 : static_cast<ssize_t>(size);
+}
+
+ssize_t writeError(void* /*cookie*/, const char* bytes, std::size_t size) {
+    return qel_write(STDERR_FILENO, {bytes, size}) ? static_cast<ssize_t>(size) : 0;
+}
+
+/// Puts an unbuffered stream in the place of another, if there is memory for it.
+void replace(std::FILE*& stream, cookie_write_function_t* write) {
     cookie_io_functions_t functions{};
-    functions.write = writeStream;
-    return fopencookie(reinterpret_cast<void*>(descriptor), "w", functions);  // NOLINT(performance-no-int-to-ptr)
+    functions.write = write;
+    if (std::FILE* made = fopencookie(nullptr, "w", functions); made != nullptr) {
+        std::setvbuf(made, nullptr, _IONBF, 0);
+        stream = made;
+    }
 }
 
 }  // namespace
@@ -65,8 +102,10 @@ bool qel_write(int descriptor, std::string_view bytes) noexcept {
 
 bool qel_open_standard_descriptors() noexcept {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // A path can be neither read nor written, and this one is always there.
-        if (fcntl(descriptor, F_GETFD) < 0 && open("/", O_PATH) != descriptor) {
+        // A path can be neither read nor written; and a symbolic link cannot be opened as /dev/stdin either.
+        // Without /proc there is no such name.
+        if (fcntl(descriptor, F_GETFD) < 0 && open("/proc/self", O_PATH | O_NOFOLLOW) != descriptor &&
+            open("/", O_PATH) != descriptor) {
             return false;
         }
     }
@@ -74,24 +113,21 @@ bool qel_open_standard_descriptors() noexcept {
 }
 
 void qel_set_up_output() noexcept {
-    if (std::FILE* stream = openStream(STDOUT_FILENO); stream != nullptr) {
-        std::setvbuf(stream, g_outputBuffer.data(), isatty(STDOUT_FILENO) != 0 ? _IOLBF : _IOFBF,
-                     g_outputBuffer.size());
-        stdout = stream;
-    }
-    if (std::FILE* stream = openStream(STDERR_FILENO); stream != nullptr) {
-        std::setvbuf(stream, nullptr, _IONBF, 0);
-        stderr = stream;
-    }
+    g_isLineOutput = isatty(STDOUT_FILENO) != 0;
+    replace(stdout, takeOutput);
+    replace(stderr, writeError);
 }
 
-std::FILE* qel_descriptor_output() noexcept {
-    return g_descriptorOutput;
+void qel_flush_output() noexcept {
+    // The first does nothing unless the stream is still the C library's.
+    keepError(std::fflush(stdout) == 0);
+    keepError(writeOutput());
 }
 
-int qel_flush_output() noexcept {
-    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
-        return 0;
-    }
-    return g_outputError != 0 ? g_outputError : errno;
+int qel_output_error() noexcept {
+    return g_outputError;
+}
+
+void qel_rescue_output() noexcept {
+    writeOutput();
 }

@@ -15,19 +15,24 @@
 /// failure.
 [[nodiscard]] bool qel_write(int descriptor, std::string_view bytes) noexcept;
 
-/// Opens those of the descriptors 0 to 2 that are closed, so that reading and writing them fails and no file or socket
-/// can take their place. Call it before anything is opened. Returns false when that is not possible.
+/// Opens those of the descriptors 0 to 2 that are closed, so that reading and writing them, or opening them by a name
+/// such as /dev/stdin, fails and no file or socket can take their place. Call it before anything is opened. Returns
+/// false when that is not possible.
 [[nodiscard]] bool qel_open_standard_descriptors() noexcept;
 
-/// Lets stdout and stderr write by qel_write: the C library's own streams drop what they hold when a write is
-/// interrupted. Call it once, before anything is written. Without memory the streams stay as they are.
+/// Lets stderr write at once, and stdout into a buffer that qel_flush_output empties, the end of a line on a terminal,
+/// and what does not fit. The C library's own streams drop what they hold when a write is interrupted. Call it once,
+/// before anything is written. Without memory the streams stay as they are.
 void qel_set_up_output() noexcept;
 
-/// The stream that stdout was at first, for code that needs a stream with a descriptor. Flush stdout before it writes.
-std::FILE* qel_descriptor_output() noexcept;
+/// Writes out what stdout holds, which std::fflush does not do. A failure is told by qel_output_error.
+void qel_flush_output() noexcept;
 
-/// Writes out what stdout holds. Returns 0, or the error number of the first write of its that failed.
-[[nodiscard]] int qel_flush_output() noexcept;
+/// The error number of the first write of stdout's that failed, or 0.
+[[nodiscard]] int qel_output_error() noexcept;
+
+/// Writes out what stdout holds: for a signal handler that ends the program, at whatever moment it came.
+void qel_rescue_output() noexcept;
 
 /// Gathers text on the stack, so that it needs no memory, and hands it to a stream when there is much of it and at the
 /// end: a short one in one piece.

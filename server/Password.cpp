@@ -70,7 +70,6 @@ void say(std::string_view text) {
 /// more than a password may have.
 SecretBuffer readLine(std::string_view prompt, bool terminal) {
     const auto showPrompt = [&] { say(terminal ? prompt : ""); };
-    showPrompt();
     SecretBuffer buffer(kMaxPasswordBytes + 2);  // with the NUL, and a byte more that shows that a line is too long
     std::string_view line;
     const QelHidden result = qel_read_hidden(buffer, line, showPrompt);

@@ -51,7 +51,7 @@ class AtPrompt(Case):
             self.check_answers(("key show", key_report("other", T)), ("trace set 2", ""))
             other.stop(signal.SIGKILL)
             nobody = ", ".join(f"http://127.0.0.1:{node.port}/blue" for node in (other, server))
-            failed = f"{nobody}: connection refused\n" + line(NO_LOCATION)
+            failed = f"{nobody}: connection refused\n{msg(NO_LOCATION)} {msg(0x38C54058)}\n"
             self.check_answers(("key show", failed), ("key change", failed))
             server.start()
             self.check_answers(("key show", key_report("first", T)))

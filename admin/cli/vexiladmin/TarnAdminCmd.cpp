@@ -15,7 +15,7 @@ bool abbreviates(const char* word, std::string_view keyword) {
 
 }  // namespace
 
-TarnAdminCmd::TarnAdminCmd(const char* format) : m_format(format) {
+TarnAdminCmd::TarnAdminCmd(const char* format, Effect effect) : m_format(format), m_effect(effect) {
     m_formatTokens.set(format);
 }
 

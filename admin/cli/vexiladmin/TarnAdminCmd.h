@@ -32,9 +32,12 @@ struct Continuation {
 
 class TarnAdminCmd {
   public:
+    /// What a command may do to the server.
+    enum class Effect { kReads, kChanges };
+
     /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command
     /// has no pattern.
-    explicit TarnAdminCmd(const char* format);
+    explicit TarnAdminCmd(const char* format, Effect effect = Effect::kReads);
     TarnAdminCmd(const TarnAdminCmd&) = delete;
     TarnAdminCmd& operator=(const TarnAdminCmd&) = delete;
     virtual ~TarnAdminCmd() = default;
@@ -50,11 +53,13 @@ class TarnAdminCmd {
     /// rest of the pattern is added to it. Throws std::bad_alloc.
     Continuation continuation(TarnAdminCmdTokens const& words) const;
     const char* format() const { return m_format; }
+    Effect effect() const { return m_effect; }
     bool hasPattern() const { return m_formatTokens.tokens() > 0; }
 
   private:
     MatchResult matchTail(TarnAdminCmdTokens const& words, std::int32_t tail, MatchResult grade) const;
 
     const char* m_format;
+    Effect m_effect;
     TarnAdminCmdTokens m_formatTokens;
 };

@@ -7,40 +7,91 @@
 #include <cstdio>
 
 #include "admin/client-interface/olm_dsess_admin.h"
+#include "runtime/qel_io.h"
+#include "runtime/qel_messages.h"
+#include "runtime/qel_msg.h"
 
 // Null when the client library lacks it. NOLINTNEXTLINE(readability-redundant-declaration): the header's is not weak
 extern "C" __attribute__((weak)) void olm_dsess_admin_interrupt(std::int32_t on);
 
 namespace {
 
+volatile std::sig_atomic_t g_isRunning = 0;
+volatile std::sig_atomic_t g_isAtPrompt = 0;
 volatile std::sig_atomic_t g_came = 0;
+volatile std::sig_atomic_t g_ending = 0;  // the signal that ends the program after the command, or 0
+std::array<char, 512> g_told;             // what a handler, which cannot put it together, says at the end
 
-void endWait(int /*signal*/) {
+void prepareTold() {
+    if (g_told[0] != '\0') {
+        return;
+    }
+    std::FILE* stream = fmemopen(g_told.data(), g_told.size(), "w");
+    if (stream != nullptr) {
+        qel_fprintf(stream, kMsgEndedBySignal);
+        std::fclose(stream);
+    }
+}
+
+void endNow(int signal) {
+    // Another one need not wait for a reader that takes nothing.
+    std::signal(signal, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, signal);
+    sigprocmask(SIG_UNBLOCK, &set, nullptr);
+    qel_rescue_output();
+    if (g_isRunning != 0 || g_isAtPrompt == 0) {
+        static_cast<void>(qel_write(STDERR_FILENO, g_told.data()));  // there is nowhere else to say it
+    }
+    std::raise(signal);
+}
+
+void take(int signal) {
     const int error = errno;
-    g_came = 1;
-    olm_dsess_admin_interrupt(1);
-    if (isatty(STDERR_FILENO) != 0) {
-        // Behind the terminal's ^C.
-        [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, "\n", 1);
+    if (signal == SIGINT && isatty(STDERR_FILENO) != 0) {
+        static_cast<void>(qel_write(STDERR_FILENO, "\n"));  // behind the terminal's ^C, if it takes it
+    }
+    const bool isForPrompt = signal == SIGINT && g_isAtPrompt != 0;
+    if (olm_dsess_admin_interrupt == nullptr || (!isForPrompt && (g_isRunning == 0 || g_ending != 0))) {
+        endNow(signal);
+    } else {
+        g_came = 1;
+        g_ending = isForPrompt ? g_ending : signal;
+        olm_dsess_admin_interrupt(1);
     }
     errno = error;
 }
 
 }  // namespace
 
-TarnAdminInterrupt::TarnAdminInterrupt(Second second) {
-    sigaction(SIGINT, nullptr, &m_before);
-    if (olm_dsess_admin_interrupt == nullptr || m_before.sa_handler == SIG_IGN) {
-        return;
+TarnAdminInterrupt::TarnAdminInterrupt(Place place) : m_placeBefore(g_isAtPrompt != 0 ? Place::kPrompt : Place::kRun) {
+    prepareTold();
+    g_isAtPrompt = place == Place::kPrompt ? 1 : 0;
+    for (std::size_t index = 0; index < kSignals.size(); ++index) {
+        sigaction(kSignals[index], nullptr, &m_before[index]);
+        if (m_before[index].sa_handler != SIG_IGN) {
+            struct sigaction action {};
+            action.sa_handler = take;
+            action.sa_flags = SA_RESTART;
+            sigaction(kSignals[index], &action, nullptr);
+        }
     }
-    struct sigaction action {};
-    action.sa_handler = endWait;
-    action.sa_flags = SA_RESTART | (second == Second::kEndsProgram ? SA_RESETHAND : 0);
-    sigaction(SIGINT, &action, nullptr);
 }
 
 TarnAdminInterrupt::~TarnAdminInterrupt() {
-    sigaction(SIGINT, &m_before, nullptr);
+    for (std::size_t index = 0; index < kSignals.size(); ++index) {
+        sigaction(kSignals[index], &m_before[index], nullptr);
+    }
+    g_isAtPrompt = m_placeBefore == Place::kPrompt ? 1 : 0;
+}
+
+TarnAdminInterrupt::Running::Running(bool runs) : m_before(g_isRunning != 0) {
+    g_isRunning = runs ? 1 : 0;
+}
+
+TarnAdminInterrupt::Running::~Running() {
+    g_isRunning = m_before ? 1 : 0;
 }
 
 bool TarnAdminInterrupt::came() {
@@ -49,6 +100,9 @@ bool TarnAdminInterrupt::came() {
 
 void TarnAdminInterrupt::note() {
     g_came = 1;
+    if (g_isAtPrompt == 0) {
+        g_ending = SIGINT;
+    }
 }
 
 void TarnAdminInterrupt::forget() {
@@ -58,12 +112,14 @@ void TarnAdminInterrupt::forget() {
     }
 }
 
-void TarnAdminInterrupt::endProgram() {
-    std::fflush(nullptr);
-    struct sigaction action {};
-    sigaction(SIGINT, nullptr, &action);
-    if (action.sa_handler != SIG_IGN) {
-        std::signal(SIGINT, SIG_DFL);
-        std::raise(SIGINT);
+void TarnAdminInterrupt::endProgram(bool isTold) {
+    if (g_ending == 0) {
+        return;
     }
+    qel_flush_output();
+    if (!isTold) {
+        qel_fprintf(stderr, kMsgEndedBySignal);
+    }
+    std::signal(g_ending, SIG_DFL);
+    std::raise(g_ending);
 }

@@ -7,11 +7,13 @@
 #include "runtime/QelString.h"
 
 std::int32_t g_debugLevel = 0;
+bool g_toldCause = false;
 
 void olmdsess_admin_client_trace(std::int32_t level, const char* format, ...) {
     if (g_debugLevel < level) {
         return;
     }
+    g_toldCause = level <= 0;
     char buffer[4096];
     std::va_list arguments;
     va_start(arguments, format);

@@ -7,3 +7,6 @@
 
 /// Trace lines of this level and below are shown. Set once, at start-up.
 extern std::int32_t g_debugLevel;
+
+/// Whether the last line that was shown is for every administrator (level 0), as the cause of a failure is.
+extern bool g_toldCause;

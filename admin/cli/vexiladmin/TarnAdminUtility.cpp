@@ -4,13 +4,14 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,10 +75,21 @@ std::uint32_t addCommands(TarnAdminCmdRegistry& registry) {
     return status;
 }
 
-/// Shows a status as a message on a line of its own, after all results.
-void printStatus(std::uint32_t status) {
-    std::fflush(stdout);
-    qel_print_status(stderr, status);
+/// Whether standard output and standard error come out in one place.
+bool isOneStream() {
+    struct stat output {};
+    struct stat error {};
+    return fstat(STDOUT_FILENO, &output) == 0 && fstat(STDERR_FILENO, &error) == 0 && output.st_dev == error.st_dev &&
+           output.st_ino == error.st_ino;
+}
+
+/// Shows a status as a message on a line of its own, after all results. `hasCause`: a trace line has told the cause.
+void printStatus(std::uint32_t status, bool hasCause = false) {
+    constexpr std::array kCausedFailures = {kStatusNoLocation, kStatusTlsFailure, kStatusRequestRefused,
+                                            kStatusAnswerNotUnderstood, kStatusKeyFile};
+    const bool isCaused = std::find(kCausedFailures.begin(), kCausedFailures.end(), status) != kCausedFailures.end();
+    qel_flush_output();
+    qel_print_status(stderr, status, isCaused && hasCause && isOneStream() ? kMsgCauseBefore : 0);
 }
 
 std::uint32_t printUsage(const QelCmdLine& cmdLine) {
@@ -132,9 +144,6 @@ std::uint32_t TarnAdminUtility::initialize() {
     std::uint32_t status = orNoMemory(TarnAdminConfig::initialize(path.data(), true));
     if (status == 0) {
         status = setDebugLevel();
-    }
-    if (status == 0 && !notice().empty()) {
-        olmdsess_admin_client_trace(0, "%s", notice().c_str());
     }
     if (status == 0) {
         status = registerCommands();
@@ -196,6 +205,7 @@ std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
     if (const std::uint32_t status = refuseInvalidOptions(cmdLine); status != 0) {
         return status;
     }
+    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kRun);
     bool ran = false;
     if (const std::uint32_t status = runArguments(argc, argv, ran); status != 0) {
         return status;
@@ -239,11 +249,11 @@ std::uint32_t TarnAdminUtility::runArguments(int argc, char** argv, bool& ran) {
 }
 
 std::uint32_t TarnAdminUtility::processCmd(const char* text) {
-    olmdsess_admin_client_trace(3, "Processing the command: %s\n", text);
     QelString line;
     TarnAdminCmdTokens words;
     std::uint32_t status = line.set(text, QelString::kFromLocale);
     if (status == 0) {
+        olmdsess_admin_client_trace(3, "Processing the command: %s\n", line.data());
         status = words.set(line.data());
     }
     if (status != 0) {
@@ -258,12 +268,13 @@ std::uint32_t TarnAdminUtility::processCmd(const char* text) {
 }
 
 std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words) {
-    std::optional<TarnAdminInterrupt> interrupt;
-    if (!m_isAtPrompt) {
-        interrupt.emplace(TarnAdminInterrupt::Second::kEndsProgram);
+    if (command.effect() == TarnAdminCmd::Effect::kChanges) {
+        qel_flush_output();  // whatever ends the run now, what was done before is told
     }
+    g_toldCause = false;
     std::uint32_t status = 0;
     try {
+        const TarnAdminInterrupt::Running running;
         status = command.executeCmd(m_setInstanceCmd->handle(), m_loginCmd->secInfo(), words);
     } catch (const std::bad_alloc&) {
         status = kStatusNoMemory;
@@ -272,11 +283,9 @@ std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdmi
         wipeDeadStack();
     }
     if (status != 0) {
-        printStatus(status);
+        printStatus(status, g_toldCause);
     }
-    if (!m_isAtPrompt && TarnAdminInterrupt::came()) {
-        TarnAdminInterrupt::endProgram();
-    }
+    TarnAdminInterrupt::endProgram(status != 0);
     return status;
 }
 
@@ -288,8 +297,7 @@ TarnAdminPrompt::Kind TarnAdminUtility::kindOf(const char* line) const {
     return words.tokens() == 3 ? TarnAdminPrompt::Kind::kLoginWithPassword : TarnAdminPrompt::Kind::kLogin;
 }
 
-std::uint32_t TarnAdminUtility::processLine(char* line, bool& endsInput) {
-    endsInput = false;
+std::uint32_t TarnAdminUtility::processLine(char* line) {
     if (line == nullptr || line[0] == '\0' || line[0] == '#') {
         return 0;
     }
@@ -298,7 +306,6 @@ std::uint32_t TarnAdminUtility::processLine(char* line, bool& endsInput) {
         line[--length] = '\0';
     }
     if (isEndWord(line)) {
-        endsInput = true;
         return kStatusEndOfInput;
     }
     return length == 0 ? 0 : processCmd(line);
@@ -315,19 +322,15 @@ std::uint32_t TarnAdminUtility::processInteractiveMode() {
 }
 
 bool TarnAdminUtility::processEditedLines() {
-    m_isAtPrompt = true;
-    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Second::kAsTheFirst);
-    TarnAdminPrompt prompt([this](std::string_view before) { return complete(before); });
+    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kPrompt);
+    TarnAdminPrompt prompt(m_prompt.view(), [this](std::string_view before) { return complete(before); });
+    SecretText line;
     bool exited = false;
-    while (!exited) {
-        const TarnAdminPrompt::Line line = prompt.read(m_prompt.data());
-        if (line == nullptr) {
-            break;
-        }
-        processLine(line.get(), exited);
-        prompt.remember(line.get(), kindOf(line.get()));
+    while (!exited && prompt.read(line)) {
+        exited = processLine(line.data()) == kStatusEndOfInput;
+        line.resize(std::strlen(line.c_str()));
+        prompt.remember(line, kindOf(line.c_str()));
     }
-    m_isAtPrompt = false;
     return exited;
 }
 
@@ -349,10 +352,10 @@ bool TarnAdminUtility::processInputLines() {
     SecretText line;
     bool exited = false;
     while (!exited && input.next(line)) {
-        processLine(line.data(), exited);
+        exited = processLine(line.data()) == kStatusEndOfInput;
     }
     if (input.error() != 0) {
-        std::fflush(stdout);
+        qel_flush_output();
         qel_fprintf(stderr, kMsgInputRead, input.error());
     }
     return exited;
@@ -362,7 +365,7 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
     const QelFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (!file.isOpen()) {
         const int error = errno;
-        std::fflush(stdout);
+        qel_flush_output();
         qel_fprintf(stderr, kMsgCommandFileOpen, path, error);
         return kStatusCommandFile;
     }
@@ -372,14 +375,13 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
     LineReader input(file.get(), kLongestFileLine, isRegular ? LineReader::Ahead::kAllowed : LineReader::Ahead::kNever);
     SecretText line;
     while (input.next(line)) {
-        bool exited = false;
-        const std::uint32_t status = processLine(line.data(), exited);
+        const std::uint32_t status = processLine(line.data());
         if (status != 0) {
-            return exited ? 0 : status;
+            return status == kStatusEndOfInput ? 0 : status;
         }
     }
     if (input.error() != 0) {
-        std::fflush(stdout);
+        qel_flush_output();
         qel_fprintf(stderr, kMsgCommandFileRead, path, input.error());
     }
     return 0;

@@ -37,12 +37,11 @@ class TarnAdminUtility : public TarnAdminConfig {
     TarnAdminPrompt::Kind kindOf(const char* line) const;
     std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
     /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
-    /// kStatusEndOfInput and set `endsInput`, which tells them from a command that failed with that status. Cuts the
-    /// line end off in place.
-    std::uint32_t processLine(char* line, bool& endsInput);
+    /// kStatusEndOfInput, which ends the input, also when a command fails with it. Cuts the line end off in place.
+    std::uint32_t processLine(char* line);
     /// Runs lines from the prompt until they end. Always 0.
     std::uint32_t processInteractiveMode();
-    /// Both return whether an exit line ended the input.
+    /// Both return whether kStatusEndOfInput ended the input.
     bool processEditedLines();
     bool processInputLines();
     TarnAdminCompletion complete(std::string_view before) const;
@@ -60,5 +59,4 @@ class TarnAdminUtility : public TarnAdminConfig {
     TarnAdminCmdRegistry m_cmdRegistry;
     TarnAdminLogin* m_loginCmd = nullptr;
     TarnAdminSetInstance* m_setInstanceCmd = nullptr;
-    bool m_isAtPrompt = false;
 };

@@ -1,12 +1,14 @@
 /// The entry point of vexiladmin.
 
 #include <sys/prctl.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <new>
 
 #include "admin/cli/vexiladmin/TarnAdminUtility.h"
@@ -22,23 +24,30 @@ std::uint32_t runUtility(int argc, char** argv) {
     return status != 0 ? status : utility.run(argc, argv);
 }
 
-/// Whether there is memory at all. Where it ran out before main, the C++ library has none set aside to throw with, and
-/// would abort.
-bool isThereMemory() {
-    void* volatile block = std::malloc(1);  // volatile, or the compiler takes the answer for granted
-    const bool found = block != nullptr;
-    std::free(block);
-    return found;
-}
-
 std::uint32_t noMemory() {
+    qel_flush_output();
     qel_fprintf(stderr, kStatusNoMemory);
     return kStatusNoMemory;
 }
 
+/// Takes the place of an abort where not even an exception can be made for want of memory.
+[[noreturn]] void endWithoutMemory() {
+    if (const std::exception_ptr thrown = std::current_exception(); thrown != nullptr) {
+        try {
+            std::rethrow_exception(thrown);
+        } catch (const std::bad_alloc&) {
+            // As without an exception.
+        } catch (...) {
+            std::abort();
+        }
+    }
+    _exit(static_cast<int>(noMemory() & 0xFF));
+}
+
 /// Results that never reached their reader must not look like success. A reader that left on its own is no failure.
 std::uint32_t flushOutput() {
-    const int error = qel_flush_output();
+    qel_flush_output();
+    const int error = qel_output_error();
     if (error == 0 || error == EPIPE) {
         return 0;
     }
@@ -51,24 +60,23 @@ std::uint32_t flushOutput() {
 int main(int argc, char** argv) {
     // No core dump: it would hold a password. A limit on its size does not stop one that is piped to a program.
     prctl(PR_SET_DUMPABLE, 0);
+    std::set_terminate(endWithoutMemory);
     const bool isOpen = qel_open_standard_descriptors();
     for (const int signal : {SIGPIPE, SIGXFSZ}) {
         std::signal(signal, SIG_IGN);  // the write fails, which is told
     }
-    qel_set_up_output();
-    qelmsg_init(argv[0], 0);
-    if (!isOpen) {
-        qel_fprintf(stderr, kStatusNoDescriptor);
-        return static_cast<int>(kStatusNoDescriptor);
-    }
-    std::uint32_t status = 0;
+    std::uint32_t status = kStatusNoDescriptor;
     try {
-        status = isThereMemory() ? runUtility(argc, argv) : noMemory();
+        qel_set_up_output();
+        qelmsg_init(argv[0], 0);
+        if (isOpen) {
+            status = runUtility(argc, argv);
+        } else {
+            qel_fprintf(stderr, status);
+        }
     } catch (const std::bad_alloc&) {
         status = noMemory();
     }
-    if (status == 0) {
-        status = flushOutput();
-    }
-    return static_cast<int>(status);
+    const std::uint32_t lost = flushOutput();
+    return static_cast<int>(status != 0 ? status : lost);
 }

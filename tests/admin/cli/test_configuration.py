@@ -52,8 +52,11 @@ class Configuration(Case):
             self.accepts,
         )
 
-    def test_ssl_entries_that_do_not_secure_anything_are_told_once_a_run(self):
+    def test_ssl_entries_that_do_not_secure_anything_are_told_once_a_run_and_never_among_results(self):
         path = str(self.dir / "vexilclicfg.conf")
+        self.accepts("", CONFIG + "ssl-fips-enabled = no\n", {})
+        terminal = self.terminal("-interactive", "N", prompt=None, config=CONFIG + "server-dns = a\n")
+        self.assertEqual(terminal.ended(), (0, msg(0x38C54047, path).replace("\n", "\r\n")))
         for more, message, insert, expected in [
             ("ssl-keyfile =\n", 0x38C54047, path, {}),
             ("server-dns = a\n", 0x38C54047, path, {}),
@@ -64,7 +67,6 @@ class Configuration(Case):
             self.check(
                 *commands("set instance blue"),
                 config=CONFIG + more,
-                out=text,
                 log=[("client", text.rstrip("\n"))],
                 whole=True,
                 calls=start(**expected) + end() + start(number=2, **expected) + end(2),

@@ -6,8 +6,9 @@ import os
 import re
 import socket
 import subprocess
+import unittest
 
-from vexil import ANON, CONFIG, ROOT, VERSION, Case, commands, end, error, line, msg, refused, start
+from vexil import ANON, CONFIG, ROOT, VERSION, VEXILADMIN, Case, commands, end, error, line, msg, refused, start
 
 PATTERNS = [
     "set instance <instance>",
@@ -58,7 +59,8 @@ class Shell(Case):
         opened = ("", "-command", "-file", "-", "realm list", "-interactive yonder")
         no_file = {"err": msg(0x38C520A2, "nowhere", error(errno.ENOENT)), "status": 0x38C520A8}
         all_run = {"out": f"east\n{KEY}{LEVEL}{KEY}", "calls": FETCH * 2 + GET + FETCH}
-        unknown = {"status": 0x38C531C5, "out": usage + line(0x38C5319C, "%n%s") + line(0x38C5319C, "-help")}
+        shown = line(0x38C5319C, "%n%s\\x1B\\u{202E}\\xFF") + line(0x38C5319C, "-help")
+        unknown = {"status": 0x38C531C5, "out": usage + shown}
         self.check_rows(
             *((text.split(), {"stdin": "realm list", "out": "east\n\n", "calls": FETCH}) for text in opened),
             *((["-interactive", *value], {"stdin": "realm list", **maybe}) for value in (["maybe"], [""], [])),
@@ -69,7 +71,7 @@ class Shell(Case):
             (["-interactive", "N", "-interactive", "Y"], {"stdin": "realm list"}),
             (["-file", "nowhere", "-file", "good"], no_file),
             (["-bogus", "-help", *REALMS], {"out": usage + msg(0x38C53220, VERSION)}),
-            (["--help", "-%n%s", "realm list", "-%n%s", "x"], unknown),
+            (["--help", *["-%n%s\x1b\u202e\udcff", "realm list"] * 2], unknown),
             *((commands(text), not_run(text)) for text in ("exit", "# c")),
         )
 
@@ -101,11 +103,20 @@ class Shell(Case):
         self.check(stdin="QUIT\r\nkey show\n")
 
     def test_a_library_may_fail_with_any_status(self):
-        for status, text in ((0x38C52098, msg(0x38C52098)), (0x38C5809E, f"38C5809E {msg(0x38C54053)}")):
-            script = f"get_trace_level status={status:X}"
-            self.check(
-                "-file", "/dev/stdin", stdin="trace get\n", status=status, script=script, calls=GET, err=text + "\n"
-            )
+        end_of_input = {"script": "get_trace_level status=38C52098", "calls": GET, "err": line(0x38C52098)}
+        self.check("-file", "/dev/stdin", stdin="trace get\ntrace get\n", **end_of_input)
+        self.check(stdin="trace get\ntrace get\n", **end_of_input)
+        unknown = {"script": "get_trace_level status=38C5809E", "calls": GET, "status": 0x38C5809E}
+        self.check(*commands("trace get"), err=f"38C5809E {msg(0x38C54053)}\n", **unknown)
+
+    def test_a_failure_points_to_its_cause_where_that_is_the_line_before(self):
+        failed, cause = {"calls": GET, "status": 0x38C54011}, "get_trace_level status=38C54011 trace=0,why%0A"
+        told, pointed = line(0x38C54011), f"{msg(0x38C54011)} {msg(0x38C54058)}\n"
+        self.check(*commands("trace get"), script=cause, out="why\n", err=told, **failed)
+        self.check(*commands("trace get"), script=cause, redirect="2>&1", out="why\n" + pointed, **failed)
+        for other in (cause.replace("trace=0", "trace=1"), cause + " trace=3,more%0A"):
+            result = self.run_utility(*commands("trace get"), script=other, redirect="2>&1", VEXILADMIN_DEBUG="3")
+            self.assertTrue(result.out.endswith("\n" + told), result.out)
 
     def test_a_line_runs_the_one_command_that_fits_or_lists_those_that_come_nearest(self):
         fitting = [
@@ -128,6 +139,7 @@ class Shell(Case):
             *((commands(text), not_run(text, patterns)) for text, patterns in nearest),
             (commands("re s l"), not_run("re s l", [PATTERNS[12], PATTERNS[15]], 0x38C521E7)),
             (commands("x " * 300), not_run("x " * 128)),
+            (commands("x\x1b[31m"), not_run("x\\x1B[31m")),
         )
 
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
@@ -159,6 +171,8 @@ class Shell(Case):
             ("r s", "'", "r show <realm-name>|r set show <replica-set-name>|r set list [-realm <realm>]|"),
             ("rep s l -", '"', "rep s l -realm <realm>|rep s l -realm |"),
             ("session list -r * x", '"', "session list -r * x <max>|session list -r * x |"),
+            ("session list -r a[b x<", '"', "session list -r a[b x< <max>|session list -r a[b x< |"),
+            ("realm show a[<b", "", '"realm show a[<b"|'),
         ]:
             arguments = ["bash", "-c", script, PACKAGING / "vexiladmin.bash", typed, quote]
             process = subprocess.run(arguments, capture_output=True, text=True, check=True)
@@ -216,8 +230,19 @@ class Shell(Case):
             self.check(*REALMS * 2, streams={"stdout": left, "stderr": subprocess.PIPE}, **seen)
         os.close(left)
 
+    @unittest.skipUnless(os.environ.get("FAILING_MALLOC"), "a sanitizer has an allocator of its own")
+    def test_memory_that_is_out_from_the_start_is_told(self):
+        for first in range(1, 9):
+            plan = {"SWEEP_FIRST": str(first), "SWEEP_LAST": str(2**62), "SWEEP_REPORT": "/dev/null"}
+            env = {**self.environment(), **plan, "LD_PRELOAD": os.environ["FAILING_MALLOC"]}
+            ended = subprocess.run([VEXILADMIN, "-help"], env=env, capture_output=True, text=True)
+            self.assertEqual((ended.returncode, ended.stdout, ended.stderr), (0x97, "", msg(0x38C52097)), first)
+
     def test_nothing_takes_the_place_of_a_closed_stream(self):
         self.check(redirect="<&-", out="\n")
+        for number, name in enumerate(("/dev/stdin", "/dev/stdout")):
+            told = {"err": msg(0x38C520A2, name, error(errno.ELOOP)), "status": 0x38C520A8}
+            self.check("-file", name, redirect=f"{number}>&-", **told)
         calls = start() + end() + start(number=2) + end(2)
         self.check(*commands("set instance blue"), redirect=">&-", calls=calls, whole=True)
         failed = {"script": "get_trace_level status=38C54013", "calls": GET, "status": 0x13}

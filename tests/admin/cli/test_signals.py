@@ -2,17 +2,19 @@
 
 SIGNAL_TURNS is the number of turns at random moments, SIGNAL_SEED what they are drawn from."""
 
+import fcntl
 import itertools
 import os
 import random
 import re
 import signal
 import socket
+import subprocess
 import termios
 import time
 
 from terminal import PATIENCE
-from vexil import CONFIG, Case, commands, line, msg
+from vexil import ANON, CONFIG, VEXILADMIN, Case, commands, line, msg
 
 PASSWORD, INTERRUPTED = msg(0x38C52145), line(0x38C54023)
 TURNS, SEED = int(os.environ.get("SIGNAL_TURNS", 45)), int(os.environ.get("SIGNAL_SEED", 1))
@@ -87,6 +89,16 @@ class AtThePassword(Case):
         terminal.asks(PASSWORD)
         self.check_login(terminal)
 
+    def test_a_stop_as_soon_as_the_prompt_is_there_shows_it_again(self):
+        for _ in range(5):
+            terminal = self.terminal("-command", "login bob", prompt=None)
+            terminal.until(lambda: PASSWORD in terminal.shown, "prompt")
+            os.kill(terminal.pid, signal.SIGTSTP)
+            terminal.stop()
+            terminal.shown = ""
+            terminal.foreground()
+            terminal.asks(PASSWORD)
+
     def test_a_program_that_stopped_can_be_killed(self):
         for stop, number in itertools.product((signal.SIGTSTP, signal.SIGSTOP), (signal.SIGINT, signal.SIGTERM)):
             terminal = self.at_password()
@@ -116,6 +128,30 @@ class AtThePassword(Case):
         self.check_requests("carol old", "carol old", "carol old")
         os.kill(terminal.pid, signal.SIGALRM)  # which acts as before again
         self.assertEqual((terminal.ended()[0], terminal.restored()), (-signal.SIGALRM, True))
+
+
+class OfARun(Case):
+    def test_whatever_ends_a_run_what_was_done_before_is_told(self):
+        done, change = line(0x38C52142, "k", "1970-01-01-00:00:00 UTC"), f"generate_new_key {ANON}"
+        for number, shown, told in [
+            *((number, done * 2, msg(0x38C54057)) for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGINT)),
+            (signal.SIGKILL, done, ""),
+        ]:
+            environment = self.environment(script="generate_new_key label=k")
+            pipes = {name: subprocess.PIPE for name in ("stdin", "stdout", "stderr")}
+            with subprocess.Popen([VEXILADMIN], env=environment, **pipes) as process:
+                process.stdin.write(b"key change\nkey change\n")
+                process.stdin.flush()
+                deadline = time.monotonic() + PATIENCE
+                # The second is done when its record is released.
+                while (
+                    self.recorded("calls")[-1:] != ["free kind=5 count=1 own"]
+                    or self.recorded("calls").count(change) < 2
+                ):
+                    self.assertLess(time.monotonic(), deadline)
+                process.send_signal(number)
+                seen = [stream.read().decode() for stream in (process.stdout, process.stderr)]
+            self.assertEqual((seen, process.returncode), ([shown, told], -number))
 
 
 class OfACommand(Case):
@@ -148,16 +184,30 @@ class OfACommand(Case):
             self.assertEqual(self.interrupt(terminal, "key change"), line(0x38C54013))
         self.assertEqual(terminal.answer("instances list"), "blue\ngreen\n")
 
-    def test_ctrl_c_ends_a_run_after_saying_what_became_of_the_command(self):
+    def test_ctrl_c_in_the_moment_before_a_password_is_read_is_heard(self):
+        terminal = self.terminal(**self.silent)
+        terminal.type("login bob")
+        terminal.until(lambda: "login bob" in terminal.shown, "echo")
+        termios.tcflow(terminal.slave, termios.TCOOFF)
+        terminal.type("\n")
+        time.sleep(0.1)
+        while fcntl.ioctl(terminal.slave, termios.FIONREAD, bytes(4)) != bytes(4):
+            pass
+        os.kill(terminal.pid, signal.SIGINT)
+        termios.tcflow(terminal.slave, termios.TCOON)
+        self.assertIn(INTERRUPTED, terminal.asks())
+
+    def test_a_signal_ends_a_run_after_saying_what_became_of_the_command(self):
         (self.dir / "cmds").write_text("key change\ninstances list\n")
-        for arguments, status in [
-            (commands("realm list", "instances list"), 0x38C54023),
-            (["-file", str(self.dir / "cmds")], 0x38C54013),
+        for arguments, number, told in [
+            (commands("realm list", "instances list"), signal.SIGINT, "\n" + line(0x38C54023)),
+            (["-file", str(self.dir / "cmds")], signal.SIGINT, "\n" + line(0x38C54013)),
+            (["-file", str(self.dir / "cmds")], signal.SIGTERM, line(0x38C54013)),
         ]:
             terminal = self.terminal(*arguments, prompt=None, **self.silent)
             self.await_request()
-            os.kill(terminal.pid, signal.SIGINT)
-            self.assertEqual(terminal.ended(), (-signal.SIGINT, ("\n" + line(status)).replace("\n", "\r\n")))
+            os.kill(terminal.pid, number)
+            self.assertEqual(terminal.ended(), (-number, told.replace("\n", "\r\n")))
 
     def test_signals_at_random_moments_neither_get_lost_nor_leave_the_terminal_changed(self):
         chance = random.Random(SEED)

@@ -62,7 +62,7 @@ class TarnAdminKeyShow : public TarnAdminCmd {
 /// key change: makes the cluster generate a new key, at once, and shows it.
 class TarnAdminKeyChange : public TarnAdminCmd {
   public:
-    TarnAdminKeyChange() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminKeyChange() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -84,7 +84,7 @@ class TarnAdminSessList : public TarnAdminCmd {
 /// session terminate session: ends one session.
 class TarnAdminSessTerminate : public TarnAdminCmd {
   public:
-    TarnAdminSessTerminate() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminSessTerminate() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -95,7 +95,7 @@ class TarnAdminSessTerminate : public TarnAdminCmd {
 /// session terminate all_sessions: ends every session of a user.
 class TarnAdminSessTerminateAll : public TarnAdminCmd {
   public:
-    TarnAdminSessTerminateAll() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminSessTerminateAll() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -106,7 +106,7 @@ class TarnAdminSessTerminateAll : public TarnAdminCmd {
 /// session refresh session: makes one session fresh.
 class TarnAdminSessRefresh : public TarnAdminCmd {
   public:
-    TarnAdminSessRefresh() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminSessRefresh() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -117,7 +117,7 @@ class TarnAdminSessRefresh : public TarnAdminCmd {
 /// session refresh all_sessions: makes every session of a user fresh.
 class TarnAdminSessRefreshAll : public TarnAdminCmd {
   public:
-    TarnAdminSessRefreshAll() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminSessRefreshAll() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -128,7 +128,7 @@ class TarnAdminSessRefreshAll : public TarnAdminCmd {
 /// trace set: sets the server's trace level; the server decides which levels are valid.
 class TarnAdminTraceSet : public TarnAdminCmd {
   public:
-    TarnAdminTraceSet() : TarnAdminCmd(m_cmdFormat.data()) {}
+    TarnAdminTraceSet() : TarnAdminCmd(m_cmdFormat.data(), Effect::kChanges) {}
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 

@@ -8,6 +8,7 @@
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "runtime/qel_base64.h"
 #include "runtime/qel_hidden.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 #include "runtime/qel_random.h"
@@ -20,7 +21,7 @@ namespace {
 
 void showPasswordPrompt() {
     qel_fprintf(stdout, kMsgPasswordPrompt);
-    std::fflush(stdout);
+    qel_flush_output();
 }
 
 }  // namespace
@@ -75,10 +76,10 @@ std::uint32_t TarnAdminLogin::makeLoginId(QelString& loginId) {
 }
 
 std::uint32_t TarnAdminLogin::promptForPassword(QelString& password) {
-    showPasswordPrompt();
     char line[1024];
     std::string_view read;
-    const QelHidden result = qel_read_hidden(line, read, showPasswordPrompt);
+    const TarnAdminInterrupt::Running waitsForItsUser(false);
+    const QelHidden result = qel_read_hidden(line, read, showPasswordPrompt, TarnAdminInterrupt::came);
     std::fputs("\n", stdout);
     if (result == QelHidden::kInterrupted) {
         TarnAdminInterrupt::note();

@@ -4,6 +4,7 @@
 
 #include "admin/cli/vexiladmin/records/ClusterInfo.h"
 #include "admin/cli/vexiladmin/records/RecordText.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -19,8 +20,10 @@ std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admi
         qel_fprintf(stdout, kMsgNoRealms);
         std::fputs("\n", stdout);
     }
+    QelGatheredOutput out(stdout);
     for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        std::printf("%s\n", RecordText(realm.name).data());
+        out.put(RecordText(realm.name).view());
+        out.put("\n");
     }
     return 0;
 }

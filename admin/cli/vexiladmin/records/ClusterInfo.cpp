@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "admin/cli/vexiladmin/records/RecordText.h"
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -47,8 +48,11 @@ std::span<const olm_dsess_admin_realm_t> ClusterInfo::realms() const {
 }
 
 void printReplicaSets(const olm_dsess_admin_realm_t& realm) {
+    QelGatheredOutput out(stdout);
     for (std::int32_t i = 0; i < realm.replica_set_count; ++i) {
-        std::printf("    %s\n", RecordText(realm.replica_set_names[i]).data());
+        out.put("    ");
+        out.put(RecordText(realm.replica_set_names[i]).view());
+        out.put("\n");
     }
 }
 

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "runtime/qel_io.h"
 #include "runtime/qel_messages.h"
 #include "runtime/qel_msg.h"
 
@@ -58,7 +59,7 @@ void printKeyReport(const olm_dsess_admin_cluster_t& cluster) {
 }
 
 std::uint32_t refuseValue(const char* name) {
-    std::fflush(stdout);
+    qel_flush_output();
     qel_fprintf(stderr, kMsgInvalidValue, name);
     std::fputs("\n", stderr);
     return kStatusInvalidValue;
