@@ -259,7 +259,8 @@ HttpServer::~HttpServer() = default;
 
 void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onReady,
                      const std::function<void()>& onStop) {
-    Running(*this, std::move(listener), stopFd).run(onReady, onStop);
+    Running running(*this, std::move(listener), stopFd);
+    running.run(onReady, onStop);
 }
 
 }  // namespace dsessd

@@ -1,109 +1,54 @@
 #include "server/Json.h"
 
 #include <algorithm>
-#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/parser.hpp>
 #include <boost/json/serialize.hpp>
-#include <boost/json/value_stack.hpp>
-#include <limits>
 
 namespace dsessd {
 
 namespace {
 
 namespace json = boost::json;
-using Error = json::error_code;
-using Text = std::string_view;
 
-/// Builds a value of the parser's events (basic_parser.hpp has their list) and stops the parser at what is not
-/// accepted.
-class StrictHandler {
-  public:
-    static constexpr std::size_t max_array_size = std::numeric_limits<std::size_t>::max();
-    static constexpr std::size_t max_object_size = max_array_size;
-    static constexpr std::size_t max_string_size = max_array_size;
-    static constexpr std::size_t max_key_size = max_array_size;
-
-    explicit StrictHandler(const json::storage_ptr& memory) : m_stack(memory) { m_stack.reset(memory); }
-    json::value release() { return m_stack.release(); }
-    /// The field names that have come.
-    std::size_t names() const { return m_names; }
-
-    bool on_document_begin(Error&) { return true; }
-    bool on_document_end(Error&) { return true; }
-    bool on_comment_part(Text, Error&) { return true; }
-    bool on_comment(Text, Error&) { return true; }
-    bool on_number_part(Text, Error&) { return true; }
-    bool on_object_begin(Error&) { return true; }
-    bool on_array_begin(Error&) { return true; }
-
-    bool on_object_end(std::size_t size, Error&) {
-        m_stack.push_object(size);
-        return true;
-    }
-    bool on_array_end(std::size_t size, Error&) {
-        m_stack.push_array(size);
-        return true;
-    }
-    bool on_key_part(Text part, std::size_t, Error& error) {
-        m_stack.push_chars(part);
-        return isText(part, error);
-    }
-    bool on_key(Text last, std::size_t, Error& error) {
-        ++m_names;
-        m_stack.push_key(last);
-        return isText(last, error);
-    }
-    bool on_string_part(Text part, std::size_t, Error& error) { return on_key_part(part, 0, error); }
-    bool on_string(Text last, std::size_t, Error& error) {
-        m_stack.push_string(last);
-        return isText(last, error);
-    }
-    bool on_int64(std::int64_t number, Text, Error&) {
-        m_stack.push_int64(number);
-        return true;
-    }
-    bool on_uint64(std::uint64_t number, Text, Error&) {
-        m_stack.push_uint64(number);
-        return true;
-    }
-    bool on_double(double number, Text, Error&) {
-        m_stack.push_double(number);
-        return true;
-    }
-    bool on_bool(bool value, Error&) {
-        m_stack.push_bool(value);
-        return true;
-    }
-    bool on_null(Error&) {
-        m_stack.push_null();
-        return true;
-    }
-
-  private:
-    static bool isText(Text part, Error& error) {
-        if (part.find('\0') != Text::npos) {
-            error = json::error::syntax;
-        }
-        return !error;
-    }
-
-    json::value_stack m_stack;
-    std::size_t m_names = 0;
-};
-
-std::size_t namesIn(const json::value& value) {
+/// The field names in the text of a value: each has a colon behind it, and there is no other outside of texts.
+std::size_t namesIn(std::string_view text) {
     std::size_t count = 0;
-    if (const json::object* object = value.if_object()) {
-        count = object->size();
-        for (const auto& field : *object) {
-            count += namesIn(field.value());
-        }
-    } else if (const json::array* array = value.if_array()) {
-        for (const json::value& item : *array) {
-            count += namesIn(item);
+    bool isInside = false;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (isInside && text[at] == '\\') {
+            ++at;
+        } else if (text[at] == '"') {
+            isInside = !isInside;
+        } else if (text[at] == ':' && !isInside) {
+            ++count;
         }
     }
     return count;
+}
+
+bool hasNul(std::string_view text) {
+    return text.find('\0') != text.npos;
+}
+
+/// The field names in a value, of which two that are alike are one. Nothing: a name or text holds NUL.
+std::optional<std::size_t> namesIn(const json::value& value) {
+    std::size_t count = 0;
+    const auto add = [&](const json::value& part) {
+        const auto more = namesIn(part);
+        count += more.value_or(0);
+        return more.has_value();
+    };
+    bool isText = true;
+    if (const json::object* object = value.if_object()) {
+        count = object->size();
+        isText = std::all_of(object->begin(), object->end(),
+                             [&](const auto& field) { return !hasNul(field.key()) && add(field.value()); });
+    } else if (const json::array* array = value.if_array()) {
+        isText = std::all_of(array->begin(), array->end(), add);
+    } else if (const json::string* text = value.if_string()) {
+        isText = !hasNul(*text);
+    }
+    return isText ? std::optional(count) : std::nullopt;
 }
 
 }  // namespace
@@ -111,15 +56,15 @@ std::size_t namesIn(const json::value& value) {
 std::optional<json::value> parseStrictly(std::string_view text, JsonMemory& memory) {
     json::parse_options options;
     options.max_depth = kMaxJsonDepth;
-    json::basic_parser<StrictHandler> parser(options, memory.storage());
-    Error error;
-    const std::size_t used = parser.write_some(false, text.data(), text.size(), error);
-    if (error || used != text.size()) {
+    json::parser parser(memory.storage(), options);
+    parser.reset(memory.storage());
+    json::error_code error;
+    parser.write(text, error);
+    if (error) {
         return std::nullopt;
     }
-    std::optional<json::value> value(parser.handler().release());
-    // Of fields with one name in an object the value has only the last.
-    return namesIn(*value) == parser.handler().names() ? std::move(value) : std::nullopt;
+    std::optional<json::value> value(parser.release());
+    return namesIn(*value) == namesIn(text) ? std::move(value) : std::nullopt;
 }
 
 void appendQuoted(std::string& out, std::string_view text) {
