@@ -82,7 +82,7 @@ class HttpConnection::OperationAllocator {
 /// What co_await waits for an operation with, and leaves its failure in.
 auto HttpConnection::into(Error& error) {
     const net::use_awaitable_t<Executor> token;
-    return net::redirect_error(net::bind_allocator(OperationAllocator<void>(m_operation), token), error);
+    return net::redirect_error(net::bind_allocator(OperationAllocator<std::byte>(m_operation), token), error);
 }
 
 /// Takes the connection off the list of those that there are, however its coroutine ends.

@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "runtime/SecretBuffer.h"
@@ -37,7 +38,7 @@ class HttpRequest {
     /// Whether its answer may come in chunks.
     bool takesChunks() const { return m_parser.get().version() == 11; }
     /// To be called once, when it is done.
-    SecretBuffer takeBody() { return std::move(m_parser.get().body()); }
+    SecretBuffer takeBody() { return std::exchange(m_parser.get().body(), {}); }
 
   private:
     using Parser = boost::beast::http::request_parser<boost::beast::http::vector_body<char, WipingAllocator<char>>>;

@@ -31,6 +31,10 @@ struct HttpServing : testing::Test {
         for (int i = 0; i < 8000; ++i) {
             cluster->addSessions({{1, std::to_string(i), std::string(1000, 'm'), i}});
         }
+        cluster->addReplicaSet(2, 1, "set");
+        for (int i = 0; i < 200'000; ++i) {  // more than are read at once
+            cluster->addMember(2, {std::to_string(i), i});
+        }
         cluster->commit();
         ASSERT_EQ(::pipe(stop.data()), 0);
         Listener listener("127.0.0.1:0");
@@ -57,8 +61,8 @@ struct HttpServing : testing::Test {
         EXPECT_EQ(::send(socket.get(), sent.data(), sent.size(), MSG_NOSIGNAL), static_cast<ssize_t>(sent.size()));
         return socket;
     }
-    static std::string firstOf(const QelFileDescriptor& from) {
-        std::string bytes(12, '\0');
+    static std::string firstOf(const QelFileDescriptor& from, std::size_t size = 12) {
+        std::string bytes(size, '\0');
         bytes.resize(std::max<ssize_t>(0, ::recv(from.get(), bytes.data(), bytes.size(), MSG_WAITALL)));
         return bytes;
     }
@@ -94,6 +98,13 @@ TEST_F(HttpServing, LetsWhoHasWaitedLongestMakeRoomAndEndsWhoeverIsInTheMiddleOf
     const auto begun = std::chrono::steady_clock::now();
     end();
     EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(10));
+}
+
+TEST_F(HttpServing, GoesOnInALaneWithWhatIsNotDoneAtOnce) {
+    start({});
+    const std::string get = request("replicaSet.get", R"(,"replicaSet":"set")");
+    EXPECT_NE(firstOf(client(get), 500).find(R"("count":200000)"), std::string::npos);
+    end();
 }
 
 TEST(Turns, AreTakenByPeersWhoWaitNoLongerThanTheyMay) {

@@ -42,6 +42,7 @@ CASES = {  # what is refused is refused at once: who waits for the rest of a req
     (200,): [
         request(headers=(*CLOSE, "Range: bytes=0-3", "Accept-Encoding: gzip, br")),
         chunked(GOOD[:10], GOOD[10:]),
+        chunked(*(b"%c" % byte for byte in GOOD)),
         request(headers=("host:", "Content-Type: Application/JSON; charset=utf-8", "Connection: close")),
     ],
     (200, 200): [request() + request(headers=CLOSE)],
