@@ -13,6 +13,7 @@ namespace http = boost::beast::http;
 
 /// The end of a chunk and the line that gives the size of the next one.
 constexpr std::size_t kMaxChunkLineBytes = 64;
+constexpr std::size_t kLastChunkBytes = std::string_view("0\r\n\r\n").size();
 
 std::string_view viewOf(boost::beast::string_view text) {
     return {text.data(), text.size()};
@@ -89,7 +90,9 @@ bool HttpRequest::expectsContinue() const {
 }
 
 std::size_t HttpRequest::takeBody(std::string_view bytes) {
-    const std::size_t used = parse(bytes);
+    // Beast asserts that a body without any chunk does not come in smaller pieces.
+    const bool isTooLittle = m_parser.chunked() && m_parser.get().body().empty() && bytes.size() < kLastChunkBytes;
+    const std::size_t used = isTooLittle ? 0 : parse(bytes);
     const std::string_view line = done() ? std::string_view() : bytes.substr(used);
     const bool hasTrailers = done() && std::distance(m_parser.get().begin(), m_parser.get().end()) != m_fields;
     if (m_refusal == 0 && (hasTrailers || line.size() > kMaxChunkLineBytes || hasBareLineFeed(line))) {
