@@ -193,7 +193,7 @@ class Service(unittest.TestCase):
             "request session.refresh by root from : done",
             "request session.refresh by root from : no-matching-session",
             "detail session.refresh with realm east, selector session, value s1",
-            r"detail session.refresh with realm east, selector user, value mallory\x0aforged",
+            r"detail session.refresh with realm east, selector user, value mallory\x0Aforged",
         ]
         for level, count in [(1, 3), (2, 6), (3, 8), (0, 1)]:
             before = len(self.server.log())
