@@ -104,6 +104,7 @@ TEST(Messages, KeepBytesInTheCLocaleAndAreInTheProgramsName) {
         std::setlocale(LC_ALL, "C");
         qelmsg_init("/usr/bin/vexil", 0);
         EXPECT_STREQ(std::setlocale(LC_CTYPE, nullptr), "C.UTF-8") << name;
+        EXPECT_STREQ(std::setlocale(LC_MESSAGES, nullptr), "C") << name;
     }
     EXPECT_STREQ(qel_msg_program_name(), "vexil");
 }

@@ -44,6 +44,16 @@ std::uint32_t noMemory() {
     _exit(static_cast<int>(noMemory() & 0xFF));
 }
 
+// A sanitizer may not be set up yet.
+[[gnu::no_sanitize("address", "thread", "undefined")]] void setTerminate(int /*argc*/, char** /*argv*/,
+                                                                         char** /*environment*/) {
+    std::set_terminate(endWithoutMemory);
+}
+
+/// Called before the shared libraries set themselves up, which may throw too (gABI, "Initialization and Termination
+/// Functions").
+[[gnu::section(".preinit_array"), gnu::used]] void (*const g_beforeLibraries)(int, char**, char**) = setTerminate;
+
 /// Results that never reached their reader must not look like success. A reader that left on its own is no failure.
 std::uint32_t flushOutput() {
     qel_flush_output();
@@ -60,7 +70,6 @@ std::uint32_t flushOutput() {
 int main(int argc, char** argv) {
     // No core dump: it would hold a password. A limit on its size does not stop one that is piped to a program.
     prctl(PR_SET_DUMPABLE, 0);
-    std::set_terminate(endWithoutMemory);
     const bool isOpen = qel_open_standard_descriptors();
     for (const int signal : {SIGPIPE, SIGXFSZ}) {
         std::signal(signal, SIG_IGN);  // the write fails, which is told

@@ -2,7 +2,7 @@
 
 import subprocess
 
-from vexil import ANON, Case, line, msg, refused
+from vexil import ANON, CONFIG, Case, line, msg, refused
 
 EPOCH, SECOND_1 = "1970-01-01-00:00:00 UTC", "1970-01-01-00:00:01 UTC"
 BY_USER = f"by={msg(0x38C5809E)},{msg(0x38C580A0)}"
@@ -137,4 +137,9 @@ class Commands(Case):
             self.skipTest(f"no locale can be made: {made.stderr}")
         latin = {"LC_ALL": "latin", "LOCPATH": str(self.dir), "encoding": "iso-8859-1"}
         self.check(stdin=command, out=shown.replace("€", "\\u{20AC}") + "\n", **latin, **seen)
+        traced = self.run_utility(stdin="grün\n", VEXILADMIN_DEBUG="3", **latin)
+        self.assertRegex(traced.out, "^Processing the command: grün\n")
+        config = CONFIG + "ssl-keyfile = k\nssl-keyfile-stash = s\nssl-fips-enabled = ü\n"
+        terminal = self.terminal("-interactive", "N", prompt=None, config=config, **latin)
+        self.assertIn(msg(0x38C54048, "\ufffd").rstrip("\n"), terminal.ended()[1])  # one byte, that is no UTF-8
         self.assertRegex(self.run_utility("-command", "login bob", stdin="grün\n", **latin).calls[2], ",grün$")

@@ -144,7 +144,8 @@ class Shell(Case):
 
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
         config = CONFIG.replace("blue,", "blue,b\x1b[2J,")
-        prompt = self.terminal(config=config, TERM="vt100")
+        (self.dir / "editrc").write_text("bind ^H ed-delete-prev-word\n")
+        prompt = self.terminal(config=config, TERM="vt100", EDITRC=str(self.dir / "editrc"))
         for typed, row in [
             ("\t", "    " + PATTERNS[-1]),
             ("set ins\tb\t", "    blue      b\\x1B[2J"),
@@ -234,7 +235,9 @@ class Shell(Case):
     def test_memory_that_is_out_from_the_start_is_told(self):
         for first in range(1, 9):
             plan = {"SWEEP_FIRST": str(first), "SWEEP_LAST": str(2**62), "SWEEP_REPORT": "/dev/null"}
-            env = {**self.environment(), **plan, "LD_PRELOAD": os.environ["FAILING_MALLOC"]}
+            # The real client library sets itself up before main.
+            plan |= {"LD_PRELOAD": os.environ["FAILING_MALLOC"], "LD_LIBRARY_PATH": ""}
+            env = {**self.environment(), **plan}
             ended = subprocess.run([VEXILADMIN, "-help"], env=env, capture_output=True, text=True)
             self.assertEqual((ended.returncode, ended.stdout, ended.stderr), (0x97, "", msg(0x38C52097)), first)
 
