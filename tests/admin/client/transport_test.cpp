@@ -88,7 +88,7 @@ TEST(Transport, BadAnswersAreRefusedAtOnceAndAChangeIsCarriedOutOnce) {
         {"status=404", kStatusInstanceNotServed, Change::kGoesOn, "HTTP status 404"},
         {"status=500", kStatusNoLocation, Change::kAsksAgain, "HTTP status 500"},
         {"status=307", kNotUnderstood, Change::kAsksAgain, "HTTP status 307"},
-        {"reset=request", kStatusNoLocation, Change::kAsksAgain, "the connection ended before an answer"},
+        {"reset=request", kStatusNoLocation, Change::kAsksAgain, "answer, as by a server that expects TLS"},
         {"close=head", kNotUnderstood, Change::kAsksAgain, "cut short"},
         {"reset=body", kNotUnderstood, Change::kAsksAgain, "cut short"},
         {"http09", kNotUnderstood, Change::kAsksAgain, "it is not HTTP/1.1"},
