@@ -1,11 +1,12 @@
-"""The translations have what the catalogue has, and are shown where the locale asks for them."""
+"""The message catalogue is sound, and its translations have what it has and are shown where the locale asks for them."""
 
 import ast
 import re
 
 from vexil import ANON, MESSAGES, ROOT, Case, commands
 
-FIXED = re.findall(r"QEL_FIXED\(\w+, (\w+)", (ROOT / "runtime/qel_messages.def").read_text())
+CATALOGUE = (ROOT / "runtime/qel_messages.def").read_text(encoding="utf-8")
+FIXED = re.findall(r"QEL_FIXED\(\w+, (\w+)", CATALOGUE)
 NAMED = {f"{identifier:08X}": text for identifier, text in MESSAGES.items()}
 TEXTS = sorted(text.removeprefix(name + " ") for name, text in NAMED.items() if name not in FIXED)
 ENTRY = r'^(#, .*\n)?msgid ((?:".*"\n)+)msgstr ((?:".*"\n?)+)'
@@ -27,6 +28,16 @@ def frame(text):
 
 
 class Translations(Case):
+    def test_messages_have_identifiers_of_their_own_and_placeholders_for_their_arguments(self):
+        entries = re.findall(r'^QEL_\w+\((\w+), (\w+), "(\w*)",((?:\s*"(?:[^"\\]|\\.)*")+)\)', CATALOGUE, re.M)
+        self.assertEqual(len(entries), CATALOGUE.count("\nQEL_"))
+        self.assertEqual(len(entries), len({identifier for _, identifier, _, _ in entries}))
+        for name, identifier, kinds, text in entries:
+            self.assertNotEqual(identifier[-2:], "00", f"{name} would be an exit status of success")
+            placeholders = re.findall(r"%(?:(\d)\$)?([sd])", text)
+            ordered = sorted({found for found in placeholders if found[0]}) or placeholders
+            self.assertEqual("".join(kind for _, kind in ordered), re.sub("[ev]", "s", kinds), name)
+
     def test_every_message_is_translated_with_its_placeholders_and_none_else(self):
         for path in (ROOT / "po").glob("*.po"):
             entries = read(path)
