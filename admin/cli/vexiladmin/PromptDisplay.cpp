@@ -134,8 +134,8 @@ void PromptDisplay::cutOut(Picture& picture, std::size_t rows) {
     auto& glyphs = picture.glyphs;
     const auto first = std::partition_point(glyphs.begin(), glyphs.end(), isAbove(top));
     const auto last = std::partition_point(first, glyphs.end(), isAbove(top + rows));
-    if (last != glyphs.end()) {
-        picture.bytes.resize(last->begin);
+    if (picture.end.row >= top + rows) {
+        picture.bytes.resize(last == glyphs.end() ? picture.bytes.size() : last->begin);
         picture.end = {std::prev(last)->at.row, std::prev(last)->at.column + std::prev(last)->width};
     }
     const std::size_t before = first == glyphs.end() ? picture.bytes.size() : first->begin;

@@ -14,12 +14,11 @@
 namespace {
 
 constexpr std::string_view kPrompt = "vexiladmin> ";
-constexpr std::size_t kHeight = 400;
 
 /// A terminal that arranges its text anew when it is resized. The first row is another program's.
 class Screen {
   public:
-    explicit Screen(std::size_t columns) : m_columns(columns) {}
+    Screen(std::size_t columns, std::size_t rows) : m_columns(columns), m_height(rows) {}
 
     void write(std::string_view bytes) {
         for (std::mbstate_t state{}; !bytes.empty();) {
@@ -35,7 +34,7 @@ class Screen {
                     m_column = 0;
                     break;
                 case L'\b':
-                    ASSERT_GT(m_column, 0U);
+                    ASSERT_LT(m_column - 1, m_columns - 1) << "from the margin, terminals differ";
                     --m_column;
                     break;
                 default:
@@ -45,7 +44,7 @@ class Screen {
     }
 
     void resize(std::size_t columns) {
-        Screen next(columns);
+        Screen next(columns, m_height);
         std::optional<std::pair<std::size_t, std::size_t>> cursor;
         for (std::size_t row = 1; row < m_rows.size(); ++row) {
             for (std::size_t column = 0; column < m_rows[row].size(); ++column) {
@@ -88,6 +87,7 @@ class Screen {
             m_column = 0;
         }
         if (m_rows.size() <= m_row) {
+            ASSERT_LE(m_row, m_height) << "what stands above would go";
             m_rows.resize(m_row + 1);
         }
         auto& row = m_rows[m_row];
@@ -122,6 +122,7 @@ class Screen {
     }
 
     std::size_t m_columns;
+    std::size_t m_height;
     std::vector<std::vector<std::wstring>> m_rows{{L"$"}, {}};
     std::size_t m_row = 1;
     std::size_t m_column = 0;
@@ -135,11 +136,13 @@ TEST(PromptDisplay, ShowsTheLineAtAnyWidthHoweverItAndTheWindowChange) {
     for (int turn = 0; turn < 300; ++turn) {
         std::size_t columns = 2 + below(90);
         PromptDisplay display(PromptDisplay::Terminal::kAddressable, kPrompt);
-        Screen screen(columns);
+        const bool isLow = below(4) == 0;
+        const std::size_t rows = isLow ? 1 + below(4) : 400;
+        Screen screen(columns, rows);
         std::wstring line;
         for (int step = 0; step < 40; ++step) {
             std::size_t cursor = below(3) > 0 ? line.size() : below(line.size() + 1);
-            switch (below(4)) {
+            switch (isLow ? 1 + below(3) : below(4)) {
                 case 0:
                     columns = 2 + below(90);
                     screen.resize(columns);
@@ -152,7 +155,7 @@ TEST(PromptDisplay, ShowsTheLineAtAnyWidthHoweverItAndTheWindowChange) {
                     line.insert(cursor, typed);
                     cursor += typed.size();
             }
-            const SecretText out = display.draw(line, cursor, {columns, kHeight});
+            const SecretText out = display.draw(line, cursor, {columns, rows});
             screen.write(out);
             if (HasFatalFailure()) {
                 return;
@@ -171,7 +174,9 @@ TEST(PromptDisplay, ShowsTheLineAtAnyWidthHoweverItAndTheWindowChange) {
                                                            : std::wstring(1, line[index]);
                 }
             }
-            ASSERT_EQ(screen.shown(), expected) << turn << "/" << step << " " << columns;
+            const std::wstring shown = screen.shown();
+            ASSERT_EQ(shown, isLow && expected.find(shown.substr(1)) != std::wstring::npos ? shown : expected)
+                << turn << " " << step;
         }
     }
 }
