@@ -7,14 +7,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/asio/as_tuple.hpp>
-#include <boost/asio/experimental/awaitable_operators.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/this_coro.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <csignal>
 #include <cstring>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -25,8 +22,6 @@
 namespace olmdsess {
 
 namespace {
-
-using net::experimental::awaitable_operators::operator||;
 
 constexpr std::chrono::milliseconds kNextAddressAfter{250};
 
@@ -122,39 +117,42 @@ std::vector<tcp::endpoint> inTurns(const std::vector<tcp::endpoint>& addresses) 
     return result;
 }
 
-/// Connects, and lets the wait for the next address's turn end when that fails.
-net::awaitable<tcp::socket> connect(const tcp::endpoint& address, net::steady_timer& nextTurn, ErrorCode& problem) {
-    tcp::socket socket(co_await net::this_coro::executor);
-    const auto [error] = co_await socket.async_connect(address, net::as_tuple(net::use_awaitable));
-    if (error) {
-        problem = error;
-        nextTurn.expires_at(std::chrono::steady_clock::time_point::min());
-        throw boost::system::system_error(error);
+/// The tries at a host's addresses, of which the first connection counts. Whatever waits for one of them keeps it.
+struct Race {
+    explicit Race(net::io_context& loop) : nextTurn(loop) {}
+
+    net::steady_timer nextTurn;  // of another address, or of looking what has become of these
+    std::list<tcp::socket> tries;
+    std::optional<tcp::socket> connected;
+    ErrorCode problem;  // of the try that failed last
+};
+
+/// Tries one more address.
+void enter(const std::shared_ptr<Race>& race, net::io_context& loop, const tcp::endpoint& address) {
+    const auto socket = race->tries.emplace(race->tries.end(), loop);
+    socket->open(address.protocol(), race->problem);
+    if (race->problem) {
+        race->tries.erase(socket);
+        return;
     }
-    co_return socket;
-}
-
-net::awaitable<tcp::socket> connectFrom(std::span<const tcp::endpoint> addresses, ErrorCode& problem);
-
-net::awaitable<tcp::socket> connectInTurn(std::span<const tcp::endpoint> addresses, net::steady_timer& turn,
-                                          ErrorCode& problem) {
-    co_await turn.async_wait(net::as_tuple(net::use_awaitable));
-    co_return co_await connectFrom(addresses, problem);
-}
-
-net::awaitable<tcp::socket> connectFrom(std::span<const tcp::endpoint> addresses, ErrorCode& problem) {
-    net::steady_timer nextTurn(co_await net::this_coro::executor, kNextAddressAfter);
-    if (addresses.size() == 1) {
-        co_return co_await connect(addresses.front(), nextTurn, problem);
-    }
-    auto connected = co_await (connect(addresses.front(), nextTurn, problem) ||
-                               connectInTurn(addresses.subspan(1), nextTurn, problem));
-    co_return std::visit([](auto& socket) { return std::move(socket); }, connected);
+    fcntl(socket->native_handle(), F_SETFD, FD_CLOEXEC);  // what the program starts is not to keep it open
+    socket->async_connect(address, [race, socket](const ErrorCode& error) {
+        if (race->connected) {
+            return;  // too late: the socket is gone
+        }
+        if (error) {
+            race->problem = error;
+        } else {
+            race->connected = std::move(*socket);
+        }
+        race->tries.erase(socket);
+        race->nextTurn.cancel();
+    });
 }
 
 }  // namespace
 
-net::awaitable<std::vector<tcp::endpoint>> lookUp(const std::string& host, const std::string& port) {
+Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string& host, const std::string& port) {
     ErrorCode notAnAddress;
     const net::ip::address address = net::ip::make_address(host, notAnAddress);
     if (!notAnAddress) {
@@ -167,21 +165,30 @@ net::awaitable<std::vector<tcp::endpoint>> lookUp(const std::string& host, const
     if (!copy.isOpen()) {
         throw std::bad_alloc();
     }
-    net::posix::stream_descriptor answered(co_await net::this_coro::executor, copy.release());
-    co_await answered.async_wait(net::posix::stream_descriptor::wait_read, net::use_awaitable);
+    net::posix::stream_descriptor answered(loop);
+    answered.assign(copy.get());
+    static_cast<void>(copy.release());
+    const auto [error] = co_await answered.async_wait(net::posix::stream_descriptor::wait_read, kAwaited);
+    throwIf(error);
     co_return inTurns(lookup->addresses());
 }
 
-net::awaitable<tcp::socket> connectToFirst(std::span<const tcp::endpoint> addresses) {
-    ErrorCode problem;
-    try {
-        co_return co_await connectFrom(addresses, problem);
-    } catch (const std::exception&) {
-        if (!problem) {
-            throw std::bad_alloc();
+Task<tcp::socket> connectToFirst(net::io_context& loop, std::span<const tcp::endpoint> addresses) {
+    const auto race = std::make_shared<Race>(loop);
+    while (!race->connected) {
+        if (!addresses.empty()) {
+            enter(race, loop, addresses.front());
+            addresses = addresses.subspan(1);
+        } else if (race->tries.empty()) {
+            throw boost::system::system_error(race->problem);
         }
-        throw boost::system::system_error(problem);
+        if (!race->tries.empty()) {
+            race->nextTurn.expires_after(addresses.empty() ? std::chrono::hours(1) : kNextAddressAfter);
+            co_await race->nextTurn.async_wait(kAwaited);
+        }
     }
+    race->tries.clear();
+    co_return std::move(*race->connected);
 }
 
 }  // namespace olmdsess

@@ -1,11 +1,13 @@
 /// The way to a connection: the addresses of a host, and the first of them that answers.
 #pragma once
 
-#include <boost/asio/awaitable.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <span>
 #include <string>
 #include <vector>
+
+#include "admin/client/Task.h"
 
 namespace olmdsess {
 
@@ -16,10 +18,10 @@ using ErrorCode = boost::system::error_code;
 /// Looks a host up, which is a name or an address, and gives its addresses in the order in which to try them. The
 /// system is asked on a thread of its own, for it may hang: a wait that is cancelled leaves the thread behind, and so
 /// does the end of the process. Throws boost::system::system_error when there are none, and std::bad_alloc.
-net::awaitable<std::vector<tcp::endpoint>> lookUp(const std::string& host, const std::string& port);
+Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string& host, const std::string& port);
 
 /// Connects to the first address that answers (RFC 8305, section 5): the next one is tried too when one has failed, or
 /// has taken 250 ms. Throws boost::system::system_error with what the last one failed of, and std::bad_alloc.
-net::awaitable<tcp::socket> connectToFirst(std::span<const tcp::endpoint> addresses);
+Task<tcp::socket> connectToFirst(net::io_context& loop, std::span<const tcp::endpoint> addresses);
 
 }  // namespace olmdsess

@@ -6,13 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/asio/as_tuple.hpp>
-#include <boost/asio/co_spawn.hpp>
 #include <boost/asio/compose.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/ssl.hpp>
-#include <boost/asio/use_awaitable.hpp>
 #include <boost/asio/write.hpp>
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -31,6 +28,7 @@
 #include "admin/client/Connecting.h"
 #include "admin/client/Interruption.h"
 #include "admin/client/Location.h"
+#include "admin/client/Task.h"
 #include "protocol/protocol.h"
 
 namespace olmdsess {
@@ -344,14 +342,15 @@ class HttpTransport::Wires {
         // What was said of the last time is not said of one before it.
         attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore > 0 : mayHaveSent();
         attempt.flowed = m_exchange->flowed();
-        if (!m_isReusable && !m_isUnfinished) {
+        if (!m_isReusable && !isUnfinished()) {
             m_connection.reset();
         }
         m_request = SecretBuffer();
         return attempt;
     }
 
-    bool isUnfinished() const { return m_isUnfinished; }
+    /// Whether an exchange waits in the loop.
+    bool isUnfinished() const { return m_task && !m_task->isDone(); }
     /// Whether any of the request in hand has left.
     bool mayHaveSent() const { return m_sentBefore > 0 || hasSent(); }
 
@@ -383,13 +382,8 @@ class HttpTransport::Wires {
     Attempt run(const AttemptLimits& limits, AnswerReader& reader) {
         m_exchange.emplace(limits, reader);
         m_isReusable = false;
-        m_isUnfinished = true;
-        Attempt attempt;
-        net::co_spawn(m_loop, exchange(), [&](const std::exception_ptr& problem, Attempt result) {
-            m_isUnfinished = false;
-            attempt = problem == nullptr ? std::move(result) : Attempt{AttemptFailure::kNoMemory};
-        });
-        while (m_isUnfinished) {
+        m_task.emplace(exchange()).start();
+        while (isUnfinished()) {
             const auto deadline = m_exchange->deadline();
             if (!m_isWatching) {
                 watchForInterruption();
@@ -397,11 +391,11 @@ class HttpTransport::Wires {
             if (m_loop.run_one_until(deadline) == 0 && Clock::now() >= m_exchange->deadline()) {
                 return failed(AttemptFailure::kTimedOut, timeoutCause(m_exchange->stage()));
             }
-            if (m_isUnfinished && interruption::isOn()) {
+            if (isUnfinished() && interruption::isOn()) {
                 return failed(AttemptFailure::kInterrupted, "interrupted");
             }
         }
-        return attempt;
+        return m_task->take();
     }
 
     void watchForInterruption() {
@@ -413,7 +407,7 @@ class HttpTransport::Wires {
     }
 
     /// The whole attempt, from the name of the host to the last byte of the answer.
-    net::awaitable<Attempt> exchange() {
+    Task<Attempt> exchange() {
         try {
             if (m_connection == nullptr) {
                 co_await connect();
@@ -431,13 +425,13 @@ class HttpTransport::Wires {
         }
     }
 
-    net::awaitable<void> connect() {
+    Task<Nothing> connect() {
         if (m_location->secure && !m_policy.trustsAnybody()) {
             throw Failed{failed(AttemptFailure::kTls, "no TLS connection: there is no key file to say whom to trust")};
         }
-        const std::vector<tcp::endpoint> addresses = co_await lookUp(m_location->host, m_location->port);
+        const std::vector<tcp::endpoint> addresses = co_await lookUp(m_loop, m_location->host, m_location->port);
         m_exchange->enter(Exchange::Stage::kConnecting);
-        m_connection = std::make_unique<Connection>(co_await connectToFirst(addresses), *m_location);
+        m_connection = std::make_unique<Connection>(co_await connectToFirst(m_loop, addresses), *m_location);
         m_connection->wire.socket().set_option(tcp::no_delay(true));
         m_writtenBefore = 0;
         if (m_location->secure) {
@@ -449,23 +443,26 @@ class HttpTransport::Wires {
                 throw std::bad_alloc();
             }
             m_writtenBefore = std::numeric_limits<std::size_t>::max();  // of the handshake nothing counts as sent
-            co_await tls.async_handshake(net::ssl::stream_base::client, net::use_awaitable);
+            const auto [error] = co_await tls.async_handshake(net::ssl::stream_base::client, kAwaited);
+            throwIf(error);
         }
+        co_return Nothing();
     }
 
     template <class Stream>
-    net::awaitable<void> converse(Stream& stream) {
+    Task<Nothing> converse(Stream& stream) {
         m_writtenBefore = m_connection->wire.written();
         m_exchange->onSending();
         m_buffer.clear();
-        co_await net::async_write(stream, net::buffer(m_request), net::use_awaitable);
+        const auto [error, count] = co_await net::async_write(stream, net::buffer(m_request), kAwaited);
+        throwIf(error);
         co_await readHead(stream);
-        co_await readBody(stream);
+        co_return co_await readBody(stream);
     }
 
     /// Leaves the head of the answer in the buffer, with what came behind it.
     template <class Stream>
-    net::awaitable<void> readHead(Stream& stream) {
+    Task<Nothing> readHead(Stream& stream) {
         std::size_t left = kMaxHeadBytes;
         AnswerHead head;
         AnswerHead::State state;
@@ -479,24 +476,26 @@ class HttpTransport::Wires {
                 head = AnswerHead();
                 continue;
             }
-            m_buffer.commit(co_await stream.async_read_some(m_buffer.prepare(m_buffer.max_size() - m_buffer.size()),
-                                                            net::use_awaitable));
+            const auto [error, count] =
+                co_await stream.async_read_some(m_buffer.prepare(m_buffer.max_size() - m_buffer.size()), kAwaited);
+            throwIf(error);
+            m_buffer.commit(count);
             m_exchange->enter(Exchange::Stage::kHead);
         }
         if (head.status() != 200) {
             throw Failed{httpStatusFailure(head.status())};
         }
+        co_return Nothing();
     }
 
     template <class Stream>
-    net::awaitable<void> readBody(Stream& stream) {
+    Task<Nothing> readBody(Stream& stream) {
         AnswerParser parser;
         parser.header_limit(kMaxHeadBytes);
         parser.body_limit(protocol::kMaxAnswerBytes);
         parser.get().body() = &*m_exchange;
         m_exchange->onBodyBegin();
-        const auto [error, count] =
-            co_await http::async_read(stream, m_buffer, parser, net::as_tuple(net::use_awaitable));
+        const auto [error, count] = co_await http::async_read(stream, m_buffer, parser, kAwaited);
         if (isOutOfMemory(error)) {
             throw std::bad_alloc();
         }
@@ -507,6 +506,7 @@ class HttpTransport::Wires {
             throw Failed{notUnderstood(m_exchange->problem())};
         }
         m_isReusable = parser.keep_alive() && m_buffer.size() == 0;
+        co_return Nothing();
     }
 
     std::string bodyProblem(const ErrorCode& error, bool isHeaderDone) const {
@@ -561,7 +561,7 @@ class HttpTransport::Wires {
         return handshakeCause(error);
     }
 
-    // What coroutines refer to goes after the loop that holds them; the loop goes after all that waits in it.
+    // The task goes first, then what it refers to, and last the loop, with all that waits in it.
     const TlsPolicy& m_policy;
     const Location* m_location = nullptr;  // of the request in hand
     SecretBuffer m_request;
@@ -571,11 +571,11 @@ class HttpTransport::Wires {
     std::size_t m_writtenBefore = 0;  // bytes that left the connection before the request
     bool m_isReusable = false;
     pid_t m_process = getpid();
-    bool m_isUnfinished = false;                                 // an exchange waits in the loop
     bool m_isWatching = false;                                   // for an interruption
     net::io_context m_loop{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE};  // for one thread
     net::posix::stream_descriptor m_interrupted;
     std::unique_ptr<Connection> m_connection;
+    std::optional<Task<Attempt>> m_task;  // the exchange
 };
 
 HttpTransport::HttpTransport(const TlsPolicy& policy) : m_policy(policy) {}
