@@ -96,8 +96,10 @@ class Wire {
         const auto write = [this, buffers, begun = false](auto& self, ErrorCode error = {},
                                                           std::size_t count = 0) mutable {
             if (!begun) {
-                begun = m_isWriting = true;
+                begun = true;
+                Wire& wire = *this;
                 m_socket.async_write_some(buffers, std::move(self));
+                wire.m_isWriting = true;  // unless the beginning has thrown
             } else {
                 m_isWriting = false;
                 m_written += count;
@@ -325,22 +327,23 @@ class HttpTransport::Wires {
     Attempt post(const Location& location, const SecretBuffer& body, const AttemptLimits& limits,
                  AnswerReader& reader) {
         leaveParent();
-        m_location = &location;
-        m_request = requestText(location, body);
         if (m_connection != nullptr && !(m_connection->leadsTo(location) && m_connection->isAtRest())) {
             m_connection.reset();
         }
         const bool isKept = m_connection != nullptr;
-        m_sentBefore = 0;
+        m_sentBefore = false;
+        m_writtenBefore = isKept ? m_connection->wire.written() : 0;
+        m_location = &location;
+        m_request = requestText(location, body);
         Attempt attempt = run(limits, reader);
-        if (isKept && hasSent() && attempt.failure == AttemptFailure::kUnreachable) {
+        if (isKept && attempt.failure == AttemptFailure::kUnreachable) {
             // The server closed the kept connection just when it was to be used again.
+            m_sentBefore = hasSent();
             m_connection.reset();
-            m_sentBefore = 1;
             attempt = run(limits, reader);
         }
         // What was said of the last time is not said of one before it.
-        attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore > 0 : mayHaveSent();
+        attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore : mayHaveSent();
         attempt.flowed = m_exchange->flowed();
         if (!m_isReusable && !isUnfinished()) {
             m_connection.reset();
@@ -352,7 +355,7 @@ class HttpTransport::Wires {
     /// Whether an exchange waits in the loop.
     bool isUnfinished() const { return m_task && !m_task->isDone(); }
     /// Whether any of the request in hand has left.
-    bool mayHaveSent() const { return m_sentBefore > 0 || hasSent(); }
+    bool mayHaveSent() const { return m_sentBefore || hasSent(); }
 
   private:
     bool hasSent() const { return m_connection != nullptr && m_connection->wire.written() > m_writtenBefore; }
@@ -567,7 +570,7 @@ class HttpTransport::Wires {
     SecretBuffer m_request;
     std::optional<Exchange> m_exchange;
     beast::flat_buffer m_buffer{kMaxHeadBytes};
-    int m_sentBefore = 0;             // times that the request was sent on another connection
+    bool m_sentBefore = false;        // of the request, something left through a connection before this one
     std::size_t m_writtenBefore = 0;  // bytes that left the connection before the request
     bool m_isReusable = false;
     pid_t m_process = getpid();
