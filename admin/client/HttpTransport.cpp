@@ -6,16 +6,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <boost/asio/compose.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/ssl.hpp>
-#include <boost/asio/write.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/read.hpp>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -72,69 +69,168 @@ struct Failed {
     Attempt attempt;
 };
 
-/// A connection that counts the bytes that left through it: what has been sent is known, whatever the layers above it
-/// make of an error. As long as a write has not been counted, a byte of it may have left. A stream as Asio's composed
-/// operations take it.
-class Wire {
+/// A connection to one location, over TLS where that is asked for. It counts the bytes that leave, so what has been
+/// sent is known, whatever the layers above make of an error. Its address stays, for TLS refers to it.
+class Connection {
   public:
-    using executor_type = tcp::socket::executor_type;
-    using lowest_layer_type = tcp::socket::lowest_layer_type;
-
-    explicit Wire(tcp::socket socket) : m_socket(std::move(socket)) {}
-
-    executor_type get_executor() { return m_socket.get_executor(); }
-    lowest_layer_type& lowest_layer() { return m_socket.lowest_layer(); }
-    tcp::socket& socket() { return m_socket; }
-    std::size_t written() const { return m_written + (m_isWriting ? 1 : 0); }
-
-    template <class Buffers, class Token>
-    auto async_read_some(const Buffers& buffers, Token&& token) {
-        return m_socket.async_read_some(buffers, std::forward<Token>(token));
-    }
-    template <class Buffers, class Token>
-    auto async_write_some(const Buffers& buffers, Token&& token) {
-        const auto write = [this, buffers, begun = false](auto& self, ErrorCode error = {},
-                                                          std::size_t count = 0) mutable {
-            if (!begun) {
-                begun = true;
-                Wire& wire = *this;
-                m_socket.async_write_some(buffers, std::move(self));
-                wire.m_isWriting = true;  // unless the beginning has thrown
-            } else {
-                m_isWriting = false;
-                m_written += count;
-                self.complete(error, count);
-            }
-        };
-        return net::async_compose<Token, void(ErrorCode, std::size_t)>(write, token, m_socket);
-    }
-
-  private:
-    tcp::socket m_socket;
-    std::size_t m_written = 0;
-    bool m_isWriting = false;
-};
-
-/// A connection to one location. Its address stays, for TLS refers to its parts.
-struct Connection {
+    /// Takes a connected socket. Throws std::bad_alloc.
     Connection(tcp::socket socket, const Location& to)
-        : wire(std::move(socket)), secure(to.secure), authority(to.authority) {}
+        : m_socket(std::move(socket)), m_secure(to.secure), m_authority(to.authority) {
+        m_socket.set_option(tcp::no_delay(true));
+        m_socket.native_non_blocking(true);
+    }
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
 
     bool leadsTo(const Location& location) const {
-        return secure == location.secure && authority == location.authority;
+        return m_secure == location.secure && m_authority == location.authority;
     }
 
     /// Whether it is at rest: the server has neither closed it nor said anything that nobody asked for.
     bool isAtRest() {
         char byte = 0;
-        return recv(wire.socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
+        return recv(m_socket.native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && errno == EAGAIN;
     }
 
-    Wire wire;
-    const bool secure;
-    const std::string authority;
-    TlsReport report;
-    std::optional<net::ssl::stream<Wire&>> tls;
+    std::size_t written() const { return m_written; }
+    TlsReport& report() { return m_report; }
+
+    /// Has all that follows go over TLS, whose report is report().
+    Task<Nothing> shakeHands(ConnectionPtr tls) {
+        m_tls = std::move(tls);
+        m_method.reset(BIO_meth_new(BIO_TYPE_SOURCE_SINK, "socket"));
+        BIO* const bio = m_method == nullptr ? nullptr : BIO_new(m_method.get());
+        if (bio == nullptr) {
+            ERR_clear_error();
+            throw std::bad_alloc();
+        }
+        BIO_meth_set_write(m_method.get(), sendCallback);
+        BIO_meth_set_read(m_method.get(), receiveCallback);
+        BIO_meth_set_ctrl(m_method.get(),
+                          [](BIO*, int command, long, void*) { return command == BIO_CTRL_FLUSH ? 1L : 0L; });
+        BIO_set_data(bio, this);
+        BIO_set_init(bio, 1);
+        SSL_set_bio(m_tls.get(), bio, bio);
+        if (co_await untilDone([this] { return SSL_connect(m_tls.get()); }) == 0) {
+            throw boost::system::system_error(net::error::eof);
+        }
+        co_return Nothing();
+    }
+
+    /// Reads some bytes; none once the server has ended the connection in order.
+    Task<std::size_t> read(net::mutable_buffer to) {
+        const int count = co_await untilDone([&] {
+            return m_tls == nullptr ? receive(to.data(), to.size())
+                                    : SSL_read(m_tls.get(), to.data(), static_cast<int>(to.size()));
+        });
+        co_return static_cast<std::size_t>(count);
+    }
+
+    Task<Nothing> write(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const int count = co_await untilDone([&] {
+                return m_tls == nullptr ? send(bytes.data(), bytes.size())
+                                        : SSL_write(m_tls.get(), bytes.data(), static_cast<int>(bytes.size()));
+            });
+            if (count == 0) {
+                throw boost::system::system_error(net::error::eof);
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(count));
+        }
+        co_return Nothing();
+    }
+
+    /// Tells the server that the connection ends here, without waiting for its answer (RFC 8446, section 6.1).
+    void farewell() {
+        if (m_tls != nullptr) {
+            SSL_shutdown(m_tls.get());
+            ERR_clear_error();
+        }
+    }
+
+  private:
+    using MethodPtr = std::unique_ptr<BIO_METHOD, OpensslDeleter<BIO_meth_free>>;
+
+    int send(const void* bytes, std::size_t count) {
+        // The system's own way to write would raise SIGPIPE.
+        const ssize_t sent = ::send(m_socket.native_handle(), bytes, count, MSG_NOSIGNAL);
+        m_written += sent > 0 ? static_cast<std::size_t>(sent) : 0;
+        return note(sent, tcp::socket::wait_write);
+    }
+    int receive(void* bytes, std::size_t count) {
+        return note(recv(m_socket.native_handle(), bytes, count, 0), tcp::socket::wait_read);
+    }
+    /// Keeps what a system call failed with, and what to wait for before it is made again.
+    int note(ssize_t result, tcp::socket::wait_type wait) {
+        m_error = result < 0 ? errno : 0;
+        m_wait = wait;
+        return static_cast<int>(result);
+    }
+
+    static int sendCallback(BIO* bio, const char* bytes, int count) {
+        BIO_clear_retry_flags(bio);
+        auto* connection = static_cast<Connection*>(BIO_get_data(bio));
+        const int sent = connection->send(bytes, static_cast<std::size_t>(count));
+        if (connection->m_error == EAGAIN) {
+            BIO_set_retry_write(bio);
+        }
+        return sent;
+    }
+    static int receiveCallback(BIO* bio, char* bytes, int count) {
+        BIO_clear_retry_flags(bio);
+        auto* connection = static_cast<Connection*>(BIO_get_data(bio));
+        const int received = connection->receive(bytes, static_cast<std::size_t>(count));
+        if (connection->m_error == EAGAIN) {
+            BIO_set_retry_read(bio);
+        }
+        return received;
+    }
+
+    /// Makes a step, of the system or of OpenSSL, again each time that the socket is ready, until it is done. Returns
+    /// what it returned, 0 for the end of the connection. Throws boost::system::system_error.
+    template <class Step>
+    Task<int> untilDone(Step step) {
+        for (;;) {
+            if (m_tls != nullptr) {
+                ERR_clear_error();  // what SSL_get_error looks at is the step's own then
+            }
+            const int result = step();
+            const int state = m_tls == nullptr || result > 0 ? SSL_ERROR_NONE : SSL_get_error(m_tls.get(), result);
+            if (result > 0 || state == SSL_ERROR_ZERO_RETURN || (m_tls == nullptr && result == 0)) {
+                co_return std::max(result, 0);
+            }
+            if (state == SSL_ERROR_SSL) {
+                throwTlsError();
+            }
+            if (m_error == 0) {  // TLS did not end before the connection
+                throw boost::system::system_error(net::error::eof);
+            }
+            if (m_error != EAGAIN) {
+                throw boost::system::system_error(ErrorCode(m_error, boost::system::system_category()));
+            }
+            const auto [error] = co_await m_socket.async_wait(m_wait, kAwaited);
+            throwIf(error);
+        }
+    }
+
+    [[noreturn]] static void throwTlsError() {
+        const unsigned long code = ERR_get_error();
+        ERR_clear_error();
+        if (ERR_GET_REASON(code) == SSL_R_UNEXPECTED_EOF_WHILE_READING) {
+            throw boost::system::system_error(net::error::eof);
+        }
+        throw boost::system::system_error(ErrorCode(static_cast<int>(code), net::error::get_ssl_category()));
+    }
+
+    tcp::socket m_socket;
+    const bool m_secure;
+    const std::string m_authority;
+    std::size_t m_written = 0;
+    int m_error = 0;  // of the last system call
+    tcp::socket::wait_type m_wait = tcp::socket::wait_read;
+    TlsReport m_report;
+    MethodPtr m_method;
+    ConnectionPtr m_tls;  // null: none
 };
 
 /// How far one exchange of a request for an answer has come, and until when it may take.
@@ -282,14 +378,14 @@ std::string timeoutCause(Exchange::Stage stage) {
 }
 
 /// Whether the server said that it did nothing.
-bool isRefusal(const Attempt& attempt, const Connection* connection) {
+bool isRefusal(const Attempt& attempt, Connection* connection) {
     switch (attempt.failure) {
         case AttemptFailure::kRefused:
         case AttemptFailure::kNotServed:
         case AttemptFailure::kBusy:
             return true;
         case AttemptFailure::kTls:
-            return connection != nullptr && connection->report.refusalProven;
+            return connection != nullptr && connection->report().refusalProven;
         default:
             return false;
     }
@@ -316,8 +412,8 @@ class HttpTransport::Wires {
     explicit Wires(const TlsPolicy& policy) : m_policy(policy), m_interrupted(m_loop, interruption::descriptor()) {}
     ~Wires() {
         leaveParent();
-        if (m_isReusable && m_connection != nullptr && m_connection->tls) {
-            farewell();
+        if (m_isReusable && m_connection != nullptr) {
+            m_connection->farewell();
         }
         static_cast<void>(m_interrupted.release());
     }
@@ -332,7 +428,7 @@ class HttpTransport::Wires {
         }
         const bool isKept = m_connection != nullptr;
         m_sentBefore = false;
-        m_writtenBefore = isKept ? m_connection->wire.written() : 0;
+        m_writtenBefore = isKept ? m_connection->written() : 0;
         m_location = &location;
         m_request = requestText(location, body);
         Attempt attempt = run(limits, reader);
@@ -358,7 +454,7 @@ class HttpTransport::Wires {
     bool mayHaveSent() const { return m_sentBefore || hasSent(); }
 
   private:
-    bool hasSent() const { return m_connection != nullptr && m_connection->wire.written() > m_writtenBefore; }
+    bool hasSent() const { return m_connection != nullptr && m_connection->written() > m_writtenBefore; }
 
     /// In a child process after fork(2): what the loop waits for, and the connection, are the parent's.
     void leaveParent() {
@@ -366,17 +462,6 @@ class HttpTransport::Wires {
             m_process = getpid();
             m_loop.notify_fork(net::execution_context::fork_child);
             m_connection.reset();
-        }
-    }
-
-    /// Tells the server that the connection ends here, without waiting for its answer (RFC 8446, section 6.1).
-    void farewell() noexcept {
-        try {
-            m_connection->tls->async_shutdown([](const ErrorCode&) {});
-            m_loop.restart();
-            m_loop.poll();
-        } catch (const std::exception&) {
-            return;  // it ends without a word then
         }
     }
 
@@ -415,11 +500,12 @@ class HttpTransport::Wires {
             if (m_connection == nullptr) {
                 co_await connect();
             }
-            if (m_connection->tls) {
-                co_await converse(*m_connection->tls);
-            } else {
-                co_await converse(m_connection->wire);
-            }
+            m_writtenBefore = m_connection->written();
+            m_exchange->onSending();
+            co_await m_connection->write({m_request.data(), m_request.size()});
+            m_buffer.clear();
+            co_await readHead();
+            co_await readBody();
             co_return Attempt();
         } catch (Failed& failure) {
             co_return std::move(failure.attempt);
@@ -435,37 +521,24 @@ class HttpTransport::Wires {
         const std::vector<tcp::endpoint> addresses = co_await lookUp(m_loop, m_location->host, m_location->port);
         m_exchange->enter(Exchange::Stage::kConnecting);
         m_connection = std::make_unique<Connection>(co_await connectToFirst(m_loop, addresses), *m_location);
-        m_connection->wire.socket().set_option(tcp::no_delay(true));
-        m_writtenBefore = 0;
+        m_writtenBefore = std::numeric_limits<std::size_t>::max();  // of the handshake nothing counts as sent
         if (m_location->secure) {
             m_exchange->enter(Exchange::Stage::kHandshake);
-            // The stream takes what it is given over, also when it throws.
-            auto& tls = m_connection->tls.emplace(
-                m_connection->wire, m_policy.makeConnection(m_location->host, m_connection->report).release());
-            if (SSL_get_rbio(tls.native_handle()) == nullptr) {
-                throw std::bad_alloc();
-            }
-            m_writtenBefore = std::numeric_limits<std::size_t>::max();  // of the handshake nothing counts as sent
-            const auto [error] = co_await tls.async_handshake(net::ssl::stream_base::client, kAwaited);
-            throwIf(error);
+            co_await m_connection->shakeHands(m_policy.makeConnection(m_location->host, m_connection->report()));
         }
         co_return Nothing();
     }
 
-    template <class Stream>
-    Task<Nothing> converse(Stream& stream) {
-        m_writtenBefore = m_connection->wire.written();
-        m_exchange->onSending();
-        m_buffer.clear();
-        const auto [error, count] = co_await net::async_write(stream, net::buffer(m_request), kAwaited);
-        throwIf(error);
-        co_await readHead(stream);
-        co_return co_await readBody(stream);
+    /// Adds to the buffer what comes next. False: the server has ended the connection in order.
+    Task<bool> readMore() {
+        const std::size_t room = m_buffer.max_size() - m_buffer.size();
+        const std::size_t count = co_await m_connection->read(m_buffer.prepare(room));
+        m_buffer.commit(count);
+        co_return count > 0;
     }
 
     /// Leaves the head of the answer in the buffer, with what came behind it.
-    template <class Stream>
-    Task<Nothing> readHead(Stream& stream) {
+    Task<Nothing> readHead() {
         std::size_t left = kMaxHeadBytes;
         AnswerHead head;
         AnswerHead::State state;
@@ -479,10 +552,9 @@ class HttpTransport::Wires {
                 head = AnswerHead();
                 continue;
             }
-            const auto [error, count] =
-                co_await stream.async_read_some(m_buffer.prepare(m_buffer.max_size() - m_buffer.size()), kAwaited);
-            throwIf(error);
-            m_buffer.commit(count);
+            if (!co_await readMore()) {
+                throw boost::system::system_error(net::error::eof);
+            }
             m_exchange->enter(Exchange::Stage::kHead);
         }
         if (head.status() != 200) {
@@ -491,19 +563,25 @@ class HttpTransport::Wires {
         co_return Nothing();
     }
 
-    template <class Stream>
-    Task<Nothing> readBody(Stream& stream) {
+    Task<Nothing> readBody() {
         AnswerParser parser;
         parser.header_limit(kMaxHeadBytes);
         parser.body_limit(protocol::kMaxAnswerBytes);
+        parser.eager(true);
         parser.get().body() = &*m_exchange;
         m_exchange->onBodyBegin();
-        const auto [error, count] = co_await http::async_read(stream, m_buffer, parser, kAwaited);
-        if (isOutOfMemory(error)) {
-            throw std::bad_alloc();
-        }
-        if (error) {
-            throw Failed{notUnderstood(bodyProblem(error, parser.is_header_done()))};
+        for (ErrorCode error; !parser.is_done();) {
+            m_buffer.consume(parser.put(m_buffer.data(), error));
+            if (!error && parser.is_done()) {
+                break;
+            }
+            if ((!error || error == http::error::need_more) && m_buffer.size() < m_buffer.max_size() &&
+                !co_await readMore()) {
+                parser.put_eof(error);
+            }
+            if (error && error != http::error::need_more) {
+                throw Failed{notUnderstood(bodyProblem(error, parser.is_header_done()))};
+            }
         }
         if (!m_exchange->reader().finish()) {
             throw Failed{notUnderstood(m_exchange->problem())};
@@ -540,7 +618,7 @@ class HttpTransport::Wires {
             case Exchange::Stage::kHandshake:
                 return failed(AttemptFailure::kTls, tlsCause(error));
             case Exchange::Stage::kSent:
-                if (m_connection->report.certificateAlert != nullptr) {
+                if (m_connection->report().certificateAlert != nullptr) {
                     return failed(AttemptFailure::kTls, tlsCause(error));
                 }
                 return failed(AttemptFailure::kUnreachable,
@@ -553,7 +631,7 @@ class HttpTransport::Wires {
     }
 
     std::string tlsCause(const ErrorCode& error) const {
-        const TlsReport report = m_connection == nullptr ? TlsReport() : m_connection->report;
+        const TlsReport report = m_connection == nullptr ? TlsReport() : m_connection->report();
         if (!report.certificateProblem.empty()) {
             return "the server's certificate " + report.certificateProblem;
         }
