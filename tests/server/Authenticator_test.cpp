@@ -2,11 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
-
 #include "server/Password.h"
 #include "server/Text.h"
+#include "tests/runtime/Support.h"
 #include "tests/server/Faults.h"
 
 using namespace dsessd;
@@ -16,14 +14,12 @@ namespace {
 
 struct Authentication : testing::Test {
     Authentication() { store->putAdministrator({"root", hashPassword("SECRET"), Role::kChange}); }
-    ~Authentication() override { std::filesystem::remove_all(folder); }
 
     Outcome verify(Authenticator& authenticator, const char* user, const char* password, const char* loginId) const {
         return authenticator.verify(*store, {user, password, loginId}).outcome;
     }
 
-    const std::filesystem::path folder =
-        mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const TempFolder folder;
     const std::unique_ptr<Store> store = Store::open(folder / "cluster.db", Store::IfMissing::kCreate);
 };
 
@@ -78,7 +74,8 @@ TEST(Password, MatchesItsOwnHashOnly) {
 }
 
 TEST(Text, MakesOneHarmlessLine) {
-    EXPECT_EQ(harmless("josé\n2026 forged\x1B[2J\x7F\xC2\x9B\u202E\xFF"), "josé\\x0A2026 forged\\x1B[2J\\x7F\\u{009B}\\u{202E}\\xFF");
+    EXPECT_EQ(harmless("josé\n2026 forged\x1B[2J\x7F\xC2\x9B\u202E\xFF"),
+              "josé\\x0A2026 forged\\x1B[2J\\x7F\\u{009B}\\u{202E}\\xFF");
     EXPECT_EQ(harmless("李伟李伟", 5), "李伟...") << "cut between characters";
 }
 

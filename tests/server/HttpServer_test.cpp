@@ -4,11 +4,11 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include <filesystem>
 #include <future>
 
 #include "server/FairPool.h"
 #include "server/Spool.h"
+#include "tests/runtime/Support.h"
 
 using namespace dsessd;
 
@@ -49,7 +49,6 @@ struct HttpServing : testing::Test {
         ::close(stop[1]);
         thread.join();
     }
-    ~HttpServing() override { std::filesystem::remove_all(folder); }
 
     /// A client that has sent something.
     QelFileDescriptor client(const std::string& sent = "") const {
@@ -69,8 +68,7 @@ struct HttpServing : testing::Test {
     bool isServed() const { return firstOf(client(request("trace.get"))) == "HTTP/1.1 200"; }
 
     const std::string listing = request("session.list", R"(,"realm":"east","selector":"user","value":"*","max":-1)");
-    const std::filesystem::path folder =
-        mkdtemp((std::filesystem::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const TempFolder folder;
     const std::unique_ptr<Store> store = Store::open(folder / "cluster.db", Store::IfMissing::kCreate);
     StorePool stores{folder / "cluster.db"};
     Authenticator authenticator;

@@ -5,9 +5,9 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <thread>
 
+#include "tests/runtime/Support.h"
 #include "tests/server/Faults.h"
 
 using namespace dsessd;
@@ -33,11 +33,10 @@ struct Stores : testing::TestWithParam<const char*> {
         EXPECT_EQ(replacement->addSessions(sessions), std::nullopt);
         replacement->commit();
     }
-    ~Stores() override { fs::remove_all(folder); }
 
     std::unique_ptr<Store> open() const {
         const std::string uri = "postgresql://dsessd@/postgres?host=" + std::string(GetParam());
-        return Store::open(*GetParam() ? uri : (folder / "cluster.db").string(), Store::IfMissing::kCreate);
+        return Store::open(*GetParam() ? uri : folder / "cluster.db", Store::IfMissing::kCreate);
     }
     static std::string terminate(Store& store, std::string_view id) {
         return std::to_string(*store.terminateSessions("east", Selector::kSession, id));
@@ -52,7 +51,7 @@ struct Stores : testing::TestWithParam<const char*> {
         return found;
     }
 
-    const fs::path folder = mkdtemp((fs::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const TempFolder folder;
     const std::unique_ptr<Store> store = open(), other = open();
 };
 
@@ -134,8 +133,6 @@ TEST_P(Stores, RememberAChangeForAnHourOfWhichTheTimeOfDaySaysNothing) {
 
 /// A store in a file, and what can be done to it from outside.
 struct DataFiles : testing::Test {
-    ~DataFiles() override { fs::remove_all(folder); }
-
     std::string change(
         const char* id, const std::function<void()>& meanwhile = [] {}) {
         const auto lease = pool->take();
@@ -149,7 +146,7 @@ struct DataFiles : testing::Test {
     std::string keyAfterCrash() const {
         const auto copy = folder / "copy";
         for (const char* end : {"", "-wal"}) {
-            fs::copy_file(data + end, copy.string() + end, fs::copy_options::overwrite_existing);
+            fs::copy_file(data + end, copy + end, fs::copy_options::overwrite_existing);
         }
         return Store::open(copy, Store::IfMissing::kFail)->cluster().key.label;
     }
@@ -161,7 +158,7 @@ struct DataFiles : testing::Test {
         sqlite3_close(other);
     }
 
-    const fs::path folder = mkdtemp((fs::temp_directory_path() / "dsessd-XXXXXX").string().data());
+    const TempFolder folder;
     const std::string data = folder / "cluster.db";
     const std::unique_ptr<Store> first = Store::open(data, Store::IfMissing::kCreate);
     std::unique_ptr<StorePool> pool = std::make_unique<StorePool>(data);
