@@ -121,7 +121,7 @@ void putVisible(std::string_view text, Put put) {
         } else {
             wchar_t character = 0;
             length = std::mbrtowc(&character, text.data(), text.size(), &state);
-            const auto codePoint = static_cast<std::uint32_t>(character);
+            const std::uint32_t codePoint = std::char_traits<wchar_t>::to_int_type(character);
             if (length == 0 || length > text.size()) {
                 state = {};
                 length = 1;

@@ -24,7 +24,7 @@ void addEach(std::string_view text, Add add) {
 /// Hands a character of the line to `add`, as bytes of the locale's encoding and the columns that they take.
 template <class Add>
 void addCharacter(wchar_t character, Add add) {
-    const auto codePoint = static_cast<std::uint32_t>(character);
+    const std::uint32_t codePoint = std::char_traits<wchar_t>::to_int_type(character);
     const int width = wcwidth(character);
     std::array<char, MB_LEN_MAX> bytes;
     std::mbstate_t state{};

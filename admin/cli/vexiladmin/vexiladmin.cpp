@@ -45,8 +45,8 @@ std::uint32_t noMemory() {
 }
 
 // A sanitizer may not be set up yet.
-[[gnu::no_sanitize("address", "thread", "undefined")]] void setTerminate(int /*argc*/, char** /*argv*/,
-                                                                         char** /*environment*/) {
+__attribute__((no_sanitize("address", "thread", "undefined"))) void setTerminate(int /*argc*/, char** /*argv*/,
+                                                                                 char** /*environment*/) {
     std::set_terminate(endWithoutMemory);
 }
 
