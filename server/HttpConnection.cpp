@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <system_error>
 
 #include "protocol/protocol.h"
 #include "server/HttpRequest.h"
@@ -91,7 +92,7 @@ class HttpConnection::Ending {
     explicit Ending(HttpConnection& connection) : m_connection(connection) {}
     Ending(const Ending&) = delete;
     Ending& operator=(const Ending&) = delete;
-    ~Ending() {
+    ~Ending() {  // NOLINT(bugprone-exception-escape): closing and erasing do not throw
         m_connection.cutOff();
         m_connection.m_onEnd(m_connection);
     }
@@ -109,7 +110,9 @@ HttpConnection::HttpConnection(HttpSetting& setting, Context& context, QelFileDe
       m_onEnd(std::move(onEnd)) {
     sockaddr_storage address{};
     socklen_t length = sizeof address;
-    ::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length);
+    if (::getsockname(socket.get(), reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        throw std::system_error(errno, std::generic_category());
+    }
     m_socket.assign(address.ss_family == AF_INET6 ? net::ip::tcp::v6() : net::ip::tcp::v4(), socket.get());
     static_cast<void>(socket.release());  // it is the other's now
     m_socket.non_blocking(true);

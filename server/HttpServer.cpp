@@ -210,8 +210,7 @@ class HttpServer::Running {
     void takeConnections() {
         std::array<pollfd, 2> waited{{{m_stopFd, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
         for (bool canTake = true;;) {
-            ::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count()));
-            if (waited[0].revents != 0) {
+            if (::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count())) > 0 && waited[0].revents != 0) {
                 return;
             }
             try {
