@@ -33,8 +33,8 @@ struct AddressListDeleter {
 class Lookup {
   public:
     Lookup(std::string host, std::string port)
-        : m_host(std::move(host)), m_port(std::move(port)), m_answered(eventfd(0, EFD_CLOEXEC)) {
-        if (!m_answered.isOpen()) {
+        : m_host(std::move(host)), m_port(std::move(port)), m_signal(eventfd(0, EFD_CLOEXEC)) {
+        if (!m_signal.isOpen()) {
             throw std::bad_alloc();
         }
     }
@@ -49,12 +49,18 @@ class Lookup {
             const std::lock_guard lock(m_mutex);
             m_error = error;
             m_list.reset(error == 0 ? list : nullptr);
+            m_isAnswered = true;
         }
         const std::uint64_t one = 1;
-        [[maybe_unused]] const ssize_t written = write(m_answered.get(), &one, sizeof(one));
+        [[maybe_unused]] const ssize_t written = write(m_signal.get(), &one, sizeof(one));
     }
 
-    int descriptor() const { return m_answered.get(); }
+    int descriptor() const { return m_signal.get(); }
+
+    bool isAnswered() const {
+        const std::lock_guard lock(m_mutex);
+        return m_isAnswered;
+    }
 
     /// The answer. Throws as lookUp() does.
     std::vector<tcp::endpoint> addresses() const {
@@ -80,8 +86,9 @@ class Lookup {
   private:
     const std::string m_host;
     const std::string m_port;
-    const QelFileDescriptor m_answered;
+    const QelFileDescriptor m_signal;
     mutable std::mutex m_mutex;
+    bool m_isAnswered = false;                             // guarded by m_mutex
     int m_error = 0;                                       // guarded by m_mutex
     std::unique_ptr<addrinfo, AddressListDeleter> m_list;  // guarded by m_mutex
 };
@@ -168,8 +175,12 @@ Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string
     net::posix::stream_descriptor answered(loop);
     answered.assign(copy.get());
     static_cast<void>(copy.release());
-    const auto [error] = co_await answered.async_wait(net::posix::stream_descriptor::wait_read, kAwaited);
-    throwIf(error);
+    while (!lookup->isAnswered()) {  // the loop may take an event of a descriptor that is gone for one of this
+        const auto [error] = co_await answered.async_wait(net::posix::stream_descriptor::wait_read, kAwaited);
+        throwIf(error);
+    }
+    // Closed alone it would stay in the loop while the thread has the other one.
+    const QelFileDescriptor taken(answered.release());
     co_return inTurns(lookup->addresses());
 }
 

@@ -36,6 +36,7 @@ namespace beast = boost::beast;
 namespace http = beast::http;
 
 constexpr char kCutShort[] = "it was cut short";
+constexpr char kNoLookup[] = "name lookup failed";
 constexpr char kNoConnection[] = "no connection";
 constexpr char kEnded[] = "the connection ended before an answer";
 constexpr char kEndedPerhapsForTls[] = "the connection ended before an answer, as by a server that expects TLS";
@@ -609,7 +610,7 @@ class HttpTransport::Wires {
         }
         switch (m_exchange->stage()) {
             case Exchange::Stage::kLookup:
-                return failed(AttemptFailure::kUnreachable, "name lookup failed");
+                return failed(AttemptFailure::kUnreachable, systemCause(error, kNoLookup));
             case Exchange::Stage::kConnecting:
                 if (!m_location->secure || error != net::error::connection_reset) {
                     return failed(AttemptFailure::kUnreachable, systemCause(error, kNoConnection));
