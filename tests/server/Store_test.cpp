@@ -55,20 +55,9 @@ struct Stores : testing::TestWithParam<const char*> {
     const std::unique_ptr<Store> store = open(), other = open();
 };
 
-TEST_P(Stores, OrderByBytesMatchCharactersAndListOneState) {
-    for (const auto& [pattern, max, found] :
-         std::initializer_list<std::tuple<std::string_view, int, const char*>>{{"*", -1, "6 -a B _ a a%_\\[ \xC3\xA9"},
-                                                                               {"*", 2, "6 -a B"},
-                                                                               {"?", -1, "4 B _ a \xC3\xA9"},
-                                                                               {"?a", -1, "1 -a"},
-                                                                               {"a%_\\[", -1, "1 a%_\\["},
-                                                                               {"*%**\\*", -1, "1 a%_\\["},
-                                                                               {"_", -1, "1 _"},
-                                                                               {{"a\0", 2}, -1, "0"},
-                                                                               {"%", -1, "0"},
-                                                                               {"\xFF", -1, "0"},
-                                                                               {"b", -1, "0"},
-                                                                               {"", -1, "0"}}) {
+TEST_P(Stores, OrderByBytesAndListOneState) {
+    for (const auto& [pattern, max, found] : std::initializer_list<std::tuple<std::string_view, int, const char*>>{
+             {"*", -1, "6 -a B _ a a%_\\[ \xC3\xA9"}, {"*", 2, "6 -a B"}, {{"a\0", 2}, -1, "0"}, {"\xFF", -1, "0"}}) {
         EXPECT_EQ(users(pattern, max), found) << pattern;
     }
     const auto listing = store->listSessions("east", Selector::kSession, "*", -1);
