@@ -21,7 +21,7 @@ them the first is that of the first connection and so on; the last is that of al
     refuse, blackhole  nothing listens; connections are neither accepted nor refused
     reset=STAGE, close=STAGE, stall=STAGE  ends the connection at a stage, or stops: accept, request, head, body
     drip=STAGE         goes on with one byte every 20 ms: head, body
-    endless=WHAT       never ends: line (of the head), head, body
+    endless=WHAT       never ends: head, body
 """
 
 import contextlib
@@ -183,9 +183,8 @@ class Peer:
                 yield head() + body
                 yield from [b" " * 1024] * int(float(seconds) / 0.02)
             case "endless", what:
-                start = {"line": b"HTTP/1.1 200 OK\r\nX: ", "head": b"HTTP/1.1 200 OK\r\n", "body": head() + body[:-1]}
-                piece = {"line": b"x", "head": b"X: x\r\n", "body": b" "}
-                yield from itertools.chain([start[what]], itertools.repeat(piece[what] * 99999))
+                start, piece = (b"HTTP/1.1 200 OK\r\n", b"X: x\r\n") if what == "head" else (head() + body[:-1], b" ")
+                yield from itertools.chain([start], itertools.repeat(piece * 99999))
             case _:
                 yield body if body.startswith(b"HTTP/") else good
 
