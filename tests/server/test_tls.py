@@ -67,15 +67,10 @@ class Tls(unittest.TestCase):
     def test_names_the_file_that_cannot_be_used(self):
         lock = ["openssl", "pkey", "-in", "node1.key", "-aes256", "-passout", "pass:x", "-out", "locked.key"]
         subprocess.run(lock, check=True, cwd=self.path)
-        with Dsessd() as server:
-            for option, name, problem in [
-                ("--tls-key", "locked.key", "private key .*/locked.key cannot be used: interrupted or .*"),
-                ("--tls-cert", "none", "certificate .*/none cannot be used: No such file or directory"),
-                ("--client-ca", "node1.key", "file of client authorities .*/node1.key cannot be used: .*"),
-            ]:
-                files = {"--tls-cert": "node1.pem", "--tls-key": "node1.key", option: name}
-                words = [word for pair in files.items() for word in (pair[0], self.path / pair[1])]
-                where = ["--listen", "127.0.0.1:0", "--instance", "blue", "--data", server.data]
-                done = server.run("serve", *where, *words, check=False)
-                self.assertEqual((done.returncode, done.stdout), (1, ""))
-                self.assertRegex(done.stderr, f"^dsessd: the {problem}\n$")
+        for option, name, problem in [
+            ("tls_key", "locked.key", "private key .*/locked.key cannot be used: interrupted or .*"),
+            ("tls_cert", "none", "certificate .*/none cannot be used: No such file or directory"),
+            ("client_ca", "node1.key", "file of client authorities .*/node1.key cannot be used: .*"),
+        ]:
+            with self.assertRaisesRegex(RuntimeError, f"^'' .*log: dsessd: the {problem}\n$"):
+                Dsessd(**{**self.files, option: self.path / name}).start()
