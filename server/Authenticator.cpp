@@ -19,6 +19,8 @@ Authenticator::Authenticator(const Limits& limits) : m_limits(limits), m_dummyHa
     if (qel_get_random_bytes(m_key.data(), m_key.size()) != 0 || m_dummyHash.empty()) {
         throw std::runtime_error("no random bytes, or no yescrypt in the system's crypt library");
     }
+    // OpenSSL sets itself up at its first use. Where memory lacks then it fails ever after: better now, at the start.
+    static_cast<void>(digestOf({"", "", ""}, ""));
 }
 
 bool Authenticator::isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials) {

@@ -128,8 +128,8 @@ int serve(const ServeOptions& options) {
 
     checkThatItTakesChanges(stores);
     const auto sayReady = [&log, ready = readyLine(options, listener)] {
-        std::cout << ready << std::endl;
         log.write(Topic::kNotice, ready.substr(ready.find("listening")));
+        std::cout << ready << std::endl;  // last: nothing fails any more
     };
     server.run(std::move(listener), stop.get(), sayReady, [&] { lastResort.startClock(); });
     log.write(Topic::kNotice, "stopped");

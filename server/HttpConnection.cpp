@@ -13,6 +13,7 @@
 #include <boost/beast/http/status.hpp>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstring>
 #include <system_error>

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <future>
 #include <map>
 #include <set>
 #include <thread>
@@ -43,11 +45,19 @@ class Loop {
     long load() const { return m_place.use_count(); }
     /// For any thread.
     bool isRunning() const { return m_running; }
+    /// Waits until it serves connections. Throws what keeps it from that.
+    void awaitStart() { m_started.get_future().get(); }
 
     /// Until the server stops and the last connection has ended.
     void run() {
         const auto work = net::make_work_guard(context);
-        keepMemory();
+        try {
+            keepMemory();
+        } catch (...) {
+            m_started.set_exception(std::current_exception());
+            return;
+        }
+        m_started.set_value();
         while (m_setting.stop.load() == Clock::time_point::max() || !m_connections.empty()) {
             try {
                 context.run_for(kTick);
@@ -150,6 +160,7 @@ class Loop {
     /// When the log was last told that connections are refused.
     Clock::time_point m_saidBusy = Clock::time_point::min();
     std::atomic<bool> m_running = true;
+    std::promise<void> m_started;
 };
 
 std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
@@ -188,6 +199,9 @@ class HttpServer::Running {
         try {
             for (const auto& loop : m_loops) {
                 threads.emplace_back([&loop = *loop] { loop.run(); });
+            }
+            for (const auto& loop : m_loops) {
+                loop->awaitStart();
             }
             onReady();
             takeConnections();

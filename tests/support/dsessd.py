@@ -41,6 +41,8 @@ def memory_of(pid):
 
 
 class Dsessd:
+    environment = None  # of the server, None for the same as here
+
     def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), **options):
         """cluster: path of a JSON file, or what to write as one. administrators: (name, password, role). options: those
         of serve, with _ for -."""
@@ -75,9 +77,8 @@ class Dsessd:
         words = [word for name, value in self.options.items() for word in ("--" + name.replace("_", "-"), value)]
         with open(self.directory / "log", "ab") as log:
             command = [BINARY, "serve", *words, "--instance", *self.instances]
-            self.process = subprocess.Popen(
-                command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr or log
-            )
+            streams = {"stdin": subprocess.DEVNULL, "stdout": subprocess.PIPE, "stderr": stderr or log}
+            self.process = subprocess.Popen(command, env=self.environment, **streams)
         self.ready_line = self.process.stdout.readline().decode()
         match = re.match(r"dsessd: listening on https?://((.*):(\d+))/ for instances ", self.ready_line)
         if not match:
