@@ -56,8 +56,12 @@ struct Stores : testing::TestWithParam<const char*> {
 };
 
 TEST_P(Stores, OrderByBytesAndListOneState) {
-    for (const auto& [pattern, max, found] : std::initializer_list<std::tuple<std::string_view, int, const char*>>{
-             {"*", -1, "6 -a B _ a a%_\\[ \xC3\xA9"}, {"*", 2, "6 -a B"}, {{"a\0", 2}, -1, "0"}, {"\xFF", -1, "0"}}) {
+    for (const auto& [pattern, max, found] :
+         std::initializer_list<std::tuple<std::string_view, int, const char*>>{{"*", -1, "6 -a B _ a a%_\\[ \xC3\xA9"},
+                                                                               {"*", 2, "6 -a B"},
+                                                                               {"*%**\\*", -1, "1 a%_\\["},
+                                                                               {{"a\0", 2}, -1, "0"},
+                                                                               {"\xFF", -1, "0"}}) {
         EXPECT_EQ(users(pattern, max), found) << pattern;
     }
     const auto listing = store->listSessions("east", Selector::kSession, "*", -1);
