@@ -89,10 +89,10 @@ class Sweep:
         return ended, [os.path.basename(file) for file in re.findall(r"^([^(\n]+)\(", report.read_text(), re.M)]
 
     def memory(self):
-        # What comes before the first command is the same for all.
+        # What comes before the first command is the same for all, and what comes before main is tried whole.
         numbers, counted = range(1, 2**20), lambda number: not self.refuse(["-help"], number, number)[1]
         start = 1 if self.name == "help" else bisect.bisect(numbers, False, key=counted) - 100
-        for number in itertools.count(start, self.step):
+        for number in itertools.chain(range(start, 9), itertools.count(max(start, 9), self.step)):
             for last, what in ((number, "one allocation"), (FOREVER, "all allocations from one on")):
                 ended, files = self.refuse(self.arguments, number, last)
                 if not files:

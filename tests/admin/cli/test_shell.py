@@ -6,9 +6,8 @@ import os
 import re
 import socket
 import subprocess
-import unittest
 
-from vexil import ANON, CONFIG, ROOT, VERSION, VEXILADMIN, Case, commands, end, error, line, msg, refused, start
+from vexil import ANON, CONFIG, ROOT, VERSION, Case, commands, end, error, line, msg, refused, start
 
 
 def completed(name):
@@ -216,16 +215,6 @@ class Shell(Case):
             self.check(*REALMS * 2, redirect=">&-", **lost, **seen)
             self.check(*REALMS * 2, streams={"stdout": left, "stderr": subprocess.PIPE}, **seen)
         os.close(left)
-
-    @unittest.skipUnless(os.environ.get("FAILING_MALLOC"), "a sanitizer has an allocator of its own")
-    def test_memory_that_is_out_from_the_start_is_told(self):
-        for first in range(1, 9):
-            plan = {"SWEEP_FIRST": str(first), "SWEEP_LAST": str(2**62), "SWEEP_REPORT": "/dev/null"}
-            # The real client library sets itself up before main.
-            plan |= {"LD_PRELOAD": os.environ["FAILING_MALLOC"], "LD_LIBRARY_PATH": ""}
-            env = {**self.environment(), **plan}
-            ended = subprocess.run([VEXILADMIN, "-help"], env=env, capture_output=True, text=True)
-            self.assertEqual((ended.returncode, ended.stdout, ended.stderr), (0x97, "", msg(0x38C52097)), first)
 
     def test_nothing_takes_the_place_of_a_closed_stream(self):
         self.check(redirect="<&-", out="\n")
