@@ -674,7 +674,7 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, co
         if (m_wires == nullptr) {
             m_wires = std::make_unique<Wires>(m_policy);
         }
-        const Attempt attempt = m_wires->post(*location, body, limits, reader);
+        Attempt attempt = m_wires->post(*location, body, limits, reader);
         if (m_wires->isUnfinished()) {
             m_wires.reset();
         }

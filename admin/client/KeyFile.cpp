@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 
 #include "admin/client/DistinguishedName.h"
 #include "admin/client/KeyFileContents.h"
@@ -165,7 +166,9 @@ bool lacksSignature(X509* certificate, const Certificates& certificates) {
 }
 
 CertificatePtr shared(X509* certificate) {
-    X509_up_ref(certificate);
+    if (X509_up_ref(certificate) != 1) {
+        throw std::bad_alloc();
+    }
     return CertificatePtr(certificate);
 }
 
@@ -230,7 +233,9 @@ KeyFile choose(const KeyFileContents& contents, const char* label) {
     }
     if (!identities.empty()) {
         const Identity& identity = identities.front();
-        EVP_PKEY_up_ref(identity.key);
+        if (EVP_PKEY_up_ref(identity.key) != 1) {
+            throw std::bad_alloc();
+        }
         result.key.reset(identity.key);
         result.certificate = shared(identity.certificate);
         result.chain = chainOf(identity.certificate, contents.certificates);

@@ -11,7 +11,7 @@ namespace {
 
 /// What a block offers texts. Each has twice as much as the one before it, up to the greatest.
 constexpr std::ptrdiff_t kFirstBytes = 1024;
-constexpr std::ptrdiff_t kMostBytes = 16 * 1024 * 1024;
+constexpr std::ptrdiff_t kMostBytes = std::ptrdiff_t{16} * 1024 * 1024;
 /// From here on a block is worth pages of 2 MiB: a long listing's cost less time than those of 4 KiB.
 constexpr std::size_t kLargeBytes = std::size_t{4} * 1024 * 1024;
 
@@ -33,7 +33,7 @@ void TextArena::grow(std::size_t more) {
     }
     if (bytes >= kLargeBytes) {
         constexpr std::uintptr_t kPage = 4096;
-        auto* const page = reinterpret_cast<char*>((reinterpret_cast<std::uintptr_t>(grown) + kPage - 1) & -kPage);
+        char* const page = grown + (-reinterpret_cast<std::uintptr_t>(grown) & (kPage - 1));
         madvise(page, bytes - kPage, MADV_HUGEPAGE);  // whether or not the system has any
     }
     if (block.release() == nullptr) {

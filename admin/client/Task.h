@@ -119,7 +119,7 @@ class boost::asio::async_result<olmdsess::Awaited, void(Results...)> {
     template <class Initiation, class... Arguments>
     static auto initiate(Initiation initiation, olmdsess::Awaited, Arguments... arguments) {
         auto begin = [initiation = std::move(initiation), ... arguments = std::move(arguments)](auto handler) mutable {
-            std::move(initiation)(std::move(handler), std::move(arguments)...);
+            initiation(std::move(handler), std::move(arguments)...);
         };
         return olmdsess::Operation<decltype(begin), std::decay_t<Results>...>(std::move(begin));
     }
