@@ -61,4 +61,5 @@ class Prompt(Case):
                     )
                     line, at = "", 0
         terminal.type("\x04")
-        self.assertEqual(terminal.ended()[0], 0)
+        status, rest = terminal.ended()
+        self.assertEqual((status, rest[-1:], terminal.restored()), (0, "\n", True))
