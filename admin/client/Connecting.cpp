@@ -142,7 +142,8 @@ void enter(const std::shared_ptr<Race>& race, net::io_context& loop, const tcp::
         race->tries.erase(socket);
         return;
     }
-    static_cast<void>(fcntl(socket->native_handle(), F_SETFD, FD_CLOEXEC));  // what the program starts is not to keep it open
+    static_cast<void>(
+        fcntl(socket->native_handle(), F_SETFD, FD_CLOEXEC));  // what the program starts is not to keep it open
     socket->async_connect(address, [race, socket](const ErrorCode& error) {
         if (race->connected) {
             return;  // too late: the socket is gone
