@@ -118,7 +118,7 @@ int serve(const ServeOptions& options) {
     limits.connections = std::min(limits.connections, (allowManyDescriptors() - kOtherDescriptors) / 2);
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
-    StorePool stores(options.data);
+    StorePool stores(options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); });
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
     SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);

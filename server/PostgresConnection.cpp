@@ -13,11 +13,18 @@ namespace dsessd {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
+// Whoever asks is to have an answer within 10 seconds, so that it can go on to another node. PostgreSQL gives up before
+// that by itself, if it can: see kSettings.
+constexpr std::chrono::seconds kSecondsAtMost{8};
+constexpr std::chrono::minutes kMinutesAtMost{11};
 // A commit that takes longer waits for something that does not come, such as a standby.
-constexpr std::chrono::seconds kCommitAtMost{30};
-constexpr std::chrono::seconds kRollBackAtMost{5};
+constexpr std::chrono::seconds kCommitAtMost{8};
+constexpr std::chrono::seconds kLoadCommitAtMost{60};
+constexpr std::chrono::seconds kRollBackAtMost{2};
+// So long a database may be silent before it is asked on another connection whether it is there, and so long that may
+// take. A machine that stands still keeps its connections.
+constexpr std::chrono::seconds kDoubtAfter{2};
+constexpr char kDoubtAtMost[] = "2";
 constexpr int kBetweenQuestions = 50;  // milliseconds
 
 // Seconds and, for the last, milliseconds. Whatever the URI says counts instead.
@@ -28,8 +35,26 @@ constexpr std::array<std::pair<const char*, const char*>, 7> kDefaults{{
     {"keepalives_interval", "2"},
     {"keepalives_count", "3"},
     {"gssencmode", "disable"},
-    {"tcp_user_timeout", "10000"},
+    {"tcp_user_timeout", "8000"},
 }};
+
+// A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up. What a node has left in
+// the middle ends. A warning tells that a commit may not have reached the standby.
+constexpr char kSettings[] = R"(
+SET search_path = dsessd, pg_temp;
+SET lock_timeout = '6s';
+SET statement_timeout = '7s';
+SET idle_in_transaction_session_timeout = '5s';
+SET client_min_messages = warning;
+SET client_connection_check_interval = '1s';
+SET tcp_keepalives_idle = 5;
+SET tcp_keepalives_interval = 2;
+SET tcp_keepalives_count = 3;
+)";
+
+// The wait for a standby is not cut off by PostgreSQL: then all would see what no standby has. After a statement that
+// has failed the first one fails, and nothing is committed.
+constexpr char kCommit[] = "SET LOCAL statement_timeout = 0; COMMIT";
 
 /// A message of libpq, which ends its lines, as one line.
 std::string lineOf(const char* message) {
@@ -46,6 +71,11 @@ std::string lineOf(const char* message) {
         line.pop_back();
     }
     return line;
+}
+
+/// What another attempt, or another node, may get done: no room, a statement that was ended, a failing disk.
+bool meansUnavailable(const std::string& code) {
+    return code.starts_with("53") || code.starts_with("57") || code.starts_with("58");
 }
 
 /// What this process cannot go on with, though the connection may stand: the server stops, or has become a standby.
@@ -88,12 +118,51 @@ void PostgresConnection::open() {
         close();
         throw StoreUnavailable(nameOf(m_uri) + " cannot be reached: " + why);
     }
+    PQsetNoticeReceiver(m_connection.get(), takeNotice, this);
+    run(kSettings);
 }
 
-PostgresRows PostgresConnection::run(const char* sql, std::initializer_list<Value> values) {
-    if (!isOpen()) {
-        throw PostgresLost("the connection to the database is lost", "");
+std::string PostgresConnection::place() const {
+    return std::string(PQhost(m_connection.get())) + ":" + PQport(m_connection.get());
+}
+
+void PostgresConnection::takeNotice(void* self, const PGresult* notice) {
+    auto& connection = *static_cast<PostgresConnection*>(self);
+    const auto field = [notice](int code) {
+        const char* text = PQresultErrorField(notice, code);
+        return lineOf(text == nullptr ? "" : text);
+    };
+    try {
+        const char* severity = PQresultErrorField(notice, PG_DIAG_SEVERITY_NONLOCALIZED);
+        const bool warns = severity != nullptr && std::string_view(severity) == "WARNING";
+        connection.m_isWarned = connection.m_isWarned || warns;
+        const std::string detail = field(PG_DIAG_MESSAGE_DETAIL);
+        const std::string text = field(PG_DIAG_MESSAGE_PRIMARY) + (detail.empty() ? "" : "; " + detail);
+        connection.m_say("the database says: " + text);
+        if (warns) {
+            connection.m_warning = text;
+        }
+    } catch (const std::exception&) {
+        return;  // no memory for its words
     }
+}
+
+PostgresRows PostgresConnection::run(const char* sql, std::initializer_list<Value> values, Takes takes) {
+    const auto now = Clock::now();
+    m_end = m_anyTime                  ? Clock::time_point::max()
+            : takes == Takes::kSeconds ? now + kSecondsAtMost
+                                       : now + kMinutesAtMost;
+    send(sql, values);
+    return result();
+}
+
+void PostgresConnection::send(const char* sql, std::initializer_list<Value> values) {
+    if (!isOpen()) {
+        throw PostgresLost("the connection to the database is lost");
+    }
+    m_isWarned = false;
+    m_warning.clear();
+    m_nextDoubt = Clock::now() + kDoubtAfter;
     std::vector<const char*> bytes;
     std::vector<int> lengths;
     std::vector<int> formats;
@@ -108,7 +177,20 @@ PostgresRows PostgresConnection::run(const char* sql, std::initializer_list<Valu
     if (sent == 0) {
         fail(nullptr);
     }
-    return result();
+}
+
+void PostgresConnection::drop(const std::string& why) {
+    const std::string where = place();
+    close();
+    throw PostgresLost("the database at " + where + " " + why);
+}
+
+/// Whether the server lets anybody connect.
+bool PostgresConnection::answersOthers() const {
+    const std::array<const char*, 4> keywords{"host", "port", "connect_timeout", nullptr};
+    const std::array<const char*, 4> values{PQhost(m_connection.get()), PQport(m_connection.get()), kDoubtAtMost,
+                                            nullptr};
+    return PQpingParams(keywords.data(), values.data(), 0) != PQPING_NO_RESPONSE;
 }
 
 /// Waits until there is something to read.
@@ -116,11 +198,16 @@ void PostgresConnection::await() {
     pollfd socket{PQsocket(m_connection.get()), POLLIN, 0};
     while (::poll(&socket, 1, kBetweenQuestions) == 0) {
         if (Clock::now() > m_end) {
-            close();
-            throw PostgresLost("the database does not answer", "");
+            drop("does not answer in time");
+        }
+        if (Clock::now() > m_nextDoubt) {
+            if (!answersOthers() && ::poll(&socket, 1, 0) == 0) {
+                drop("does not answer, and takes no connections");
+            }
+            m_nextDoubt = Clock::now() + kDoubtAfter;
         }
         // The database notices and stops too: see client_connection_check_interval.
-        if (m_end == Clock::time_point::max() && m_impatient && m_impatient()) {
+        if (!m_isEnding && m_impatient && m_impatient()) {
             close();
             throw StoreInterrupted("nobody waits for it any more");
         }
@@ -161,7 +248,10 @@ void PostgresConnection::fail(const PGresult* result) {
     const std::string text = lineOf(primary != nullptr ? primary : PQerrorMessage(m_connection.get()));
     if (PQstatus(m_connection.get()) != CONNECTION_OK || meansLost(code)) {
         close();
-        throw PostgresLost(text, code);
+        throw PostgresLost(text);
+    }
+    if (meansUnavailable(code)) {
+        throw StoreUnavailable("the database cannot do it now: " + text);
     }
     if (code == "55P03") {  // the time for waiting is up
         throw StoreBusy(text);
@@ -173,13 +263,18 @@ void PostgresConnection::fail(const PGresult* result) {
 }
 
 void PostgresConnection::commit() {
+    constexpr char kUnknown[] = "it is not known whether the change was made: ";
     try {
-        // After a failed statement, the command is accepted and does the opposite.
-        if (endWith("COMMIT", kCommitAtMost).command() != "COMMIT") {
-            throw PostgresError("the change was undone because a part of it had failed", "");
-        }
+        endWith(kCommit, m_anyTime ? kLoadCommitAtMost : kCommitAtMost);
     } catch (const PostgresLost& error) {
-        throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
+        throw StoreUncertain(std::string(kUnknown) + error.what());
+    } catch (...) {
+        rollBack();
+        throw;
+    }
+    // A wait for the standby that was cut off ends so: PostgreSQL has committed, and calls it a success.
+    if (m_isWarned) {
+        throw StoreUncertain(kUnknown + m_warning);
     }
 }
 
@@ -194,10 +289,11 @@ void PostgresConnection::rollBack() noexcept {
 }
 
 PostgresRows PostgresConnection::endWith(const char* command, Clock::duration atMost) {
+    m_isEnding = true;
+    const std::unique_ptr<bool, void (*)(bool*)> reset(&m_isEnding, [](bool* isEnding) { *isEnding = false; });
     m_end = Clock::now() + atMost;
-    const std::unique_ptr<Clock::time_point, void (*)(Clock::time_point*)> reset(
-        &m_end, [](Clock::time_point* end) { *end = Clock::time_point::max(); });
-    return run(command);
+    send(command, {});
+    return result();
 }
 
 std::string PostgresConnection::nameOf(const std::string& uri) {

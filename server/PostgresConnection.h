@@ -27,9 +27,9 @@ class PostgresError : public StoreError {
 };
 
 /// The connection is gone, or of no use any more. The transaction is undone, unless it was being committed.
-class PostgresLost : public PostgresError {
+class PostgresLost : public StoreUnavailable {
   public:
-    using PostgresError::PostgresError;
+    using StoreUnavailable::StoreUnavailable;
 };
 
 /// The transaction stood in another's way: it is undone, and may succeed when it is tried anew.
@@ -54,8 +54,6 @@ class PostgresRows {
     std::int32_t integer32(int row, int column) const { return static_cast<std::int32_t>(integer(row, column)); }
     /// How many rows the statement changed.
     int changed() const;
-    /// The command that was carried out.
-    std::string_view command() const { return PQcmdStatus(m_result.get()); }
 
   private:
     struct Clear {
@@ -90,13 +88,25 @@ class PostgresConnection {
         int m_format;
     };
 
-    /// Does not connect yet.
-    explicit PostgresConnection(std::string uri) : m_uri(std::move(uri)) {}
+    /// A statement has an end, after which the connection is given up.
+    enum class Takes {
+        kSeconds,  ///< it finds what it needs by an index
+        kMinutes,  ///< it may go through all that there is
+    };
+    /// The time that PostgreSQL itself gives to a statement, in a transaction with such.
+    static constexpr char kLetTakeMinutes[] = "SET LOCAL statement_timeout = '10min'";
+    static constexpr char kLetTakeAnyTime[] =
+        "SET LOCAL statement_timeout = 0; SET LOCAL idle_in_transaction_session_timeout = 0";
+
+    /// Does not connect yet. `say` takes PostgreSQL's notices.
+    PostgresConnection(std::string uri, Store::Say say) : m_uri(std::move(uri)), m_say(std::move(say)) {}
     PostgresConnection(const PostgresConnection&) = delete;
     PostgresConnection& operator=(const PostgresConnection&) = delete;
 
-    /// Connects. Throws StoreUnavailable.
+    /// Connects, and sets what holds for the connection. Throws StoreUnavailable.
     void open();
+    /// The host and port that it leads to.
+    std::string place() const;
     bool isOpen() const { return m_connection != nullptr; }
     void close() { m_connection.reset(); }
     /// What is asked while a statement runs, other than one that ends a transaction: true closes the connection, and
@@ -104,8 +114,11 @@ class PostgresConnection {
     void endWhen(std::function<bool()> impatient) { m_impatient = std::move(impatient); }
 
     /// One statement with parameters; or, without any, one or several, of which the last one's rows come back.
-    PostgresRows run(const char* sql, std::initializer_list<Value> values = {});
-    /// Ends the transaction for good. Throws StoreUncertain.
+    PostgresRows run(const char* sql, std::initializer_list<Value> values = {}, Takes takes = Takes::kSeconds);
+    /// For a load: statements and pauses between them may take any time.
+    void takeAnyTime(bool any) { m_anyTime = any; }
+    /// Ends the transaction for good, as safe as `synchronous_commit` makes it. Throws StoreUncertain. Undone when it
+    /// throws anything else.
     void commit();
     /// Undoes the transaction. Closes the connection where that fails.
     void rollBack() noexcept;
@@ -118,15 +131,29 @@ class PostgresConnection {
         void operator()(PGconn* connection) const { PQfinish(connection); }
     };
 
+    using Clock = std::chrono::steady_clock;
+
+    static void takeNotice(void* self, const PGresult* notice);
+    void send(const char* sql, std::initializer_list<Value> values);
     void await();
+    bool answersOthers() const;
+    [[noreturn]] void drop(const std::string& why);
     PostgresRows result();
-    PostgresRows endWith(const char* command, std::chrono::steady_clock::duration atMost);
+    PostgresRows endWith(const char* command, Clock::duration atMost);
     [[noreturn]] void fail(const PGresult* result);
 
     std::string m_uri;
+    Store::Say m_say;
     std::unique_ptr<PGconn, Finish> m_connection;
     /// When what runs is given up, and the connection with it.
-    std::chrono::steady_clock::time_point m_end = std::chrono::steady_clock::time_point::max();
+    Clock::time_point m_end;
+    /// When it is next found out whether the database answers anybody.
+    Clock::time_point m_nextDoubt;
+    bool m_anyTime = false;
+    bool m_isEnding = false;
+    /// Whether, and of what, PostgreSQL has warned since the last statement began.
+    bool m_isWarned = false;
+    std::string m_warning;
     std::function<bool()> m_impatient;
 };
 
@@ -135,7 +162,7 @@ class PostgresTransaction {
   public:
     PostgresTransaction(PostgresConnection& connection, const char* begin) : m_connection(connection) {
         try {
-            connection.run(begin);
+            m_begun = connection.run(begin);
         } catch (...) {
             connection.rollBack();
             throw;
@@ -148,6 +175,8 @@ class PostgresTransaction {
             m_connection.rollBack();
         }
     }
+    /// The rows of what it began with.
+    const PostgresRows& begun() const { return m_begun; }
     void commit() {
         m_open = false;
         m_connection.commit();
@@ -155,6 +184,7 @@ class PostgresTransaction {
 
   private:
     PostgresConnection& m_connection;
+    PostgresRows m_begun{nullptr};
     bool m_open = true;
 };
 

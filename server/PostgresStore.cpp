@@ -13,11 +13,14 @@ namespace dsessd {
 namespace {
 
 using Value = PostgresConnection::Value;
+constexpr auto kMinutes = PostgresConnection::Takes::kMinutes;
 
 constexpr int kSchemaVersion = 2;
 // How often a transaction is tried that stands in another's way, and for how long it steps aside in between.
 constexpr int kTries = 8;
 constexpr std::chrono::milliseconds kStepAside{20};
+// What was lost is done anew unless it took longer: whoever asks does not wait for ever.
+constexpr std::chrono::seconds kAnewWithin{5};
 // Rows of a listing that are in memory at a time.
 constexpr char kFetch[] = "FETCH 1000 FROM listing";
 
@@ -78,21 +81,11 @@ CREATE TABLE changes (
 );
 )";
 
-// A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up. What a node has left in
-// the middle ends.
-constexpr char kSettings[] = R"(
-SET search_path = dsessd, pg_temp;
-SET lock_timeout = '10s';
-SET client_connection_check_interval = '1s';
-SET tcp_keepalives_idle = 5;
-SET tcp_keepalives_interval = 2;
-SET tcp_keepalives_count = 3;
-)";
-
 constexpr char kBeginReading[] = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY";
 // Whoever changes something holds off loads, and they hold it off: numbers of realms may mean others after one.
 constexpr char kBeginChange[] =
-    "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN ROW EXCLUSIVE MODE";
+    "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN ROW EXCLUSIVE MODE; "
+    "SELECT cluster_id FROM store";
 constexpr char kBeginLoad[] = "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN EXCLUSIVE MODE";
 
 /// A pattern of `*` and `?` as LIKE takes it.
@@ -145,12 +138,14 @@ Administrator administratorOf(const PostgresRows& rows, int row) {
 class Listing final : public Store::SessionListing {
   public:
     explicit Listing(PostgresConnection& connection)
-        : m_connection(connection), m_transaction(connection, kBeginReading) {}
+        : m_connection(connection), m_transaction(connection, kBeginReading) {
+        connection.run(PostgresConnection::kLetTakeMinutes);
+    }
 
     void start(std::int64_t realm, Selector selector, const std::string& like, std::int32_t max) {
         const std::string where = std::string(" FROM sessions WHERE realm = $1 AND ") +
                                   (selector == Selector::kUser ? "user_name" : "id") + " LIKE $2";
-        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}).integer32(0, 0);
+        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}, kMinutes).integer32(0, 0);
         m_count = max < 0 ? m_total : std::min(m_total, max);
         m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR SELECT id, user_name, time" + where +
                           " ORDER BY user_name, time, id LIMIT " + std::to_string(m_count))
@@ -161,7 +156,7 @@ class Listing final : public Store::SessionListing {
     std::int32_t count() const override { return m_count; }
     bool next(SessionRow& row) override {
         if (m_at == m_rows.size()) {
-            m_rows = m_connection.run(kFetch);
+            m_rows = m_connection.run(kFetch, {}, kMinutes);
             m_at = 0;
         }
         if (m_rows.size() == 0) {
@@ -181,10 +176,23 @@ class Listing final : public Store::SessionListing {
     int m_at = 0;
 };
 
+/// A load may read its input slowly, and what it does is as long as the input.
+class AnyTime {
+  public:
+    explicit AnyTime(PostgresConnection& connection) : m_connection(connection) { connection.takeAnyTime(true); }
+    AnyTime(const AnyTime&) = delete;
+    AnyTime& operator=(const AnyTime&) = delete;
+    ~AnyTime() { m_connection.takeAnyTime(false); }
+
+  private:
+    PostgresConnection& m_connection;
+};
+
 class Replacing final : public Store::Replacement {
   public:
     explicit Replacing(PostgresConnection& connection)
-        : m_connection(connection), m_transaction(connection, kBeginLoad) {
+        : m_connection(connection), m_anyTime(connection), m_transaction(connection, kBeginLoad) {
+        connection.run(PostgresConnection::kLetTakeAnyTime);
         connection.run(
             "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
             "DELETE FROM keys");
@@ -250,22 +258,24 @@ class Replacing final : public Store::Replacement {
     }
 
     PostgresConnection& m_connection;
+    AnyTime m_anyTime;
     PostgresTransaction m_transaction;
 };
 
 class PostgresStore final : public Store {
   public:
-    PostgresStore(const std::string& uri, IfMissing ifMissing)
-        : m_uri(uri), m_name(nameOfPostgres(uri)), m_connection(uri) {
+    /// `clusterId`: of the only cluster that will do; empty: the first that is found.
+    PostgresStore(const std::string& uri, IfMissing ifMissing, Say say, std::string clusterId = {})
+        : m_uri(uri),
+          m_name(nameOfPostgres(uri)),
+          m_say(std::move(say)),
+          m_connection(uri, m_say),
+          m_clusterId(std::move(clusterId)) {
         connect(ifMissing);
     }
 
     std::unique_ptr<Store> another() const override {
-        auto store = std::make_unique<PostgresStore>(m_uri, IfMissing::kFail);
-        if (store->m_clusterId != m_clusterId) {
-            throw StoreUnavailable(m_name + " holds another cluster now");
-        }
-        return store;
+        return std::make_unique<PostgresStore>(m_uri, IfMissing::kFail, m_say, m_clusterId);
     }
     void beReliable() override {}  // a database that has not committed a change does not show it either
     void tryWriting() override {
@@ -345,6 +355,7 @@ class PostgresStore final : public Store {
     }
 
     std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
+        const auto start = std::chrono::steady_clock::now();
         const auto attempt = [&] {
             return transaction(kBeginChange, [&] {
                 const InChange inside(m_inChange);
@@ -354,7 +365,7 @@ class PostgresStore final : public Store {
         try {
             return attempt();
         } catch (const StoreUncertain&) {
-            if (change.id.empty()) {
+            if (change.id.empty() || std::chrono::steady_clock::now() - start > kAnewWithin) {
                 throw;
             }
         }
@@ -449,7 +460,6 @@ class PostgresStore final : public Store {
     void connect(IfMissing ifMissing) {
         m_connection.open();
         try {
-            m_connection.run(kSettings);
             if (m_connection.run("SHOW server_encoding").text(0, 0) != "UTF8") {
                 throw StoreError(m_name + " cannot be used: its encoding is not UTF8");
             }
@@ -497,25 +507,39 @@ class PostgresStore final : public Store {
                              (rows.size() == 1 ? std::string(rows.text(0, 0)) : "none") +
                              "; this dsessd knows version " + std::to_string(kSchemaVersion));
         }
-        m_clusterId = rows.text(0, 1);
+        checkCluster(rows.text(0, 1));
+    }
+
+    /// What a host leads to may change while a node runs, and so may what a database holds.
+    void checkCluster(std::string_view found) {
+        if (m_clusterId.empty()) {
+            m_clusterId = found;
+        } else if (found != m_clusterId) {
+            const std::string where = m_connection.place();
+            m_connection.close();
+            throw StoreReplaced(m_name + " holds another cluster now, at " + where, std::string(found));
+        }
     }
 
     /// Does it once more on a new connection when the old one was lost, and a few times when others stand in the way.
     /// What is lost before its commit is undone.
     template <typename Action>
     std::invoke_result_t<const Action&> retrying(const Action& action) {
+        const auto start = std::chrono::steady_clock::now();
         bool reconnected = false;
         for (int attempt = 1;; ++attempt) {
             try {
                 if (!m_connection.isOpen()) {
                     reconnected = true;
                     connect(IfMissing::kFail);
+                    m_say("connected to the database at " + m_connection.place() + " again");
                 }
                 return action();
-            } catch (const PostgresLost&) {
-                if (reconnected) {
+            } catch (const PostgresLost& lost) {
+                if (reconnected || std::chrono::steady_clock::now() - start > kAnewWithin) {
                     throw;
                 }
+                m_say(std::string("connection lost: ") + lost.what());
             } catch (const PostgresConflict& conflict) {
                 if (attempt == kTries) {
                     throw StoreBusy(conflict.what());
@@ -532,6 +556,9 @@ class PostgresStore final : public Store {
         }
         return retrying([&] {
             PostgresTransaction transaction(m_connection, begin);
+            if (transaction.begun().size() == 1) {
+                checkCluster(transaction.begun().text(0, 0));
+            }
             auto result = action();
             transaction.commit();
             return result;
@@ -549,7 +576,8 @@ class PostgresStore final : public Store {
             if (!number) {
                 return std::nullopt;
             }
-            return m_connection.run(sql, {*number, sought(value)}).changed();
+            m_connection.run(PostgresConnection::kLetTakeMinutes);
+            return m_connection.run(sql, {*number, sought(value)}, kMinutes).changed();
         });
     }
 
@@ -574,6 +602,8 @@ class PostgresStore final : public Store {
                 throw PostgresConflict("the record of the change was just removed", "");
             }
             checkSameChange(change, rows.text(0, 0), rows.text(0, 1));
+            // A commit that wrote nothing does not wait for a standby, which may lack the record.
+            m_connection.run("SELECT pg_logical_emit_message(true, 'dsessd', '')");
             return std::string(rows.text(0, 2));
         }
         std::string answer = action();
@@ -588,6 +618,7 @@ class PostgresStore final : public Store {
 
     const std::string m_uri;
     const std::string m_name;
+    const Say m_say;
     PostgresConnection m_connection;
     ChangeAges m_ages;
     std::string m_clusterId;
@@ -604,8 +635,8 @@ std::string nameOfPostgres(const std::string& uri) {
     return PostgresConnection::nameOf(uri);
 }
 
-std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing) {
-    return std::make_unique<PostgresStore>(uri, ifMissing);
+std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say) {
+    return std::make_unique<PostgresStore>(uri, ifMissing, std::move(say));
 }
 
 }  // namespace dsessd

@@ -51,6 +51,10 @@ Refusal busy() {
     return {code::kInternalError, error::kServerFailure, "The server is busy; try again.", 503};
 }
 
+Refusal otherCluster() {
+    return {code::kServiceError, error::kOtherCluster, "The change is meant for another cluster."};
+}
+
 /// What stands in the params and their security. A text that has not come, or was null, is a null pointer.
 struct Parameters {
     std::string_view user;
@@ -238,6 +242,8 @@ struct Service::Call {
     /// For the log.
     const char* outcome = "done";
     Answer answer;
+    /// Of another cluster that has come to the place of the one that is served; empty: none has.
+    std::string otherCluster;
 
     std::string who() const {
         std::string text = credentials.user.empty() ? "nobody" : harmless(credentials.user);
@@ -295,7 +301,8 @@ Lane Service::advance(Call& call, Lane lane) {
     const auto refused = [&](const Refusal& refusal) {
         call.outcome = refusal.httpStatus == 503 ? "busy" : refusal.name;
         call.answer.httpStatus = refusal.httpStatus;
-        call.answer.text = opening(call.id, m_clusterId) + saying(refusal) + '}';
+        const std::string& cluster = call.otherCluster.empty() ? m_clusterId : call.otherCluster;
+        call.answer.text = opening(call.id, cluster) + saying(refusal) + '}';
     };
     const auto failed = [&](const char* why, int httpStatus = 200, const char* what = "the store failed: ") {
         const std::string text = std::string(what) + why;
@@ -331,6 +338,12 @@ Lane Service::advance(Call& call, Lane lane) {
         refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
     } catch (const StoreUncertain& failure) {
         failed(failure.what(), 500);
+    } catch (const StoreReplaced& replaced) {
+        failed(replaced.what(), 503);
+        if (!call.parameters.clusterId.empty() && call.method->changes()) {
+            call.otherCluster = replaced.clusterId();
+            refused(otherCluster());
+        }
     } catch (const StoreUnavailable& failure) {
         failed(failure.what(), 503);
     } catch (const StoreError& failure) {
@@ -431,7 +444,7 @@ std::string Service::perform(Call& call) {
 
 std::string Service::change(Call& call) {
     if (!call.parameters.clusterId.empty() && call.parameters.clusterId != m_clusterId) {
-        refuse(error::kOtherCluster, "The change is meant for another cluster.");
+        throw otherCluster();
     }
     const std::string digest = digestOf(call.method->name, call.parameters);
     std::string said;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <iostream>
 #include <limits>
 #include <utility>
 
@@ -74,16 +75,20 @@ std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
     return m_old;
 }
 
-std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing) {
-    return isPostgresUri(data) ? openPostgresStore(data, ifMissing) : openSqliteStore(data, ifMissing);
+std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing, Say say) {
+    if (!isPostgresUri(data)) {
+        return openSqliteStore(data, ifMissing);
+    }
+    return openPostgresStore(
+        data, ifMissing, say ? std::move(say) : [](const std::string& line) { std::cerr << line + '\n'; });
 }
 
 std::string Store::describe(const std::string& data) {
     return isPostgresUri(data) ? nameOfPostgres(data) : data;
 }
 
-StorePool::StorePool(const std::string& data)
-    : m_isEmbedded(!isPostgresUri(data)), m_first(Store::open(data, Store::IfMissing::kFail)) {
+StorePool::StorePool(const std::string& data, Store::Say say)
+    : m_isEmbedded(!isPostgresUri(data)), m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
     m_idle.reserve(kIdleStores);  // giving one back must not fail
 }
 

@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace dsessd {
@@ -34,6 +35,18 @@ class StoreBusy : public StoreError {
 class StoreUnavailable : public StoreError {
   public:
     using StoreError::StoreError;
+};
+
+/// The database holds another cluster than the one that was opened. Nothing is done.
+class StoreReplaced : public StoreUnavailable {
+  public:
+    StoreReplaced(const std::string& text, std::string clusterId)
+        : StoreUnavailable(text), m_clusterId(std::move(clusterId)) {}
+    /// Names the cluster that is there now.
+    const std::string& clusterId() const { return m_clusterId; }
+
+  private:
+    std::string m_clusterId;
 };
 
 /// The database was lost, or the disk failed, while a change was being committed: nobody knows whether it is done.
@@ -127,8 +140,11 @@ class Store {
   public:
     /// What open() does when there is no such file, or no cluster in the database.
     enum class IfMissing { kFail, kCreate };
-    /// `data`: the path of a file, or a URI that begins with `postgresql://` or `postgres://`.
-    static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing);
+    /// Takes one line for people about what happens to a connection. Called by the thread that uses the store.
+    using Say = std::function<void(const std::string& line)>;
+    /// `data`: the path of a file, or a URI that begins with `postgresql://` or `postgres://`. `say` empty: standard
+    /// error takes the lines.
+    static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing, Say say = {});
     /// What messages call it, without a password.
     static std::string describe(const std::string& data);
     Store() = default;
@@ -137,7 +153,7 @@ class Store {
     virtual ~Store() = default;
 
     /// What is asked every now and then while a statement runs or waits for another process: true ends it. Empty:
-    /// nothing ends it, and another process is waited for 10 seconds. Must not throw.
+    /// nothing ends it, and another process is waited for up to 10 seconds. Must not throw.
     virtual void endWhen(std::function<bool()> impatient) = 0;
     /// False: not to be used again. A transaction could not be undone, for want of memory, or a commit has failed.
     virtual bool isSound() const { return true; }
@@ -228,7 +244,7 @@ class Store {
 class StorePool {
   public:
     /// Opens the first, and keeps it: further ones are to the same file or database. Throws StoreError.
-    explicit StorePool(const std::string& data);
+    explicit StorePool(const std::string& data, Store::Say say = {});
 
     struct Returner {
         StorePool* pool;

@@ -18,7 +18,7 @@ inline constexpr int kForgetAtOnce = 100;
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
 
 bool isPostgresUri(const std::string& data);
-std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing);
+std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say);
 std::string nameOfPostgres(const std::string& uri);
 
 /// Knows which records of changes are old. The time of day does not tell, since clocks are set; but a record that was

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <optional>
+#include <utility>
 
 #include "admin/client/Interruption.h"
 #include "protocol/protocol.h"
@@ -151,7 +152,18 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
     auto end = Clock::now() + m_timeout;
     std::optional<AttemptFailure> failure;
     bool alike = true;
-    for (std::size_t index = 0; index < m_urls.size(); ++index) {
+    bool isBusy = false;
+    auto pause = kFirstPause;
+    for (std::size_t index = 0;; ++index) {
+        if (index == m_urls.size()) {
+            // A server that has said 503 may soon do it: a database that fails over takes some seconds.
+            if (!std::exchange(isBusy, false) || Clock::now() + pause >= end) {
+                break;
+            }
+            interruption::wait(pause);
+            pause = std::min(2 * pause, kLongestPause);
+            index = 0;
+        }
         if (interruption::isOn()) {
             return kStatusInterrupted;
         }
@@ -169,6 +181,7 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
         if (attempt.failure == AttemptFailure::kInterrupted) {
             return kStatusInterrupted;
         }
+        isBusy = isBusy || attempt.failure == AttemptFailure::kBusy;
         alike = alike && failure.value_or(attempt.failure) == attempt.failure;
         failure = attempt.failure;
     }

@@ -21,18 +21,40 @@ def new_database(directory):
     return f"postgresql://dsessd@/{name}?host={directory}"
 
 
+def children(pid):
+    path = pathlib.Path(f"/proc/{pid}/task/{pid}/children")
+    return map(int, path.read_text().split()) if path.exists() else ()
+
+
 class Postgres:
     def __enter__(self):
+        self.make_directory()
+        # With an order that is not that of bytes, which must not be seen.
+        options = "-D data -U dsessd -A trust -E UTF8 --no-sync --locale-provider=icu --icu-locale=en".split()
+        self.run("initdb", *options, stdout=subprocess.DEVNULL).wait()
+        return self.start()
+
+    def make_directory(self):
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="dsessd-pg-"))
         self.user = ["setpriv", "--pdeathsig", "INT"]
         if os.geteuid() == 0:  # it refuses to run as root
             nobody = pwd.getpwnam("nobody")
             os.chown(self.directory, nobody.pw_uid, nobody.pw_gid)
             self.user += [f"--reuid={nobody.pw_uid}", f"--regid={nobody.pw_gid}", "--clear-groups"]
-        # With an order that is not that of bytes, which must not be seen.
-        options = "-D data -U dsessd -A trust -E UTF8 --no-sync --locale-provider=icu --icu-locale=en".split()
-        self.run("initdb", *options, stdout=subprocess.DEVNULL).wait()
-        return self.start()
+
+    def standby(self):
+        """A second server that follows this one; from now on each commit waits for it."""
+        other = Postgres()
+        other.make_directory()
+        copy = ["-h", self.directory, "-U", "dsessd", "-D", "data", "-R", "-N", "-c", "fast"]
+        other.run("pg_basebackup", *copy).wait()
+        self.sql("ALTER SYSTEM SET synchronous_standby_names = '*'", "SELECT pg_reload_conf()")
+        return other.start()
+
+    def sql(self, *texts, database="postgres"):
+        command = [f"{PROGRAMS}/psql", "-qAtX", "-h", self.directory, "-U", "dsessd", database]
+        command += [word for text in texts for word in ("-c", text)]
+        return subprocess.run(command, check=True, capture_output=True, text=True, timeout=30).stdout.strip()
 
     def run(self, program, *options, **streams):
         return subprocess.Popen([*self.user, f"{PROGRAMS}/{program}", *options], cwd=self.directory, **streams)
@@ -49,8 +71,15 @@ class Postgres:
 
     def stop(self):
         """At once, as in a crash."""
+        if self.process.poll() is None:
+            self.freeze(signal.SIGCONT)
         self.process.send_signal(signal.SIGQUIT)
         self.process.wait()
+
+    def freeze(self, how=signal.SIGSTOP):
+        """Stops the server and all its processes where they are."""
+        for process in [self.process.pid, *children(self.process.pid)]:
+            os.kill(process, how)
 
     def __exit__(self, *_):
         self.stop()

@@ -83,7 +83,6 @@ void expectPeers(const std::vector<Row>& rows, std::int32_t timeout, double quic
 TEST(Transport, BadAnswersAreRefusedAtOnceAndAChangeIsCarriedOutOnce) {
     const std::vector<Row> rows{
         {"refuse", kStatusNoLocation, Change::kGoesOn, "connection refused"},
-        {"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"},
         {"status=403", kStatusRequestRefused, Change::kGoesOn, "HTTP status 403"},
         {"status=404", kStatusInstanceNotServed, Change::kGoesOn, "HTTP status 404"},
         {"status=500", kStatusNoLocation, Change::kAsksAgain, "HTTP status 500"},
@@ -107,6 +106,8 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
                                 {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest},
                                 {"flow=3", kStatusTimedOut, Change::kAsksAgain, rest}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
+    // Whoever cannot do it now is asked again as long as there is time.
+    expectPeers({{"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"}}, 1, 0.5, 1 + kLateness);
 }
 
 TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster) {
