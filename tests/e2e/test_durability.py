@@ -64,12 +64,7 @@ class Durability(Case):
                 victim.stop(signal.SIGKILL)
                 deaths += 1
                 if POSTGRES and deaths % 4 == 0:
-                    # Who asks meanwhile is told that nothing was done: the runs would end.
-                    for run, _ in runs:
-                        run.send_signal(signal.SIGSTOP)
                     self.crash_database()
-                    for run, _ in runs:
-                        run.send_signal(signal.SIGCONT)
                 time.sleep(chance.uniform(0, 0.3))
                 victim.start()
             shown = [path.read_text() for _, path in runs]

@@ -40,10 +40,9 @@ class Failover(Case):
         commands = self.dir / name
         commands.write_text("\n".join([ROOT_LOGIN, *["key change"] * CHANGES]))
         shown = commands.with_suffix(".out")
+        env = self.environment(config=configuration(*nodes))
         with open(shown, "wb") as out:
-            run = subprocess.Popen(
-                [VEXILADMIN, "-file", commands], env=self.environment(config=configuration(*nodes)), stdout=out, stderr=out
-            )
+            run = subprocess.Popen([VEXILADMIN, "-file", commands], env=env, stdout=out, stderr=out)
         self.addCleanup(run.kill)
         return run, shown
 
