@@ -16,8 +16,6 @@ them the first is that of the first connection and so on; the last is that of al
     answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id. They are the
                        head too where they begin with "HTTP/"
     status=N           HTTP status N, empty, with another place to go to
-    head=LINES         with these lines, a "|" between them, in place of the one with the type
-    http09             with a body alone
     refuse, blackhole  nothing listens; connections are neither accepted nor refused
     reset=STAGE, close=STAGE, stall=STAGE  ends the connection at a stage, or stops: accept, request, head, body
     drip=STAGE         goes on with one byte every 20 ms: head, body
@@ -170,10 +168,6 @@ class Peer:
         match self.behaviour, self.argument:
             case "status", number:
                 yield head(b"", "Location: /elsewhere", number + " Status")
-            case "head", lines:
-                yield head(body, lines.replace("|", "\r\n")) + body
-            case "http09", _:
-                yield body
             case "reset" | "close" | "stall", _:
                 yield good[:cut]
             case "drip", _:

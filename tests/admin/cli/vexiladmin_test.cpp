@@ -37,7 +37,6 @@ TEST_F(Config, IsReplacedByTheNextOneButForItsDefaultInstance) {
     EXPECT_EQ(url(nullptr), "none");
     EXPECT_STREQ(config.defaultInstance().data(), "x");
     EXPECT_EQ(config.sslInfo().server_dns.values, nullptr);
-    EXPECT_EQ(config.sslInfo().keyfile, nullptr);
 }
 
 TEST(Completion, InsertsWhatCommandsThatFitHaveInCommonAndElseShowsWhatMayStandThere) {
@@ -60,7 +59,6 @@ TEST(Completion, InsertsWhatCommandsThatFitHaveInCommonAndElseShowsWhatMayStandT
         {"realm show x ", ""},
         {"re", "|realm|replica"},
         {"r\ts ", "|list|<realm-name>"},
-        {"session list -r east * ", "|<max>"},
         {"login bob ", "|[password]"},
         {"rep s list ", "|[-realm <realm>]"},
         {"rep s list -", "+realm "},

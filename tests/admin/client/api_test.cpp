@@ -147,7 +147,6 @@ void throwing(std::int32_t /*level*/, const char* /*format*/, ...) {
 
 TEST(Api, WhatTheCallerDoesMeanwhileChangesNoStatus) {
     FaultServers servers({"reset=request", "slow=0.3", "good"});
-    // A trace function that throws.
     char* url = servers.urls[0].data();
     const olm_dsess_admin_mv_string_t list{1, &url};
     const olm_dsess_admin_ssl_info_t plain{};
@@ -157,7 +156,6 @@ TEST(Api, WhatTheCallerDoesMeanwhileChangesNoStatus) {
     ASSERT_EQ(olm_dsess_admin_create_handle(context, &handle), 0U);
     EXPECT_EQ(olm_dsess_admin_set_trace_level(handle, &kRoot, 1), kStatusOutcomeUnknown);
     olm_dsess_admin_shutdown(&context);
-    // A thread that is cancelled.
     Library slow({servers.urls[1]});
     std::uint32_t status = 1;
     std::thread thread([&] {
