@@ -209,6 +209,9 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
     }
     // What others write into trace lines, such as the C library's words for an error, is in English like the lines.
     if (locale_t user = duplocale(LC_GLOBAL_LOCALE); user != nullptr) {
+        if (g_userLocale != nullptr) {
+            freelocale(g_userLocale);
+        }
         g_userLocale = user;
         std::setlocale(LC_MESSAGES, "C");
     }
