@@ -36,9 +36,15 @@ class [[nodiscard]] Task {
     Result take() const { return m_frame.promise().take(); }
 
     bool await_ready() const noexcept { return false; }
-    Frame await_suspend(std::coroutine_handle<> caller) const noexcept {
+    /// Runs it up to its first wait. One that has ended by then gives back to its caller without a transfer: however
+    /// many of them a loop awaits, the stack does not grow, also where calls at the end of a function are not jumps.
+    bool await_suspend(std::coroutine_handle<> caller) const {
+        m_frame.resume();
+        if (m_frame.done()) {
+            return false;
+        }
         m_frame.promise().m_caller = caller;
-        return m_frame;
+        return true;
     }
     Result await_resume() const { return take(); }
 
