@@ -27,7 +27,7 @@ class TarnAdminConfig {
 
     /// Loads the file; `proxy` selects the service path of every URL. Returns 0 or the status of the first failure, of
     /// which the service log has the particulars. What was loaded before a failure stays until shutdown.
-    std::uint32_t initialize(const char* path, bool proxy);
+    [[nodiscard]] std::uint32_t initialize(const char* path, bool proxy);
     /// Releases everything that was loaded. Always 0.
     std::uint32_t shutdown();
 
@@ -42,19 +42,21 @@ class TarnAdminConfig {
     const olm_dsess_admin_ssl_info_t& sslInfo() const { return m_sslInfo; }
 
   private:
-    std::uint32_t loadEntries(qelStanzaFile* file, bool proxy);
-    std::uint32_t loadInstances(const QelString& locations, const QelString& instances, const QelString& scheme,
-                                const char* suffix);
-    std::uint32_t loadTimeout(qelStanzaFile* file);
-    std::uint32_t loadSslInfo(qelStanzaFile* file);
+    [[nodiscard]] std::uint32_t loadEntries(qelStanzaFile* file, bool proxy);
+    [[nodiscard]] std::uint32_t loadInstances(const QelString& locations, const QelString& instances,
+                                              const QelString& scheme, const char* suffix);
+    [[nodiscard]] std::uint32_t loadTimeout(qelStanzaFile* file);
+    [[nodiscard]] std::uint32_t loadSslInfo(qelStanzaFile* file);
     void loadFipsMode(qelStanzaFile* file);
     /// Takes notice of SSL entries in a file that does not switch SSL on.
     void watchUnusedSsl(qelStanzaFile* file);
     /// The values of all entries of one name, joined by commas. An entry that is absent or empty gives
     /// kStatusEntryMissing, logged unless it is optional.
-    static std::uint32_t loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value);
+    [[nodiscard]] static std::uint32_t loadData(qelStanzaFile* file, const QelString& entry, bool optional,
+                                                QelString& value);
     /// Fills a list from comma-separated text, each piece followed by the suffix. Null: no suffix.
-    static std::uint32_t convertToMV(const QelString& list, const char* suffix, olm_dsess_admin_mv_string_t& record);
+    [[nodiscard]] static std::uint32_t convertToMV(const QelString& list, const char* suffix,
+                                                   olm_dsess_admin_mv_string_t& record);
 
     static const QelString m_tarnStanzaName;
     static const QelString m_locationEntryName;

@@ -16,7 +16,7 @@ bool abbreviates(const char* word, std::string_view keyword) {
 }  // namespace
 
 TarnAdminCmd::TarnAdminCmd(const char* format, Effect effect) : m_format(format), m_effect(effect) {
-    m_formatTokens.set(format);
+    static_cast<void>(m_formatTokens.set(format));  // without its words a command fits no line
 }
 
 MatchResult TarnAdminCmd::matchCmd(TarnAdminCmdTokens const& words) const {

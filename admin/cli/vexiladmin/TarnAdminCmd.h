@@ -45,8 +45,8 @@ class TarnAdminCmd {
     /// Runs the command for a line that matched it, exactly or abbreviated. Keywords stand in `tokens` as they were
     /// typed, so a command reads values by position and counts words, nothing else. `handle` and `secInfo` are those in
     /// force when the line runs. Returns 0 or a status that the caller shows; std::bad_alloc may pass through.
-    virtual std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                     TarnAdminCmdTokens const& tokens) = 0;
+    [[nodiscard]] virtual std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                                   TarnAdminCmdTokens const& tokens) = 0;
 
     MatchResult matchCmd(TarnAdminCmdTokens const& words) const;
     /// What the pattern has behind `words`. They are the beginning of a line of this command if the line fits once the

@@ -15,7 +15,7 @@ class TarnAdminCmdRegistry {
     /// Puts a command in front of the earlier ones: the latest is searched, listed and deleted first. Returns 0 and
     /// owns the command or, with the message written and the command still the caller's, kStatusNoMemory, also for a
     /// command without its pattern.
-    std::uint32_t registerCmd(TarnAdminCmd* command);
+    [[nodiscard]] std::uint32_t registerCmd(TarnAdminCmd* command);
 
     /// The command to run for a line: the first that fits exactly, else the only one that fits abbreviated. Otherwise
     /// null, after listing on standard output the commands that come nearest.

@@ -17,7 +17,7 @@ class TarnAdminCmdTokens {
 
     /// Replaces the words by those of `text`. Returns 0 or, with the message written and no words left,
     /// kStatusNoMemory.
-    std::uint32_t set(const char* text);
+    [[nodiscard]] std::uint32_t set(const char* text);
 
     std::int32_t tokens() const { return m_count; }
     /// The word at an index, or null when there is none. Valid until the next set.

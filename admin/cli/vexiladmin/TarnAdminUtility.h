@@ -19,35 +19,35 @@ class TarnAdminUtility : public TarnAdminConfig {
 
     /// Loads the configuration, sets the debug level, registers the commands and selects the default instance. Returns
     /// 0 or the status of the first failure; what was set up until then goes with the object.
-    std::uint32_t initialize();
+    [[nodiscard]] std::uint32_t initialize();
     /// Releases the commands and with them the client handle. Always 0.
     std::uint32_t shutdown();
     /// Does what the program's arguments ask for. Only after a successful initialize. Returns the exit status.
-    std::uint32_t run(int argc, char** argv);
+    [[nodiscard]] std::uint32_t run(int argc, char** argv);
 
   private:
-    std::uint32_t setDebugLevel();
-    std::uint32_t registerCommands();
+    [[nodiscard]] std::uint32_t setDebugLevel();
+    [[nodiscard]] std::uint32_t registerCommands();
     /// The -command and -file options, in order, up to the first failure. `ran` receives whether there was any.
-    std::uint32_t runArguments(int argc, char** argv, bool& ran);
+    [[nodiscard]] std::uint32_t runArguments(int argc, char** argv, bool& ran);
 
     /// Runs one command text. A failure's message is written before its status is returned.
-    std::uint32_t processCmd(const char* text);
+    [[nodiscard]] std::uint32_t processCmd(const char* text);
     /// Whether a line logs in, and holds a password.
     TarnAdminPrompt::Kind kindOf(const char* line) const;
-    std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
+    [[nodiscard]] std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
     /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
     /// kStatusEndOfInput, which ends the input, also when a command fails with it. Cuts the line end off in place.
-    std::uint32_t processLine(char* line);
+    [[nodiscard]] std::uint32_t processLine(char* line);
     /// Runs lines from the prompt until they end. Always 0.
-    std::uint32_t processInteractiveMode();
+    [[nodiscard]] std::uint32_t processInteractiveMode();
     /// Both return whether kStatusEndOfInput ended the input.
     bool processEditedLines();
     bool processInputLines();
     TarnAdminCompletion complete(std::string_view before) const;
     /// Runs the lines of a file up to its end, an exit line or the first failure. An error while reading is an end that
     /// is told.
-    std::uint32_t processCmdFile(const char* path);
+    [[nodiscard]] std::uint32_t processCmdFile(const char* path);
 
     static const QelString m_commandOption;
     static const QelString m_fileOption;

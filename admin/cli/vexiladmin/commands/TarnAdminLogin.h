@@ -18,9 +18,9 @@ class TarnAdminLogin : public TarnAdminCmd {
 
   private:
     /// Reads a password from standard input, without echo on a terminal.
-    static std::uint32_t promptForPassword(QelString& password);
+    [[nodiscard]] static std::uint32_t promptForPassword(QelString& password);
     /// 64 random bytes in base64, followed by a UUID: no two logins share one.
-    static std::uint32_t makeLoginId(QelString& loginId);
+    [[nodiscard]] static std::uint32_t makeLoginId(QelString& loginId);
 
     static const QelString m_cmdFormat;
     static const QelString m_anonUserName;

@@ -14,7 +14,7 @@ class TarnAdminSetInstance : public TarnAdminCmd {
     ~TarnAdminSetInstance() override;
 
     /// Selects the default instance. Returns 0 or a status.
-    std::uint32_t initialize();
+    [[nodiscard]] std::uint32_t initialize();
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 
@@ -23,7 +23,7 @@ class TarnAdminSetInstance : public TarnAdminCmd {
 
   private:
     /// Lets go of the present instance, then selects the one named, null standing for the default one.
-    std::uint32_t initializeHandles(const char* instance);
+    [[nodiscard]] std::uint32_t initializeHandles(const char* instance);
     void clearHandles();
 
     static const QelString m_cmdFormat;

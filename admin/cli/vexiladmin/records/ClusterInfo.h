@@ -28,7 +28,7 @@ class ClusterInfo {
 
     /// Returns 0, the library's status, or kStatusAnswerNotUnderstood for records of which an array is missing. After a
     /// failure nothing may be read. Call once.
-    std::uint32_t fetch(void* handle, olm_dsess_admin_sec_info_t const& secInfo);
+    [[nodiscard]] std::uint32_t fetch(void* handle, olm_dsess_admin_sec_info_t const& secInfo);
 
     /// As the library counted them: 0 or less means none.
     std::int32_t realmCount() const { return m_realmCount; }
@@ -50,4 +50,5 @@ void printReplicaSets(const olm_dsess_admin_realm_t& realm);
 
 /// Prints the replica sets of every realm that has exactly this name, or says that there is none. Returns 0 or the
 /// status of the fetch.
-std::uint32_t showReplicaSets(void* handle, olm_dsess_admin_sec_info_t const& secInfo, const char* realmName);
+[[nodiscard]] std::uint32_t showReplicaSets(void* handle, olm_dsess_admin_sec_info_t const& secInfo,
+                                            const char* realmName);

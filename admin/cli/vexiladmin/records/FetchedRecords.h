@@ -24,7 +24,7 @@ class FetchedRecords {
     /// Calls `fetch` with the addresses of count and array, and returns its status, or kStatusAnswerNotUnderstood when
     /// it counts records but gives no array. After a failure nothing of what it left there is looked at. Call once.
     template <class Fetch>
-    std::uint32_t fetch(Fetch fetch) {
+    [[nodiscard]] std::uint32_t fetch(Fetch fetch) {
         std::uint32_t status = fetch(&m_count, &m_records);
         if (status == 0 && m_count > 0 && m_records == nullptr) {
             status = kStatusAnswerNotUnderstood;

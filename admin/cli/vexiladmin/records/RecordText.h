@@ -45,4 +45,4 @@ class TimeText {
 void printKeyReport(const olm_dsess_admin_cluster_t& cluster);
 
 /// Writes that the value given for `name` is not valid, on a line of its own, and returns kStatusInvalidValue.
-std::uint32_t refuseValue(const char* name);
+[[nodiscard]] std::uint32_t refuseValue(const char* name);

@@ -17,7 +17,7 @@ class SessionQuery {
     SessionQuery& operator=(const SessionQuery&) = delete;
 
     /// Returns 0, or kStatusNoCommand when the catalogue lacks the selector's texts.
-    std::uint32_t select(SessionSelector selector);
+    [[nodiscard]] std::uint32_t select(SessionSelector selector);
     const olm_dsess_admin_session_query_t* record() const { return &m_query; }
 
   private:
@@ -30,5 +30,5 @@ using SessionOperation = std::uint32_t (*)(void* handle, const olm_dsess_admin_s
                                            const olm_dsess_admin_session_query_t* query);
 
 /// Runs `session <verb> <what> <value> -realm <realm>`: hands the query to the operation and returns its status.
-std::uint32_t actOnSessions(SessionSelector selector, SessionOperation operation, void* handle,
-                            olm_dsess_admin_sec_info_t const& secInfo, TarnAdminCmdTokens const& tokens);
+[[nodiscard]] std::uint32_t actOnSessions(SessionSelector selector, SessionOperation operation, void* handle,
+                                          olm_dsess_admin_sec_info_t const& secInfo, TarnAdminCmdTokens const& tokens);
