@@ -102,8 +102,8 @@ bool qel_write(int descriptor, std::string_view bytes) noexcept {
 
 bool qel_open_standard_descriptors() noexcept {
     for (const int descriptor : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-        // A path can be neither read nor written; and a symbolic link cannot be opened as /dev/stdin either.
-        // Without /proc there is no such name.
+        // A descriptor opened with O_PATH can be neither read nor written. If it is of a symbolic link, opening
+        // /dev/stdin, which leads through /proc, fails too. Without /proc the root folder does.
         if (fcntl(descriptor, F_GETFD) < 0 && open("/proc/self", O_PATH | O_NOFOLLOW) != descriptor &&
             open("/", O_PATH) != descriptor) {
             return false;

@@ -33,7 +33,8 @@ std::size_t qel_plain_prefix(std::string_view text) noexcept {
     std::size_t length = 0;
     for (std::uint64_t eight = 0; length + sizeof(eight) <= text.size(); length += sizeof(eight)) {
         std::memcpy(&eight, text.data() + length, sizeof(eight));
-        // The high bit of each byte is set in one of these if it is below 0x20, is 0x7F, or is above that.
+        // Eight bytes at once. Subtracting 0x20 sets a byte's high bit if it was a control character, adding 1 if it
+        // was 0x7F, and above 0x7F it is set already.
         if ((((eight - 0x20 * kEach) | (eight + kEach) | eight) & (0x80 * kEach)) != 0) {
             break;
         }

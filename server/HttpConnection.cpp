@@ -50,7 +50,7 @@ std::string chunkOf(std::string_view bytes) {
 
 }  // namespace
 
-/// What Asio asks for the memory of an operation: there is one at a time, so a block of the connection does.
+/// Gives Asio the memory for its pending operation. A connection has one at a time, so one block inside it suffices.
 template <typename Element>
 class HttpConnection::OperationAllocator {
   public:

@@ -90,7 +90,7 @@ bool HttpRequest::expectsContinue() const {
 }
 
 std::size_t HttpRequest::takeBody(std::string_view bytes) {
-    // Beast asserts that a body without any chunk does not come in smaller pieces.
+    // Beast has an assertion that fails when the last chunk of an empty body arrives in pieces. So wait for all of it.
     const bool isTooLittle = m_parser.chunked() && m_parser.get().body().empty() && bytes.size() < kLastChunkBytes;
     const std::size_t used = isTooLittle ? 0 : parse(bytes);
     const std::string_view line = done() ? std::string_view() : bytes.substr(used);

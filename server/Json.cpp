@@ -30,7 +30,8 @@ bool hasNul(std::string_view text) {
     return text.find('\0') != text.npos;
 }
 
-/// The field names in a value, of which two that are alike are one. Nothing: a name or text holds NUL.
+/// Counts the field names in a value and all that is in it. A name that an object has twice was read once and counts
+/// once. Returns nothing when a name or text holds a NUL.
 std::optional<std::size_t> namesIn(const json::value& value) {
     std::size_t count = 0;
     const auto add = [&](const json::value& part) {

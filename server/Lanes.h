@@ -32,7 +32,7 @@ class Lanes {
         std::atomic<bool> m_done = false;
     };
 
-    /// The service and the log must outlive the lanes.
+    /// Starts the threads of all lanes. Keeps references to the service and the log.
     Lanes(Service& service, Log& log);
     ~Lanes();
     Lanes(const Lanes&) = delete;

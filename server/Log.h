@@ -43,7 +43,7 @@ class Log {
   private:
     class Queue;
     std::atomic<int> m_level = 0;
-    /// Shared with the thread, which may be in the middle of a write for ever.
+    /// The thread owns it too: a write may block for ever, and the thread is then left behind when the log goes.
     std::shared_ptr<Queue> m_queue;
     std::thread m_thread;
 };

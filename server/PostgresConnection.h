@@ -147,7 +147,7 @@ class PostgresConnection {
     std::unique_ptr<PGconn, Finish> m_connection;
     /// When what runs is given up, and the connection with it.
     Clock::time_point m_end;
-    /// When it is next found out whether the database answers anybody.
+    /// When to ask the database on another connection whether it still answers, if this one stays silent.
     Clock::time_point m_nextDoubt;
     bool m_anyTime = false;
     bool m_isEnding = false;

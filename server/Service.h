@@ -40,7 +40,7 @@ class ListingAnswer {
   private:
     StorePool::Lease m_store;
     std::unique_ptr<Store::SessionListing> m_listing;
-    /// What is to come next and does not depend on the listing.
+    /// Text that stands before the sessions and has not been taken yet.
     std::string m_head;
     bool m_isFirst = true;
     bool m_done = false;

@@ -226,8 +226,9 @@ class Transaction {
             m_open = false;
             m_connection.files->check(m_connection.database.getHandle());
         } catch (const std::exception& error) {
-            // As long as it is open nothing was written; a full disk has not taken its last page, without which the
-            // others count for nothing. After any other failure all may be in the log, and come back after a crash.
+            // If SQLite still has the transaction open, COMMIT wrote nothing. If the disk was full, the last page is
+            // missing, and SQLite ignores the others. After any other failure the whole transaction may be in the
+            // write-ahead log and come back after a crash.
             const int code = sqlite3_errcode(m_connection.database.getHandle()) & 0xFF;
             if (m_open && (isInside() || code == SQLITE_FULL)) {
                 throw;

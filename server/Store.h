@@ -253,7 +253,7 @@ class StorePool {
     using Lease = std::unique_ptr<Store, Returner>;
     /// A reliable one. The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
     Lease take(std::function<bool()> impatient = {});
-    /// Whether the store is a file: it is read without asking another process.
+    /// Whether the store is a file, which this process reads itself, and not a database server.
     bool isEmbedded() const;
 
   private:

@@ -1,4 +1,4 @@
-/// The head of an answer (RFC 9112, sections 4 and 5), looked at line by line as it comes:
+/// Checks the status line and the header fields of an HTTP answer (RFC 9112, sections 4 and 5) as they arrive:
 ///
 ///     HTTP/1.1 200 OK
 ///     Content-Type: application/json

@@ -1,5 +1,5 @@
-/// Reads answers (docs/protocol.md, "An answer"). Every byte is taken as hostile: what is not exactly an answer of the
-/// expected shape to the request in question is refused whole.
+/// Reads the JSON of an answer (docs/protocol.md, "An answer"). It trusts no byte: an answer that does not have exactly
+/// the shape that the request asked for is refused as a whole.
 #pragma once
 
 #include <cstddef>

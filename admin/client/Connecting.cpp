@@ -108,8 +108,8 @@ void start(const std::shared_ptr<Lookup>& lookup) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-/// The system's order, but with IPv6 and IPv4 in turns (RFC 8305, section 4): when one of them leads nowhere, the other
-/// has its turn soon.
+/// Sorts addresses so that IPv6 and IPv4 alternate, each kind in the order that the system gave (RFC 8305, section 4).
+/// When a host is reached by one kind only, its first address is then tried soon.
 std::vector<tcp::endpoint> inTurns(const std::vector<tcp::endpoint>& addresses) {
     std::vector<tcp::endpoint> result;
     std::vector<tcp::endpoint> others;
@@ -124,11 +124,11 @@ std::vector<tcp::endpoint> inTurns(const std::vector<tcp::endpoint>& addresses) 
     return result;
 }
 
-/// The tries at a host's addresses, of which the first connection counts. Whatever waits for one of them keeps it.
+/// The attempts to connect to a host's addresses. The first that succeeds wins. Handlers of attempts share ownership.
 struct Race {
     explicit Race(net::io_context& loop) : nextTurn(loop) {}
 
-    net::steady_timer nextTurn;  // of another address, or of looking what has become of these
+    net::steady_timer nextTurn;  // expires when the next address is due; cancelled when an attempt ends
     std::list<tcp::socket> tries;
     std::optional<tcp::socket> connected;
     ErrorCode problem;  // of the try that failed last
@@ -142,8 +142,8 @@ void enter(const std::shared_ptr<Race>& race, net::io_context& loop, const tcp::
         race->tries.erase(socket);
         return;
     }
-    static_cast<void>(
-        fcntl(socket->native_handle(), F_SETFD, FD_CLOEXEC));  // what the program starts is not to keep it open
+    // A program that the caller starts must not inherit the socket.
+    static_cast<void>(fcntl(socket->native_handle(), F_SETFD, FD_CLOEXEC));
     socket->async_connect(address, [race, socket](const ErrorCode& error) {
         if (race->connected) {
             return;  // too late: the socket is gone
@@ -176,11 +176,12 @@ Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string
     net::posix::stream_descriptor answered(loop);
     answered.assign(copy.get());
     static_cast<void>(copy.release());
-    while (!lookup->isAnswered()) {  // the loop may take an event of a descriptor that is gone for one of this
+    // The loop may wake this wait for an event of a closed descriptor that had the same number.
+    while (!lookup->isAnswered()) {
         const auto [error] = co_await answered.async_wait(net::posix::stream_descriptor::wait_read, kAwaited);
         throwIf(error);
     }
-    // Closed alone it would stay in the loop while the thread has the other one.
+    // release() takes the descriptor out of the loop. Closing alone would not: the thread still has a copy of it.
     const QelFileDescriptor taken(answered.release());
     co_return inTurns(lookup->addresses());
 }

@@ -11,7 +11,6 @@
 #include <boost/asio/ssl/error.hpp>
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/http/empty_body.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <cerrno>
 #include <cstring>
@@ -169,22 +168,20 @@ class Connection {
     }
 
     static int sendCallback(BIO* bio, const char* bytes, int count) {
-        BIO_clear_retry_flags(bio);
         auto* connection = static_cast<Connection*>(BIO_get_data(bio));
-        const int sent = connection->send(bytes, static_cast<std::size_t>(count));
-        if (connection->m_error == EAGAIN) {
-            BIO_set_retry_write(bio);
-        }
-        return sent;
+        return connection->tell(bio, connection->send(bytes, static_cast<std::size_t>(count)), BIO_FLAGS_WRITE);
     }
     static int receiveCallback(BIO* bio, char* bytes, int count) {
-        BIO_clear_retry_flags(bio);
         auto* connection = static_cast<Connection*>(BIO_get_data(bio));
-        const int received = connection->receive(bytes, static_cast<std::size_t>(count));
-        if (connection->m_error == EAGAIN) {
-            BIO_set_retry_read(bio);
+        return connection->tell(bio, connection->receive(bytes, static_cast<std::size_t>(count)), BIO_FLAGS_READ);
+    }
+    /// Tells OpenSSL whether a read or write that failed is to be made again.
+    int tell(BIO* bio, int result, int direction) const {
+        BIO_clear_retry_flags(bio);
+        if (m_error == EAGAIN) {
+            BIO_set_flags(bio, direction | BIO_FLAGS_SHOULD_RETRY);
         }
-        return received;
+        return result;
     }
 
     /// Makes a step, of the system or of OpenSSL, again each time that the socket is ready, until it is done. Returns
@@ -234,7 +231,7 @@ class Connection {
     ConnectionPtr m_tls;  // null: none
 };
 
-/// How far one exchange of a request for an answer has come, and until when it may take.
+/// The progress of one attempt: which stage it has reached, and its present deadline.
 class Exchange {
   public:
     enum class Stage { kLookup, kConnecting, kHandshake, kSent, kHead, kBody };
@@ -643,7 +640,8 @@ class HttpTransport::Wires {
         return handshakeCause(error);
     }
 
-    // The task goes first, then what it refers to, and last the loop, with all that waits in it.
+    // Members are destroyed from the last to the first: the coroutine, then the connection that it uses, then the loop
+    // that holds their pending operations, then the data that those operations point to.
     const TlsPolicy& m_policy;
     const Location* m_location = nullptr;  // of the request in hand
     SecretBuffer m_request;

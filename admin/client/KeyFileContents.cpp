@@ -36,7 +36,7 @@ using BagsPtr = std::unique_ptr<STACK_OF(PKCS12_SAFEBAG), OpensslDeleter<[](STAC
                                 }>>;
 using TextPtr = std::unique_ptr<char, OpensslDeleter<[](char* text) { OPENSSL_free(text); }>>;
 
-/// The friendly name (UTF-16, big-endian) as UTF-8.
+/// Returns the friendly name of a bag as UTF-8. PKCS#12 stores it as big-endian UTF-16. Empty: it has none.
 std::string labelOf(const PKCS12_SAFEBAG* bag) {
     const ASN1_TYPE* name = PKCS12_SAFEBAG_get0_attr(bag, NID_friendlyName);
     if (name == nullptr || name->type != V_ASN1_BMPSTRING) {

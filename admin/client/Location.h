@@ -15,8 +15,9 @@ struct Location {
     std::string path;       ///< with the query, and never empty
 };
 
-/// Takes a URL apart. Empty when it is no usable one: another scheme, a user name, no host, a port that is no number,
-/// or a byte that has no place in a line of a request. Throws std::bad_alloc.
+/// Splits a URL into its parts. Returns nothing when it cannot be used: its scheme is not http or https, it holds a
+/// user name, it lacks a host, its port is not a number up to 65535, or it holds a blank or a control character. Throws
+/// std::bad_alloc.
 std::optional<Location> parseLocation(std::string_view url);
 
 }  // namespace olmdsess

@@ -13,8 +13,8 @@
 
 namespace olmdsess {
 
-/// A function that waits, begun by start() or by whoever awaits it. It ends with its owner at the latest, also amid a
-/// wait; what it waits for must be thrown away then, for it may not be woken any more.
+/// A coroutine and its result. It begins to run when start() is called or another task awaits it. Its owner may destroy
+/// it while it waits. Then whatever would wake it must be destroyed too, before it fires.
 template <class Result>
 class [[nodiscard]] Task {
   public:

@@ -33,7 +33,7 @@ class TlsPolicy {
     /// Loads what the settings name. Throws TlsProblem, std::bad_alloc.
     TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace);
 
-    /// Whether there is anybody to trust: without a key file, no secure connection can be made.
+    /// Whether a key file was given. Without one no server is trusted, and no secure connection can be made.
     bool trustsAnybody() const { return m_context != nullptr; }
     bool hasIdentity() const { return m_keyFile.key != nullptr; }
     /// Our certificate, for people: its subject, its end if that is over, and the key file. Empty without an identity.

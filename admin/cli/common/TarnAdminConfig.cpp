@@ -80,7 +80,7 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
     return urls;
 }
 
-/// Takes notice of what an administrator must see, though nothing failed.
+/// Tells the service log about an oddity of the configuration that is no failure.
 void takeNotice(int line, std::uint32_t message, const char* insert) {
     qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
 }

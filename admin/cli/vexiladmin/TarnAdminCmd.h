@@ -32,7 +32,7 @@ struct Continuation {
 
 class TarnAdminCmd {
   public:
-    /// What a command may do to the server.
+    /// Whether a command only reads what the server has, or may change it.
     enum class Effect { kReads, kChanges };
 
     /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command

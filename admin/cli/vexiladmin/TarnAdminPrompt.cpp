@@ -230,7 +230,8 @@ void TarnAdminPrompt::drawEnd(std::string_view behind) {
     m_signals->write(out);
 }
 
-/// The next byte, or EOF: the end of the input, a failure, an interrupt. Throws std::bad_alloc.
+/// Returns the next byte that was typed. Returns EOF when the input has ended or failed, or an interrupt came. Throws
+/// std::bad_alloc.
 int TarnAdminPrompt::readByte() {
     pollfd input{STDIN_FILENO, POLLIN, 0};
     if (isEdited() && poll(&input, 1, 0) <= 0) {

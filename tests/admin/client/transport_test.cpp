@@ -103,7 +103,7 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
                                 {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest},
                                 {"flow=3", kStatusTimedOut, Change::kAsksAgain, rest}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
-    // Whoever cannot do it now is asked again as long as there is time.
+    // A busy server (503) is asked again until the time is up.
     expectPeers({{"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"}}, 1, 0.5, 1 + kLateness);
 }
 
