@@ -81,7 +81,7 @@ QelTerminalSignals::~QelTerminalSignals() {
 QelTerminalSignals::Event QelTerminalSignals::wait() {
     for (;;) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
-        // Some may have come where nobody waited.
+        // A signal may have come while nobody waited for one.
         const timespec noTime{};
         const bool hasCome =
             std::any_of(kDeferred.begin(), kDeferred.end(), [](int signal) { return g_came[signal] != 0; });

@@ -116,7 +116,7 @@ bool writeEntry(QelSvcHandle handle, std::string_view file, int line, std::uint3
     return !appendToUserFile(full) && qel_write(STDERR_FILENO, full);
 }
 
-/// Whether somebody sits there who must see it, or who set up no log and need not look for one.
+/// Whether an entry is shown at the terminal too: it is a notice, or no log was set up by the user.
 bool isForTerminal(std::uint32_t severity) {
     const char* path = std::getenv("QEL_SVC_LOG");
     return (severity == kSvcNotice || path == nullptr || *path == '\0') && isatty(STDERR_FILENO) != 0;

@@ -9,7 +9,7 @@ namespace olmdsess {
 
 namespace {
 
-/// Of what a server writes, so much is shown at most.
+/// How much of a field's value is shown in a message.
 constexpr std::size_t kShownBytes = 40;
 
 bool isDigit(char byte) {

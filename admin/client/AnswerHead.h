@@ -15,7 +15,7 @@
 
 namespace olmdsess {
 
-/// Of all the heads of one answer, interim ones included.
+/// The most bytes of head that one answer may have, its interim answers included.
 inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 
 inline constexpr char kHeadTooLong[] = "its head is too long";
@@ -30,12 +30,13 @@ class AnswerHead {
         kRefused   ///< problem() says why
     };
 
-    /// Looks at what is new. `text` begins with the head and has only grown since the last call. Throws std::bad_alloc.
+    /// Checks what has arrived since the last call. `text` is everything from the head's first byte on. Throws
+    /// std::bad_alloc.
     State read(std::string_view text);
 
-    /// Once it is complete: its bytes, the empty line included.
+    /// The length of a complete head in bytes, with its empty line.
     std::size_t size() const { return m_line; }
-    /// Of a final one.
+    /// The HTTP status of a complete head.
     int status() const { return m_status; }
     const std::string& problem() const { return m_problem; }
 

@@ -223,7 +223,7 @@ class AnswerHandler {
         }
         return kind;
     }
-    /// A value that no field has.
+    /// Takes a value of a kind that no known field has.
     bool other(const char* what, error_code& error) {
         return m_expected == nullptr || fail(error, m_expected->name, " is ", what);
     }

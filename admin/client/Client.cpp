@@ -156,7 +156,7 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
     auto pause = kFirstPause;
     for (std::size_t index = 0;; ++index) {
         if (index == m_urls.size()) {
-            // A server that has said 503 may soon do it: a database that fails over takes some seconds.
+            // A server that answered 503 may be able to serve soon: a database fails over within some seconds.
             if (!std::exchange(isBusy, false) || Clock::now() + pause >= end) {
                 break;
             }
@@ -215,7 +215,7 @@ Attempt Client::tryLocation(const std::string& url, Request& request, Clock::tim
                             Answer& answer) {
     const auto now = Clock::now();
     AnswerReader reader(request.operation.shape, request.id);
-    // Only a listing is long: any other answer that has not come whole by then never may.
+    // Only the answer to a listing may be long. Any other one must be whole by the end.
     const AttemptLimits limits{end, leavesTime, request.operation.shape == AnswerShape::kSessions, end - now};
     Attempt attempt = m_transport.post(url, request.body, limits, reader);
     const bool wasOpen = request.isOpen;

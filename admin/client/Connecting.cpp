@@ -168,7 +168,7 @@ Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string
     }
     const auto lookup = std::make_shared<Lookup>(host, port);
     start(lookup);
-    // A descriptor of our own: the thread may still write to the other one when this wait has been left.
+    // Wait on a copy of the descriptor: the thread may still write to the original after this wait was given up.
     QelFileDescriptor copy(fcntl(lookup->descriptor(), F_DUPFD_CLOEXEC, 0));
     if (!copy.isOpen()) {
         throw std::bad_alloc();

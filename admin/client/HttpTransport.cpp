@@ -152,7 +152,7 @@ class Connection {
     using MethodPtr = std::unique_ptr<BIO_METHOD, OpensslDeleter<BIO_meth_free>>;
 
     int send(const void* bytes, std::size_t count) {
-        // The system's own way to write would raise SIGPIPE.
+        // write(2), which OpenSSL would use, raises SIGPIPE when the server has closed the connection.
         const ssize_t sent = ::send(m_socket.native_handle(), bytes, count, MSG_NOSIGNAL);
         m_written += sent > 0 ? static_cast<std::size_t>(sent) : 0;
         return note(sent, tcp::socket::wait_write);
@@ -160,7 +160,7 @@ class Connection {
     int receive(void* bytes, std::size_t count) {
         return note(recv(m_socket.native_handle(), bytes, count, 0), tcp::socket::wait_read);
     }
-    /// Keeps what a system call failed with, and what to wait for before it is made again.
+    /// Remembers the error of a system call, and what to wait for before it is repeated.
     int note(ssize_t result, tcp::socket::wait_type wait) {
         m_error = result < 0 ? errno : 0;
         m_wait = wait;
@@ -258,7 +258,7 @@ class Exchange {
         return m_reader.read(piece);
     }
 
-    /// When it has to end unless something more comes.
+    /// The time at which the attempt is given up. It moves on while a long answer flows.
     Clock::time_point deadline() {
         if (m_stage < Stage::kSent) {
             return m_limits.end;
@@ -403,8 +403,8 @@ SecretBuffer requestText(const Location& location, const SecretBuffer& body) {
 
 }  // namespace
 
-/// All that waits: the event loop, and the connection in use. Once an exchange in it is left unfinished, or an
-/// exception has left it, it is good for nothing but its end.
+/// The event loop and the connection in use. After an exchange was left unfinished, or an exception was thrown, it
+/// must be destroyed and made anew.
 class HttpTransport::Wires {
   public:
     explicit Wires(const TlsPolicy& policy) : m_policy(policy), m_interrupted(m_loop, interruption::descriptor()) {}
@@ -436,7 +436,7 @@ class HttpTransport::Wires {
             m_connection.reset();
             attempt = run(limits, reader);
         }
-        // What was said of the last time is not said of one before it.
+        // A refusal speaks for the second sending alone: the first one may have been carried out.
         attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore : mayHaveSent();
         attempt.flowed = m_exchange->flowed();
         if (!m_isReusable && !isUnfinished()) {
@@ -463,8 +463,8 @@ class HttpTransport::Wires {
         }
     }
 
-    /// Runs an exchange until it has ended, its deadline has come, or somebody asks to give up. One that is left then
-    /// is thrown away with the loop that it waits in: nothing has to be cancelled, and nothing can refuse to be.
+    /// Runs an exchange until it ends, its deadline passes, or an interrupt comes. An exchange that is left unfinished
+    /// is destroyed together with its loop, so none of its operations has to be cancelled.
     Attempt run(const AttemptLimits& limits, AnswerReader& reader) {
         m_exchange.emplace(limits, reader);
         m_isReusable = false;
@@ -600,7 +600,7 @@ class HttpTransport::Wires {
         return !isDamaged ? kCutShort : isHeaderDone ? "its chunks are not HTTP/1.1" : kNotHttp;
     }
 
-    /// What an error of the system, or of TLS, means where the exchange stands.
+    /// Turns an error of the system or of TLS into a failed attempt, by the stage that the exchange has reached.
     Attempt judge(const ErrorCode& error) const {
         if (isOutOfMemory(error)) {
             return failed(AttemptFailure::kNoMemory, "");

@@ -95,7 +95,7 @@ class Pkcs12Reader {
         throw UnusableFile{why + " (bag " + std::to_string(m_bag) + ")"};
     }
 
-    /// A check that fails is of a wrong password or of damage; a part that the password opens tells.
+    /// A failed check means a wrong password or a damaged file. If the password opens a part, the file is damaged.
     [[noreturn]] void failToOpen() const {
         throw UnusableFile{
             m_isIntact && failedOfAlgorithm()
@@ -179,7 +179,7 @@ class Pkcs12Reader {
 constexpr std::string_view kBegin = "-----BEGIN ";
 constexpr std::string_view kDashes = "-----";
 constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-/// Nothing but base64 for so long is what is left of a block's body, of which a line has 64, and not text.
+/// A line of base64 of at least this length, outside a block, is taken for the rest of a damaged block, not for text.
 constexpr std::size_t kLongestWord = 24;
 
 bool isBase64(std::string_view text) {

@@ -34,7 +34,7 @@ std::optional<Location> parseLocation(std::string_view url) {
     url.remove_prefix(scheme + 3);
     const std::string_view authority = url.substr(0, url.find_first_of("/?"));
     const std::string_view path = url.substr(authority.size());
-    // The colons of an address stand in brackets.
+    // An IPv6 address has colons of its own and therefore stands in brackets.
     const std::size_t bracket = authority.starts_with('[') ? authority.find(']') : 0;
     const std::size_t colon = authority.find(':', bracket);
     const std::string_view host = authority.substr(0, colon);

@@ -9,7 +9,7 @@ namespace olmdsess {
 
 namespace {
 
-/// What a block offers texts. Each has twice as much as the one before it, up to the greatest.
+/// Bytes of the first block for texts, and of the largest. Each block has twice as many as the one before it.
 constexpr std::ptrdiff_t kFirstBytes = 1024;
 constexpr std::ptrdiff_t kMostBytes = std::ptrdiff_t{16} * 1024 * 1024;
 /// From here on a block is worth pages of 2 MiB: a long listing's cost less time than those of 4 KiB.
@@ -17,7 +17,7 @@ constexpr std::size_t kLargeBytes = std::size_t{4} * 1024 * 1024;
 
 }  // namespace
 
-// A text that comes in parts and is alone in its block takes the block along as it grows, so that no copies of it stay.
+// A text that is alone in its block grows by growing the block, so that no copy of its beginning is left behind.
 void TextArena::grow(std::size_t more) {
     const std::size_t begun = m_at - m_begun;
     char* const last = m_blocks.empty() ? nullptr : m_blocks.back().get();

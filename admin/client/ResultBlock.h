@@ -79,7 +79,7 @@ class ReallocArray {
 
   private:
     bool tryReallocate(std::size_t capacity) noexcept {
-        // Never 0 bytes: what realloc returns for those says nothing about success.
+        // Never ask for 0 bytes: realloc may then return null although it succeeded.
         void* block = std::realloc(m_block.get(), headerBytes + capacity * sizeof(Element) + 1);
         if (block == nullptr) {
             return false;

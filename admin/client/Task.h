@@ -1,5 +1,5 @@
-/// Functions that wait, as C++ coroutines. Asio's own (net::awaitable) ask for memory to be thrown away, in a
-/// destructor: where there is none, that ends the process.
+/// Coroutines that wait for operations of Asio. They take the place of net::awaitable, whose destructor allocates
+/// memory and so ends the process when there is none.
 #pragma once
 
 #include <boost/asio/async_result.hpp>
@@ -36,8 +36,8 @@ class [[nodiscard]] Task {
     Result take() const { return m_frame.promise().take(); }
 
     bool await_ready() const noexcept { return false; }
-    /// Runs it up to its first wait. One that has ended by then gives back to its caller without a transfer: however
-    /// many of them a loop awaits, the stack does not grow, also where calls at the end of a function are not jumps.
+    /// Runs the task up to its first wait. If it has ended by then, the caller goes on at once. A loop may therefore
+    /// await any number of such tasks without growing the stack, also where the compiler makes no tail calls.
     bool await_suspend(std::coroutine_handle<> caller) const {
         m_frame.resume();
         if (m_frame.done()) {

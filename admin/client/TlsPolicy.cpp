@@ -27,7 +27,7 @@ TlsReport& reportOf(const SSL* connection) {
     return *static_cast<TlsReport*>(SSL_get_ex_data(connection, reportIndex()));
 }
 
-/// What OpenSSL could not do although nothing is wrong with what it was given.
+/// Throws std::bad_alloc unless `done`. For calls of OpenSSL that fail for nothing but a lack of memory.
 void require(bool done) {
     if (!done) {
         ERR_clear_error();
@@ -208,7 +208,7 @@ ConnectionPtr TlsPolicy::makeConnection(const std::string& host, TlsReport& repo
     // A name is shown to the server too, which may have a certificate for each (RFC 6066, section 3).
     require(isAddress || SSL_set_tlsext_host_name(connection.get(), host.c_str()) == 1);
     if (m_serverNames.empty()) {
-        // The common name is no host name: a CA that may vouch for some names only is not held to that in it.
+        // A CA's name constraints do not bind the common name as they bind subjectAltName, so it does not count.
         X509_VERIFY_PARAM_set_hostflags(wanted, X509_CHECK_FLAG_NEVER_CHECK_SUBJECT);
         require((isAddress ? X509_VERIFY_PARAM_set1_ip_asc(wanted, host.c_str())
                            : X509_VERIFY_PARAM_set1_host(wanted, host.c_str(), host.size())) == 1);

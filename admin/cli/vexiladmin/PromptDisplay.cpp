@@ -106,7 +106,7 @@ void PromptDisplay::arrange(Picture& picture, std::size_t columns) {
     Place next;
     for (Glyph& glyph : picture.glyphs) {
         if (glyph.width > columns) {
-            // Not even a row of its own would hold it.
+            // The window is narrower than this glyph, so it cannot be shown.
             const std::size_t begin = glyph.begin;
             const std::size_t end = &glyph == &picture.glyphs.back() ? picture.bytes.size() : (&glyph + 1)->begin;
             std::fill(picture.bytes.begin() + static_cast<std::ptrdiff_t>(begin),
@@ -123,7 +123,7 @@ void PromptDisplay::arrange(Picture& picture, std::size_t columns) {
     picture.end = next.column == columns ? Place{next.row + 1, 0} : next;
 }
 
-/// Leaves the rows around the cursor, if there are more than the window has.
+/// Drops rows that do not fit into the window, and keeps those around the cursor.
 void PromptDisplay::cutOut(Picture& picture, std::size_t rows) {
     const std::size_t all = picture.end.row + 1;
     if (all <= rows) {
@@ -150,7 +150,7 @@ void PromptDisplay::cutOut(Picture& picture, std::size_t rows) {
     picture.cursor.row -= top;
 }
 
-/// The bytes of some glyphs.
+/// Returns the bytes of a range of glyphs.
 std::string_view PromptDisplay::bytesOf(const Picture& picture, std::size_t from, std::size_t to) {
     const auto beginOf = [&picture](std::size_t index) {
         return index < picture.glyphs.size() ? picture.glyphs[index].begin : picture.bytes.size();

@@ -28,7 +28,7 @@ class PromptDisplay {
     /// The output that shows the prompt and the line, the cursor before the line's character number `cursor`. The first
     /// picture begins where the cursor is, in the first column. Throws std::bad_alloc, and then knows of no picture.
     SecretText draw(std::wstring_view line, std::size_t cursor, Size size);
-    /// What is drawn next is a first picture.
+    /// Forgets the picture, so that the next one is drawn from where the cursor then is.
     void forget() noexcept;
 
   private:

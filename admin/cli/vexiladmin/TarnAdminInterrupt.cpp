@@ -34,7 +34,7 @@ void prepareTold() {
 }
 
 void endNow(int signal) {
-    // Another one need not wait for a reader that takes nothing.
+    // A second signal ends the program even while writing the results out blocks.
     std::signal(signal, SIG_DFL);
     sigset_t set;
     sigemptyset(&set);

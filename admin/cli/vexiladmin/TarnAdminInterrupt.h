@@ -19,7 +19,7 @@ class TarnAdminInterrupt {
     TarnAdminInterrupt& operator=(const TarnAdminInterrupt&) = delete;
     ~TarnAdminInterrupt();
 
-    /// While one lives, a command waits or works; or, with `false`, waits for its user alone.
+    /// While an object lives, a command runs. `false`: it waits for its user, and not for a server.
     class Running {
       public:
         explicit Running(bool runs = true);
@@ -33,7 +33,7 @@ class TarnAdminInterrupt {
 
     /// Whether a signal came since the last `forget`.
     static bool came();
-    /// Takes down that Ctrl-C came, for those who heard of it in another way.
+    /// Notes that Ctrl-C came, when the caller learned of it in another way than by the signal.
     static void note();
     /// Lets the client library's operations run again.
     static void forget();

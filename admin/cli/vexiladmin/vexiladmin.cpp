@@ -36,7 +36,7 @@ std::uint32_t noMemory() {
         try {
             std::rethrow_exception(thrown);
         } catch (const std::bad_alloc&) {
-            // As without an exception.
+            // Memory ran out: end as below.
         } catch (...) {
             std::abort();
         }
