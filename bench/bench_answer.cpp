@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "admin/client/AnswerReader.h"
+#include "admin/client/answer/AnswerReader.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 
 #include <benchmark/benchmark.h>
 
-#include "admin/cli/vexiladmin/TarnAdminCmdRegistry.h"
-#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
-#include "admin/cli/vexiladmin/records/RecordText.h"
-#include "runtime/qel_messages.h"
-#include "runtime/qel_msg.h"
+#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/language/TarnAdminCmdRegistry.h"
+#include "admin/cli/show/RecordText.h"
+#include "catalogue/qel_messages.h"
+#include "catalogue/qel_msg.h"
 
 namespace {
 

@@ -4,9 +4,7 @@
 
 #include <cerrno>
 
-#include "runtime/qel_messages.h"
-
-std::uint32_t qel_get_random_bytes(void* buffer, std::size_t length) noexcept {
+bool qel_get_random_bytes(void* buffer, std::size_t length) noexcept {
     auto* bytes = static_cast<unsigned char*>(buffer);
     while (length > 0) {
         const ssize_t drawn = getrandom(bytes, length, 0);
@@ -14,8 +12,8 @@ std::uint32_t qel_get_random_bytes(void* buffer, std::size_t length) noexcept {
             bytes += drawn;
             length -= static_cast<std::size_t>(drawn);
         } else if (errno != EINTR) {
-            return kStatusNoRandom;
+            return false;
         }
     }
-    return 0;
+    return true;
 }

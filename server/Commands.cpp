@@ -18,13 +18,13 @@
 #include <thread>
 
 #include "runtime/qel_utf8.h"
-#include "server/Authenticator.h"
-#include "server/Beat.h"
-#include "server/HttpServer.h"
-#include "server/Loader.h"
-#include "server/Log.h"
-#include "server/Password.h"
-#include "server/Text.h"
+#include "server/Heartbeat.h"
+#include "server/http/HttpServer.h"
+#include "server/log/Log.h"
+#include "server/log/Text.h"
+#include "server/service/Authenticator.h"
+#include "server/service/Password.h"
+#include "server/store/Loader.h"
 
 namespace dsessd {
 
@@ -124,7 +124,7 @@ int serve(const ServeOptions& options) {
     SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
     HttpServer server(service, log, options.instances, std::move(tls), limits);
     Listener listener(options.listen);
-    const Beat beat(stores, log, options.membership);
+    const Heartbeat beat(stores, log, options.membership);
 
     checkThatItTakesChanges(stores);
     const auto sayReady = [&log, ready = readyLine(options, listener)] {

@@ -5,10 +5,10 @@
 #include <variant>
 #include <vector>
 
-#include "server/Beat.h"
-#include "server/Service.h"
-#include "server/Store.h"
-#include "server/Tls.h"
+#include "server/Heartbeat.h"
+#include "server/http/Tls.h"
+#include "server/service/Service.h"
+#include "server/store/Store.h"
 
 namespace dsessd {
 

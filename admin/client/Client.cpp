@@ -5,9 +5,9 @@
 #include <optional>
 #include <utility>
 
-#include "admin/client/Interruption.h"
+#include "admin/client/request/Interruption.h"
+#include "catalogue/qel_messages.h"
 #include "protocol/protocol.h"
-#include "runtime/qel_messages.h"
 #include "runtime/qel_utf8.h"
 #include "runtime/qel_uuid.h"
 
@@ -109,7 +109,7 @@ Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
     : m_timeout(std::chrono::seconds(timeoutSeconds == 0 ? kDefaultTimeoutSeconds : timeoutSeconds)),
       m_urls(std::move(urls)),
       m_trace(trace),
-      m_tlsPolicy(tlsSettings, trace),
+      m_tlsPolicy(tlsSettings, [trace](const std::string& text) { trace.line(kTraceFailure, text); }),
       m_transport(m_tlsPolicy) {}
 
 std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
-#include "admin/client/AnswerReader.h"
-#include "admin/client/HttpTransport.h"
-#include "admin/client/RequestWriter.h"
 #include "admin/client/Trace.h"
+#include "admin/client/answer/AnswerReader.h"
+#include "admin/client/request/HttpTransport.h"
+#include "admin/client/request/RequestWriter.h"
 
 namespace olmdsess {
 

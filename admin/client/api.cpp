@@ -8,10 +8,10 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/Client.h"
-#include "admin/client/Interruption.h"
-#include "admin/client/TlsProblem.h"
+#include "admin/client/request/Interruption.h"
+#include "admin/client/tls/TlsProblem.h"
+#include "catalogue/qel_messages.h"
 #include "protocol/protocol.h"
-#include "runtime/qel_messages.h"
 
 namespace olmdsess {
 namespace {

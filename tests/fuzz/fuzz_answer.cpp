@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Require.h"
-#include "admin/client/AnswerReader.h"
+#include "admin/client/answer/AnswerReader.h"
 #include "runtime/qel_utf8.h"
 
 using namespace olmdsess;

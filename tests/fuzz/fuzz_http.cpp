@@ -1,7 +1,7 @@
 /// Any bytes as requests of HTTP: however they are cut, the same bodies are found in them, until one is refused.
 
 #include "Require.h"
-#include "server/HttpRequest.h"
+#include "server/http/HttpRequest.h"
 
 using namespace dsessd;
 

@@ -8,9 +8,9 @@
 #include <fstream>
 
 #include "Require.h"
-#include "admin/client/KeyFile.h"
-#include "admin/client/TlsProblem.h"
-#include "runtime/qel_messages.h"
+#include "admin/client/tls/KeyFile.h"
+#include "admin/client/tls/TlsProblem.h"
+#include "catalogue/qel_messages.h"
 
 using namespace olmdsess;
 

@@ -6,9 +6,9 @@
 #include <sstream>
 
 #include "Require.h"
-#include "server/Json.h"
-#include "server/Loader.h"
-#include "server/Service.h"
+#include "server/service/Json.h"
+#include "server/service/Service.h"
+#include "server/store/Loader.h"
 
 // Stands in for the library's, which is slow on purpose.
 extern "C" char* crypt_r(const char* phrase, const char* /*setting*/, crypt_data* memory) noexcept {
@@ -43,7 +43,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string label = server.store->cluster().key.label;
     SecretBuffer request(data, data + size);
     const auto call =
-        server.service.receive(request, {"::1", "[::1]:1", "/CN=peer"}, std::make_shared<dsessd::Patience>());
+        server.service.receive(request, {"::1", "[::1]:1", "/CN=peer"}, std::make_shared<dsessd::RequestDeadlines>());
     for (auto lane = dsessd::Lane::kAtOnce; lane != dsessd::Lane::kDone;) {
         lane = server.service.advance(*call, lane);
     }

@@ -1,10 +1,10 @@
-#include "server/Authenticator.h"
+#include "server/service/Authenticator.h"
 
 #include <gtest/gtest.h>
 
-#include "server/Password.h"
-#include "server/Text.h"
-#include "tests/runtime/Support.h"
+#include "server/log/Text.h"
+#include "server/service/Password.h"
+#include "tests/catalogue/Support.h"
 #include "tests/server/Faults.h"
 
 using namespace dsessd;

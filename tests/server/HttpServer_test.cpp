@@ -1,4 +1,4 @@
-#include "server/HttpServer.h"
+#include "server/http/HttpServer.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -6,9 +6,9 @@
 
 #include <future>
 
-#include "server/FairPool.h"
-#include "server/Spool.h"
-#include "tests/runtime/Support.h"
+#include "server/work/FairPool.h"
+#include "server/work/Spool.h"
+#include "tests/catalogue/Support.h"
 
 using namespace dsessd;
 

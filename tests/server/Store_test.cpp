@@ -1,4 +1,4 @@
-#include "server/Store.h"
+#include "server/store/Store.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -7,7 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
-#include "tests/runtime/Support.h"
+#include "tests/catalogue/Support.h"
 #include "tests/server/Faults.h"
 
 using namespace dsessd;

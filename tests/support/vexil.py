@@ -31,7 +31,7 @@ def end(number=1):
 
 def read_table():
     entry = r'^QEL_(FAILURE|TEXT|FIXED)\(\w+, ([0-9A-F]{8}), "\w*",\s*((?:"(?:[^"\\]|\\.)*"\s*)+)\)'
-    table = (ROOT / "runtime" / "qel_messages.def").read_text(encoding="utf-8")
+    table = (ROOT / "catalogue" / "qel_messages.def").read_text(encoding="utf-8")
     for kind, identifier, text in re.findall(entry, table, re.M):
         yield int(identifier, 16), (identifier + " " if kind == "FAILURE" else "") + ast.literal_eval(f"({text})")
 

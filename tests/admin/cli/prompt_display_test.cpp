@@ -1,4 +1,4 @@
-#include "admin/cli/vexiladmin/PromptDisplay.h"
+#include "admin/cli/shell/PromptDisplay.h"
 
 #include <gtest/gtest.h>
 

@@ -5,7 +5,7 @@ import re
 
 from vexil import ANON, MESSAGES, ROOT, Case, commands
 
-CATALOGUE = (ROOT / "runtime/qel_messages.def").read_text(encoding="utf-8")
+CATALOGUE = (ROOT / "catalogue/qel_messages.def").read_text(encoding="utf-8")
 FIXED = re.findall(r"QEL_FIXED\(\w+, (\w+)", CATALOGUE)
 NAMED = {f"{identifier:08X}": text for identifier, text in MESSAGES.items()}
 TEXTS = sorted(text.removeprefix(name + " ") for name, text in NAMED.items() if name not in FIXED)

@@ -2,13 +2,13 @@
 
 #include <string>
 
-#include "admin/cli/common/TarnAdminConfig.h"
-#include "admin/cli/vexiladmin/TarnAdminCompletion.h"
-#include "admin/cli/vexiladmin/commands/StatelessCommands.h"
-#include "admin/cli/vexiladmin/commands/TarnAdminLogin.h"
+#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/TarnAdminLogin.h"
+#include "admin/cli/config/TarnAdminConfig.h"
+#include "admin/cli/language/TarnAdminCompletion.h"
+#include "catalogue/qel_msg.h"
 #include "protocol/protocol.h"
-#include "runtime/qel_msg.h"
-#include "tests/runtime/Support.h"
+#include "tests/catalogue/Support.h"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <sstream>
 
-#include "admin/client/AnswerReader.h"
+#include "admin/client/answer/AnswerReader.h"
 
 using namespace olmdsess;
 

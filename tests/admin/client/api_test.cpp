@@ -6,7 +6,7 @@
 
 #include <thread>
 
-#include "runtime/qel_messages.h"
+#include "catalogue/qel_messages.h"
 #include "tests/admin/client/Library.h"
 
 namespace {

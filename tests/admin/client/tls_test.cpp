@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "admin/client/DistinguishedName.h"
-#include "admin/client/openssl_ptr.h"
-#include "runtime/qel_messages.h"
+#include "admin/client/tls/DistinguishedName.h"
+#include "admin/client/tls/openssl_ptr.h"
+#include "catalogue/qel_messages.h"
 #include "tests/admin/client/Library.h"
 
 using namespace olmdsess;

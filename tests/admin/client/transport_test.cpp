@@ -6,7 +6,7 @@
 
 #include <string_view>
 
-#include "runtime/qel_messages.h"
+#include "catalogue/qel_messages.h"
 #include "tests/admin/client/Library.h"
 
 // A name server that does not answer, at the place where the C library would ask one.

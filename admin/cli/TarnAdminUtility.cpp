@@ -1,0 +1,388 @@
+#include "admin/cli/TarnAdminUtility.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/TarnAdminListInstances.h"
+#include "admin/cli/commands/TarnAdminLogin.h"
+#include "admin/cli/commands/TarnAdminSetInstance.h"
+#include "admin/cli/shell/LineReader.h"
+#include "admin/cli/shell/QelCmdLine.h"
+#include "admin/cli/shell/TarnAdminInterrupt.h"
+#include "admin/cli/shell/TarnAdminTrace.h"
+#include "admin/cli/show/RecordText.h"
+#include "catalogue/qel_messages.h"
+#include "catalogue/qel_msg.h"
+#include "catalogue/qel_path.h"
+#include "catalogue/qel_strtol.h"
+#include "runtime/QelFileDescriptor.h"
+#include "runtime/SecretBuffer.h"
+#include "runtime/qel_ascii.h"
+#include "runtime/qel_io.h"
+
+constinit const QelString TarnAdminUtility::m_commandOption(QelLiteral("command"));
+constinit const QelString TarnAdminUtility::m_fileOption(QelLiteral("file"));
+constinit const QelString TarnAdminUtility::m_interactiveOption(QelLiteral("interactive"));
+constinit const QelString TarnAdminUtility::m_helpOption(QelLiteral("help"));
+constinit const QelString TarnAdminUtility::m_prompt(QelLiteral("vexiladmin> "));
+constinit const QelString TarnAdminUtility::m_debugEnvName(QelLiteral("VEXILADMIN_DEBUG"));
+
+namespace {
+
+constexpr char kConfigFileName[] = "vexilclicfg.conf";
+/// A longer line of a command file is taken in pieces, each as a line of its own.
+constexpr std::size_t kLongestFileLine = 4095;
+
+/// Creates a command and registers it; `created`, unless null, then points at it.
+template <class Command, class... Argument>
+std::uint32_t addCommand(TarnAdminCmdRegistry& registry, Command** created, Argument... argument) {
+    std::unique_ptr<Command> command;
+    try {
+        command = std::make_unique<Command>(argument...);
+    } catch (const std::bad_alloc&) {
+        qel_fprintf(stderr, kStatusNoMemory);
+        return kStatusNoMemory;
+    }
+    const std::uint32_t status = registry.registerCmd(command.get());
+    if (status != 0) {
+        return status;
+    }
+    if (created != nullptr) {
+        *created = command.get();
+    }
+    static_cast<void>(command.release());
+    return 0;
+}
+
+template <class... Command>
+std::uint32_t addCommands(TarnAdminCmdRegistry& registry) {
+    std::uint32_t status = 0;
+    static_cast<void>((((status = addCommand<Command>(registry, nullptr)) == 0) && ...));
+    return status;
+}
+
+/// Whether standard output and standard error come out in one place.
+bool isOneStream() {
+    struct stat output {};
+    struct stat error {};
+    return fstat(STDOUT_FILENO, &output) == 0 && fstat(STDERR_FILENO, &error) == 0 && output.st_dev == error.st_dev &&
+           output.st_ino == error.st_ino;
+}
+
+/// Shows a status as a message on a line of its own, after all results. `hasCause`: a trace line has told the cause.
+void printStatus(std::uint32_t status, bool hasCause = false) {
+    constexpr std::array kCausedFailures = {kStatusNoLocation, kStatusTlsFailure, kStatusRequestRefused,
+                                            kStatusAnswerNotUnderstood, kStatusKeyFile};
+    const bool isCaused = std::find(kCausedFailures.begin(), kCausedFailures.end(), status) != kCausedFailures.end();
+    qel_flush_output();
+    qel_print_status(stderr, status, isCaused && hasCause && isOneStream() ? kMsgCauseBefore : 0);
+}
+
+std::uint32_t printUsage(const QelCmdLine& cmdLine) {
+    QelStringRef name;
+    cmdLine.getCmdName(&name);
+    qel_fprintf(stdout, kMsgUsage, QelString(name).data());
+    return 0;
+}
+
+std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
+    const auto& invalid = cmdLine.invalidOptions();
+    if (invalid.size() == 0) {
+        return 0;
+    }
+    printUsage(cmdLine);
+    for (const auto& option : invalid) {
+        qel_fprintf(stdout, kMsgUnknownOption, option.key.data());
+        std::fputs("\n", stdout);
+    }
+    return kStatusUnknownName;
+}
+
+/// Passes a status on. A configuration that cannot be loaded is left to the service log, which needs memory too; so
+/// that is said here when there is none.
+std::uint32_t orNoMemory(std::uint32_t status) {
+    if (status == kStatusNoMemory) {
+        printStatus(status);
+    }
+    return status;
+}
+
+/// Overwrites what calls that have returned left on the stack, such as a request with a password.
+[[gnu::noinline]] void wipeDeadStack() {
+    char area[128 * 1024];
+    explicit_bzero(area, sizeof(area));
+}
+
+bool isEndWord(const char* line) {
+    return qel_ascii_equal(line, "exit") || qel_ascii_equal(line, "quit");
+}
+
+}  // namespace
+
+TarnAdminUtility::~TarnAdminUtility() {
+    shutdown();
+}
+
+std::uint32_t TarnAdminUtility::initialize() {
+    shutdown();
+    QelString path = qel_get_path(kPathConfiguration);
+    path.append(kConfigFileName);
+    std::uint32_t status = orNoMemory(TarnAdminConfig::initialize(path.data(), true));
+    if (status == 0) {
+        status = setDebugLevel();
+    }
+    if (status == 0) {
+        status = registerCommands();
+    }
+    if (status == 0) {
+        status = orNoMemory(m_setInstanceCmd->initialize());
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminUtility::shutdown() {
+    m_loginCmd = nullptr;
+    m_setInstanceCmd = nullptr;
+    return m_cmdRegistry.shutdown();
+}
+
+std::uint32_t TarnAdminUtility::setDebugLevel() {
+    const char* value = std::getenv(m_debugEnvName.data());
+    if (value == nullptr || qel_strtol(value, 10, &g_debugLevel) == 0) {
+        return 0;
+    }
+    qel_fprintf(stderr, kMsgInvalidNumber, value, m_debugEnvName.data(), m_debugEnvName.data());
+    return kStatusInvalidNumber;
+}
+
+// The latest registered is listed first, so the order here is that of the listing, reversed.
+std::uint32_t TarnAdminUtility::registerCommands() {
+    TarnAdminConfig* config = this;
+    std::uint32_t status = addCommands<TarnAdminReplicaSetList, TarnAdminReplicaSetShow, TarnAdminRealmList,
+                                       TarnAdminRealmShow, TarnAdminKeyShow, TarnAdminKeyChange, TarnAdminSessList,
+                                       TarnAdminSessTerminate, TarnAdminSessTerminateAll, TarnAdminSessRefresh,
+                                       TarnAdminSessRefreshAll, TarnAdminTraceSet, TarnAdminTraceGet>(m_cmdRegistry);
+    if (status == 0) {
+        status = addCommand<TarnAdminListInstances>(m_cmdRegistry, nullptr, config);
+    }
+    if (status == 0) {
+        status = addCommand(m_cmdRegistry, &m_loginCmd);
+    }
+    if (status == 0) {
+        status = addCommand(m_cmdRegistry, &m_setInstanceCmd, config);
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
+    QelCmdLine cmdLine;
+    if (const std::uint32_t status = cmdLine.initialize(argc, argv); status != 0) {
+        printStatus(status);
+        return status;
+    }
+    if (cmdLine.findOption(m_helpOption, nullptr) == 0) {
+        printUsage(cmdLine);
+        qel_fprintf(stdout, kMsgUsageOptions);
+        return 0;
+    }
+    for (const QelString* option : {&m_commandOption, &m_fileOption, &m_interactiveOption}) {
+        cmdLine.validated(option->view());
+    }
+    if (const std::uint32_t status = refuseInvalidOptions(cmdLine); status != 0) {
+        return status;
+    }
+    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kRun);
+    bool ran = false;
+    if (const std::uint32_t status = runArguments(argc, argv, ran); status != 0) {
+        return status;
+    }
+    QelStringRef interactive;
+    if (cmdLine.findOption(m_interactiveOption, &interactive) != 0) {
+        return ran ? 0 : processInteractiveMode();
+    }
+    switch (interactive.empty() ? '\0' : qel_ascii_upper(interactive.data()[0])) {
+        case 'Y':
+            return processInteractiveMode();
+        case 'N':
+            return 0;
+        default:
+            return refuseValue(m_interactiveOption.data());
+    }
+}
+
+std::uint32_t TarnAdminUtility::runArguments(int argc, char** argv, bool& ran) {
+    for (int i = 0; i + 1 < argc; ++i) {
+        if (argv[i][0] != '-') {
+            continue;
+        }
+        std::uint32_t status = 0;
+        if (m_fileOption.view() == argv[i] + 1) {
+            status = processCmdFile(argv[++i]);
+        } else if (m_commandOption.view() == argv[i] + 1) {
+            status = processCmd(argv[++i]);
+            if (kindOf(argv[i]) == TarnAdminPrompt::Kind::kLoginWithPassword) {
+                explicit_bzero(argv[i], std::strlen(argv[i]));
+            }
+        } else {
+            continue;
+        }
+        if (status != 0) {
+            return status;
+        }
+        ran = true;
+    }
+    return 0;
+}
+
+std::uint32_t TarnAdminUtility::processCmd(const char* text) {
+    QelString line;
+    TarnAdminCmdTokens words;
+    std::uint32_t status = line.set(text, QelString::kFromLocale);
+    if (status == 0) {
+        olmdsess_admin_client_trace(3, "Processing the command: %s\n", line.data());
+        status = words.set(line.data());
+    }
+    if (status != 0) {
+        qel_fprintf(stderr, status);
+        return status;
+    }
+    TarnAdminCmd* command = m_cmdRegistry.locateCmd(words);
+    if (command == nullptr) {
+        return kStatusNoCommand;
+    }
+    return runCommand(*command, words);
+}
+
+std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words) {
+    if (command.effect() == TarnAdminCmd::Effect::kChanges) {
+        qel_flush_output();  // whatever ends the run now, what was done before is told
+    }
+    g_toldCause = false;
+    std::uint32_t status = 0;
+    try {
+        const TarnAdminInterrupt::Running running;
+        status = command.executeCmd(m_setInstanceCmd->handle(), m_loginCmd->secInfo(), words);
+    } catch (const std::bad_alloc&) {
+        status = kStatusNoMemory;
+    }
+    if (m_loginCmd->secInfo().password != nullptr) {
+        wipeDeadStack();
+    }
+    if (status != 0) {
+        printStatus(status, g_toldCause);
+    }
+    TarnAdminInterrupt::endProgram(status != 0);
+    return status;
+}
+
+TarnAdminPrompt::Kind TarnAdminUtility::kindOf(const char* line) const {
+    TarnAdminCmdTokens words;
+    if (words.set(line) != 0 || m_loginCmd->matchCmd(words) > MatchAbbreviated) {
+        return TarnAdminPrompt::Kind::kOther;
+    }
+    return words.tokens() == 3 ? TarnAdminPrompt::Kind::kLoginWithPassword : TarnAdminPrompt::Kind::kLogin;
+}
+
+std::uint32_t TarnAdminUtility::processLine(char* line) {
+    if (line == nullptr || line[0] == '\0' || line[0] == '#') {
+        return 0;
+    }
+    std::size_t length = std::strlen(line);
+    while (length > 0 && (line[length - 1] == '\n' || line[length - 1] == '\r')) {
+        line[--length] = '\0';
+    }
+    if (isEndWord(line)) {
+        return kStatusEndOfInput;
+    }
+    return length == 0 ? 0 : processCmd(line);
+}
+
+std::uint32_t TarnAdminUtility::processInteractiveMode() {
+    // The line editor is for terminals: elsewhere it would drop bytes that are no characters of the locale, and so make
+    // another name of a name.
+    const bool exited = isatty(STDIN_FILENO) != 0 ? processEditedLines() : processInputLines();
+    if (!exited) {
+        std::fputs("\n", stdout);
+    }
+    return 0;
+}
+
+bool TarnAdminUtility::processEditedLines() {
+    const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kPrompt);
+    TarnAdminPrompt prompt(m_prompt.view(), [this](std::string_view before) { return complete(before); });
+    SecretText line;
+    bool exited = false;
+    while (!exited && prompt.read(line)) {
+        exited = processLine(line.data()) == kStatusEndOfInput;
+        line.resize(std::strlen(line.c_str()));
+        prompt.remember(line, kindOf(line.c_str()));
+    }
+    return exited;
+}
+
+TarnAdminCompletion TarnAdminUtility::complete(std::string_view before) const {
+    return completeLine(m_cmdRegistry, before, [this](const TarnAdminCmd& command) {
+        std::vector<std::string> names;
+        if (&command == m_setInstanceCmd) {
+            for (const auto& instance : instanceTable()) {
+                names.emplace_back(instance.key.data());
+            }
+        }
+        return names;
+    });
+}
+
+bool TarnAdminUtility::processInputLines() {
+    // A login reads its password from the line that follows.
+    LineReader input(STDIN_FILENO, LineReader::kNoLimit, LineReader::Ahead::kNever);
+    SecretText line;
+    bool exited = false;
+    while (!exited && input.next(line)) {
+        exited = processLine(line.data()) == kStatusEndOfInput;
+    }
+    if (input.error() != 0) {
+        qel_flush_output();
+        qel_fprintf(stderr, kMsgInputRead, input.error());
+    }
+    return exited;
+}
+
+std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
+    const QelFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file.isOpen()) {
+        const int error = errno;
+        qel_flush_output();
+        qel_fprintf(stderr, kMsgCommandFileOpen, path, error);
+        return kStatusCommandFile;
+    }
+    // What is no regular file may be standard input under another name, from which a login reads its password.
+    struct stat info {};
+    const bool isRegular = fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
+    LineReader input(file.get(), kLongestFileLine, isRegular ? LineReader::Ahead::kAllowed : LineReader::Ahead::kNever);
+    SecretText line;
+    while (input.next(line)) {
+        const std::uint32_t status = processLine(line.data());
+        if (status != 0) {
+            return status == kStatusEndOfInput ? 0 : status;
+        }
+    }
+    if (input.error() != 0) {
+        qel_flush_output();
+        qel_fprintf(stderr, kMsgCommandFileRead, path, input.error());
+    }
+    return 0;
+}

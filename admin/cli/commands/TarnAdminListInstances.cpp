@@ -1,0 +1,18 @@
+#include "admin/cli/commands/TarnAdminListInstances.h"
+
+#include <cstdio>
+
+#include "admin/cli/show/RecordText.h"
+
+constinit const QelString TarnAdminListInstances::m_cmdFormat(QelLiteral("instances list"));
+
+TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
+    : TarnAdminCmd(m_cmdFormat.data()), m_config(config) {}
+
+std::uint32_t TarnAdminListInstances::executeCmd(void* const& /*handle*/, olm_dsess_admin_sec_info_t const& /*secInfo*/,
+                                                 TarnAdminCmdTokens const& /*tokens*/) {
+    for (const auto& instance : m_config->instanceTable()) {
+        std::printf("%s\n", RecordText(instance.key.data()).data());
+    }
+    return 0;
+}

@@ -1,0 +1,32 @@
+/// login: takes on an administrator's identity. Owns the security information that every command sends.
+#pragma once
+
+#include "admin/cli/language/TarnAdminCmd.h"
+#include "catalogue/QelString.h"
+
+class TarnAdminLogin : public TarnAdminCmd {
+  public:
+    TarnAdminLogin();
+
+    /// Replaces the identity and asks the server whether it holds. An identity that the server refuses stays in force;
+    /// a login that fails before it has a whole identity leaves the former one.
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) override;
+
+    /// The identity in force: the anonymous user until the first login.
+    olm_dsess_admin_sec_info_t const& secInfo() const { return m_secInfo; }
+
+  private:
+    /// Reads a password from standard input, without echo on a terminal.
+    [[nodiscard]] static std::uint32_t promptForPassword(QelString& password);
+    /// 64 random bytes in base64, followed by a UUID: no two logins share one.
+    [[nodiscard]] static std::uint32_t makeLoginId(QelString& loginId);
+
+    static const QelString m_cmdFormat;
+    static const QelString m_anonUserName;
+
+    QelString m_userName;
+    QelString m_password;
+    QelString m_loginId;
+    olm_dsess_admin_sec_info_t m_secInfo{};
+};

@@ -1,0 +1,283 @@
+#include "admin/cli/config/TarnAdminConfig.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+
+#include "catalogue/QelStringIter.h"
+#include "catalogue/qel_messages.h"
+#include "catalogue/qel_strtol.h"
+#include "catalogue/qel_svc.h"
+#include "runtime/qel_ascii.h"
+
+constinit const QelString TarnAdminConfig::m_tarnStanzaName(QelLiteral("tarn"));
+constinit const QelString TarnAdminConfig::m_locationEntryName(QelLiteral("location"));
+constinit const QelString TarnAdminConfig::m_instancesEntryName(QelLiteral("instances"));
+constinit const QelString TarnAdminConfig::m_timeoutEntryName(QelLiteral("timeout"));
+constinit const QelString TarnAdminConfig::m_serverDNsEntryName(QelLiteral("server-dns"));
+constinit const QelString TarnAdminConfig::m_fipsEnabledEntryName(QelLiteral("ssl-fips-enabled"));
+constinit const QelString TarnAdminConfig::m_keyFileEntryName(QelLiteral("ssl-keyfile"));
+constinit const QelString TarnAdminConfig::m_keyFileStashEntryName(QelLiteral("ssl-keyfile-stash"));
+constinit const QelString TarnAdminConfig::m_keyFileLabelEntryName(QelLiteral("ssl-keyfile-label"));
+
+namespace {
+
+constinit const QelString httpsScheme(QelLiteral("https://"));
+constinit const QelString httpScheme(QelLiteral("http://"));
+
+constexpr char kServicePath[] = "/services/DSessAdmin";
+constexpr char kProxySuffix[] = "Proxy";
+constexpr char kSeparator[] = ",";
+constexpr std::uint32_t kInstanceBuckets = 29;
+
+struct StanzaFileCloser {
+    void operator()(qelStanzaFile* file) const { qelStzFileClose(file); }
+};
+using StanzaFile = std::unique_ptr<qelStanzaFile, StanzaFileCloser>;
+
+void freeList(olm_dsess_admin_mv_string_t& list) {
+    if (list.values == nullptr) {
+        return;
+    }
+    for (std::int32_t i = 0; i < list.count; ++i) {
+        std::free(list.values[i]);
+    }
+    std::free(static_cast<void*>(list.values));
+    list = {0, nullptr};
+}
+
+void freeText(char*& text) {
+    std::free(text);
+    text = nullptr;
+}
+
+std::uint32_t noMemory(int line) {
+    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "", kSvcGeneral, kSvcError, kStatusNoMemory);
+    return kStatusNoMemory;
+}
+
+std::uint32_t copyText(const QelString& text, char*& copy) {
+    copy = strdup(text.data());
+    return copy == nullptr ? noMemory(__LINE__) : 0;
+}
+
+/// The URLs of one instance, without the suffix, separated by commas.
+QelString joinURLs(const QelString& locations, const QelString& scheme, const QelStringRef& instance) {
+    QelString urls;
+    QelStringIter iter(locations, kSeparator, true);
+    for (QelStringRef location; iter.next(location);) {
+        if (!urls.empty()) {
+            urls.append(kSeparator);
+        }
+        urls.append(scheme.view());
+        urls.append(location.view());
+        urls.append("/");
+        urls.append(instance.view());
+        urls.append(kServicePath);
+    }
+    return urls;
+}
+
+/// Tells the service log about an oddity of the configuration that is no failure.
+void takeNotice(int line, std::uint32_t message, const char* insert) {
+    qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
+}
+
+/// Whether a value of ssl-fips-enabled is meant to switch FIPS mode off. Others that do not switch it on are mistakes.
+bool saysNo(std::string_view value) {
+    const char first = value.empty() ? 'N' : qel_ascii_upper(value[0]);
+    return first == 'N' || first == 'F' || (first == 'O' && value.size() > 1 && qel_ascii_upper(value[1]) == 'F');
+}
+
+}  // namespace
+
+TarnAdminConfig::ServerURLs::~ServerURLs() {
+    freeList(*this);
+}
+
+TarnAdminConfig::~TarnAdminConfig() {
+    shutdown();
+}
+
+std::uint32_t TarnAdminConfig::initialize(const char* path, bool proxy) {
+    shutdown();
+    std::uint32_t status = 0;
+    const StanzaFile file(qelStzFileOpen(path, &status));
+    if (status != 0) {
+        return status;
+    }
+    return loadEntries(file.get(), proxy);
+}
+
+std::uint32_t TarnAdminConfig::shutdown() {
+    m_instanceTable.clear();
+    freeList(m_sslInfo.server_dns);
+    freeText(m_sslInfo.keyfile);
+    freeText(m_sslInfo.keyfile_stash);
+    freeText(m_sslInfo.keyfile_label);
+    return 0;
+}
+
+// The order of the entries decides which error is reported when several are wrong.
+std::uint32_t TarnAdminConfig::loadEntries(qelStanzaFile* file, bool proxy) {
+    QelString keyFile;
+    const bool ssl = loadData(file, m_keyFileEntryName, true, keyFile) == 0;
+    QelString locations;
+    QelString instances;
+    std::uint32_t status = loadData(file, m_locationEntryName, false, locations);
+    if (status == 0) {
+        status = loadData(file, m_instancesEntryName, false, instances);
+    }
+    if (status == 0) {
+        status = loadInstances(locations, instances, ssl ? httpsScheme : httpScheme, proxy ? kProxySuffix : nullptr);
+    }
+    if (status == 0) {
+        status = loadTimeout(file);
+    }
+    if (status == 0 && ssl) {
+        status = loadSslInfo(file);
+    } else if (status == 0) {
+        watchUnusedSsl(file);
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminConfig::loadInstances(const QelString& locations, const QelString& instances,
+                                             const QelString& scheme, const char* suffix) {
+    std::uint32_t status = m_instanceTable.setUp(kInstanceBuckets);
+    QelStringIter iter(instances, kSeparator, true);
+    for (QelStringRef name; status == 0 && iter.next(name);) {
+        if (m_defaultInstance.empty()) {
+            m_defaultInstance = QelString(name);
+        }
+        auto urls = std::make_unique<ServerURLs>();
+        status = convertToMV(joinURLs(locations, scheme, name), suffix, *urls);
+        if (status == 0) {
+            status = m_instanceTable.insert(std::make_unique<QelString>(name), std::move(urls));
+        }
+    }
+    return status;
+}
+
+std::uint32_t TarnAdminConfig::loadTimeout(qelStanzaFile* file) {
+    QelString value;
+    if (const std::uint32_t status = loadData(file, m_timeoutEntryName, false, value); status != 0) {
+        return status;
+    }
+    if (qel_strtol(value.data(), 10, &m_timeout) != 0 || m_timeout < 0) {
+        qel_svc_printf_withfile(QelSvcHandle::kDeployment, __FILE__, __LINE__, "%s%s%s", kSvcConfiguration,
+                                kSvcErrorExit, kMsgInvalidNumber, value.data(), m_timeoutEntryName.data(),
+                                m_timeoutEntryName.data());
+        return kStatusInvalidNumber;
+    }
+    return 0;
+}
+
+std::uint32_t TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
+    QelString value;
+    if (loadData(file, m_serverDNsEntryName, true, value) == 0) {
+        if (const std::uint32_t status = convertToMV(value, nullptr, m_sslInfo.server_dns); status != 0) {
+            return status;
+        }
+    }
+    loadFipsMode(file);
+    std::uint32_t status = loadData(file, m_keyFileEntryName, false, value);
+    if (status == 0) {
+        status = copyText(value, m_sslInfo.keyfile);
+    }
+    if (status == 0) {
+        status = loadData(file, m_keyFileStashEntryName, false, value);
+    }
+    if (status == 0) {
+        status = copyText(value, m_sslInfo.keyfile_stash);
+    }
+    if (status == 0 && loadData(file, m_keyFileLabelEntryName, true, value) == 0) {
+        status = copyText(value, m_sslInfo.keyfile_label);
+    }
+    return status;
+}
+
+void TarnAdminConfig::loadFipsMode(qelStanzaFile* file) {
+    QelString value;
+    m_sslInfo.fips_enabled = 0;
+    if (loadData(file, m_fipsEnabledEntryName, true, value) != 0) {
+        return;
+    }
+    const char first = qel_ascii_upper(value.data()[0]);
+    m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
+    if (m_sslInfo.fips_enabled == 0 && !saysNo(value.view())) {
+        takeNotice(__LINE__, kMsgFipsNotAsked, value.data());
+    }
+}
+
+void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
+    const QelString* const names[] = {&m_serverDNsEntryName, &m_keyFileStashEntryName, &m_keyFileLabelEntryName};
+    for (std::uint32_t status = qelStzMoveStanza(file, m_tarnStanzaName.data());
+         status == 0 && qelStzEntryName(file) != nullptr; status = qelStzMoveNextEntry(file)) {
+        const std::string_view name = qelStzEntryName(file);
+        const std::string_view value = qelStzEntryValue(file);
+        const bool isSsl =
+            std::any_of(std::begin(names), std::end(names), [&](const auto* one) { return one->view() == name; });
+        if (name == m_keyFileEntryName.view() || (isSsl && !value.empty()) ||
+            (name == m_fipsEnabledEntryName.view() && !saysNo(value))) {
+            takeNotice(__LINE__, kMsgSslNotUsed, qelStzFileName(file));
+            return;
+        }
+    }
+}
+
+std::uint32_t TarnAdminConfig::loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value) {
+    value.clear();
+    std::uint32_t status = qelStzMoveStanza(file, m_tarnStanzaName.data());
+    while (status == 0 && qelStzEntryName(file) != nullptr) {
+        if (entry.view() == qelStzEntryName(file)) {
+            if (!value.empty()) {
+                value.append(kSeparator);
+            }
+            value.append(qelStzEntryValue(file));
+        }
+        status = qelStzMoveNextEntry(file);
+    }
+    if (!value.empty()) {
+        return 0;
+    }
+    if (!optional) {
+        qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, __LINE__, "%s%s%s", kSvcGeneral, kSvcError,
+                                kMsgEntryMissing, m_tarnStanzaName.data(), qelStzFileName(file), entry.data());
+    }
+    return kStatusEntryMissing;
+}
+
+std::uint32_t TarnAdminConfig::convertToMV(const QelString& list, const char* suffix,
+                                           olm_dsess_admin_mv_string_t& record) {
+    QelStringIter iter(list, kSeparator, true);
+    record.count = static_cast<std::int32_t>(iter.count());
+    record.values = nullptr;
+    if (record.count == 0) {
+        return 0;
+    }
+    record.values = static_cast<char**>(std::calloc(iter.count(), sizeof(char*)));
+    if (record.values == nullptr) {
+        record.count = 0;
+        return noMemory(__LINE__);
+    }
+    const std::string_view tail = suffix != nullptr ? suffix : "";
+    char** next = record.values;
+    for (QelStringRef piece; iter.next(piece); ++next) {
+        *next = static_cast<char*>(std::malloc(piece.length() + tail.length() + 1));
+        if (*next == nullptr) {
+            return noMemory(__LINE__);
+        }
+        char* end = *next;
+        end += piece.view().copy(end, piece.length());
+        end += tail.copy(end, tail.length());
+        *end = '\0';
+    }
+    return 0;
+}
+
+const TarnAdminConfig::ServerURLs* TarnAdminConfig::serverURLs(const char* instance) const {
+    return m_instanceTable.find(instance != nullptr ? QelString(instance) : m_defaultInstance);
+}

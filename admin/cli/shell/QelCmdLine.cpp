@@ -1,0 +1,73 @@
+#include "admin/cli/shell/QelCmdLine.h"
+
+#include <algorithm>
+
+#include "catalogue/qel_messages.h"
+
+namespace {
+
+constexpr std::uint32_t kInvalidBuckets = 29;
+
+std::string_view lastComponent(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+}  // namespace
+
+std::uint32_t QelCmdLine::initialize(int argc, const char* const* argv) {
+    m_options.clear();
+    if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
+        m_cmdName = {};
+        return kStatusCommandLine;
+    }
+    m_cmdName = lastComponent(argv[0]);
+    for (int index = 1; index < argc; ++index) {
+        const std::string_view argument(argv[index]);
+        if (argument.size() < 2 || argument.front() != '-') {
+            continue;
+        }
+        Option option{argument.substr(1), {}};
+        if (index + 1 < argc && argv[index + 1][0] != '-') {
+            option.value = argv[++index];
+        }
+        m_options.push_back(option);
+    }
+    return 0;
+}
+
+void QelCmdLine::getCmdName(QelStringRef* name) const {
+    *name = m_cmdName;
+}
+
+std::uint32_t QelCmdLine::findOption(const QelString& name, QelStringRef* value) const {
+    const auto found = std::find_if(m_options.begin(), m_options.end(),
+                                    [&](const Option& option) { return option.name == name.view(); });
+    if (found == m_options.end()) {
+        return kStatusUnknownName;
+    }
+    if (value != nullptr) {
+        *value = found->value;
+    }
+    return 0;
+}
+
+void QelCmdLine::validated(const QelStringRef& name) {
+    m_validated.push_back(name.view());
+}
+
+const QelHashTable<QelString, QelString>& QelCmdLine::invalidOptions() {
+    if (m_invalid.setUp(kInvalidBuckets) != 0) {
+        throw std::bad_alloc();
+    }
+    for (const Option& option : m_options) {
+        auto name = std::make_unique<QelString>(option.name);
+        if (std::find(m_validated.begin(), m_validated.end(), option.name) != m_validated.end() ||
+            m_invalid.find(*name) != nullptr) {
+            continue;
+        }
+        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(option.value)) != 0) {
+            throw std::bad_alloc();
+        }
+    }
+    return m_invalid;
+}

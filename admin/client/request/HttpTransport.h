@@ -1,0 +1,78 @@
+/// One attempt to have a request answered by one location, over HTTP/1.1 (RFC 9112).
+#pragma once
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "admin/client/answer/AnswerReader.h"
+#include "admin/client/tls/TlsPolicy.h"
+#include "runtime/SecretBuffer.h"
+
+namespace olmdsess {
+
+using Clock = std::chrono::steady_clock;
+
+/// Why an attempt failed.
+enum class AttemptFailure {
+    kNone,
+    kUnreachable,    ///< no name, no connection, or one that ended before an answer began
+    kTimedOut,       ///< too slow, at whatever stage
+    kTls,            ///< no secure connection, or our certificate was refused
+    kRefused,        ///< HTTP status 4xx: the server did not take the request
+    kBusy,           ///< HTTP status 503: it did not take it now
+    kNotServed,      ///< HTTP status 404: it is no session server, or has not this instance
+    kFailed,         ///< HTTP status 5xx otherwise: nobody knows how far it came
+    kNotUnderstood,  ///< what came is not an answer
+    kNoMemory,       ///< memory ran out, with no cause in words
+    kInterrupted,    ///< given up because someone asked for it (Interruption.h)
+};
+
+struct Attempt {
+    AttemptFailure failure = AttemptFailure::kNone;
+    std::string cause{};  ///< in words, when it failed
+    /// Whether a server can have carried the request out. Once a byte of it left, only a server that refuses it by its
+    /// HTTP status says that it did not, or one that turns our certificate down in TLS 1.3, which reads none of it.
+    bool mayHaveActed = false;
+    Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
+};
+
+/// When to give up.
+struct AttemptLimits {
+    Clock::time_point end;  ///< no answer by then
+    /// Half of what is left when the request leaves is enough to wait for the answer: the rest is for asking again.
+    bool leavesTime;
+    /// Whether the answer may be long. Once it has begun, it may then take as long as it flows.
+    bool mayFlow;
+    /// A body that brings nothing for so long, or less than kLeastBytesPerSecond over so long, has stopped.
+    Clock::duration silence;
+};
+
+inline constexpr long kLeastBytesPerSecond = 1024;
+
+/// Sends requests, and keeps the connection of the last answer for the next one. After fork(2) a child process makes
+/// connections of its own.
+class HttpTransport {
+  public:
+    /// The policy is kept. Nothing is made before the first attempt: not every run has one.
+    explicit HttpTransport(const TlsPolicy& policy);
+    ~HttpTransport();
+    HttpTransport(const HttpTransport&) = delete;
+    HttpTransport& operator=(const HttpTransport&) = delete;
+
+    /// Posts `body` to `url` and has the answer's bytes read by `reader`, which is new, and finished after success. A
+    /// kept connection that turns out to be closed is made anew, and the request sent again.
+    Attempt post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits,
+                 AnswerReader& reader) noexcept;
+
+  private:
+    class Wires;
+
+    /// Ends an attempt that an exception has left. What it used may be in any state.
+    Attempt abandon(Attempt attempt) noexcept;
+
+    const TlsPolicy& m_policy;
+    std::unique_ptr<Wires> m_wires;  // null: to be made by the next attempt
+};
+
+}  // namespace olmdsess

@@ -1,0 +1,34 @@
+/// What a key file holds, before it is known what belongs together.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "admin/client/tls/openssl_ptr.h"
+#include "runtime/SecretBuffer.h"
+
+namespace olmdsess {
+
+/// Thrown to say what is wrong with a file, as it follows the file's name: "is damaged".
+struct UnusableFile {
+    std::string why;
+};
+
+struct KeyFileContents {
+    template <class Owner>
+    struct Labelled {
+        Owner object;
+        std::string label;
+    };
+
+    std::vector<Labelled<CertificatePtr>> certificates;  ///< an export may hold the same one twice
+    std::vector<Labelled<PrivateKeyPtr>> keys;
+    bool hasPlainKey = false;  ///< whoever reads the file has a private key
+    bool isSealed = false;     ///< nobody changes it unnoticed without its password
+};
+
+/// Reads the whole of a PKCS#12 or PEM file, and refuses what it does not understand with the line of PEM or the number
+/// of the PKCS#12 bag, counted from 1. Throws UnusableFile, std::bad_alloc.
+KeyFileContents readKeyFileContents(const SecretBuffer& bytes, SecretBuffer& password);
+
+}  // namespace olmdsess

@@ -1,0 +1,154 @@
+/// One client's connection: a coroutine that reads from top to bottom (HttpConnection::live()), and a deadline for
+/// whatever it waits for.
+#pragma once
+
+#include <boost/asio/awaitable.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "server/http/HeadCheck.h"
+#include "server/http/HttpLimits.h"
+#include "server/log/Log.h"
+#include "server/service/Repeats.h"
+#include "server/work/Lanes.h"
+
+namespace dsessd {
+
+class HttpRequest;
+
+/// What all connections share.
+struct HttpSetting {
+    Lanes& lanes;
+    Log& log;
+    const HttpLimits limits;
+    /// What may be posted to.
+    std::vector<std::string> paths;
+    /// Null: plain HTTP.
+    std::unique_ptr<boost::asio::ssl::context> tls;
+    /// The server stops: whatever is done ends by then.
+    std::atomic<std::chrono::steady_clock::time_point> stop = std::chrono::steady_clock::time_point::max();
+    Repeats failedHandshakes{};
+};
+
+/// Used by one thread, the one that runs its context.
+class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Context = boost::asio::io_context;
+
+    /// Takes the socket, an accepted and open one. `onEnd` is called once, when all is over.
+    HttpConnection(HttpSetting& setting, Context& context, QelFileDescriptor socket,
+                   std::function<void(HttpConnection&)> onEnd);
+    HttpConnection(const HttpConnection&) = delete;
+    HttpConnection& operator=(const HttpConnection&) = delete;
+    ~HttpConnection();
+
+    /// `isTurnedAway`: answers that the server is busy, without waiting for a request.
+    void start(bool isTurnedAway);
+    /// To be called every now and then: ends what takes too long.
+    void tick(Clock::time_point now);
+
+    enum class Doing {
+        kHandshake,
+        kIdle,     ///< waits for a request
+        kReading,  ///< a request has begun to arrive
+        kWorking,  ///< the answer, or more of it, is being made
+        kHeldBack,
+        kWriting,
+        kEnding,
+    };
+    Doing doing() const { return m_doing; }
+    /// Whose it is.
+    const std::string& host() const { return m_peer.host; }
+    /// When it began to wait for its client.
+    Clock::time_point since() const { return m_since; }
+    /// Whether it was told to end soon.
+    bool isLeaving() const { return m_close; }
+
+    /// Lets a request that has arrived be answered, and no other arrive.
+    void letGo();
+    /// The server stops: whatever is done ends by then.
+    void stopBy(Clock::time_point moment);
+    /// Ends it at once: whatever it waits for fails.
+    void cutOff();
+
+  private:
+    using Error = boost::system::error_code;
+    using Executor = Context::executor_type;
+    using Socket = boost::asio::basic_stream_socket<boost::asio::ip::tcp, Executor>;
+    using Timer = boost::asio::basic_waitable_timer<Clock, boost::asio::wait_traits<Clock>, Executor>;
+    template <typename Result>
+    using Awaitable = boost::asio::awaitable<Result, Executor>;
+    class Ending;
+    /// So that no operation fails to begin for want of memory, which its coroutine could not be told.
+    struct OperationMemory {
+        alignas(std::max_align_t) std::array<std::byte, 1024> block;
+        bool isUsed = false;
+    };
+    template <typename Element>
+    class OperationAllocator;
+
+    Awaitable<void> live(std::shared_ptr<HttpConnection> self, bool isTurnedAway);
+    Awaitable<bool> shakeHands();
+    Awaitable<void> serve();
+    Awaitable<void> receiveRequest(HttpRequest& request);
+    Awaitable<void> answer(HttpRequest& request);
+    Awaitable<void> sendRest(Spool& rest, bool chunked);
+    Awaitable<void> refuse(int status);
+    Awaitable<void> closeGently();
+
+    Awaitable<std::size_t> receive(boost::asio::mutable_buffer room);
+    Awaitable<void> send(std::string_view bytes);
+    Awaitable<void> pause();
+    void wake();
+    auto into(Error& error);
+
+    void become(Doing doing, Clock::duration mostTime);
+    void beginWriting();
+    std::string headOf(int status, std::optional<std::size_t> length, bool chunked) const;
+    Clock::time_point answerDeadline() const;
+    bool hasLeft() const;
+    /// Whether nothing more can be sent.
+    bool isOver() const { return m_ended || m_error; }
+
+    HttpSetting& m_setting;
+    Context& m_context;
+    OperationMemory m_operation;
+    Socket m_socket;
+    std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
+    /// Never expires: pause() waits for it until wake() ends that.
+    Timer m_pause;
+    const std::function<void(HttpConnection&)> m_onEnd;
+    Peer m_peer;
+
+    Doing m_doing = Doing::kIdle;
+    Clock::time_point m_since = Clock::now();
+    Clock::time_point m_deadline = Clock::time_point::max();
+    bool m_timedOut = false;
+    bool m_close = false;
+    bool m_ended = false;
+    /// What the last that was received or sent has failed of.
+    Error m_error;
+
+    std::array<char, HeadCheck::kMaxHeadBytes> m_buffer{};
+    std::size_t m_at = 0;
+    std::size_t m_end = 0;
+    std::shared_ptr<RequestDeadlines> m_deadlines;
+    /// Without the times when the client was waiting.
+    Clock::time_point m_answerStart;
+    std::size_t m_answerBytes = 0;
+};
+
+}  // namespace dsessd

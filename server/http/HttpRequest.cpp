@@ -1,0 +1,117 @@
+#include "server/http/HttpRequest.h"
+
+#include <algorithm>
+
+#include "protocol/protocol.h"
+#include "runtime/qel_ascii.h"
+
+namespace dsessd {
+
+namespace {
+
+namespace http = boost::beast::http;
+
+/// The end of a chunk and the line that gives the size of the next one.
+constexpr std::size_t kMaxChunkLineBytes = 64;
+constexpr std::size_t kLastChunkBytes = std::string_view("0\r\n\r\n").size();
+
+std::string_view viewOf(boost::beast::string_view text) {
+    return {text.data(), text.size()};
+}
+
+bool hasBareLineFeed(std::string_view text) {
+    for (std::size_t at = text.find('\n'); at != text.npos; at = text.find('\n', at + 1)) {
+        if (at == 0 || text[at - 1] != '\r') {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+void HttpRequest::RefuseExtension::operator()(std::uint64_t, boost::beast::string_view extension,
+                                              boost::beast::error_code& error) const {
+    if (!extension.empty()) {
+        error = http::error::bad_chunk_extension;
+    }
+}
+
+HttpRequest::HttpRequest(const std::vector<std::string>& paths) : m_paths(paths) {
+    m_parser.header_limit(HeadCheck::kMaxHeadBytes);
+    m_parser.body_limit(boost::none);  // comes last of what is looked at
+    m_parser.on_chunk_header(m_refuseExtension);
+}
+
+std::size_t HttpRequest::take(std::string_view bytes) {
+    return m_parser.is_header_done() ? takeBody(bytes) : takeHead(bytes);
+}
+
+std::size_t HttpRequest::takeHead(std::string_view bytes) {
+    m_refusal = m_check.take(bytes);
+    const std::size_t length = m_check.length();
+    if (m_refusal != 0 || length == 0) {
+        return 0;
+    }
+    if (parse(bytes.substr(0, length)) != length && m_refusal == 0) {
+        m_refusal = 400;
+    }
+    if (m_refusal == 0) {
+        m_refusal = refusalOfHead();
+        m_parser.body_limit(protocol::kMaxRequestBytes);
+        m_parser.eager(true);
+        m_fields = std::distance(m_parser.get().begin(), m_parser.get().end());
+    }
+    return length;
+}
+
+int HttpRequest::refusalOfHead() const {
+    const auto& head = m_parser.get();
+    if (head.version() == 10 ? m_parser.chunked() : !m_check.hasHost()) {
+        return 400;  // HTTP/1.0 has no chunks, and later versions no request without a host
+    }
+    if (std::find(m_paths.begin(), m_paths.end(), viewOf(head.target())) == m_paths.end()) {
+        return 404;
+    }
+    if (head.method() != http::verb::post) {
+        return 405;
+    }
+    const std::string_view type = viewOf(head[http::field::content_type]);
+    const bool isJson = qel_ascii_equal(type.substr(0, type.find_first_of("; \t")), protocol::kContentType);
+    if (!isJson || head.count(http::field::content_encoding) != 0) {
+        return 415;
+    }
+    return m_parser.content_length().value_or(0) > protocol::kMaxRequestBytes ? 413 : 0;
+}
+
+bool HttpRequest::expectsContinue() const {
+    return m_parser.is_header_done() && !done() && !m_isContinued && m_parser.get().body().empty() &&
+           qel_ascii_equal(viewOf(m_parser.get()[http::field::expect]), "100-continue");
+}
+
+std::size_t HttpRequest::takeBody(std::string_view bytes) {
+    // Beast has an assertion that fails when the last chunk of an empty body arrives in pieces. So wait for all of it.
+    const bool isTooLittle = m_parser.chunked() && m_parser.get().body().empty() && bytes.size() < kLastChunkBytes;
+    const std::size_t used = isTooLittle ? 0 : parse(bytes);
+    const std::string_view line = done() ? std::string_view() : bytes.substr(used);
+    const bool hasTrailers = done() && std::distance(m_parser.get().begin(), m_parser.get().end()) != m_fields;
+    if (m_refusal == 0 && (hasTrailers || line.size() > kMaxChunkLineBytes || hasBareLineFeed(line))) {
+        m_refusal = 400;
+    }
+    return used;
+}
+
+std::size_t HttpRequest::parse(std::string_view bytes) {
+    boost::beast::error_code error;
+    const std::size_t used = m_parser.put(boost::asio::buffer(bytes), error);
+    // Of a length that is a number, unless a trailer gives it.
+    const bool isTooLong = error == http::error::bad_content_length && !m_parser.is_header_done();
+    if (error == http::error::body_limit || isTooLong) {
+        m_refusal = 413;
+    } else if (error && error != http::error::need_more) {
+        m_refusal = 400;
+    }
+    return used;
+}
+
+}  // namespace dsessd

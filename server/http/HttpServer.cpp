@@ -1,0 +1,279 @@
+#include "server/http/HttpServer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <future>
+#include <map>
+#include <set>
+#include <thread>
+#include <tuple>
+
+#include "protocol/protocol.h"
+#include "server/http/HttpConnection.h"
+#include "server/work/Lanes.h"
+
+namespace dsessd {
+
+namespace {
+
+namespace net = boost::asio;
+using Clock = HttpConnection::Clock;
+
+constexpr std::chrono::milliseconds kTick{100};
+constexpr int kTakeInTurn = 64;
+constexpr std::chrono::minutes kSayBusyEvery{1};
+/// Who has no more than this part of the connections is not refused for what others have.
+constexpr std::size_t kModestPart = 8;
+
+/// The connections of one thread. All of it belongs to that thread, unless it says otherwise.
+class Loop {
+  public:
+    Loop(HttpSetting& setting, std::size_t most) : m_setting(setting), m_most(most) {}
+
+    HttpConnection::Context context{1};
+    /// Stands for a connection that is here or on its way. For any thread.
+    std::shared_ptr<void> place() const { return m_place; }
+    long load() const { return m_place.use_count(); }
+    /// For any thread.
+    bool isRunning() const { return m_running; }
+    /// Waits until it serves connections. Throws what keeps it from that.
+    void awaitStart() { m_started.get_future().get(); }
+
+    /// Until the server stops and the last connection has ended.
+    void run() {
+        const auto work = net::make_work_guard(context);
+        try {
+            keepMemory();
+        } catch (...) {
+            m_started.set_exception(std::current_exception());
+            return;
+        }
+        m_started.set_value();
+        while (m_setting.stop.load() == Clock::time_point::max() || !m_connections.empty()) {
+            try {
+                context.run_for(kTick);
+                tick();
+            } catch (const std::exception& error) {
+                m_setting.log.failed("what was to be done for connections failed", error);
+            }
+        }
+        m_running = false;
+    }
+
+    void admit(QelFileDescriptor socket, const std::shared_ptr<void>& place) {
+        const auto connection = std::make_shared<HttpConnection>(
+            m_setting, context, std::move(socket),
+            [this, place](HttpConnection& ended) { m_connections.erase(ended.shared_from_this()); });
+        const bool stopping = m_setting.stop.load() != Clock::time_point::max();
+        const bool refused = stopping || (m_connections.size() >= m_most && !makeRoomFor(*connection));
+        if (refused && !stopping && Clock::now() > m_saidBusy + kSayBusyEvery) {
+            m_saidBusy = Clock::now();
+            m_setting.log.write(Topic::kFailure,
+                                "busy with " + std::to_string(m_connections.size()) + " connections, more are refused");
+        }
+        m_connections.insert(connection);
+        try {
+            connection->start(refused);
+        } catch (...) {
+            m_connections.erase(connection);
+            throw;
+        }
+    }
+
+  private:
+    /// Asio keeps the memory of a thread's last messages. With it, it ends what cannot go on when there is no other.
+    void keepMemory() {
+        for (int i = 0; i < 2; ++i) {
+            net::post(context, [unused = std::array<char, 128>()] { static_cast<void>(unused); });
+        }
+        context.poll();
+    }
+
+    template <typename Action>
+    void forEach(Action action) {
+        for (auto next = m_connections.begin(); next != m_connections.end();) {
+            const auto connection = *next++;  // it may remove itself
+            action(*connection);
+        }
+    }
+
+    void tick() {
+        const auto now = Clock::now();
+        const auto stop = m_setting.stop.load();
+        forEach([&](HttpConnection& connection) {
+            if (now >= stop) {
+                connection.cutOff();
+                return;
+            }
+            if (stop != Clock::time_point::max()) {
+                connection.stopBy(stop);
+            }
+            connection.tick(now);
+        });
+    }
+
+    /// Of the hosts that have no fewer connections than the newcomer's, the one that has most makes room, by what has
+    /// waited longest for its client; who is slow to take an answer is more likely to be honest than who is slow to
+    /// ask. False: none does, and the newcomer is not from a host that has few.
+    bool makeRoomFor(const HttpConnection& newcomer) {
+        std::map<std::string_view, std::size_t> counts{{newcomer.host(), 1}};
+        for (const auto& connection : m_connections) {
+            ++counts[connection->host()];
+        }
+        const std::size_t own = counts[newcomer.host()];
+        const auto rank = [&](const HttpConnection& candidate) {
+            return std::tuple(counts[candidate.host()], candidate.doing() <= HttpConnection::Doing::kReading,
+                              Clock::now() - candidate.since());
+        };
+        HttpConnection* leaving = nullptr;
+        for (const auto& candidate : m_connections) {
+            const auto doing = candidate->doing();
+            const bool waits = doing <= HttpConnection::Doing::kWriting && doing != HttpConnection::Doing::kWorking;
+            if (waits && !candidate->isLeaving() && counts[candidate->host()] + 1 >= own &&
+                (leaving == nullptr || rank(*candidate) > rank(*leaving))) {
+                leaving = candidate.get();
+            }
+        }
+        // Those who were told to leave still count until they have.
+        if (m_connections.size() >= 2 * m_most) {
+            return false;
+        }
+        if (leaving != nullptr) {
+            leaving->letGo();
+        }
+        return leaving != nullptr || own <= m_most / kModestPart;
+    }
+
+    HttpSetting& m_setting;
+    const std::size_t m_most;
+    const std::shared_ptr<void> m_place = std::make_shared<char>();
+    std::set<std::shared_ptr<HttpConnection>> m_connections;
+    /// When the log was last told that connections are refused.
+    Clock::time_point m_saidBusy = Clock::time_point::min();
+    std::atomic<bool> m_running = true;
+    std::promise<void> m_started;
+};
+
+std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
+    std::vector<std::string> paths;
+    for (const std::string& instance : instances) {
+        for (const char* path : {protocol::kServicePath, protocol::kProxyServicePath}) {
+            paths.push_back("/" + instance + path);
+        }
+    }
+    return paths;
+}
+
+}  // namespace
+
+/// What there is while the server runs. Its own thread takes connections in; the others, one for each loop, serve them.
+class HttpServer::Running {
+  public:
+    Running(HttpServer& server, Listener listener, int stopFd)
+        : m_setting{m_lanes, server.m_log, server.m_limits, server.m_paths, nullptr},
+          m_stopFd(stopFd),
+          m_listener(std::move(listener)),
+          m_lanes(server.m_service, server.m_log) {
+        if (server.m_tls != nullptr) {
+            m_setting.tls = std::make_unique<net::ssl::context>(server.m_tls.release());
+        }
+        const std::size_t threads = std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
+        for (std::size_t i = 0; i < threads; ++i) {
+            m_loops.push_back(std::make_unique<Loop>(m_setting, server.m_limits.connections / threads));
+        }
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+    void run(const std::function<void()>& onReady, const std::function<void()>& onStop) {
+        std::vector<std::jthread> threads;
+        try {
+            for (const auto& loop : m_loops) {
+                threads.emplace_back([&loop = *loop] { loop.run(); });
+            }
+            for (const auto& loop : m_loops) {
+                loop->awaitStart();
+            }
+            onReady();
+            takeConnections();
+        } catch (...) {
+            m_setting.stop = Clock::now();
+            throw;
+        }
+        m_setting.stop = Clock::now() + m_setting.limits.drain;
+        m_listener.close();
+        onStop();
+        while (std::any_of(m_loops.begin(), m_loops.end(), [](const auto& loop) { return loop->isRunning(); })) {
+            std::this_thread::sleep_for(kTick / 10);
+            m_lanes.tick();
+        }
+    }
+
+  private:
+    /// Until the server is to stop. Does without Asio, which calls nobody back when there is no memory for a
+    /// connection.
+    void takeConnections() {
+        std::array<pollfd, 2> waited{{{m_stopFd, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+        for (bool canTake = true;;) {
+            if (::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count())) > 0 && waited[0].revents != 0) {
+                return;
+            }
+            try {
+                m_lanes.tick();
+                canTake = takeThoseThatWait();
+            } catch (const std::exception& error) {
+                m_setting.log.failed("cannot take a connection", error);
+                canTake = false;
+            }
+        }
+    }
+
+    /// False: there are no descriptors, or no memory, so it is no use to try again at once.
+    bool takeThoseThatWait() {
+        for (int i = 0; i < kTakeInTurn; ++i) {
+            QelFileDescriptor socket = m_listener.accept();
+            if (socket.isOpen()) {
+                Loop& loop = **std::min_element(
+                    m_loops.begin(), m_loops.end(),
+                    [](const auto& left, const auto& right) { return left->load() < right->load(); });
+                net::post(loop.context, [&loop, place = loop.place(), socket = std::move(socket)]() mutable {
+                    loop.admit(std::move(socket), place);
+                });
+            } else if (const int problem = errno; problem == EAGAIN) {
+                break;
+            } else if (problem == EMFILE || problem == ENFILE || problem == ENOBUFS || problem == ENOMEM) {
+                throw std::runtime_error(std::strerror(problem));
+            }  // else the client has gone meanwhile
+        }
+        return true;
+    }
+
+    HttpSetting m_setting;
+    const int m_stopFd;
+    Listener m_listener;
+    std::vector<std::unique_ptr<Loop>> m_loops;
+    Lanes m_lanes;  // goes first, since its threads post to the loops
+};
+
+HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SslContext tls,
+                       const HttpLimits& limits)
+    : m_service(service), m_log(log), m_paths(pathsOf(instances)), m_tls(std::move(tls)), m_limits(limits) {}
+
+HttpServer::~HttpServer() = default;
+
+void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onReady,
+                     const std::function<void()>& onStop) {
+    Running running(*this, std::move(listener), stopFd);
+    running.run(onReady, onStop);
+}
+
+}  // namespace dsessd

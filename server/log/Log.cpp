@@ -1,0 +1,176 @@
+#include "server/log/Log.h"
+
+#include <array>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "runtime/QelTimeText.h"
+#include "runtime/qel_io.h"
+
+namespace dsessd {
+
+namespace {
+
+struct TopicTraits {
+    const char* name;
+    int level;
+};
+
+TopicTraits traitsOf(Topic topic) {
+    switch (topic) {
+        case Topic::kFailure:
+            return {"failure", 0};
+        case Topic::kNotice:
+            return {"notice", 0};
+        case Topic::kAudit:
+            return {"audit", 1};
+        case Topic::kRequest:
+            return {"request", 2};
+        case Topic::kDetail:
+            return {"detail", 3};
+    }
+    return {"", 0};
+}
+
+using Stamp = std::array<char, 80>;
+
+Stamp timestamp() {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const QelTimeText seconds(system_clock::to_time_t(now), "%Y-%m-%dT%H:%M:%S");
+    const auto milliseconds = duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    Stamp text{};
+    std::snprintf(text.data(), text.size(), "%s.%03dZ", seconds.data(), static_cast<int>(milliseconds));
+    return text;
+}
+
+constexpr std::size_t kQueueBytes = 262'144;
+/// A line that takes longer does not flow.
+constexpr std::chrono::milliseconds kFlowsWithin{20};
+constexpr std::chrono::seconds kPauseAfterFailure{1};
+constexpr std::chrono::seconds kWaitInTheEnd{1};
+
+}  // namespace
+
+/// The lines on their way, in memory that is there from the start: neither adding nor writing needs more.
+class Log::Queue {
+  public:
+    explicit Queue(int fd) : m_fd(fd) {
+        m_pending.reserve(kQueueBytes);
+        m_writing.reserve(kQueueBytes);
+    }
+
+    void add(std::string_view line) {
+        std::unique_lock lock(m_mutex);
+        if (m_pending.size() + line.size() > kQueueBytes) {
+            ++m_dropped;
+            return;
+        }
+        m_pending += line;
+        const std::uint64_t number = ++m_added;
+        m_changed.notify_all();
+        if (m_flows) {
+            m_flows = m_changed.wait_for(lock, kFlowsWithin, [&] { return m_written >= number; });
+        }
+    }
+
+    /// Writes until the end.
+    void run() {
+        std::unique_lock lock(m_mutex);
+        while (!m_done) {
+            m_changed.wait(lock, [&] { return !m_pending.empty() || m_dropped > 0 || m_ended; });
+            m_writing.swap(m_pending);
+            const std::uint64_t taken = m_added;
+            const std::uint64_t dropped = std::exchange(m_dropped, 0);
+            lock.unlock();
+            const std::uint64_t lost = writeLines() + (dropped == 0 || tellDropped(dropped) ? 0 : dropped);
+            lock.lock();
+            m_written = taken;
+            m_dropped += lost;
+            m_flows = lost == 0;
+            if (lost > 0) {  // a full disk, or nobody there any more
+                m_changed.wait_for(lock, kPauseAfterFailure, [&] { return m_ended; });
+            }
+            m_done = m_ended && m_pending.empty();
+            m_changed.notify_all();
+        }
+    }
+
+    /// False: lines do not flow, and the thread may never come back.
+    bool end() {
+        std::unique_lock lock(m_mutex);
+        m_ended = true;
+        m_changed.notify_all();
+        return m_changed.wait_for(lock, kWaitInTheEnd, [&] { return m_done; });
+    }
+
+  private:
+    /// One call a line. Gives the number of those that could not be written.
+    std::uint64_t writeLines() {
+        std::uint64_t lost = 0;
+        for (std::string_view rest = m_writing; !rest.empty();) {
+            const std::size_t end = rest.find('\n') + 1;
+            lost += qel_write(m_fd, rest.substr(0, end)) ? 0 : 1;
+            rest.remove_prefix(end);
+        }
+        m_writing.clear();
+        return lost;
+    }
+
+    bool tellDropped(std::uint64_t count) const {
+        std::array<char, 200> line{};
+        const int size =
+            std::snprintf(line.data(), line.size(), "%s %s lines that could not be written: %llu\n", timestamp().data(),
+                          traitsOf(Topic::kFailure).name, static_cast<unsigned long long>(count));
+        return qel_write(m_fd, {line.data(), static_cast<std::size_t>(size)});
+    }
+
+    const int m_fd;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::string m_pending;
+    /// The thread's own.
+    std::string m_writing;
+    std::uint64_t m_added = 0;
+    std::uint64_t m_written = 0;
+    std::uint64_t m_dropped = 0;
+    bool m_flows = true;
+    bool m_ended = false;
+    bool m_done = false;
+};
+
+Log::Log(int fd) : m_queue(std::make_shared<Queue>(fd)), m_thread([queue = m_queue] { queue->run(); }) {}
+
+Log::~Log() {
+    if (m_queue->end()) {
+        m_thread.join();
+    } else {
+        m_thread.detach();
+    }
+}
+
+bool Log::wants(Topic topic) const {
+    return m_level >= traitsOf(topic).level;
+}
+
+void Log::write(Topic topic, std::string_view text) {
+    if (wants(topic)) {
+        std::string line = timestamp().data();
+        m_queue->add(line.append(" ").append(traitsOf(topic).name).append(" ").append(text).append("\n"));
+    }
+}
+
+void Log::failed(const char* what, const std::exception& why) noexcept {
+    try {
+        write(Topic::kFailure, std::string(what) + ": " + why.what());
+    } catch (const std::bad_alloc&) {
+        m_queue->add("no memory to say what failed\n");
+    }
+}
+
+}  // namespace dsessd

@@ -1,0 +1,81 @@
+/// Who a request comes from.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "server/store/Store.h"
+
+namespace dsessd {
+
+/// What a request says about its sender. `password` is NUL-terminated; null: none.
+struct Credentials {
+    std::string_view user;
+    const char* password = nullptr;
+    std::string_view loginId;
+};
+
+/// Verifies administrators' passwords.
+///
+/// A hash is made to be slow, so what was verified is remembered for a while: by a keyed digest of user, login
+/// identifier, password and the stored hash, hence only for requests that bring all of them again, and no longer than
+/// the administrator stays as he was. An unknown name costs as much as a wrong password.
+class Authenticator {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Limits {
+        std::size_t remembered = 1024;
+        Clock::duration rememberFor = std::chrono::minutes(5);
+    };
+
+    enum class Outcome {
+        kVerified,    ///< by its password, just now
+        kRemembered,  ///< verified a while ago
+        kRefused,
+    };
+    struct Verdict {
+        Outcome outcome = Outcome::kRefused;
+        Role role = Role::kRead;
+    };
+
+    Authenticator();
+    explicit Authenticator(const Limits& limits);
+
+    // Safe to call from several threads, each with a store of its own. What cannot be computed is no refusal: they
+    // throw std::bad_alloc or std::system_error then, and StoreError.
+    /// What is known without a hash; nothing: it takes one.
+    [[nodiscard]] std::optional<Verdict> recall(Store& store, const Credentials& credentials);
+    /// Computes a hash, unless it is remembered by now.
+    [[nodiscard]] Verdict verify(Store& store, const Credentials& credentials);
+
+    /// How many hashes were computed since the start.
+    std::uint64_t hashCount() const { return m_hashCount; }
+
+  private:
+    using Digest = std::array<unsigned char, 32>;
+
+    static bool isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials);
+    Digest digestOf(const Credentials& credentials, std::string_view passwordHash) const;
+    bool remembers(const Digest& digest);
+    void remember(const Digest& digest);
+
+    const Limits m_limits;
+    std::array<unsigned char, 32> m_key{};
+    /// What the password given for an unknown name is compared with.
+    std::string m_dummyHash;
+
+    std::atomic<std::uint64_t> m_hashCount = 0;
+    std::mutex m_mutex;
+    std::map<Digest, Clock::time_point> m_expiries;
+    std::deque<Digest> m_oldestFirst;
+};
+
+}  // namespace dsessd

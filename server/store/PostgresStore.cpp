@@ -1,0 +1,642 @@
+#include <algorithm>
+#include <chrono>
+#include <optional>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+#include "server/store/PostgresConnection.h"
+#include "server/store/StoreEngines.h"
+
+namespace dsessd {
+
+namespace {
+
+using Value = PostgresConnection::Value;
+constexpr auto kMinutes = PostgresConnection::Takes::kMinutes;
+
+constexpr int kSchemaVersion = 2;
+// How often a transaction is tried that stands in another's way, and for how long it steps aside in between.
+constexpr int kTries = 8;
+constexpr std::chrono::milliseconds kStepAside{20};
+// What was lost is done anew unless it took longer: whoever asks does not wait for ever.
+constexpr std::chrono::seconds kAnewWithin{5};
+// Rows of a listing that are in memory at a time.
+constexpr char kFetch[] = "FETCH 1000 FROM listing";
+
+// All text is ordered by its bytes, whatever the database's own order is. References are checked when a transaction
+// ends, so that a load may store the parts before the whole.
+constexpr char kSchema[] = R"(
+CREATE SCHEMA dsessd;
+SET search_path = dsessd, pg_temp;
+CREATE TABLE store (
+    version integer NOT NULL,
+    cluster_id text NOT NULL
+);
+CREATE TABLE realms (
+    number bigint PRIMARY KEY,
+    name text COLLATE "C" NOT NULL UNIQUE
+);
+CREATE TABLE replica_sets (
+    number bigint PRIMARY KEY,
+    realm bigint NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    name text COLLATE "C" NOT NULL UNIQUE
+);
+CREATE INDEX replica_sets_by_realm ON replica_sets (realm, number);
+CREATE TABLE members (
+    number bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY,
+    replica_set bigint NOT NULL REFERENCES replica_sets DEFERRABLE INITIALLY DEFERRED,
+    name text COLLATE "C" NOT NULL,
+    last_contact integer NOT NULL,
+    UNIQUE (replica_set, name)
+);
+CREATE TABLE sessions (
+    realm bigint NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    id text COLLATE "C" NOT NULL,
+    user_name text COLLATE "C" NOT NULL,
+    time integer NOT NULL,
+    PRIMARY KEY (realm, id)
+);
+CREATE INDEX sessions_by_user ON sessions (realm, user_name, time, id);
+CREATE TABLE keys (
+    number bigint GENERATED ALWAYS AS IDENTITY PRIMARY KEY,
+    label text COLLATE "C" NOT NULL UNIQUE,
+    time integer NOT NULL
+);
+CREATE TABLE settings (
+    name text COLLATE "C" PRIMARY KEY,
+    value integer NOT NULL
+);
+CREATE TABLE administrators (
+    name text COLLATE "C" PRIMARY KEY,
+    password_hash text NOT NULL,
+    role text NOT NULL CHECK (role IN ('read', 'change'))
+);
+CREATE TABLE changes (
+    id text COLLATE "C" PRIMARY KEY,
+    user_name text NOT NULL,
+    digest text NOT NULL,
+    answer text NOT NULL,
+    number bigint GENERATED ALWAYS AS IDENTITY UNIQUE
+);
+)";
+
+constexpr char kBeginReading[] = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY";
+// Whoever changes something holds off loads, and they hold it off: numbers of realms may mean others after one.
+constexpr char kBeginChange[] =
+    "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN ROW EXCLUSIVE MODE; "
+    "SELECT cluster_id FROM store";
+constexpr char kBeginLoad[] = "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN EXCLUSIVE MODE";
+
+/// A pattern of `*` and `?` as LIKE takes it.
+std::string likeOf(std::string_view pattern) {
+    std::string like;
+    for (const char c : pattern) {
+        if (c == '?') {
+            like += '_';
+        } else if (c == '*') {
+            like += like.ends_with('%') && !like.ends_with("\\%") ? "" : "%";
+        } else {
+            like += c == '%' || c == '_' || c == '\\' ? "\\" : "";
+            like += c;
+        }
+    }
+    return like;
+}
+
+/// Elements of an array as PostgreSQL writes one.
+class Array {
+  public:
+    void add(std::string_view element) {
+        m_text += m_text.empty() ? "{\"" : ",\"";
+        for (const char c : element) {
+            m_text += c == '"' || c == '\\' ? "\\" : "";
+            m_text += c;
+        }
+        m_text += '"';
+    }
+    Value value() const { return Value::written(m_text.empty() ? "{}" : m_text + "}"); }
+
+  private:
+    std::string m_text;
+};
+
+std::optional<std::int64_t> realmNumber(PostgresConnection& connection, std::string_view name) {
+    const PostgresRows rows = connection.run("SELECT number FROM realms WHERE name = $1", {sought(name)});
+    return rows.size() == 1 ? std::optional(rows.integer(0, 0)) : std::nullopt;
+}
+
+void insertKey(PostgresConnection& connection, Seconds now) {
+    connection.run("INSERT INTO keys (label, time) VALUES ($1, $2)", {newKeyLabel(now), now});
+}
+
+Administrator administratorOf(const PostgresRows& rows, int row) {
+    return {std::string(rows.text(row, 0)), std::string(rows.text(row, 1)),
+            rows.text(row, 2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
+}
+
+class Listing final : public Store::SessionListing {
+  public:
+    explicit Listing(PostgresConnection& connection)
+        : m_connection(connection), m_transaction(connection, kBeginReading) {
+        connection.run(PostgresConnection::kLetTakeMinutes);
+    }
+
+    void start(std::int64_t realm, Selector selector, const std::string& like, std::int32_t max) {
+        const std::string where = std::string(" FROM sessions WHERE realm = $1 AND ") +
+                                  (selector == Selector::kUser ? "user_name" : "id") + " LIKE $2";
+        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}, kMinutes).integer32(0, 0);
+        m_count = max < 0 ? m_total : std::min(m_total, max);
+        m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR SELECT id, user_name, time" + where +
+                          " ORDER BY user_name, time, id LIMIT " + std::to_string(m_count))
+                             .c_str(),
+                         {realm, like});
+    }
+    std::int32_t total() const override { return m_total; }
+    std::int32_t count() const override { return m_count; }
+    bool next(SessionRow& row) override {
+        if (m_at == m_rows.size()) {
+            m_rows = m_connection.run(kFetch, {}, kMinutes);
+            m_at = 0;
+        }
+        if (m_rows.size() == 0) {
+            return false;
+        }
+        row = {m_rows.text(m_at, 0), m_rows.text(m_at, 1), m_rows.integer32(m_at, 2)};
+        ++m_at;
+        return true;
+    }
+
+  private:
+    PostgresConnection& m_connection;
+    PostgresTransaction m_transaction;
+    std::int32_t m_total = 0;
+    std::int32_t m_count = 0;
+    PostgresRows m_rows{nullptr};
+    int m_at = 0;
+};
+
+/// A load may read its input slowly, and what it does is as long as the input.
+class AnyTime {
+  public:
+    explicit AnyTime(PostgresConnection& connection) : m_connection(connection) { connection.takeAnyTime(true); }
+    AnyTime(const AnyTime&) = delete;
+    AnyTime& operator=(const AnyTime&) = delete;
+    ~AnyTime() { m_connection.takeAnyTime(false); }
+
+  private:
+    PostgresConnection& m_connection;
+};
+
+class Replacing final : public Store::Replacement {
+  public:
+    explicit Replacing(PostgresConnection& connection)
+        : m_connection(connection), m_anyTime(connection), m_transaction(connection, kBeginLoad) {
+        connection.run(PostgresConnection::kLetTakeAnyTime);
+        connection.run(
+            "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
+            "DELETE FROM keys");
+    }
+
+    bool addRealm(std::int64_t number, std::string_view name) override {
+        return insert("INSERT INTO realms (number, name) VALUES ($1, $2) ON CONFLICT DO NOTHING", {number, name});
+    }
+    bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) override {
+        return insert("INSERT INTO replica_sets (number, realm, name) VALUES ($1, $2, $3) ON CONFLICT DO NOTHING",
+                      {number, realm, name});
+    }
+    bool addMember(std::int64_t replicaSet, const Member& member) override {
+        return insert(
+            "INSERT INTO members (replica_set, name, last_contact) VALUES ($1, $2, $3) ON CONFLICT DO NOTHING",
+            {replicaSet, member.name, member.lastContact});
+    }
+    std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override {
+        m_connection.run("SAVEPOINT sessions");
+        if (insert(sessions.data(), sessions.size())) {
+            m_connection.run("RELEASE sessions");
+            return std::nullopt;
+        }
+        m_connection.run("ROLLBACK TO sessions");
+        std::size_t place = 0;
+        while (insert(&sessions[place], 1)) {
+            ++place;
+        }
+        return place;
+    }
+    bool addKey(std::string_view label, Seconds time) override {
+        return insert("INSERT INTO keys (label, time) VALUES ($1, $2) ON CONFLICT DO NOTHING", {label, time});
+    }
+    void commit() override {
+        if (m_connection.run("SELECT count(*) FROM keys").integer(0, 0) == 0) {
+            insertKey(m_connection, presentTime());
+        }
+        m_connection.run("SET CONSTRAINTS ALL IMMEDIATE");  // here it may take its time, and fail
+        m_transaction.commit();
+    }
+
+  private:
+    /// False: not all of them are new.
+    bool insert(const NewSession* sessions, std::size_t count) {
+        Array realms, ids, users, times;
+        for (const NewSession* session = sessions; session != sessions + count; ++session) {
+            realms.add(std::to_string(session->realm));
+            ids.add(session->id);
+            users.add(session->user);
+            times.add(std::to_string(session->time));
+        }
+        return static_cast<std::size_t>(
+                   m_connection
+                       .run("INSERT INTO sessions (realm, id, user_name, time) "
+                            "SELECT * FROM unnest($1::bigint[], $2::text[], $3::text[], $4::integer[]) "
+                            "ON CONFLICT DO NOTHING",
+                            {realms.value(), ids.value(), users.value(), times.value()})
+                       .changed()) == count;
+    }
+
+    bool insert(const char* sql, std::initializer_list<Value> values) {
+        return m_connection.run(sql, values).changed() == 1;
+    }
+
+    PostgresConnection& m_connection;
+    AnyTime m_anyTime;
+    PostgresTransaction m_transaction;
+};
+
+class PostgresStore final : public Store {
+  public:
+    /// `clusterId`: of the only cluster that will do; empty: the first that is found.
+    PostgresStore(const std::string& uri, IfMissing ifMissing, Say say, std::string clusterId = {})
+        : m_uri(uri),
+          m_name(nameOfPostgres(uri)),
+          m_say(std::move(say)),
+          m_connection(uri, m_say),
+          m_clusterId(std::move(clusterId)) {
+        connect(ifMissing);
+    }
+
+    std::unique_ptr<Store> another() const override {
+        return std::make_unique<PostgresStore>(m_uri, IfMissing::kFail, m_say, m_clusterId);
+    }
+    void beReliable() override {}  // a database that has not committed a change does not show it either
+    void tryWriting() override {
+        transaction(kBeginChange, [&] { return m_connection.run("UPDATE store SET version = version").changed(); });
+    }
+
+    void endWhen(std::function<bool()> impatient) override { m_connection.endWhen(std::move(impatient)); }
+
+    std::string clusterId() override { return m_clusterId; }
+
+    ClusterState cluster() override {
+        return transaction(kBeginReading, [&] {
+            ClusterState state;
+            const PostgresRows rows = m_connection.run(
+                "SELECT r.number, r.name, s.name FROM realms r LEFT JOIN replica_sets s ON s.realm = r.number "
+                "ORDER BY r.number, s.number");
+            for (int row = 0; row < rows.size(); ++row) {
+                if (row == 0 || rows.integer(row, 0) != rows.integer(row - 1, 0)) {
+                    state.realms.push_back({std::string(rows.text(row, 1)), {}});
+                }
+                if (!rows.isNull(row, 2)) {
+                    state.realms.back().replicaSets.emplace_back(rows.text(row, 2));
+                }
+            }
+            state.key = currentKey();
+            return state;
+        });
+    }
+
+    std::optional<std::vector<Member>> members(std::string_view replicaSet) override {
+        const PostgresRows rows = statement(
+            "SELECT m.name, m.last_contact FROM replica_sets s LEFT JOIN members m ON m.replica_set = s.number "
+            "WHERE s.name = $1 ORDER BY m.number",
+            {sought(replicaSet)});
+        if (rows.size() == 0) {
+            return std::nullopt;
+        }
+        std::vector<Member> members;
+        for (int row = 0; row < rows.size() && !rows.isNull(row, 0); ++row) {
+            members.push_back({std::string(rows.text(row, 0)), rows.integer32(row, 1)});
+        }
+        return members;
+    }
+
+    std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
+                                                 std::int32_t max) override {
+        return retrying([&]() -> std::unique_ptr<SessionListing> {
+            auto listing = std::make_unique<Listing>(m_connection);
+            const auto number = realmNumber(m_connection, realm);
+            if (!number) {
+                return nullptr;
+            }
+            listing->start(*number, selector, likeOf(sought(pattern)), max);
+            return listing;
+        });
+    }
+
+    std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
+        return changeSessions(selector == Selector::kUser ? "DELETE FROM sessions WHERE realm = $1 AND user_name = $2"
+                                                          : "DELETE FROM sessions WHERE realm = $1 AND id = $2",
+                              realm, value);
+    }
+
+    std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
+                                       Seconds now) override {
+        const std::string sql = "UPDATE sessions SET time = " + std::to_string(now) + " WHERE realm = $1 AND ";
+        return changeSessions((sql + (selector == Selector::kUser ? "user_name = $2" : "id = $2")).c_str(), realm,
+                              value);
+    }
+
+    Key changeKey(Seconds now) override {
+        return transaction(kBeginChange, [&] {
+            m_connection.run("LOCK TABLE keys IN EXCLUSIVE MODE");  // two that change it have an order
+            insertKey(m_connection, now);
+            return currentKey();
+        });
+    }
+
+    std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
+        const auto start = std::chrono::steady_clock::now();
+        const auto attempt = [&] {
+            return transaction(kBeginChange, [&] {
+                const InChange inside(m_inChange);
+                return change.id.empty() ? action() : recorded(change, action);
+            });
+        };
+        try {
+            return attempt();
+        } catch (const StoreUncertain&) {
+            if (change.id.empty() || std::chrono::steady_clock::now() - start > kAnewWithin) {
+                throw;
+            }
+        }
+        try {
+            return attempt();
+        } catch (const StoreError& error) {
+            throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
+        }
+    }
+
+    bool contact(std::string_view replicaSet, const Member& member) override {
+        return transaction(kBeginChange, [&] {
+            return m_connection
+                       .run(
+                           "INSERT INTO members (replica_set, name, last_contact) "
+                           "SELECT number, $2, $3 FROM replica_sets WHERE name = $1 "
+                           "ON CONFLICT (replica_set, name) DO UPDATE SET last_contact = excluded.last_contact",
+                           {sought(replicaSet), member.name, member.lastContact})
+                       .changed() == 1;
+        });
+    }
+
+    int traceLevel() override {
+        const PostgresRows rows = statement("SELECT value FROM settings WHERE name = 'trace level'");
+        return rows.size() == 1 ? rows.integer32(0, 0) : kDefaultTraceLevel;
+    }
+
+    void setTraceLevel(int level) override {
+        transaction(kBeginChange, [&] {
+            return m_connection
+                .run(
+                    "INSERT INTO settings (name, value) VALUES ('trace level', $1) "
+                    "ON CONFLICT (name) DO UPDATE SET value = excluded.value",
+                    {level})
+                .changed();
+        });
+    }
+
+    std::optional<Administrator> administrator(std::string_view name) override {
+        const PostgresRows rows =
+            statement("SELECT name, password_hash, role FROM administrators WHERE name = $1", {sought(name)});
+        return rows.size() == 1 ? std::optional(administratorOf(rows, 0)) : std::nullopt;
+    }
+
+    std::vector<Administrator> administrators() override {
+        std::vector<Administrator> all;
+        const PostgresRows rows = statement("SELECT name, password_hash, role FROM administrators ORDER BY name");
+        all.reserve(static_cast<std::size_t>(rows.size()));
+        for (int row = 0; row < rows.size(); ++row) {
+            all.push_back(administratorOf(rows, row));
+        }
+        return all;
+    }
+
+    bool putAdministrator(const Administrator& administrator) override {
+        return transaction(kBeginChange, [&] {
+            // Only a row that has replaced another one has a transaction in xmax.
+            return m_connection
+                       .run(
+                           "INSERT INTO administrators (name, password_hash, role) VALUES ($1, $2, $3) "
+                           "ON CONFLICT (name) DO UPDATE SET password_hash = excluded.password_hash, "
+                           "role = excluded.role RETURNING xmax = 0",
+                           {administrator.name, administrator.passwordHash, nameOf(administrator.role)})
+                       .text(0, 0) == "t";
+        });
+    }
+
+    bool removeAdministrator(std::string_view name) override {
+        return transaction(kBeginChange, [&] {
+            return m_connection.run("DELETE FROM administrators WHERE name = $1", {sought(name)}).changed() > 0;
+        });
+    }
+
+    std::unique_ptr<Replacement> replace() override {
+        return retrying([&] { return std::make_unique<Replacing>(m_connection); });
+    }
+
+  private:
+    /// Marks that transactions are parts of an outer one.
+    class InChange {
+      public:
+        explicit InChange(bool& mark) : m_mark(mark) { m_mark = true; }
+        ~InChange() { m_mark = false; }
+        InChange(const InChange&) = delete;
+        InChange& operator=(const InChange&) = delete;
+
+      private:
+        bool& m_mark;
+    };
+
+    /// Connects, and makes the schema if that is wanted; throws unless it is ours and of this version.
+    void connect(IfMissing ifMissing) {
+        m_connection.open();
+        try {
+            if (m_connection.run("SHOW server_encoding").text(0, 0) != "UTF8") {
+                throw StoreError(m_name + " cannot be used: its encoding is not UTF8");
+            }
+            if (ifMissing == IfMissing::kCreate) {
+                createSchema();
+            }
+            checkSchema();
+        } catch (const PostgresError& error) {
+            m_connection.close();
+            throw StoreError(m_name + " cannot be used: " + error.what());
+        } catch (...) {
+            m_connection.close();
+            throw;
+        }
+    }
+
+    bool has(const char* expression) {
+        return m_connection.run(("SELECT " + std::string(expression) + " IS NOT NULL").c_str()).text(0, 0) == "t";
+    }
+
+    void createSchema() {
+        if (has("to_regnamespace('dsessd')")) {
+            return;
+        }
+        PostgresTransaction transaction(m_connection, "BEGIN");
+        m_connection.run("SELECT pg_advisory_xact_lock(1146312531)");  // "DSES"
+        if (!has("to_regnamespace('dsessd')")) {                       // another process may have been faster
+            m_connection.run(kSchema);
+            m_connection.run("INSERT INTO store (version, cluster_id) VALUES ($1, $2)", {kSchemaVersion, newUuid()});
+            insertKey(m_connection, presentTime());
+        }
+        transaction.commit();
+    }
+
+    void checkSchema() {
+        if (!has("to_regnamespace('dsessd')")) {
+            throw StoreError("there is no cluster in " + m_name + "; 'dsessd load' makes one");
+        }
+        if (!has("to_regclass('dsessd.store')")) {
+            throw StoreError("the schema dsessd in " + m_name + " is not one of dsessd");
+        }
+        const PostgresRows rows = m_connection.run("SELECT version, cluster_id FROM store");
+        if (rows.size() != 1 || rows.integer(0, 0) != kSchemaVersion) {
+            throw StoreError(m_name + " has schema version " +
+                             (rows.size() == 1 ? std::string(rows.text(0, 0)) : "none") +
+                             "; this dsessd knows version " + std::to_string(kSchemaVersion));
+        }
+        checkCluster(rows.text(0, 1));
+    }
+
+    /// What a host leads to may change while a node runs, and so may what a database holds.
+    void checkCluster(std::string_view found) {
+        if (m_clusterId.empty()) {
+            m_clusterId = found;
+        } else if (found != m_clusterId) {
+            const std::string where = m_connection.place();
+            m_connection.close();
+            throw StoreReplaced(m_name + " holds another cluster now, at " + where, std::string(found));
+        }
+    }
+
+    /// Does it once more on a new connection when the old one was lost, and a few times when others stand in the way.
+    /// What is lost before its commit is undone.
+    template <typename Action>
+    std::invoke_result_t<const Action&> retrying(const Action& action) {
+        const auto start = std::chrono::steady_clock::now();
+        bool reconnected = false;
+        for (int attempt = 1;; ++attempt) {
+            try {
+                if (!m_connection.isOpen()) {
+                    reconnected = true;
+                    connect(IfMissing::kFail);
+                    m_say("connected to the database at " + m_connection.place() + " again");
+                }
+                return action();
+            } catch (const PostgresLost& lost) {
+                if (reconnected || std::chrono::steady_clock::now() - start > kAnewWithin) {
+                    throw;
+                }
+                m_say(std::string("connection lost: ") + lost.what());
+            } catch (const PostgresConflict& conflict) {
+                if (attempt == kTries) {
+                    throw StoreBusy(conflict.what());
+                }
+                std::this_thread::sleep_for(kStepAside * attempt);
+            }
+        }
+    }
+
+    template <typename Action>
+    std::invoke_result_t<const Action&> transaction(const char* begin, const Action& action) {
+        if (m_inChange) {
+            return action();
+        }
+        return retrying([&] {
+            PostgresTransaction transaction(m_connection, begin);
+            if (transaction.begun().size() == 1) {
+                checkCluster(transaction.begun().text(0, 0));
+            }
+            auto result = action();
+            transaction.commit();
+            return result;
+        });
+    }
+
+    /// One that only reads.
+    PostgresRows statement(const char* sql, std::initializer_list<Value> values = {}) {
+        return m_inChange ? m_connection.run(sql, values) : retrying([&] { return m_connection.run(sql, values); });
+    }
+
+    std::optional<int> changeSessions(const char* sql, std::string_view realm, std::string_view value) {
+        return transaction(kBeginChange, [&]() -> std::optional<int> {
+            const auto number = realmNumber(m_connection, realm);
+            if (!number) {
+                return std::nullopt;
+            }
+            m_connection.run(PostgresConnection::kLetTakeMinutes);
+            return m_connection.run(sql, {*number, sought(value)}, kMinutes).changed();
+        });
+    }
+
+    Key currentKey() {
+        Key key;
+        const PostgresRows rows = m_connection.run("SELECT label, time FROM keys ORDER BY number DESC LIMIT 2");
+        if (rows.size() > 0) {
+            key = {std::string(rows.text(0, 0)), rows.integer32(0, 1), rows.size() > 1 ? rows.integer32(1, 1) : 0};
+        }
+        return key;
+    }
+
+    /// Claims the identifier first, which waits for anyone who has claimed it.
+    std::string recorded(const ChangeRecord& change, const std::function<std::string()>& action) {
+        const PostgresRows claim = m_connection.run(
+            "INSERT INTO changes (id, user_name, digest, answer) VALUES ($1, $2, $3, '') ON CONFLICT DO NOTHING",
+            {change.id, change.user, change.digest});
+        if (claim.changed() == 0) {
+            const PostgresRows rows =
+                m_connection.run("SELECT user_name, digest, answer FROM changes WHERE id = $1", {change.id});
+            if (rows.size() == 0) {
+                throw PostgresConflict("the record of the change was just removed", "");
+            }
+            checkSameChange(change, rows.text(0, 0), rows.text(0, 1));
+            // A commit that wrote nothing does not wait for a standby, which may lack the record.
+            m_connection.run("SELECT pg_logical_emit_message(true, 'dsessd', '')");
+            return std::string(rows.text(0, 2));
+        }
+        std::string answer = action();
+        m_connection.run("UPDATE changes SET answer = $2 WHERE id = $1", {change.id, answer});
+        const std::int64_t newest = m_connection.run("SELECT max(number) FROM changes").integer(0, 0);
+        m_connection.run(
+            "DELETE FROM changes WHERE id IN (SELECT id FROM changes WHERE number <= $1 "
+            "ORDER BY number LIMIT $2 FOR UPDATE SKIP LOCKED)",
+            {m_ages.oldUpTo(newest), kForgetAtOnce});
+        return answer;
+    }
+
+    const std::string m_uri;
+    const std::string m_name;
+    const Say m_say;
+    PostgresConnection m_connection;
+    ChangeAges m_ages;
+    std::string m_clusterId;
+    bool m_inChange = false;
+};
+
+}  // namespace
+
+bool isPostgresUri(const std::string& data) {
+    return data.starts_with("postgresql://") || data.starts_with("postgres://");
+}
+
+std::string nameOfPostgres(const std::string& uri) {
+    return PostgresConnection::nameOf(uri);
+}
+
+std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say) {
+    return std::make_unique<PostgresStore>(uri, ifMissing, std::move(say));
+}
+
+}  // namespace dsessd

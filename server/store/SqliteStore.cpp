@@ -1,0 +1,766 @@
+#include <SQLiteCpp/SQLiteCpp.h>
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <utility>
+
+#include "runtime/QelFileDescriptor.h"
+#include "server/store/SqliteFiles.h"
+#include "server/store/StoreEngines.h"
+
+namespace dsessd {
+
+namespace {
+
+constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
+constexpr int kSchemaVersion = 3;
+// Another process may write: a load, or a change of an administrator.
+constexpr int kBusyMilliseconds = 10'000;
+constexpr int kBusyPause = 5;
+
+// Few, since one step may match a long pattern with a long name, which takes milliseconds.
+constexpr int kStepsBetweenChecks = 100;
+
+// From so many pages in the write-ahead log on, a commit moves them to the file as far as readers let it, and then
+// waits for readers, so that the log begins anew.
+constexpr int kMovePages = 1'000;
+constexpr int kRestartPages = 8'000;
+constexpr std::chrono::seconds kWaitForReaders{1};
+
+// References are checked when a transaction ends, so that a load may store the parts before the whole.
+constexpr char kSchema[] = R"(
+CREATE TABLE cluster (
+    id TEXT PRIMARY KEY
+) STRICT, WITHOUT ROWID;
+CREATE TABLE changes (
+    id TEXT PRIMARY KEY,
+    user TEXT NOT NULL,
+    digest TEXT NOT NULL,
+    answer TEXT NOT NULL,
+    number INTEGER NOT NULL UNIQUE
+) STRICT, WITHOUT ROWID;
+CREATE TABLE realms (
+    number INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE
+) STRICT;
+CREATE TABLE replica_sets (
+    number INTEGER PRIMARY KEY,
+    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    name TEXT NOT NULL UNIQUE
+) STRICT;
+CREATE INDEX replica_sets_by_realm ON replica_sets (realm, number);
+CREATE TABLE members (
+    number INTEGER PRIMARY KEY,
+    replica_set INTEGER NOT NULL REFERENCES replica_sets DEFERRABLE INITIALLY DEFERRED,
+    name TEXT NOT NULL,
+    last_contact INTEGER NOT NULL,
+    UNIQUE (replica_set, name)
+) STRICT;
+CREATE TABLE sessions (
+    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
+    id TEXT NOT NULL,
+    user TEXT NOT NULL,
+    time INTEGER NOT NULL,
+    PRIMARY KEY (realm, id)
+) STRICT, WITHOUT ROWID;
+CREATE INDEX sessions_by_user ON sessions (realm, user, time, id);
+CREATE TABLE keys (
+    number INTEGER PRIMARY KEY,
+    label TEXT NOT NULL UNIQUE,
+    time INTEGER NOT NULL
+) STRICT;
+CREATE TABLE settings (
+    name TEXT PRIMARY KEY,
+    value INTEGER NOT NULL
+) STRICT, WITHOUT ROWID;
+CREATE TABLE administrators (
+    name TEXT PRIMARY KEY,
+    password_hash TEXT NOT NULL,
+    role TEXT NOT NULL CHECK (role IN ('read', 'change'))
+) STRICT, WITHOUT ROWID;
+)";
+
+/// What SQLite says, with its primary result code (https://sqlite.org/rescode.html).
+class SqliteError : public StoreError {
+  public:
+    explicit SqliteError(const SQLite::Exception& error) : StoreError(error.what()), m_code(error.getErrorCode()) {}
+    int code() const { return m_code & 0xFF; }
+
+  private:
+    int m_code;
+};
+
+/// Every call of the library goes through here, so that its own kind of failure is seen nowhere else.
+template <typename Action>
+auto sqlite(const Action& action) {
+    try {
+        return action();
+    } catch (const SQLite::Exception& error) {
+        switch (error.getErrorCode() & 0xFF) {
+            case SQLITE_BUSY:
+                throw StoreBusy(error.what());
+            case SQLITE_INTERRUPT:
+                throw StoreInterrupted(error.what());
+            case SQLITE_NOMEM:
+            case SQLITE_IOERR:
+            case SQLITE_FULL:
+            case SQLITE_READONLY:
+            case SQLITE_CANTOPEN:
+            case SQLITE_PROTOCOL:
+                throw StoreUnavailable(error.what());
+            default:
+                throw SqliteError(error);
+        }
+    }
+}
+
+void execute(SQLite::Database& database, const char* sql) {
+    sqlite([&] { database.exec(sql); });
+}
+
+std::int64_t queryInteger(SQLite::Database& database, const char* sql) {
+    return sqlite([&] { return database.execAndGet(sql).getInt64(); });
+}
+
+/// One run of a statement: parameters in order, then step() for each row. The statement is reset when the run goes,
+/// since one that is left in the middle holds the transaction open.
+class Query {
+  public:
+    template <typename... Parameters>
+    explicit Query(SQLite::Statement& statement, const Parameters&... parameters) : m_statement(statement) {
+        int index = 0;
+        sqlite([&] { (statement.bind(++index, bindable(parameters)), ...); });
+    }
+    Query(const Query&) = delete;
+    Query& operator=(const Query&) = delete;
+    ~Query() { m_statement.tryReset(); }
+
+    /// False: no more rows. Not to be called again then.
+    bool step() {
+        return sqlite([&] { return m_statement.executeStep(); });
+    }
+    /// False: the insertion would break a rule of uniqueness.
+    bool insert() {
+        try {
+            step();
+            return true;
+        } catch (const SqliteError& error) {
+            if (error.code() == SQLITE_CONSTRAINT) {
+                return false;
+            }
+            throw;
+        }
+    }
+    /// Valid until the next step.
+    std::string_view text(int column) const {
+        const SQLite::Column value = m_statement.getColumn(column);
+        const char* bytes = value.getText();
+        return {bytes, static_cast<std::size_t>(value.getBytes())};
+    }
+    std::int64_t integer(int column) const { return m_statement.getColumn(column).getInt64(); }
+    std::int32_t integer32(int column) const { return m_statement.getColumn(column).getInt(); }
+
+  private:
+    static std::string bindable(std::string_view text) { return std::string(text); }
+    static std::int64_t bindable(std::int64_t number) { return number; }
+
+    SQLite::Statement& m_statement;
+};
+
+struct Connection {
+    SQLite::Database database;
+    std::shared_ptr<SqliteFiles> files;
+    /// Whether every commit has succeeded.
+    bool isSound = true;
+};
+
+/// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
+/// for every one of its neighbours.
+class LargeCache {
+  public:
+    LargeCache(SQLite::Database& database, Selector selector) : m_database(database) {
+        if (selector == Selector::kUser) {
+            execute(database, "PRAGMA cache_size=-262144");  // KiB, at most
+        }
+    }
+    LargeCache(const LargeCache&) = delete;
+    LargeCache& operator=(const LargeCache&) = delete;
+    ~LargeCache() { m_database.tryExec("PRAGMA cache_size=-2000"); }
+
+  private:
+    SQLite::Database& m_database;
+};
+
+/// A transaction, undone unless committed; inside another one, a part of that. One that writes takes the lock at once:
+/// a reader that turns writer would fail when another has written meanwhile.
+class Transaction {
+  public:
+    enum class Kind { kRead, kWrite };
+    Transaction(Connection& connection, Kind kind) : m_connection(connection), m_open(!isInside()) {
+        if (m_open && kind == Kind::kWrite) {
+            connection.files->check(connection.database.getHandle());
+            execute(connection.database, "BEGIN IMMEDIATE");
+        } else if (m_open) {
+            execute(connection.database, "BEGIN");
+        }
+    }
+    Transaction(const Transaction&) = delete;
+    Transaction& operator=(const Transaction&) = delete;
+    ~Transaction() {
+        if (m_open) {
+            m_connection.database.tryExec("ROLLBACK");
+        }
+    }
+    /// Throws StoreUncertain too.
+    void commit() {
+        if (!m_open) {
+            return;
+        }
+        try {
+            execute(m_connection.database, "COMMIT");
+            m_open = false;
+            m_connection.files->check(m_connection.database.getHandle());
+        } catch (const std::exception& error) {
+            // If SQLite still has the transaction open, COMMIT wrote nothing. If the disk was full, the last page is
+            // missing, and SQLite ignores the others. After any other failure the whole transaction may be in the
+            // write-ahead log and come back after a crash.
+            const int code = sqlite3_errcode(m_connection.database.getHandle()) & 0xFF;
+            if (m_open && (isInside() || code == SQLITE_FULL)) {
+                throw;
+            }
+            m_connection.isSound = false;
+            m_connection.files->doubt();
+            throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
+        }
+    }
+
+  private:
+    bool isInside() const { return sqlite3_get_autocommit(m_connection.database.getHandle()) == 0; }
+
+    Connection& m_connection;
+    /// Whether it is this one that ends it.
+    bool m_open;
+};
+
+/// Needed before there are all tables for the prepared statements.
+void insertKey(SQLite::Database& database, Seconds now) {
+    SQLite::Statement statement =
+        sqlite([&] { return SQLite::Statement(database, "INSERT INTO keys (label, time) VALUES (?, ?)"); });
+    Query(statement, newKeyLabel(now), now).step();
+}
+
+void createSchema(SQLite::Database& database) {
+    execute(database, kSchema);
+    insertKey(database, presentTime());
+    execute(database, ("INSERT INTO cluster (id) VALUES ('" + newUuid() + "')").c_str());
+    execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
+    execute(database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+}
+
+/// Makes the schema in a new file; throws unless the file is ours and of this version.
+void establishSchema(Connection& connection) {
+    SQLite::Database& database = connection.database;
+    const std::string& path = connection.files->path();
+    const auto isEmpty = [&] {
+        return queryInteger(database, "PRAGMA application_id") == 0 &&
+               queryInteger(database, "SELECT count(*) FROM sqlite_schema") == 0;
+    };
+    if (isEmpty()) {
+        Transaction transaction(connection, Transaction::Kind::kWrite);
+        if (isEmpty()) {  // another process may have been faster
+            createSchema(database);
+        }
+        transaction.commit();
+    }
+    if (queryInteger(database, "PRAGMA application_id") != kApplicationId) {
+        throw StoreError(path + " is not a data file of dsessd");
+    }
+    const std::int64_t version = queryInteger(database, "PRAGMA user_version");
+    if (version != kSchemaVersion) {
+        throw StoreError(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
+                         std::to_string(kSchemaVersion));
+    }
+}
+
+/// SQLite would make a file that others may read.
+void createPrivateFile(const std::string& path) {
+    const QelFileDescriptor file(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file.isOpen()) {
+        throw StoreError(path + " cannot be made: " + std::strerror(errno));
+    }
+}
+
+/// A pattern of `*` and `?` as SQLite's GLOB takes it, to which `[` is special too.
+std::string globOf(std::string_view pattern) {
+    std::string glob;
+    for (const char c : pattern) {
+        if (c == '[') {
+            glob += "[[]";
+        } else if (c != '*' || glob.empty() || glob.back() != '*') {
+            glob += c;
+        }
+    }
+    return glob;
+}
+
+struct Statements {
+    explicit Statements(const SQLite::Database& db)
+        : version(db, "PRAGMA data_version"),
+          realms(db, "SELECT number, name FROM realms ORDER BY number"),
+          realm(db, "SELECT number FROM realms WHERE name = ?"),
+          replicaSets(db, "SELECT name FROM replica_sets WHERE realm = ? ORDER BY number"),
+          replicaSet(db, "SELECT number FROM replica_sets WHERE name = ?"),
+          members(db, "SELECT name, last_contact FROM members WHERE replica_set = ? ORDER BY number"),
+          keys(db, "SELECT label, time FROM keys ORDER BY number DESC LIMIT 2"),
+          countByUser(db, "SELECT count(*) FROM sessions WHERE realm = ? AND user GLOB ?"),
+          countById(db, "SELECT count(*) FROM sessions WHERE realm = ? AND id GLOB ?"),
+          listByUser(db,
+                     "SELECT id, user, time FROM sessions WHERE realm = ? AND user GLOB ? "
+                     "ORDER BY user, time, id LIMIT ?"),
+          listById(db,
+                   "SELECT id, user, time FROM sessions WHERE realm = ? AND id GLOB ? "
+                   "ORDER BY user, time, id LIMIT ?"),
+          terminateByUser(db, "DELETE FROM sessions WHERE realm = ? AND user = ?"),
+          terminateById(db, "DELETE FROM sessions WHERE realm = ? AND id = ?"),
+          refreshByUser(db, "UPDATE sessions SET time = ? WHERE realm = ? AND user = ?"),
+          refreshById(db, "UPDATE sessions SET time = ? WHERE realm = ? AND id = ?"),
+          clusterId(db, "SELECT id FROM cluster"),
+          change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
+          newestChange(db, "SELECT coalesce(max(number), 0) FROM changes"),
+          recordChange(db, "INSERT INTO changes (id, user, digest, answer, number) VALUES (?, ?, ?, ?, ?)"),
+          forgetChanges(db,
+                        "DELETE FROM changes WHERE id IN "
+                        "(SELECT id FROM changes WHERE number <= ? ORDER BY number LIMIT ?)"),
+          contact(db,
+                  "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?) "
+                  "ON CONFLICT (replica_set, name) DO UPDATE SET last_contact = excluded.last_contact"),
+          setting(db, "SELECT value FROM settings WHERE name = ?"),
+          putSetting(db,
+                     "INSERT INTO settings (name, value) VALUES (?, ?) "
+                     "ON CONFLICT (name) DO UPDATE SET value = excluded.value"),
+          administrator(db, "SELECT name, password_hash, role FROM administrators WHERE name = ?"),
+          administrators(db, "SELECT name, password_hash, role FROM administrators ORDER BY name"),
+          putAdministrator(db,
+                           "INSERT INTO administrators (name, password_hash, role) VALUES (?, ?, ?) ON CONFLICT (name) "
+                           "DO UPDATE SET password_hash = excluded.password_hash, role = excluded.role"),
+          removeAdministrator(db, "DELETE FROM administrators WHERE name = ?"),
+          addRealm(db, "INSERT INTO realms (number, name) VALUES (?, ?)"),
+          addReplicaSet(db, "INSERT INTO replica_sets (number, realm, name) VALUES (?, ?, ?)"),
+          addMember(db, "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?)"),
+          addSession(db, "INSERT INTO sessions (realm, id, user, time) VALUES (?, ?, ?, ?)"),
+          addKey(db, "INSERT INTO keys (label, time) VALUES (?, ?)") {}
+
+    SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
+    SQLite::Statement countByUser, countById, listByUser, listById;
+    SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
+    SQLite::Statement clusterId, change, newestChange, recordChange, forgetChanges, contact, setting, putSetting;
+    SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
+    SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey;
+};
+
+Administrator administratorOf(const Query& row) {
+    return {std::string(row.text(0)), std::string(row.text(1)),
+            row.text(2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
+}
+
+class Listing final : public Store::SessionListing {
+  public:
+    explicit Listing(Connection& connection) : m_transaction(connection, Transaction::Kind::kRead) {}
+
+    void start(Statements& statements, std::int64_t realm, Selector selector, const std::string& glob,
+               std::int32_t max) {
+        const bool byUser = selector == Selector::kUser;
+        Query counting(byUser ? statements.countByUser : statements.countById, realm, glob);
+        counting.step();
+        m_total = counting.integer32(0);
+        m_count = max < 0 ? m_total : std::min(m_total, max);
+        m_rows.emplace(byUser ? statements.listByUser : statements.listById, realm, glob, m_count);
+    }
+    std::int32_t total() const override { return m_total; }
+    std::int32_t count() const override { return m_count; }
+    bool next(SessionRow& row) override {
+        if (!m_rows->step()) {
+            return false;
+        }
+        row = {m_rows->text(0), m_rows->text(1), m_rows->integer32(2)};
+        return true;
+    }
+
+  private:
+    Transaction m_transaction;
+    std::int32_t m_total = 0;
+    std::int32_t m_count = 0;
+    std::optional<Query> m_rows;
+};
+
+class Replacing final : public Store::Replacement {
+  public:
+    Replacing(Connection& connection, Statements& statements)
+        : m_database(connection.database),
+          m_statements(statements),
+          m_transaction(connection, Transaction::Kind::kWrite) {
+        execute(m_database,
+                "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
+                "DELETE FROM keys");
+    }
+
+    bool addRealm(std::int64_t number, std::string_view name) override {
+        return Query(m_statements.addRealm, number, name).insert();
+    }
+    bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) override {
+        return Query(m_statements.addReplicaSet, number, realm, name).insert();
+    }
+    bool addMember(std::int64_t replicaSet, const Member& member) override {
+        return Query(m_statements.addMember, replicaSet, member.name, member.lastContact).insert();
+    }
+    std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override {
+        for (const NewSession& session : sessions) {
+            if (!Query(m_statements.addSession, session.realm, session.id, session.user, session.time).insert()) {
+                return &session - sessions.data();
+            }
+        }
+        return std::nullopt;
+    }
+    bool addKey(std::string_view label, Seconds time) override {
+        return Query(m_statements.addKey, label, time).insert();
+    }
+    void commit() override {
+        if (queryInteger(m_database, "SELECT count(*) FROM keys") == 0) {
+            insertKey(m_database, presentTime());
+        }
+        m_transaction.commit();
+    }
+
+  private:
+    SQLite::Database& m_database;
+    Statements& m_statements;
+    Transaction m_transaction;
+};
+
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files);
+
+class SqliteStore final : public Store {
+  public:
+    explicit SqliteStore(Connection connection)
+        : m_connection(std::move(connection)),
+          m_pageBytes(queryInteger(m_database, "PRAGMA page_size")),
+          m_statements(m_database) {
+        sqlite3* handle = m_database.getHandle();
+        sqlite3_progress_handler(handle, kStepsBetweenChecks, onProgress, this);
+        sqlite3_busy_handler(handle, onBusy, this);
+        sqlite3_wal_hook(handle, onCommit, this);
+    }
+
+    void endWhen(std::function<bool()> impatient) override { m_impatient = std::move(impatient); }
+    bool isSound() const override {
+        return m_connection.isSound && sqlite3_get_autocommit(m_database.getHandle()) != 0;
+    }
+    std::unique_ptr<Store> another() const override { return connect(m_connection.files); }
+
+    void beReliable() override {
+        m_connection.files->checkNowAndThen(m_database.getHandle());
+        if (!m_connection.files->isInDoubt()) {
+            return;
+        }
+        try {
+            tryWriting();
+        } catch (const StoreUncertain& error) {
+            throw StoreUnavailable(std::string("a change before has failed, and so does another one: ") + error.what());
+        }
+    }
+
+    void tryWriting() override {
+        const std::uint64_t doubts = m_connection.files->doubts();
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        execute(m_database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+        transaction.commit();
+        m_connection.files->settle(doubts);
+    }
+
+    std::string clusterId() override {
+        Query query(m_statements.clusterId);
+        if (!query.step()) {
+            throw StoreError("the cluster has no identifier");
+        }
+        return std::string(query.text(0));
+    }
+
+    /// Read anew only when somebody has changed the file: it is what most requests ask for.
+    ClusterState cluster() override {
+        if (version() != m_clusterVersion) {
+            Transaction transaction(m_connection, Transaction::Kind::kRead);
+            const auto now = version();
+            m_cluster = readCluster();
+            m_clusterVersion = now;
+        }
+        return m_cluster;
+    }
+
+    ClusterState readCluster() {
+        ClusterState state;
+        Query realms(m_statements.realms);
+        while (realms.step()) {
+            Realm& realm = state.realms.emplace_back();
+            realm.name = realms.text(1);
+            Query sets(m_statements.replicaSets, realms.integer(0));
+            while (sets.step()) {
+                realm.replicaSets.emplace_back(sets.text(0));
+            }
+        }
+        state.key = currentKey();
+        return state;
+    }
+
+    std::optional<std::vector<Member>> members(std::string_view replicaSet) override {
+        Transaction transaction(m_connection, Transaction::Kind::kRead);
+        Query set(m_statements.replicaSet, replicaSet);
+        if (!set.step()) {
+            return std::nullopt;
+        }
+        std::vector<Member> members;
+        Query query(m_statements.members, set.integer(0));
+        while (query.step()) {
+            members.push_back({std::string(query.text(0)), query.integer32(1)});
+        }
+        return members;
+    }
+
+    std::unique_ptr<SessionListing> listSessions(std::string_view realm, Selector selector, std::string_view pattern,
+                                                 std::int32_t max) override {
+        auto listing = std::make_unique<Listing>(m_connection);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return nullptr;
+        }
+        listing->start(m_statements, *number, selector, globOf(sought(pattern)), max);
+        return listing;
+    }
+
+    std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
+        const LargeCache cache(m_database, selector);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        Query(selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, *number, value)
+            .step();
+        const int count = m_database.getChanges();
+        transaction.commit();
+        return count;
+    }
+
+    std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
+                                       Seconds now) override {
+        const LargeCache cache(m_database, selector);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        Query(selector == Selector::kUser ? m_statements.refreshByUser : m_statements.refreshById, now, *number, value)
+            .step();
+        const int count = m_database.getChanges();
+        transaction.commit();
+        return count;
+    }
+
+    Key changeKey(Seconds now) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        insertKey(m_database, now);
+        Key key = currentKey();
+        transaction.commit();
+        return key;
+    }
+
+    std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        if (auto recorded = answerTo(change)) {
+            return *recorded;
+        }
+        std::string answer = action();
+        if (!change.id.empty()) {
+            const std::int64_t number = 1 + newestChange();
+            Query(m_statements.recordChange, change.id, change.user, change.digest, answer, number).step();
+            Query(m_statements.forgetChanges, m_ages.oldUpTo(number), kForgetAtOnce).step();
+        }
+        transaction.commit();
+        return answer;
+    }
+
+    bool contact(std::string_view replicaSet, const Member& member) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Query set(m_statements.replicaSet, replicaSet);
+        if (!set.step()) {
+            return false;
+        }
+        Query(m_statements.contact, set.integer(0), member.name, member.lastContact).step();
+        transaction.commit();
+        return true;
+    }
+
+    int traceLevel() override {
+        Query query(m_statements.setting, "trace level");
+        return query.step() ? query.integer32(0) : kDefaultTraceLevel;
+    }
+
+    void setTraceLevel(int level) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Query(m_statements.putSetting, "trace level", level).step();
+        transaction.commit();
+    }
+
+    std::optional<Administrator> administrator(std::string_view name) override {
+        Query query(m_statements.administrator, name);
+        return query.step() ? std::optional(administratorOf(query)) : std::nullopt;
+    }
+
+    std::vector<Administrator> administrators() override {
+        std::vector<Administrator> all;
+        Query query(m_statements.administrators);
+        while (query.step()) {
+            all.push_back(administratorOf(query));
+        }
+        return all;
+    }
+
+    bool putAdministrator(const Administrator& administrator) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        const bool isNew = !this->administrator(administrator.name).has_value();
+        Query(m_statements.putAdministrator, administrator.name, administrator.passwordHash, nameOf(administrator.role))
+            .step();
+        transaction.commit();
+        return isNew;
+    }
+
+    bool removeAdministrator(std::string_view name) override {
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Query(m_statements.removeAdministrator, name).step();
+        const bool isKnown = m_database.getChanges() > 0;
+        transaction.commit();
+        return isKnown;
+    }
+
+    std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_connection, m_statements); }
+
+  private:
+    static int onProgress(void* store) {
+        const auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        return impatient && impatient() ? 1 : 0;
+    }
+
+    static int onBusy(void* store, int tries) {
+        const auto& impatient = static_cast<SqliteStore*>(store)->m_impatient;
+        if (tries * kBusyPause > kBusyMilliseconds || (impatient && impatient())) {
+            return 0;
+        }
+        sqlite3_sleep(kBusyPause);
+        return 1;
+    }
+
+    static int onCommit(void* self, sqlite3* database, const char* name, int logPages) {
+        auto* const store = static_cast<SqliteStore*>(self);
+        store->m_connection.files->sawLog(logPages, store->m_pageBytes);
+        if (logPages < kMovePages) {
+            return SQLITE_OK;
+        }
+        auto& impatient = store->m_impatient;
+        const auto end = std::chrono::steady_clock::now() + kWaitForReaders;
+        auto outside = std::exchange(impatient, [end] { return std::chrono::steady_clock::now() > end; });
+        const int mode = logPages < kRestartPages ? SQLITE_CHECKPOINT_PASSIVE : SQLITE_CHECKPOINT_RESTART;
+        // What is not moved to the file now is after the next commit.
+        static_cast<void>(sqlite3_wal_checkpoint_v2(database, name, mode, nullptr, nullptr));
+        impatient = std::move(outside);
+        return SQLITE_OK;
+    }
+
+    std::optional<std::int64_t> realmNumber(std::string_view name) {
+        Query query(m_statements.realm, name);
+        return query.step() ? std::optional(query.integer(0)) : std::nullopt;
+    }
+
+    std::int64_t newestChange() {
+        Query query(m_statements.newestChange);
+        query.step();
+        return query.integer(0);
+    }
+
+    std::optional<std::string> answerTo(const ChangeRecord& change) {
+        Query query(m_statements.change, change.id);
+        if (!query.step()) {
+            return std::nullopt;
+        }
+        checkSameChange(change, query.text(0), query.text(1));
+        return std::string(query.text(2));
+    }
+
+    Key currentKey() {
+        Key key;
+        Query query(m_statements.keys);
+        if (query.step()) {
+            key.label = query.text(0);
+            key.time = query.integer32(1);
+            key.previousTime = query.step() ? query.integer32(1) : 0;
+        }
+        return key;
+    }
+
+    /// Changes with every change of the file, by others and through this store (https://sqlite.org/pragma.html).
+    std::pair<std::int64_t, int> version() {
+        Query query(m_statements.version);
+        query.step();
+        return {query.integer(0), m_database.getTotalChanges()};
+    }
+
+    Connection m_connection;
+    SQLite::Database& m_database = m_connection.database;
+    const std::int64_t m_pageBytes;
+    Statements m_statements;
+    ChangeAges m_ages;
+    std::function<bool()> m_impatient;
+    ClusterState m_cluster;
+    std::pair<std::int64_t, int> m_clusterVersion{-1, -1};
+};
+
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
+    const std::string& path = files->path();
+    const auto unusable = [&](const StoreError& error) { return path + " cannot be used: " + error.what(); };
+    try {
+        Connection connection{sqlite([&] {
+                                  return SQLite::Database(
+                                      path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE,
+                                      kBusyMilliseconds);
+                              }),
+                              files};
+        SQLite::Database& database = connection.database;
+        execute(database,
+                "PRAGMA foreign_keys=ON; PRAGMA synchronous=FULL; PRAGMA trusted_schema=OFF; "
+                "PRAGMA journal_size_limit=33554432");
+        establishSchema(connection);
+        execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
+        files->check(database.getHandle());
+        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(connection)); });
+    } catch (const StoreUnavailable& error) {
+        throw StoreUnavailable(unusable(error));
+    } catch (const SqliteError& error) {
+        throw StoreError(error.code() == SQLITE_NOTADB ? path + " is not a data file of dsessd" : unusable(error));
+    }
+}
+
+}  // namespace
+
+std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing) {
+    if (ifMissing == Store::IfMissing::kCreate) {
+        createPrivateFile(path);
+    } else if (::access(path.c_str(), F_OK) != 0) {
+        throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");
+    }
+    return connect(std::make_shared<SqliteFiles>(path));
+}
+
+}  // namespace dsessd

@@ -1,0 +1,125 @@
+#include "server/store/Store.h"
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <iostream>
+#include <limits>
+#include <utility>
+
+#include "runtime/QelTimeText.h"
+#include "runtime/qel_random.h"
+#include "runtime/qel_utf8.h"
+#include "runtime/qel_uuid.h"
+#include "server/store/StoreEngines.h"
+
+namespace dsessd {
+
+namespace {
+
+// Each holds three descriptors and a cache; more are seldom busy at once.
+constexpr std::size_t kIdleStores = 18;
+
+}  // namespace
+
+const char* nameOf(Role role) {
+    return role == Role::kChange ? "change" : "read";
+}
+
+Seconds presentTime() {
+    using namespace std::chrono;
+    const auto now = duration_cast<seconds>(system_clock::now().time_since_epoch()).count();
+    return static_cast<Seconds>(std::min<std::int64_t>(now, std::numeric_limits<Seconds>::max()));
+}
+
+std::string_view sought(std::string_view name) {
+    return qel_utf8_is_text(name) ? name : std::string_view();
+}
+
+std::string newKeyLabel(Seconds now) {
+    std::array<unsigned char, 8> random{};
+    if (!qel_get_random_bytes(random.data(), random.size())) {
+        throw StoreError("no random bytes for a key's label");
+    }
+    std::string label = QelTimeText(now, "key-%Y-%m-%d-").data();
+    for (const unsigned char byte : random) {
+        label += "0123456789abcdef"[byte >> 4];
+        label += "0123456789abcdef"[byte & 15];
+    }
+    return label;
+}
+
+std::string newUuid() {
+    std::uint32_t status = 0;
+    const qel_uuid_t uuid = qel_uuid_create(&status);
+    if (status != 0) {
+        throw StoreError("no random bytes for a UUID");
+    }
+    std::array<char, UUID_STR_LEN> text{};
+    uuid_unparse_lower(uuid.bytes, text.data());
+    return text.data();
+}
+
+void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
+    if (user != change.user || digest != change.digest) {
+        throw ChangeMismatch("the identifier of a change has been used for another");
+    }
+}
+
+std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!m_seen || now - m_seenAt > kKeepChanges) {
+        m_old = std::exchange(m_seen, newest).value_or(m_old);
+        m_seenAt = now;
+    }
+    return m_old;
+}
+
+std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing, Say say) {
+    if (!isPostgresUri(data)) {
+        return openSqliteStore(data, ifMissing);
+    }
+    return openPostgresStore(
+        data, ifMissing, say ? std::move(say) : [](const std::string& line) { std::cerr << line + '\n'; });
+}
+
+std::string Store::describe(const std::string& data) {
+    return isPostgresUri(data) ? nameOfPostgres(data) : data;
+}
+
+StorePool::StorePool(const std::string& data, Store::Say say)
+    : m_isEmbedded(!isPostgresUri(data)), m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
+    m_idle.reserve(kIdleStores);  // giving one back must not fail
+}
+
+StorePool::Lease StorePool::take(std::function<bool()> impatient) {
+    std::unique_ptr<Store> store;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_idle.empty()) {
+            store = std::move(m_idle.back());
+            m_idle.pop_back();
+        }
+    }
+    if (store == nullptr) {
+        store = m_first->another();
+    }
+    store->endWhen(std::move(impatient));
+    store->beReliable();
+    return Lease(store.release(), Returner{this});
+}
+
+bool StorePool::isEmbedded() const {
+    return m_isEmbedded;
+}
+
+void StorePool::giveBack(Store* store) {
+    std::unique_ptr<Store> owned(store);
+    owned->endWhen({});
+    const std::lock_guard lock(m_mutex);
+    if (owned->isSound() && m_idle.size() < kIdleStores) {
+        m_idle.push_back(std::move(owned));
+    }
+}
+
+}  // namespace dsessd

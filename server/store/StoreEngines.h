@@ -1,0 +1,45 @@
+/// The engines behind Store::open(), and what they share.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "server/store/Store.h"
+
+namespace dsessd {
+
+inline constexpr int kDefaultTraceLevel = 1;
+/// An hour for which the record of a change lives, and ten minutes for those that are being committed meanwhile.
+inline constexpr std::chrono::minutes kKeepChanges{70};
+/// So many old records of changes are removed with each change.
+inline constexpr int kForgetAtOnce = 100;
+
+std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
+
+bool isPostgresUri(const std::string& data);
+std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say);
+std::string nameOfPostgres(const std::string& uri);
+
+/// Knows which records of changes are old. The time of day does not tell, since clocks are set; but a record that was
+/// there when this object began to count has been there for as long as the object's own clock says.
+class ChangeAges {
+  public:
+    /// Records are numbered as they come, the newest now with `newest`. Up to the number that this gives, all are old.
+    [[nodiscard]] std::int64_t oldUpTo(std::int64_t newest);
+
+  private:
+    std::optional<std::int64_t> m_seen;
+    std::chrono::steady_clock::time_point m_seenAt;
+    std::int64_t m_old = 0;
+};
+
+/// A name to look for, or a pattern. What is not text is looked for in vain, like an empty name: none that is stored is
+/// either. Engines do not agree on what they make of NUL and malformed characters.
+std::string_view sought(std::string_view name);
+std::string newKeyLabel(Seconds now);
+std::string newUuid();
+/// Throws ChangeMismatch unless user and digest are those recorded.
+void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest);
+
+}  // namespace dsessd

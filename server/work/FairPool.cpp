@@ -1,0 +1,88 @@
+#include "server/work/FairPool.h"
+
+#include <algorithm>
+
+namespace dsessd {
+
+FairPool::FairPool(unsigned threads, unsigned mostForOne) : m_mostForOne(mostForOne) {
+    try {
+        for (unsigned i = 0; i < threads; ++i) {
+            m_threads.emplace_back([this] { work(); });
+        }
+    } catch (...) {
+        stop();
+        throw;
+    }
+}
+
+void FairPool::stop() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_stopping = true;
+    }
+    m_changed.notify_all();
+    m_threads.clear();        // joins them
+    std::list<Line> dropped;  // what the tasks hold goes without the lock
+    const std::lock_guard lock(m_mutex);
+    dropped.swap(m_lines);
+}
+
+void FairPool::post(std::string_view peer, Task task) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_stopping) {
+            return;
+        }
+        auto line = std::find_if(m_lines.begin(), m_lines.end(), [&](const Line& other) { return other.peer == peer; });
+        if (line == m_lines.end()) {
+            line = m_lines.insert(line, {std::string(peer), {}, 0});
+        }
+        line->tasks.push_back({std::move(task), Clock::now()});
+    }
+    m_changed.notify_one();
+}
+
+FairPool::Task FairPool::takeBack(Clock::time_point before) {
+    const std::lock_guard lock(m_mutex);
+    for (auto line = m_lines.begin(); line != m_lines.end(); ++line) {
+        if (!line->tasks.empty() && line->tasks.front().since < before) {
+            Task task = std::move(line->tasks.front().task);
+            line->tasks.pop_front();
+            if (line->running == 0 && line->tasks.empty()) {
+                m_lines.erase(line);
+            }
+            return task;
+        }
+    }
+    return {};
+}
+
+std::list<FairPool::Line>::iterator FairPool::next() {
+    return std::find_if(m_lines.begin(), m_lines.end(),
+                        [this](const Line& line) { return !line.tasks.empty() && line.running < m_mostForOne; });
+}
+
+void FairPool::work() {
+    std::unique_lock lock(m_mutex);
+    for (;;) {
+        auto line = m_lines.end();
+        m_changed.wait(lock, [&] { return m_stopping || (line = next()) != m_lines.end(); });
+        if (m_stopping) {
+            return;
+        }
+        m_lines.splice(m_lines.end(), m_lines, line);
+        {
+            const Task task = std::move(line->tasks.front().task);
+            line->tasks.pop_front();
+            ++line->running;
+            lock.unlock();
+            task();
+        }
+        lock.lock();
+        if (--line->running == 0 && line->tasks.empty()) {
+            m_lines.erase(line);
+        }
+    }
+}
+
+}  // namespace dsessd

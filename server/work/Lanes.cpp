@@ -1,0 +1,121 @@
+#include "server/work/Lanes.h"
+
+#include <exception>
+#include <utility>
+
+namespace dsessd {
+
+namespace {
+
+/// So that requests which take long keep a thread that waits for connections from its work for little of the time.
+constexpr std::chrono::milliseconds kPauseAtOnce{200};
+
+}  // namespace
+
+Lanes::Lanes(Service& service, Log& log)
+    : m_service(service),
+      m_log(log),
+      m_notAtOnceUntil(service.answersAtOnce() ? Clock::time_point::min() : Clock::time_point::max()) {
+    for (const LaneRule& rule : kLanes) {
+        m_pools.emplace_back(rule.threads, rule.mostForOne);
+    }
+}
+
+Lanes::~Lanes() {
+    // They post to each other, so all are stopped before the first goes.
+    for (FairPool& pool : m_pools) {
+        pool.stop();
+    }
+}
+
+std::shared_ptr<Lanes::Job> Lanes::submit(SecretBuffer request, const Peer& peer,
+                                          std::shared_ptr<RequestDeadlines> deadlines, std::function<void()> wake) {
+    auto job = std::make_shared<Job>();
+    job->m_deadlines = deadlines;
+    job->m_call = m_service.receive(std::move(request), peer, std::move(deadlines));
+    Lane lane = Lane::kQuick;
+    if (Clock::now() >= m_notAtOnceUntil.load(std::memory_order_relaxed)) {
+        lane = m_service.advance(*job->m_call, Lane::kAtOnce);
+        if (lane == Lane::kQuick) {
+            m_notAtOnceUntil = Clock::now() + kPauseAtOnce;
+        }
+    }
+    if (lane == Lane::kDone) {
+        job->answer = Service::answerOf(*job->m_call);
+        job->m_done = true;
+    } else {
+        job->m_wake = std::move(wake);
+        post(job, lane);
+    }
+    return job;
+}
+
+void Lanes::post(const std::shared_ptr<Job>& job, Lane lane) {
+    m_pools[static_cast<std::size_t>(lane)].post(Service::peerOf(*job->m_call), [this, job, lane] { step(job, lane); });
+}
+
+void Lanes::tick() {
+    for (std::size_t lane = 0; lane < kLanes.size(); ++lane) {
+        const auto before = Clock::now() - kLanes[lane].longestWait;
+        while (const FairPool::Task late = m_pools[lane].takeBack(before)) {
+            late();  // nothing but a refusal
+        }
+    }
+}
+
+void Lanes::step(const std::shared_ptr<Job>& job, Lane lane) noexcept {
+    try {
+        const Lane next = m_service.advance(*job->m_call, lane);
+        if (next == Lane::kDone) {
+            deliver(job);
+        } else {
+            post(job, next);
+        }
+    } catch (const std::exception& error) {
+        fail(*job, error);
+    }
+}
+
+void Lanes::fail(Job& job, const std::exception& why) noexcept {
+    m_log.failed("a request ended in failure", why);
+    job.answer = Answer{};
+    job.answer.httpStatus = 500;
+    finish(job);
+}
+
+/// Nothing of the job is touched any more but by whoever waits for it.
+void Lanes::finish(Job& job) noexcept {
+    const auto wake = std::move(job.m_wake);
+    job.m_done.store(true, std::memory_order_release);
+    try {
+        wake();
+    } catch (const std::exception&) {  // whoever waits looks again
+    }
+}
+
+void Lanes::deliver(const std::shared_ptr<Job>& job) {
+    job->answer = Service::answerOf(*job->m_call);
+    job->m_call.reset();
+    const std::unique_ptr<ListingAnswer> rest = std::move(job->answer.rest);
+    if (rest == nullptr) {
+        finish(*job);
+        return;
+    }
+    const auto spool = std::make_shared<Spool>(job->m_wake);
+    const auto deadlines = job->m_deadlines;
+    job->rest = spool;
+    finish(*job);
+    try {
+        for (std::string piece; !(piece = rest->next()).empty();) {
+            spool->append(std::move(piece));
+        }
+        spool->end(true);
+    } catch (const std::exception& error) {
+        if (Clock::now() < deadlines->leave()) {
+            m_log.failed("a listing broke off", error);
+        }
+        spool->end(false);
+    }
+}
+
+}  // namespace dsessd
