@@ -4,8 +4,8 @@
 #include <openssl/evp.h>
 
 #include "admin/client/tls/TlsProblem.h"
-#include "admin/client/tls/openssl_ptr.h"
 #include "catalogue/qel_messages.h"
+#include "runtime/openssl_ptr.h"
 
 namespace olmdsess {
 

@@ -9,10 +9,10 @@
 #include <cstring>
 #include <new>
 
-#include "admin/client/tls/DistinguishedName.h"
 #include "admin/client/tls/KeyFileContents.h"
 #include "admin/client/tls/TlsProblem.h"
 #include "catalogue/qel_messages.h"
+#include "runtime/DistinguishedName.h"
 #include "runtime/QelFileDescriptor.h"
 #include "runtime/SecretBuffer.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "admin/client/tls/openssl_ptr.h"
+#include "runtime/openssl_ptr.h"
 
 namespace olmdsess {
 

@@ -7,7 +7,7 @@
 #include <new>
 #include <string_view>
 
-#include "admin/client/tls/DistinguishedName.h"
+#include "runtime/DistinguishedName.h"
 
 namespace olmdsess {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "admin/client/tls/openssl_ptr.h"
 #include "runtime/SecretBuffer.h"
+#include "runtime/openssl_ptr.h"
 
 namespace olmdsess {
 

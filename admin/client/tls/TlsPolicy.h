@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
-#include "admin/client/tls/DistinguishedName.h"
 #include "admin/client/tls/FipsMode.h"
 #include "admin/client/tls/KeyFile.h"
+#include "runtime/DistinguishedName.h"
 
 namespace olmdsess {
 

@@ -4,12 +4,10 @@
 #include <cstdlib>
 #include <filesystem>
 
-#include "admin/client/tls/DistinguishedName.h"
-#include "admin/client/tls/openssl_ptr.h"
 #include "catalogue/qel_messages.h"
+#include "runtime/DistinguishedName.h"
+#include "runtime/openssl_ptr.h"
 #include "tests/admin/client/Library.h"
-
-using namespace olmdsess;
 
 namespace {
 

@@ -10,8 +10,6 @@
 
 #include <memory>
 
-namespace olmdsess {
-
 template <auto function>
 struct OpensslDeleter {
     template <class Object>
@@ -29,5 +27,3 @@ using Octets = std::unique_ptr<ASN1_OCTET_STRING, OpensslDeleter<ASN1_OCTET_STRI
 using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
 using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;
-
-}  // namespace olmdsess

@@ -1,4 +1,4 @@
-#include "admin/client/tls/DistinguishedName.h"
+#include "runtime/DistinguishedName.h"
 
 #include <openssl/objects.h>
 
@@ -7,9 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "admin/client/tls/openssl_ptr.h"
-
-namespace olmdsess {
+#include "runtime/openssl_ptr.h"
 
 namespace {
 
@@ -168,5 +166,3 @@ std::string commonName(const X509* certificate) {
     });
     return found;
 }
-
-}  // namespace olmdsess

@@ -13,8 +13,6 @@
 #include <tuple>
 #include <vector>
 
-namespace olmdsess {
-
 struct NameValue {
     std::string type;   ///< its object identifier in dotted form, so that "CN" and "commonName" are the same
     std::string value;  ///< UTF-8
@@ -37,5 +35,3 @@ std::string subjectText(const X509* certificate);
 
 /// The subject's common name, empty when there is none. Throws std::bad_alloc.
 std::string commonName(const X509* certificate);
-
-}  // namespace olmdsess
