@@ -13,6 +13,11 @@ inline constexpr char kProxyServicePath[] = "/services/DSessAdminProxy";
 
 inline constexpr char kContentType[] = "application/json";
 
+/// A field in the head of an answer with status 503, and its value when the server's store cannot do it now. Without
+/// the field the server itself cannot.
+inline constexpr char kUnavailable[] = "DSess-Unavailable";
+inline constexpr char kStore[] = "store";
+
 namespace method {
 inline constexpr char kClusterGet[] = "cluster.get";
 inline constexpr char kReplicaSetGet[] = "replicaSet.get";

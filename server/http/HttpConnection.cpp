@@ -247,7 +247,8 @@ HttpConnection::Awaitable<void> HttpConnection::answer(HttpRequest& request) {
     const bool chunked = job->rest != nullptr && request.takesChunks();
     const std::string& text = job->answer.text;
     const auto length = job->rest == nullptr ? std::optional(text.size()) : std::nullopt;
-    const std::string whole = headOf(job->answer.httpStatus, length, chunked).append(chunked ? chunkOf(text) : text);
+    const std::string whole =
+        headOf(job->answer.httpStatus, length, chunked, job->answer.lacksStore).append(chunked ? chunkOf(text) : text);
     beginWriting();
     co_await send(whole);
     if (job->rest != nullptr) {
@@ -286,10 +287,13 @@ HttpConnection::Awaitable<void> HttpConnection::refuse(int status) {
     co_await send(head);
 }
 
-std::string HttpConnection::headOf(int status, std::optional<std::size_t> length, bool chunked) const {
+std::string HttpConnection::headOf(int status, std::optional<std::size_t> length, bool chunked, bool lacksStore) const {
     std::string head = "HTTP/1.1 " + std::to_string(status) + " ";
     head += std::string_view(boost::beast::http::obsolete_reason(static_cast<boost::beast::http::status>(status)));
     head += m_close ? "\r\nConnection: close" : "";
+    if (lacksStore) {
+        head.append("\r\n").append(protocol::kUnavailable).append(": ").append(protocol::kStore);
+    }
     if (length != std::size_t(0)) {
         head.append("\r\nContent-Type: ").append(protocol::kContentType);
     }

@@ -117,7 +117,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
 
     void become(Doing doing, Clock::duration mostTime);
     void beginWriting();
-    std::string headOf(int status, std::optional<std::size_t> length, bool chunked) const;
+    std::string headOf(int status, std::optional<std::size_t> length, bool chunked, bool lacksStore = false) const;
     Clock::time_point answerDeadline() const;
     bool hasLeft() const;
     /// Whether nothing more can be sent.

@@ -341,12 +341,15 @@ Lane Service::advance(Call& call, Lane lane) {
         failed(failure.what(), 500);
     } catch (const StoreReplaced& replaced) {
         failed(replaced.what(), 503);
+        call.answer.lacksStore = true;
         if (!call.parameters.clusterId.empty() && call.method->changes()) {
+            call.answer.lacksStore = false;
             call.otherCluster = replaced.clusterId();
             refused(otherCluster());
         }
     } catch (const StoreUnavailable& failure) {
         failed(failure.what(), 503);
+        call.answer.lacksStore = true;
     } catch (const StoreError& failure) {
         failed(failure.what());
     } catch (const std::exception& failure) {

@@ -49,6 +49,8 @@ class ListingAnswer {
 /// An answer: a status of HTTP and the body, or its first piece.
 struct Answer {
     int httpStatus = 200;
+    /// With status 503: it is the store that cannot do it now.
+    bool lacksStore = false;
     std::string text;
     /// How long it is to be held back.
     std::chrono::milliseconds delay{0};

@@ -1,11 +1,12 @@
 """Several nodes of one cluster: what one does shows at the others, and what they do when the database goes."""
 
+import contextlib
 import signal
 import time
 import unittest
 import unittest.mock
 
-from dsessd import AS_ROOT, ROOT, Dsessd, request_text
+from dsessd import AS_ROOT, JSON, ROOT, Dsessd, request_text
 from postgres import PROGRAMS, Postgres
 
 
@@ -54,7 +55,10 @@ class Nodes(unittest.TestCase):
             one, other = self.nodes()
             postgres.stop()
             start = time.monotonic()
-            self.assertEqual(one.post(request_text("trace.get"))[0], 503)
+            with contextlib.closing(one.connect()) as connection:
+                connection.request("POST", "/blue/services/DSessAdmin", request_text("trace.get"), JSON)
+                answer = connection.getresponse()
+            self.assertEqual((answer.status, answer.getheader("DSess-Unavailable")), (503, "store"))
             self.assertLess(time.monotonic() - start, 3)
             self.assertRegex(one.log(), "failure the store failed: the PostgreSQL database test.* cannot be reached: ")
             postgres.start()
