@@ -35,10 +35,9 @@ std::optional<std::string> valueText(const ASN1_STRING* value) {
     return std::string(reinterpret_cast<const char*>(bytes), static_cast<std::size_t>(length));
 }
 
-/// The values of a certificate's subject, each with the number of its component. A value that is no text is empty.
+/// The values of a name, each with the number of its component. A value that is no text is empty.
 template <class Take>
-void eachEntry(const X509* certificate, Take take) {
-    const X509_NAME* name = X509_get_subject_name(certificate);
+void eachEntry(const X509_NAME* name, Take take) {
     for (int index = 0; index < X509_NAME_entry_count(name); ++index) {
         const X509_NAME_ENTRY* entry = X509_NAME_get_entry(name, index);
         take(X509_NAME_ENTRY_get_object(entry), valueText(X509_NAME_ENTRY_get_data(entry)), X509_NAME_ENTRY_set(entry));
@@ -132,37 +131,43 @@ std::optional<DistinguishedName> subjectName(const X509* certificate) {
     DistinguishedName name;
     bool isText = true;
     int last = -1;
-    eachEntry(certificate, [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int component) {
-        if (component != last) {
-            name.emplace_back();
-            last = component;
-        }
-        isText = isText && value;
-        name.back().push_back({typeText(type, kDotted), value.value_or("")});
-    });
+    eachEntry(X509_get_subject_name(certificate),
+              [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int component) {
+                  if (component != last) {
+                      name.emplace_back();
+                      last = component;
+                  }
+                  isText = isText && value;
+                  name.back().push_back({typeText(type, kDotted), value.value_or("")});
+              });
     for (NameComponent& component : name) {
         std::sort(component.begin(), component.end());
     }
     return isText && !name.empty() ? std::optional(name) : std::nullopt;
 }
 
-std::string subjectText(const X509* certificate) {
+std::string nameText(const X509_NAME* name) {
     std::string text;
     int last = -1;
-    eachEntry(certificate, [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int component) {
+    eachEntry(name, [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int component) {
         text += (component == last ? "+" : "/") + typeText(type, !kDotted) + "=" +
                 (value ? escaped(*value) : "(a value that is no text)");
         last = component;
     });
-    return text.empty() ? "(no subject)" : text;
+    return text.empty() ? "(no name)" : text;
+}
+
+std::string subjectText(const X509* certificate) {
+    return nameText(X509_get_subject_name(certificate));
 }
 
 std::string commonName(const X509* certificate) {
     std::string found;
-    eachEntry(certificate, [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int) {
-        if (OBJ_obj2nid(type) == NID_commonName) {
-            found = value.value_or("");
-        }
-    });
+    eachEntry(X509_get_subject_name(certificate),
+              [&](const ASN1_OBJECT* type, const std::optional<std::string>& value, int) {
+                  if (OBJ_obj2nid(type) == NID_commonName) {
+                      found = value.value_or("");
+                  }
+              });
     return found;
 }

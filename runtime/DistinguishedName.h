@@ -29,8 +29,9 @@ std::optional<DistinguishedName> parseDistinguishedName(std::string_view text);
 /// A certificate's subject; empty when it has none, or when a value of it is no text. Throws std::bad_alloc.
 std::optional<DistinguishedName> subjectName(const X509* certificate);
 
-/// The text form of a certificate's subject: what parseDistinguishedName takes for that subject, in printable
-/// characters. Throws std::bad_alloc.
+/// The text form of a name; that of a certificate's subject is what parseDistinguishedName takes for that
+/// subject. In printable characters. Throws std::bad_alloc.
+std::string nameText(const X509_NAME* name);
 std::string subjectText(const X509* certificate);
 
 /// The subject's common name, empty when there is none. Throws std::bad_alloc.

@@ -1,11 +1,8 @@
 #include "admin/client/tls/KeyFile.h"
 
-#include <fcntl.h>
 #include <openssl/err.h>
-#include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <new>
 
@@ -13,78 +10,20 @@
 #include "admin/client/tls/TlsProblem.h"
 #include "catalogue/qel_messages.h"
 #include "runtime/DistinguishedName.h"
-#include "runtime/QelFileDescriptor.h"
 #include "runtime/SecretBuffer.h"
+#include "runtime/SecretFile.h"
 
 namespace olmdsess {
 
 namespace {
 
-constexpr off_t kMaxFileBytes = off_t{1024} * 1024;
-constexpr mode_t kNobodyElse = S_IRWXG | S_IRWXO;
-constexpr mode_t kNobodyElseWrites = S_IWGRP | S_IWOTH;
-
-struct File {
-    struct stat status {};
-    SecretBuffer bytes;
-};
-
-/// Refuses a file that others could have read or written, by the permissions that are refused.
-void checkOwner(const File& file, mode_t refused, const std::string& why) {
-    if (file.status.st_uid != geteuid() && file.status.st_uid != 0) {
-        throw UnusableFile{"cannot be used: it belongs to another user" + why};
-    }
-    if ((file.status.st_mode & refused) != 0) {
-        throw UnusableFile{"cannot be used: others than its owner have permissions on it" + why +
-                           " (chmod 600 takes them away)"};
-    }
-}
-
-/// Reads a regular file. A FIFO must not hang the open, so that it never waits.
-File readFile(const char* path, int moreFlags) {
-    File file;
-    const QelFileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | moreFlags));
-    if (!descriptor.isOpen()) {
-        throw UnusableFile{std::string("cannot be opened: ") +
-                           (errno == ELOOP ? "it is a symbolic link" : std::strerror(errno))};
-    }
-    if (fstat(descriptor.get(), &file.status) != 0 || !S_ISREG(file.status.st_mode)) {
-        throw UnusableFile{"cannot be used: it is not a regular file"};
-    }
-    if (file.status.st_size > kMaxFileBytes) {
-        throw UnusableFile{"cannot be used: it is longer than 1 MiB"};
-    }
-    file.bytes.resize(static_cast<std::size_t>(file.status.st_size));
-    std::size_t size = 0;
-    for (ssize_t count = 1; count != 0; size += static_cast<std::size_t>(count)) {
-        count = read(descriptor.get(), file.bytes.data() + size, file.bytes.size() - size);
-        if (count < 0) {
-            throw UnusableFile{std::string("cannot be read: ") + std::strerror(errno)};
-        }
-    }
-    file.bytes.resize(size);
-    return file;
-}
-
-/// The first line, without its end.
-SecretBuffer readStash(const char* path) {
-    File file = readFile(path, O_NOFOLLOW);
-    checkOwner(file, kNobodyElse, "");
-    SecretBuffer& bytes = file.bytes;
-    bytes.erase(std::find(bytes.begin(), bytes.end(), '\n'), bytes.end());
-    if (!bytes.empty() && bytes.back() == '\r') {
-        bytes.pop_back();
-    }
-    return std::move(file.bytes);
-}
-
 KeyFileContents readContents(const char* path, SecretBuffer& password) {
-    const File file = readFile(path, 0);
-    KeyFileContents contents = readKeyFileContents(file.bytes, password);
+    const SecretFile file(path, 0);
+    KeyFileContents contents = readKeyFileContents(file.bytes(), password);
     if (contents.hasPlainKey) {
-        checkOwner(file, kNobodyElse, ", and its private key is not encrypted");
+        file.checkOwner(SecretFile::kNobodyElse, ", and its private key is not encrypted");
     } else if (!contents.isSealed) {
-        checkOwner(file, kNobodyElseWrites, ", and could put in whom to trust");
+        file.checkOwner(SecretFile::kNobodyElseWrites, ", and could put in whom to trust");
     }
     return contents;
 }
@@ -252,7 +191,7 @@ KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) 
         SecretBuffer password;
         if (stashPath != nullptr) {
             called = std::string("the stash file ") + stashPath;
-            password = readStash(stashPath);
+            password = readPasswordFile(stashPath);
         }
         called = std::string("the key file ") + path;
         KeyFile result = choose(readContents(path, password), label);

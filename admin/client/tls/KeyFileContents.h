@@ -5,14 +5,10 @@
 #include <vector>
 
 #include "runtime/SecretBuffer.h"
+#include "runtime/SecretFile.h"
 #include "runtime/openssl_ptr.h"
 
 namespace olmdsess {
-
-/// Thrown to say what is wrong with a file, as it follows the file's name: "is damaged".
-struct UnusableFile {
-    std::string why;
-};
 
 struct KeyFileContents {
     template <class Owner>
