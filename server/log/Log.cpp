@@ -5,11 +5,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "runtime/QelTimeText.h"
+#include "runtime/ThreadAnnotations.h"
 #include "runtime/qel_io.h"
 
 namespace dsessd {
@@ -66,7 +66,7 @@ class Log::Queue {
     }
 
     void add(std::string_view line) {
-        std::unique_lock lock(m_mutex);
+        MutexLock lock(m_mutex);
         if (m_pending.size() + line.size() > kQueueBytes) {
             ++m_dropped;
             return;
@@ -75,15 +75,15 @@ class Log::Queue {
         const std::uint64_t number = ++m_added;
         m_changed.notify_all();
         if (m_flows) {
-            m_flows = m_changed.wait_for(lock, kFlowsWithin, [&] { return m_written >= number; });
+            m_flows = lock.waitFor(m_changed, kFlowsWithin, [&]() REQUIRES(m_mutex) { return m_written >= number; });
         }
     }
 
     /// Writes until the end.
     void run() {
-        std::unique_lock lock(m_mutex);
+        MutexLock lock(m_mutex);
         while (!m_done) {
-            m_changed.wait(lock, [&] { return !m_pending.empty() || m_dropped > 0 || m_ended; });
+            lock.wait(m_changed, [&]() REQUIRES(m_mutex) { return !m_pending.empty() || m_dropped > 0 || m_ended; });
             m_writing.swap(m_pending);
             const std::uint64_t taken = m_added;
             const std::uint64_t dropped = std::exchange(m_dropped, 0);
@@ -94,7 +94,7 @@ class Log::Queue {
             m_dropped += lost;
             m_flows = lost == 0;
             if (lost > 0) {  // a full disk, or nobody there any more
-                m_changed.wait_for(lock, kPauseAfterFailure, [&] { return m_ended; });
+                lock.waitFor(m_changed, kPauseAfterFailure, [&]() REQUIRES(m_mutex) { return m_ended; });
             }
             m_done = m_ended && m_pending.empty();
             m_changed.notify_all();
@@ -103,10 +103,10 @@ class Log::Queue {
 
     /// False: lines do not flow, and the thread may never come back.
     bool end() {
-        std::unique_lock lock(m_mutex);
+        MutexLock lock(m_mutex);
         m_ended = true;
         m_changed.notify_all();
-        return m_changed.wait_for(lock, kWaitInTheEnd, [&] { return m_done; });
+        return lock.waitFor(m_changed, kWaitInTheEnd, [&]() REQUIRES(m_mutex) { return m_done; });
     }
 
   private:
@@ -131,17 +131,17 @@ class Log::Queue {
     }
 
     const int m_fd;
-    std::mutex m_mutex;
+    Mutex m_mutex;
     std::condition_variable m_changed;
-    std::string m_pending;
-    /// The thread's own.
+    std::string m_pending GUARDED_BY(m_mutex);
+    /// Only the thread that writes uses it.
     std::string m_writing;
-    std::uint64_t m_added = 0;
-    std::uint64_t m_written = 0;
-    std::uint64_t m_dropped = 0;
-    bool m_flows = true;
-    bool m_ended = false;
-    bool m_done = false;
+    std::uint64_t m_added GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_written GUARDED_BY(m_mutex) = 0;
+    std::uint64_t m_dropped GUARDED_BY(m_mutex) = 0;
+    bool m_flows GUARDED_BY(m_mutex) = true;
+    bool m_ended GUARDED_BY(m_mutex) = false;
+    bool m_done GUARDED_BY(m_mutex) = false;
 };
 
 Log::Log(int fd) : m_queue(std::make_shared<Queue>(fd)), m_thread([queue = m_queue] { queue->run(); }) {}

@@ -72,13 +72,13 @@ Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, st
 }
 
 bool Authenticator::remembers(const Digest& digest) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     const auto found = m_expiries.find(digest);
     return found != m_expiries.end() && Clock::now() < found->second;
 }
 
 void Authenticator::remember(const Digest& digest) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     const auto expiry = Clock::now() + m_limits.rememberFor;
     if (const auto found = m_expiries.find(digest); found != m_expiries.end()) {
         found->second = expiry;

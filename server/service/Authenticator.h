@@ -6,11 +6,11 @@
 #include <chrono>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "runtime/ThreadAnnotations.h"
 #include "server/store/Store.h"
 
 namespace dsessd {
@@ -73,9 +73,9 @@ class Authenticator {
     std::string m_dummyHash;
 
     std::atomic<std::uint64_t> m_hashCount = 0;
-    std::mutex m_mutex;
-    std::map<Digest, Clock::time_point> m_expiries;
-    std::deque<Digest> m_oldestFirst;
+    Mutex m_mutex;
+    std::map<Digest, Clock::time_point> m_expiries GUARDED_BY(m_mutex);
+    std::deque<Digest> m_oldestFirst GUARDED_BY(m_mutex);
 };
 
 }  // namespace dsessd

@@ -18,7 +18,7 @@ constexpr std::size_t kKinds = 10'000;
 
 Repeats::Reaction Repeats::count(const std::string& what) {
     const auto now = Clock::now();
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (m_records.size() >= kKinds) {
         std::erase_if(m_records, [&](const auto& entry) { return now - entry.second.last > kForgiven * kForgetOne; });
     }

@@ -3,8 +3,9 @@
 
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <string>
+
+#include "runtime/ThreadAnnotations.h"
 
 namespace dsessd {
 
@@ -38,8 +39,8 @@ class Repeats {
         Clock::time_point minute = Clock::now();
     };
 
-    std::mutex m_mutex;
-    std::map<std::string, Record> m_records;
+    Mutex m_mutex;
+    std::map<std::string, Record> m_records GUARDED_BY(m_mutex);
 };
 
 }  // namespace dsessd

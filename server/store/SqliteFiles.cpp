@@ -86,7 +86,7 @@ void SqliteFiles::checkNowAndThen(sqlite3* connection) {
 }
 
 void SqliteFiles::check(sqlite3* connection) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     m_checkedAt = Clock::time_point::min();
     const std::int64_t bytes = look(m_path, m_data);
     if (bytes < m_dataBytes && bytes < leastDataBytes(connection)) {

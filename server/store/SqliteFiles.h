@@ -8,10 +8,11 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
+
+#include "runtime/ThreadAnnotations.h"
 
 namespace dsessd {
 
@@ -48,13 +49,13 @@ class SqliteFiles {
     const std::string m_path;
     /// When all was well.
     std::atomic<Clock::time_point> m_checkedAt = Clock::time_point::min();
-    std::mutex m_mutex;
-    std::optional<Identity> m_data;
-    std::optional<Identity> m_log;
-    std::int64_t m_dataBytes = 0;
+    Mutex m_mutex;
+    std::optional<Identity> m_data GUARDED_BY(m_mutex);
+    std::optional<Identity> m_log GUARDED_BY(m_mutex);
+    std::int64_t m_dataBytes GUARDED_BY(m_mutex) = 0;
     std::atomic<std::int64_t> m_logBytes = 0;
     /// Where the last page begins that was in the log when it was looked at. 0: there was none.
-    std::int64_t m_lastPageAt = 0;
+    std::int64_t m_lastPageAt GUARDED_BY(m_mutex) = 0;
     std::atomic<std::int64_t> m_newestPageAt = 0;
     std::atomic<std::uint64_t> m_doubts = 0;
     std::atomic<std::uint64_t> m_settled = 0;

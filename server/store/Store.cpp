@@ -95,7 +95,7 @@ StorePool::StorePool(const std::string& data, Store::Say say)
 StorePool::Lease StorePool::take(std::function<bool()> impatient) {
     std::unique_ptr<Store> store;
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (!m_idle.empty()) {
             store = std::move(m_idle.back());
             m_idle.pop_back();
@@ -116,7 +116,7 @@ bool StorePool::isEmbedded() const {
 void StorePool::giveBack(Store* store) {
     std::unique_ptr<Store> owned(store);
     owned->endWhen({});
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (owned->isSound() && m_idle.size() < kIdleStores) {
         m_idle.push_back(std::move(owned));
     }

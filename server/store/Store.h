@@ -8,13 +8,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "runtime/ThreadAnnotations.h"
 
 namespace dsessd {
 
@@ -261,8 +262,8 @@ class StorePool {
 
     const bool m_isEmbedded;
     const std::unique_ptr<Store> m_first;
-    std::mutex m_mutex;
-    std::vector<std::unique_ptr<Store>> m_idle;
+    Mutex m_mutex;
+    std::vector<std::unique_ptr<Store>> m_idle GUARDED_BY(m_mutex);
 };
 
 }  // namespace dsessd
