@@ -100,12 +100,10 @@ std::string readyLine(const ServeOptions& options, const Listener& listener) {
 void checkThatItTakesChanges(StorePool& stores) {
     try {
         stores.take()->tryWriting();
-    } catch (const StoreBusy&) {
-        // somebody else can write
-    } catch (const StoreUncertain& error) {
-        throw StoreError(std::string("the store takes no changes: ") + error.what());
-    } catch (const StoreUnavailable& error) {
-        throw StoreError(std::string("the store takes no changes: ") + error.what());
+    } catch (const Failure& failure) {
+        if (failure.reason() != Reason::kBusy) {  // if it is, somebody else can write
+            throw Failure(std::string("the store takes no changes: ") + failure.what());
+        }
     }
 }
 
@@ -197,10 +195,11 @@ int load(const LoadOptions& options) {
             progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
         }
         counts = loadCluster(input, *store, presentTime(), progress);
-    } catch (const StoreUncertain&) {
-        throw;
-    } catch (const StoreError& error) {
-        throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
+    } catch (const Failure& error) {
+        if (error.reason() == Reason::kUncertain) {
+            throw;
+        }
+        throw Failure(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
     } catch (const LoadError& error) {
         throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
                                  "; nothing was loaded");
@@ -261,10 +260,11 @@ int administrate(const AdminOptions& options) {
                 break;
         }
         return 0;
-    } catch (const StoreUncertain&) {
-        throw;
-    } catch (const StoreError& error) {
-        throw StoreError(Store::describe(options.data) + " cannot be used: " + error.what());
+    } catch (const Failure& error) {
+        if (error.reason() == Reason::kUncertain) {
+            throw;
+        }
+        throw Failure(Store::describe(options.data) + " cannot be used: " + error.what());
     }
 }
 

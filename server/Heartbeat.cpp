@@ -69,14 +69,14 @@ void Heartbeat::look(bool contacts, bool isLast) {
         } else if (contacts) {
             m_problem.clear();
         }
-    } catch (const StoreBusy&) {
-        // a load, which ends
-    } catch (const StoreInterrupted&) {
-        if (!m_stopping) {
-            report("the store does not answer");
+    } catch (const Failure& failure) {
+        if (failure.reason() == Reason::kInterrupted) {
+            if (!m_stopping) {
+                report("the store does not answer");
+            }
+        } else if (failure.reason() != Reason::kBusy) {  // with a load, which ends
+            report(std::string("the store failed: ") + failure.what());
         }
-    } catch (const StoreError& error) {
-        report(std::string("the store failed: ") + error.what());
     }
 }
 

@@ -23,7 +23,7 @@ struct Membership {
 class Heartbeat {
   public:
     /// Starts with a first contact and the present trace level. Throws a std::runtime_error when there is no such
-    /// replica set, and StoreError.
+    /// replica set, and Failure.
     Heartbeat(StorePool& stores, Log& log, Membership membership);
     /// Ends with a last contact.
     ~Heartbeat();

@@ -50,7 +50,7 @@ class Authenticator {
     explicit Authenticator(const Limits& limits);
 
     // Safe to call from several threads, each with a store of its own. What cannot be computed is no refusal: they
-    // throw std::bad_alloc or std::system_error then, and StoreError.
+    // throw std::bad_alloc or std::system_error then, and Failure.
     /// What is known without a hash; nothing: it takes one.
     [[nodiscard]] std::optional<Verdict> recall(Store& store, const Credentials& credentials);
     /// Computes a hash, unless it is remembered by now.

@@ -327,31 +327,38 @@ Lane Service::advance(Call& call, Lane lane) {
         }
     } catch (const Refusal& refusal) {
         refused(refusal);
-    } catch (const StoreBusy&) {
-        if (lane == Lane::kAtOnce) {
+    } catch (const Failure& failure) {
+        const Reason reason = failure.reason();
+        if (lane == Lane::kAtOnce && (reason == Reason::kBusy || reason == Reason::kInterrupted)) {
             return goOnIn(Lane::kQuick);
         }
-        refused(busy());
-    } catch (const StoreInterrupted&) {
-        if (lane == Lane::kAtOnce) {
-            return goOnIn(Lane::kQuick);
+        switch (reason) {
+            case Reason::kBusy:
+                refused(busy());
+                break;
+            case Reason::kInterrupted:
+                refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
+                break;
+            case Reason::kUncertain:
+                failed(failure.what(), 500);
+                break;
+            case Reason::kReplaced:
+                failed(failure.what(), 503);
+                call.answer.lacksStore = true;
+                if (!call.parameters.clusterId.empty() && call.method->changes()) {
+                    call.answer.lacksStore = false;
+                    call.otherCluster = failure.clusterId();
+                    refused(otherCluster());
+                }
+                break;
+            case Reason::kUnavailable:
+                failed(failure.what(), 503);
+                call.answer.lacksStore = true;
+                break;
+            case Reason::kFailed:
+            case Reason::kOtherChange:
+                failed(failure.what());
         }
-        refused({code::kInternalError, error::kServerFailure, "This takes too long; ask for less."});
-    } catch (const StoreUncertain& failure) {
-        failed(failure.what(), 500);
-    } catch (const StoreReplaced& replaced) {
-        failed(replaced.what(), 503);
-        call.answer.lacksStore = true;
-        if (!call.parameters.clusterId.empty() && call.method->changes()) {
-            call.answer.lacksStore = false;
-            call.otherCluster = replaced.clusterId();
-            refused(otherCluster());
-        }
-    } catch (const StoreUnavailable& failure) {
-        failed(failure.what(), 503);
-        call.answer.lacksStore = true;
-    } catch (const StoreError& failure) {
-        failed(failure.what());
     } catch (const std::exception& failure) {
         if (call.changing) {
             throw;
@@ -468,7 +475,10 @@ std::string Service::change(Call& call) {
                 return saying(refusal);
             }
         });
-    } catch (const ChangeMismatch&) {
+    } catch (const Failure& failure) {
+        if (failure.reason() != Reason::kOtherChange) {
+            throw;
+        }
         refuse(error::kOtherChange, "The changeId names another change.");
     }
     if (call.changed) {

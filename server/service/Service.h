@@ -32,7 +32,7 @@ class ListingAnswer {
   public:
     /// `head`: what comes before the result.
     ListingAnswer(StorePool::Lease store, std::unique_ptr<Store::SessionListing> listing, std::string head);
-    /// Gives the next piece of the answer, empty after the last. Throws StoreError.
+    /// Gives the next piece of the answer, empty after the last. Throws Failure.
     std::string next();
     /// Whether the last piece was given.
     bool done() const { return m_done; }

@@ -33,7 +33,7 @@ class LoadError : public std::runtime_error {
 using LoadProgress = std::function<void(std::uint64_t bytes, const LoadCounts& counts)>;
 
 /// Replaces the store's cluster by the one in `input`, in one transaction and in constant memory. Throws LoadError or
-/// StoreError; nothing is changed then. Ages are taken from `now`.
+/// Failure; nothing is changed then. Ages are taken from `now`.
 LoadCounts loadCluster(std::istream& input, Store& store, Seconds now, const LoadProgress& progress);
 
 }  // namespace dsessd

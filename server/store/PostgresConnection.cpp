@@ -116,7 +116,7 @@ void PostgresConnection::open() {
     if (m_connection == nullptr || PQstatus(m_connection.get()) != CONNECTION_OK) {
         const std::string why = m_connection == nullptr ? "no memory" : lineOf(PQerrorMessage(m_connection.get()));
         close();
-        throw StoreUnavailable(nameOf(m_uri) + " cannot be reached: " + why);
+        throw Failure(Reason::kUnavailable, nameOf(m_uri) + " cannot be reached: " + why);
     }
     PQsetNoticeReceiver(m_connection.get(), takeNotice, this);
     run(kSettings);
@@ -209,7 +209,7 @@ void PostgresConnection::await() {
         // The database notices and stops too: see client_connection_check_interval.
         if (!m_isEnding && m_impatient && m_impatient()) {
             close();
-            throw StoreInterrupted("nobody waits for it any more");
+            throw Failure(Reason::kInterrupted, "nobody waits for it any more");
         }
     }
 }
@@ -251,10 +251,10 @@ void PostgresConnection::fail(const PGresult* result) {
         throw PostgresLost(text);
     }
     if (meansUnavailable(code)) {
-        throw StoreUnavailable("the database cannot do it now: " + text);
+        throw Failure(Reason::kUnavailable, "the database cannot do it now: " + text);
     }
     if (code == "55P03") {  // the time for waiting is up
-        throw StoreBusy(text);
+        throw Failure(Reason::kBusy, text);
     }
     if (code == "40001" || code == "40P01") {  // not serializable, a deadlock
         throw PostgresConflict(text, code);
@@ -267,14 +267,14 @@ void PostgresConnection::commit() {
     try {
         endWith(kCommit, m_anyTime ? kLoadCommitAtMost : kCommitAtMost);
     } catch (const PostgresLost& error) {
-        throw StoreUncertain(std::string(kUnknown) + error.what());
+        throw Failure(Reason::kUncertain, std::string(kUnknown) + error.what());
     } catch (...) {
         rollBack();
         throw;
     }
     // A wait for the standby that was cut off ends so: PostgreSQL has committed, and calls it a success.
     if (m_isWarned) {
-        throw StoreUncertain(kUnknown + m_warning);
+        throw Failure(Reason::kUncertain, kUnknown + m_warning);
     }
 }
 
@@ -301,7 +301,7 @@ std::string PostgresConnection::nameOf(const std::string& uri) {
     PQconninfoOption* options = PQconninfoParse(uri.c_str(), &why);
     PQfreemem(why);  // it may hold a password
     if (options == nullptr) {
-        throw StoreError("the URI of the database is malformed");
+        throw Failure("the URI of the database is malformed");
     }
     std::string database;
     std::string host;

@@ -17,9 +17,9 @@
 namespace dsessd {
 
 /// What PostgreSQL says, with its code (https://www.postgresql.org/docs/current/errcodes-appendix.html).
-class PostgresError : public StoreError {
+class PostgresError : public Failure {
   public:
-    PostgresError(const std::string& text, std::string code) : StoreError(text), m_code(std::move(code)) {}
+    PostgresError(const std::string& text, std::string code) : Failure(text), m_code(std::move(code)) {}
     const std::string& code() const { return m_code; }
 
   private:
@@ -27,9 +27,9 @@ class PostgresError : public StoreError {
 };
 
 /// The connection is gone, or of no use any more. The transaction is undone, unless it was being committed.
-class PostgresLost : public StoreUnavailable {
+class PostgresLost : public Failure {
   public:
-    using StoreUnavailable::StoreUnavailable;
+    explicit PostgresLost(const std::string& text) : Failure(Reason::kUnavailable, text) {}
 };
 
 /// The transaction stood in another's way: it is undone, and may succeed when it is tried anew.
@@ -103,27 +103,27 @@ class PostgresConnection {
     PostgresConnection(const PostgresConnection&) = delete;
     PostgresConnection& operator=(const PostgresConnection&) = delete;
 
-    /// Connects, and sets what holds for the connection. Throws StoreUnavailable.
+    /// Connects, and sets what holds for the connection. Throws Failure.
     void open();
     /// The host and port that it leads to.
     std::string place() const;
     bool isOpen() const { return m_connection != nullptr; }
     void close() { m_connection.reset(); }
     /// What is asked while a statement runs, other than one that ends a transaction: true closes the connection, and
-    /// StoreInterrupted is thrown. Empty: nothing.
+    /// Reason::kInterrupted is thrown. Empty: nothing.
     void endWhen(std::function<bool()> impatient) { m_impatient = std::move(impatient); }
 
     /// One statement with parameters; or, without any, one or several, of which the last one's rows come back.
     PostgresRows run(const char* sql, std::initializer_list<Value> values = {}, Takes takes = Takes::kSeconds);
     /// For a load: statements and pauses between them may take any time.
     void takeAnyTime(bool any) { m_anyTime = any; }
-    /// Ends the transaction for good, as safe as `synchronous_commit` makes it. Throws StoreUncertain. Undone when it
-    /// throws anything else.
+    /// Ends the transaction for good, as safe as `synchronous_commit` makes it. Throws Reason::kUncertain. Undone when
+    /// it throws anything else.
     void commit();
     /// Undoes the transaction. Closes the connection where that fails.
     void rollBack() noexcept;
 
-    /// What names a database, without user and password. Throws a StoreError when the URI is malformed.
+    /// What names a database, without user and password. Throws Failure when the URI is malformed.
     static std::string nameOf(const std::string& uri);
 
   private:

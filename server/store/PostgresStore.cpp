@@ -364,15 +364,17 @@ class PostgresStore final : public Store {
         };
         try {
             return attempt();
-        } catch (const StoreUncertain&) {
-            if (change.id.empty() || std::chrono::steady_clock::now() - start > kAnewWithin) {
+        } catch (const Failure& failure) {
+            if (failure.reason() != Reason::kUncertain || change.id.empty() ||
+                std::chrono::steady_clock::now() - start > kAnewWithin) {
                 throw;
             }
         }
         try {
             return attempt();
-        } catch (const StoreError& error) {
-            throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
+        } catch (const Failure& error) {
+            throw Failure(Reason::kUncertain,
+                          std::string("it is not known whether the change was made: ") + error.what());
         }
     }
 
@@ -461,7 +463,7 @@ class PostgresStore final : public Store {
         m_connection.open();
         try {
             if (m_connection.run("SHOW server_encoding").text(0, 0) != "UTF8") {
-                throw StoreError(m_name + " cannot be used: its encoding is not UTF8");
+                throw Failure(m_name + " cannot be used: its encoding is not UTF8");
             }
             if (ifMissing == IfMissing::kCreate) {
                 createSchema();
@@ -469,7 +471,7 @@ class PostgresStore final : public Store {
             checkSchema();
         } catch (const PostgresError& error) {
             m_connection.close();
-            throw StoreError(m_name + " cannot be used: " + error.what());
+            throw Failure(m_name + " cannot be used: " + error.what());
         } catch (...) {
             m_connection.close();
             throw;
@@ -496,16 +498,15 @@ class PostgresStore final : public Store {
 
     void checkSchema() {
         if (!has("to_regnamespace('dsessd')")) {
-            throw StoreError("there is no cluster in " + m_name + "; 'dsessd load' makes one");
+            throw Failure("there is no cluster in " + m_name + "; 'dsessd load' makes one");
         }
         if (!has("to_regclass('dsessd.store')")) {
-            throw StoreError("the schema dsessd in " + m_name + " is not one of dsessd");
+            throw Failure("the schema dsessd in " + m_name + " is not one of dsessd");
         }
         const PostgresRows rows = m_connection.run("SELECT version, cluster_id FROM store");
         if (rows.size() != 1 || rows.integer(0, 0) != kSchemaVersion) {
-            throw StoreError(m_name + " has schema version " +
-                             (rows.size() == 1 ? std::string(rows.text(0, 0)) : "none") +
-                             "; this dsessd knows version " + std::to_string(kSchemaVersion));
+            throw Failure(m_name + " has schema version " + (rows.size() == 1 ? std::string(rows.text(0, 0)) : "none") +
+                          "; this dsessd knows version " + std::to_string(kSchemaVersion));
         }
         checkCluster(rows.text(0, 1));
     }
@@ -517,7 +518,7 @@ class PostgresStore final : public Store {
         } else if (found != m_clusterId) {
             const std::string where = m_connection.place();
             m_connection.close();
-            throw StoreReplaced(m_name + " holds another cluster now, at " + where, std::string(found));
+            throw Failure::replaced(m_name + " holds another cluster now, at " + where, std::string(found));
         }
     }
 
@@ -542,7 +543,7 @@ class PostgresStore final : public Store {
                 m_say(std::string("connection lost: ") + lost.what());
             } catch (const PostgresConflict& conflict) {
                 if (attempt == kTries) {
-                    throw StoreBusy(conflict.what());
+                    throw Failure(Reason::kBusy, conflict.what());
                 }
                 std::this_thread::sleep_for(kStepAside * attempt);
             }

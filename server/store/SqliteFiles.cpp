@@ -58,7 +58,7 @@ bool isLogWhole(sqlite3* connection) {
 }
 
 [[noreturn]] void wasCut(const std::string& path) {
-    throw StoreUnavailable(path + " was cut while it was in use");
+    throw Failure(Reason::kUnavailable, path + " was cut while it was in use");
 }
 
 }  // namespace
@@ -68,7 +68,8 @@ std::int64_t SqliteFiles::look(const std::string& path, std::optional<Identity>&
     const bool isThere = ::stat(path.c_str(), &found) == 0;
     const Identity identity(found.st_dev, found.st_ino);
     if (!isThere || identity != known.value_or(identity)) {
-        throw StoreUnavailable(path + (isThere ? " was replaced" : " was removed") + " while it was in use");
+        throw Failure(Reason::kUnavailable,
+                      path + (isThere ? " was replaced" : " was removed") + " while it was in use");
     }
     known = identity;
     return found.st_size;

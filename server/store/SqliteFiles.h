@@ -25,7 +25,8 @@ class SqliteFiles {
 
     const std::string& path() const { return m_path; }
 
-    /// `connection`: one to these files that is in no transaction. Throws a StoreUnavailable that says what is wrong.
+    /// `connection`: one to these files that is in no transaction. Throws Reason::kUnavailable, which says what is
+    /// wrong.
     void check(sqlite3* connection);
     /// The same, unless it was done a moment ago, by whatever connection: for what only reads.
     void checkNowAndThen(sqlite3* connection);

@@ -86,9 +86,9 @@ CREATE TABLE administrators (
 )";
 
 /// What SQLite says, with its primary result code (https://sqlite.org/rescode.html).
-class SqliteError : public StoreError {
+class SqliteError : public Failure {
   public:
-    explicit SqliteError(const SQLite::Exception& error) : StoreError(error.what()), m_code(error.getErrorCode()) {}
+    explicit SqliteError(const SQLite::Exception& error) : Failure(error.what()), m_code(error.getErrorCode()) {}
     int code() const { return m_code & 0xFF; }
 
   private:
@@ -103,16 +103,16 @@ auto sqlite(const Action& action) {
     } catch (const SQLite::Exception& error) {
         switch (error.getErrorCode() & 0xFF) {
             case SQLITE_BUSY:
-                throw StoreBusy(error.what());
+                throw Failure(Reason::kBusy, error.what());
             case SQLITE_INTERRUPT:
-                throw StoreInterrupted(error.what());
+                throw Failure(Reason::kInterrupted, error.what());
             case SQLITE_NOMEM:
             case SQLITE_IOERR:
             case SQLITE_FULL:
             case SQLITE_READONLY:
             case SQLITE_CANTOPEN:
             case SQLITE_PROTOCOL:
-                throw StoreUnavailable(error.what());
+                throw Failure(Reason::kUnavailable, error.what());
             default:
                 throw SqliteError(error);
         }
@@ -216,7 +216,7 @@ class Transaction {
             m_connection.database.tryExec("ROLLBACK");
         }
     }
-    /// Throws StoreUncertain too.
+    /// Throws Reason::kUncertain too.
     void commit() {
         if (!m_open) {
             return;
@@ -235,7 +235,8 @@ class Transaction {
             }
             m_connection.isSound = false;
             m_connection.files->doubt();
-            throw StoreUncertain(std::string("it is not known whether the change was made: ") + error.what());
+            throw Failure(Reason::kUncertain,
+                          std::string("it is not known whether the change was made: ") + error.what());
         }
     }
 
@@ -278,12 +279,12 @@ void establishSchema(Connection& connection) {
         transaction.commit();
     }
     if (queryInteger(database, "PRAGMA application_id") != kApplicationId) {
-        throw StoreError(path + " is not a data file of dsessd");
+        throw Failure(path + " is not a data file of dsessd");
     }
     const std::int64_t version = queryInteger(database, "PRAGMA user_version");
     if (version != kSchemaVersion) {
-        throw StoreError(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
-                         std::to_string(kSchemaVersion));
+        throw Failure(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
+                      std::to_string(kSchemaVersion));
     }
 }
 
@@ -291,7 +292,7 @@ void establishSchema(Connection& connection) {
 void createPrivateFile(const std::string& path) {
     const QelFileDescriptor file(::open(path.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR));
     if (!file.isOpen()) {
-        throw StoreError(path + " cannot be made: " + std::strerror(errno));
+        throw Failure(path + " cannot be made: " + std::strerror(errno));
     }
 }
 
@@ -469,8 +470,12 @@ class SqliteStore final : public Store {
         }
         try {
             tryWriting();
-        } catch (const StoreUncertain& error) {
-            throw StoreUnavailable(std::string("a change before has failed, and so does another one: ") + error.what());
+        } catch (const Failure& failure) {
+            if (failure.reason() != Reason::kUncertain) {
+                throw;
+            }
+            throw Failure(Reason::kUnavailable,
+                          std::string("a change before has failed, and so does another one: ") + failure.what());
         }
     }
 
@@ -485,7 +490,7 @@ class SqliteStore final : public Store {
     std::string clusterId() override {
         Query query(m_statements.clusterId);
         if (!query.step()) {
-            throw StoreError("the cluster has no identifier");
+            throw Failure("the cluster has no identifier");
         }
         return std::string(query.text(0));
     }
@@ -729,7 +734,7 @@ class SqliteStore final : public Store {
 
 std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
     const std::string& path = files->path();
-    const auto unusable = [&](const StoreError& error) { return path + " cannot be used: " + error.what(); };
+    const auto unusable = [&](const Failure& error) { return path + " cannot be used: " + error.what(); };
     try {
         Connection connection{sqlite([&] {
                                   return SQLite::Database(
@@ -745,10 +750,13 @@ std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
         execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
         files->check(database.getHandle());
         return sqlite([&] { return std::make_unique<SqliteStore>(std::move(connection)); });
-    } catch (const StoreUnavailable& error) {
-        throw StoreUnavailable(unusable(error));
     } catch (const SqliteError& error) {
-        throw StoreError(error.code() == SQLITE_NOTADB ? path + " is not a data file of dsessd" : unusable(error));
+        throw Failure(error.code() == SQLITE_NOTADB ? path + " is not a data file of dsessd" : unusable(error));
+    } catch (const Failure& failure) {
+        if (failure.reason() != Reason::kUnavailable) {
+            throw;
+        }
+        throw Failure(Reason::kUnavailable, unusable(failure));
     }
 }
 
@@ -758,7 +766,7 @@ std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing
     if (ifMissing == Store::IfMissing::kCreate) {
         createPrivateFile(path);
     } else if (::access(path.c_str(), F_OK) != 0) {
-        throw StoreError("there is no data file " + path + "; 'dsessd load' makes one");
+        throw Failure("there is no data file " + path + "; 'dsessd load' makes one");
     }
     return connect(std::make_shared<SqliteFiles>(path));
 }

@@ -39,7 +39,7 @@ std::string_view sought(std::string_view name) {
 std::string newKeyLabel(Seconds now) {
     std::array<unsigned char, 8> random{};
     if (!qel_get_random_bytes(random.data(), random.size())) {
-        throw StoreError("no random bytes for a key's label");
+        throw Failure("no random bytes for a key's label");
     }
     std::string label = QelTimeText(now, "key-%Y-%m-%d-").data();
     for (const unsigned char byte : random) {
@@ -53,7 +53,7 @@ std::string newUuid() {
     std::uint32_t status = 0;
     const qel_uuid_t uuid = qel_uuid_create(&status);
     if (status != 0) {
-        throw StoreError("no random bytes for a UUID");
+        throw Failure("no random bytes for a UUID");
     }
     std::array<char, UUID_STR_LEN> text{};
     uuid_unparse_lower(uuid.bytes, text.data());
@@ -62,7 +62,7 @@ std::string newUuid() {
 
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
     if (user != change.user || digest != change.digest) {
-        throw ChangeMismatch("the identifier of a change has been used for another");
+        throw Failure(Reason::kOtherChange, "the identifier of a change has been used for another");
     }
 }
 

@@ -9,65 +9,15 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "runtime/ThreadAnnotations.h"
+#include "server/log/Failure.h"
 
 namespace dsessd {
-
-/// The store cannot be used, or failed: one line for people, which names the store when it could not be opened.
-class StoreError : public std::runtime_error {
-  public:
-    using std::runtime_error::runtime_error;
-};
-
-/// Somebody else writes, and was waited for.
-class StoreBusy : public StoreError {
-  public:
-    using StoreError::StoreError;
-};
-
-/// The store cannot do it now: the database is out of reach, the disk is full or failing, there is no memory, or the
-/// file is not the one any more that was opened. Nothing is done.
-class StoreUnavailable : public StoreError {
-  public:
-    using StoreError::StoreError;
-};
-
-/// The database holds another cluster than the one that was opened. Nothing is done.
-class StoreReplaced : public StoreUnavailable {
-  public:
-    StoreReplaced(const std::string& text, std::string clusterId)
-        : StoreUnavailable(text), m_clusterId(std::move(clusterId)) {}
-    /// Names the cluster that is there now.
-    const std::string& clusterId() const { return m_clusterId; }
-
-  private:
-    std::string m_clusterId;
-};
-
-/// The database was lost, or the disk failed, while a change was being committed: nobody knows whether it is done.
-/// Asked for again under its identifier (Store::once()), it is done once all the same.
-class StoreUncertain : public StoreError {
-  public:
-    using StoreError::StoreError;
-};
-
-/// A change's identifier has come before, with another user or other content: it is refused, and nothing is done.
-class ChangeMismatch : public StoreError {
-  public:
-    using StoreError::StoreError;
-};
-
-/// Ended because endWhen() said so.
-class StoreInterrupted : public StoreError {
-  public:
-    using StoreError::StoreError;
-};
 
 /// Seconds since 1970-01-01 00:00:00 UTC, as they go over the wire.
 using Seconds = std::int32_t;
@@ -135,8 +85,8 @@ struct Administrator {
     Role role = Role::kRead;
 };
 
-/// One connection to the file or database. Used by one thread at a time. Whatever fails throws a StoreError, and
-/// nothing is changed then, unless it is a StoreUncertain. A connection that was lost is made anew at its next use.
+/// One connection to the file or database. Used by one thread at a time. Whatever fails throws a Failure, and
+/// nothing is changed then, unless it is Reason::kUncertain. A connection that was lost is made anew at its next use.
 class Store {
   public:
     /// What open() does when there is no such file, or no cluster in the database.
@@ -161,8 +111,8 @@ class Store {
     /// One more connection to the same file or database: what has come to its place since is refused as unavailable.
     /// Safe to call while another thread uses this one.
     virtual std::unique_ptr<Store> another() const = 0;
-    /// Throws StoreUnavailable unless what this store shows is sure to last: its file is still there, and no commit has
-    /// failed that a crash could bring back.
+    /// Throws Reason::kUnavailable unless what this store shows is sure to last: its file is still there, and no commit
+    /// has failed that a crash could bring back.
     virtual void beReliable() = 0;
     /// Makes a change that shows nowhere, to be sure that changes can be made.
     virtual void tryWriting() = 0;
@@ -202,8 +152,8 @@ class Store {
     /// that answer comes back and `action` does not run; of two nodes that ask at a time one waits for the other.
     ///
     /// Whatever `action` throws comes out of here, with nothing changed and nothing recorded; it must not swallow a
-    /// StoreError. Conflicts with another node may run it once more from the start, so that it should touch nothing
-    /// but this store. Throws ChangeMismatch. Not to be called inside itself.
+    /// Failure. Conflicts with another node may run it once more from the start, so that it should touch nothing
+    /// but this store. Throws Reason::kOtherChange. Not to be called inside itself.
     virtual std::string once(const ChangeRecord& change, const std::function<std::string()>& action) = 0;
 
     /// Notes that a member of a replica set was there, and adds it when it is none yet. False: no such replica set.
@@ -244,7 +194,7 @@ class Store {
 /// Connections to one store, opened as they are needed; those handed back are kept for the next, up to a few.
 class StorePool {
   public:
-    /// Opens the first, and keeps it: further ones are to the same file or database. Throws StoreError.
+    /// Opens the first, and keeps it: further ones are to the same file or database. Throws Failure.
     explicit StorePool(const std::string& data, Store::Say say = {});
 
     struct Returner {
@@ -252,7 +202,7 @@ class StorePool {
         void operator()(Store* store) const { pool->giveBack(store); }
     };
     using Lease = std::unique_ptr<Store, Returner>;
-    /// A reliable one. The pool must outlive the lease. Throws StoreError. `impatient`: see Store::endWhen().
+    /// A reliable one. The pool must outlive the lease. Throws Failure. `impatient`: see Store::endWhen().
     Lease take(std::function<bool()> impatient = {});
     /// Whether the store is a file, which this process reads itself, and not a database server.
     bool isEmbedded() const;

@@ -39,7 +39,7 @@ class ChangeAges {
 std::string_view sought(std::string_view name);
 std::string newKeyLabel(Seconds now);
 std::string newUuid();
-/// Throws ChangeMismatch unless user and digest are those recorded.
+/// Throws Reason::kOtherChange unless user and digest are those recorded.
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest);
 
 }  // namespace dsessd

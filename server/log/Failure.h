@@ -1,0 +1,44 @@
+/// The one way in which the server tells that something was not done.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace dsessd {
+
+/// Why. `server/service/Answer.cpp` has what a client is told for each of them.
+enum class Reason {
+    // The store:
+    kFailed,       ///< it cannot be used, or does what nobody expects
+    kBusy,         ///< somebody else is at work, and was waited for
+    kUnavailable,  ///< it cannot do it now: out of reach, a full or failing disk, another file than the one opened
+    kReplaced,     ///< the database holds another cluster than the one that was opened
+    kUncertain,    ///< lost while it was committing: nobody knows whether the change is made; it may be asked for again
+    kInterrupted,  ///< Store::endWhen() said so
+    kOtherChange,  ///< the identifier of a change was used before, by another user or for something else
+};
+
+/// Thrown by whatever finds out. Nothing was changed, unless the reason is kUncertain.
+class Failure : public std::runtime_error {
+  public:
+    /// `text`: one line for people.
+    Failure(Reason reason, const std::string& text) : std::runtime_error(text), m_reason(reason) {}
+    explicit Failure(const std::string& text) : Failure(Reason::kFailed, text) {}
+    /// `clusterId` names the cluster that is there now.
+    static Failure replaced(const std::string& text, std::string clusterId) {
+        Failure failure(Reason::kReplaced, text);
+        failure.m_clusterId = std::move(clusterId);
+        return failure;
+    }
+
+    Reason reason() const { return m_reason; }
+    /// Of the cluster that has come in the place of ours; empty: none has.
+    const std::string& clusterId() const { return m_clusterId; }
+
+  private:
+    Reason m_reason;
+    std::string m_clusterId;
+};
+
+}  // namespace dsessd
