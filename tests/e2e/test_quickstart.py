@@ -3,8 +3,10 @@
 import contextlib
 import os
 import pathlib
+import re
 import signal
 import subprocess
+import unittest
 
 from endtoend import NOT_PERMITTED, NO_MATCHING_SESSION, ROOT_LOGIN, sent_as
 from postgres import PROGRAMS
@@ -50,3 +52,13 @@ class Quickstart(Case):
             leave(terminal)
             self.assertEqual(terminal.ended()[0], status)
             self.check_nothing_is_left()
+
+    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    def test_the_primary_is_killed_by_the_command_shown(self):
+        terminal = self.terminal("--standby", program=QUICKSTART, prompt=None, **self.settings)
+        subprocess.check_call(re.search("  (kill .*)", terminal.asks())[1], shell=True, stdout=subprocess.DEVNULL)
+        terminal.answer(ROOT_LOGIN)
+        self.assertIn("Key before it:", terminal.answer("key change"))
+        terminal.type("exit\n")
+        self.assertEqual(terminal.ended()[0], 0)
+        self.check_nothing_is_left()

@@ -9,7 +9,7 @@ import subprocess
 import termios
 import time
 
-PATIENCE = 10
+PATIENCE = 30  # seconds, of a machine that has much else to do
 PROMPT = "vexiladmin> "
 
 
