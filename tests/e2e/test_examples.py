@@ -1,5 +1,6 @@
-"""Runs the examples of docs/automation.md and of the library's manual page as they stand there. A fenced block with a file's
-name behind its language is that file; of a console, what stands behind `$ ` shows what stands below it."""
+"""Runs the examples of docs/automation.md, docs/tls.md and the library's manual page as they stand there. A fenced block with
+a file's name behind its language is that file; of a console, what stands behind `$ ` shows what stands below it; bash and a
+crontab are run where they stand."""
 
 import os
 import pathlib
@@ -15,7 +16,8 @@ from vexil import ROOT as TOP
 from vexil import VEXILADMIN
 
 MARK = "\x1e\n"
-PLACES = ["localhost:9080", "localhost:9443", "/etc/vexiladmin", "/usr/bin/vexiladmin"]
+CREDENTIALS = "/run/credentials/refresh-mail.service"
+PLACES = ["localhost:9080", "localhost:9443", "/etc/vexiladmin", "/home/bob", CREDENTIALS, "/usr/bin/vexiladmin"]
 
 
 def blocks(document, *places):
@@ -51,7 +53,11 @@ class Examples(unittest.TestCase):
         module = (TOP / "packaging" / "olmdsess-admin-client.pc.in").read_text(encoding="utf-8")
         self.write("olmdsess-admin-client.pc", re.sub("@(.*)@", lambda match: str(settings[match[1]]), module))
         self.environment = os.environ | {"LC_ALL": "C.UTF-8", "LD_LIBRARY_PATH": library, "QEL_CONFIG_DIR": "."}
-        self.environment |= {"PKG_CONFIG_PATH": ".", "PATH": f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{path}"}
+        self.environment |= {
+            "HOME": str(self.dir),
+            "PKG_CONFIG_PATH": ".",
+            "PATH": f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{path}",
+        }
         self.bash(next(text for language, _, text in blocks("tls.md") if language == "sh"))
         server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
         tls = server.another()
@@ -60,11 +66,12 @@ class Examples(unittest.TestCase):
         self.enterContext(tls)
         self.write("vexilclicfg.conf", configuration(server))
         self.write("password", "SECRET\n")
-        self.places = f"127.0.0.1:{server.port}", f"localhost:{tls.port}", self.dir, VEXILADMIN
+        servers = f"127.0.0.1:{server.port}", f"localhost:{tls.port}"
+        self.places = *servers, self.dir, self.dir, self.dir / "credentials", VEXILADMIN
 
-    def test_automation(self):
+    def follow(self, document):
         script, expected = "", []
-        for language, name, text in blocks("automation.md", *self.places):
+        for language, name, text in blocks(document, *self.places):
             if name:
                 self.write(name, text, 0o700 if language == "sh" else 0o600)
             elif language == "console":
@@ -72,12 +79,30 @@ class Examples(unittest.TestCase):
                     script += f"printf '{MARK}'\n" + command.replace("\n> ", "\n")
                     expected.append([command, without_times(shown)])
             elif language == "crontab":
-                self.assertEqual(self.bash(text.split(None, 5)[5]).stdout, "")
-            else:
+                job = re.sub(r"^(\S+ ){5}", "", re.sub(r"^(?=\w+=)", "export ", text, flags=re.M), flags=re.M)
+                script += f"printf '{MARK}'\n({job}) || echo $?\n"
+                expected.append([text, ""])
+            elif language == "bash":
                 script += text
         shown = without_times(self.bash(script).stdout).split(MARK)[1:]
         self.assertEqual([[command, out] for (command, _), out in zip(expected, shown, strict=True)], expected)
 
+        text = (self.dir / "refresh-mail.service").read_text()
+        unit = dict(re.findall(r"^(\w+)=(.*)$", text, re.M))
+        run = "".join(
+            f"install -Dm 400 {file} credentials/{name}\n"
+            for name, file in re.findall("^LoadCredential=(.*):(.*)", text, re.M)
+        )
+        run += f"env {unit['Environment']} {unit['ExecStart']} <{unit['StandardInput'].removeprefix('file:')}"
+        self.assertEqual(self.bash(run).returncode, 0)
+        if shutil.which("systemd-analyze"):
+            self.assertEqual(self.bash("systemd-analyze verify $PWD/refresh-mail.*").stdout, "")
+
+    def test_tls(self):
+        self.follow("tls.md")
+
+    def test_automation(self):
+        self.follow("automation.md")
         page = (TOP / "docs" / "olm_dsess_admin.3").read_text(encoding="utf-8")
         program = re.search(r"^(#include <(?s:.*?))^\.EE$", page, re.M)[1].replace("\\e", "\\")
         self.write("realms.c", program.replace(PLACES[0], self.places[0]))
@@ -88,8 +113,3 @@ class Examples(unittest.TestCase):
             instead = f'case "$*" in *"key change"*) {change} exit 19 ;; esac\nexec "$VEXILADMIN" "$@"\n'
             self.write("lost/vexiladmin", "#!/bin/sh\n" + instead, 0o700)
             self.assertEqual(self.bash("./change-key").returncode, status)
-
-        unit = dict(re.findall(r"^(\w+)=(.*)$", (self.dir / "refresh-mail.service").read_text(), re.M))
-        self.assertEqual(self.bash(f"{unit['ExecStart']} <{unit['StandardInput'].removeprefix('file:')}").returncode, 0)
-        if shutil.which("systemd-analyze"):
-            self.assertEqual(self.bash("systemd-analyze verify $PWD/refresh-mail.{service,timer}").stdout, "")
