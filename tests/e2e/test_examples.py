@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import shutil
+import socket
 import subprocess
 import tempfile
 import unittest
@@ -97,6 +98,13 @@ class Examples(unittest.TestCase):
         self.assertEqual(self.bash(run).returncode, 0)
         if shutil.which("systemd-analyze"):
             self.assertEqual(self.bash("systemd-analyze verify $PWD/refresh-mail.*").stdout, "")
+
+    def test_readme(self):
+        block = re.search(r"^mkdir try(?s:.*?)(?=^```)", (TOP / "README.md").read_text(encoding="utf-8"), re.M)[0]
+        (self.dir / "server").symlink_to(TOP / "server")
+        with socket.create_server(("127.0.0.1", 0)) as free:
+            place = "127.0.0.1:%d" % free.getsockname()[1]
+        self.assertTrue(self.bash(block.replace(PLACES[0], place)).stdout.endswith("\neast\nwest\nnorth\n"))
 
     def test_tls(self):
         self.follow("tls.md")
