@@ -57,5 +57,5 @@ SecretBuffer readPasswordFile(const char* path) {
     if (!bytes.empty() && bytes.back() == '\r') {
         bytes.pop_back();
     }
-    return std::move(bytes);
+    return std::move(file.bytes());
 }

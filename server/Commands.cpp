@@ -30,12 +30,14 @@ namespace dsessd {
 
 namespace {
 
-/// SIGTERM and SIGINT as a descriptor to wait for. Made before any thread, so that all threads leave them alone.
-QelFileDescriptor stopSignals() {
+/// SIGTERM, SIGINT and SIGHUP as a descriptor to wait for. Made before any thread, so that all threads leave them
+/// alone.
+QelFileDescriptor takeOverSignals() {
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     QelFileDescriptor fd(signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK));
     if (!fd.isOpen()) {
@@ -111,7 +113,7 @@ void checkThatItTakesChanges(StorePool& stores) {
 
 int serve(const ServeOptions& options) {
     std::signal(SIGPIPE, SIG_IGN);
-    const QelFileDescriptor stop = stopSignals();
+    const QelFileDescriptor signals = takeOverSignals();
     HttpLimits limits;
     limits.connections = std::min(limits.connections, (allowManyDescriptors() - kOtherDescriptors) / 2);
     Log log(STDERR_FILENO);
@@ -119,8 +121,8 @@ int serve(const ServeOptions& options) {
     StorePool stores(options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); });
     Authenticator authenticator;
     Service service(stores, authenticator, log, options.anonymous);
-    SslContext tls = options.tls.certificate.empty() ? nullptr : makeTlsContext(options.tls);
-    HttpServer server(service, log, options.instances, std::move(tls), limits);
+    const auto tls = options.tls.certificate.empty() ? nullptr : std::make_unique<TlsInForce>(options.tls, log);
+    HttpServer server(service, log, options.instances, tls.get(), limits);
     Listener listener(options.listen);
     const Heartbeat beat(stores, log, options.membership);
 
@@ -129,7 +131,7 @@ int serve(const ServeOptions& options) {
         log.write(Topic::kNotice, ready.substr(ready.find("listening")));
         std::cout << ready << std::endl;  // last: nothing fails any more
     };
-    server.run(std::move(listener), stop.get(), sayReady, [&] { lastResort.startClock(); });
+    server.run(std::move(listener), signals.get(), sayReady, [&] { lastResort.startClock(); });
     log.write(Topic::kNotice, "stopped");
     return 0;
 }

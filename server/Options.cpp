@@ -58,11 +58,25 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
     auto* key = serve.add_option("--tls-key", options.tls.key, "Its private key (PEM)")->type_name("FILE");
     certificate->needs(key);
     key->needs(certificate);
-    serve
-        .add_option("--client-ca", options.tls.clientAuthorities,
-                    "Clients need a certificate from one of these authorities (PEM)")
+    serve.add_option("--tls-key-password-file", options.tls.keyPassword, "Its first line is the key's password")
         ->type_name("FILE")
-        ->needs(certificate);
+        ->needs(key);
+    auto* authorities = serve
+                            .add_option("--client-ca", options.tls.clientAuthorities,
+                                        "Clients need a certificate from one of these authorities (PEM)")
+                            ->type_name("FILE")
+                            ->needs(certificate);
+    serve
+        .add_option("--client-crl", options.tls.revocationLists,
+                    "Clients whose certificate is on these lists are refused (PEM)")
+        ->type_name("FILE")
+        ->needs(authorities);
+    serve
+        .add_option("--client-names", options.tls.clientNames,
+                    "Only clients with these subjects, such as /C=DE/O=Example/CN=desk")
+        ->delimiter(',')
+        ->type_name("NAME")
+        ->needs(authorities);
 }
 
 void describeAdmin(CLI::App& admin, AdminOptions& options) {

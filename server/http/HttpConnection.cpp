@@ -20,7 +20,7 @@
 
 #include "protocol/protocol.h"
 #include "server/http/HttpRequest.h"
-#include "server/http/Tls.h"
+#include "server/log/Text.h"
 
 namespace dsessd {
 
@@ -123,7 +123,7 @@ HttpConnection::HttpConnection(HttpSetting& setting, Context& context, QelFileDe
     m_peer.address = remote.address().to_string() + ":" + std::to_string(remote.port());
     m_peer.host = hostOf(remote.address());
     if (m_setting.tls != nullptr) {
-        m_tls.emplace(m_socket, *m_setting.tls);
+        m_tls.emplace(m_socket, m_setting.tls->get()->makeConnection(m_certificateProblem).release());
     }
 }
 
@@ -164,17 +164,21 @@ HttpConnection::Awaitable<bool> HttpConnection::shakeHands() {
     Error error;
     co_await m_tls->async_handshake(net::ssl::stream_base::server, into(error));
     if (!error) {
-        m_peer.certificate = peerSubject(m_tls->native_handle());
+        m_peer.certificate = peerText(m_tls->native_handle());
         co_return true;
     }
-    if (m_ended) {
+    const bool isLate = Clock::now() >= m_deadline;
+    if (m_ended && !isLate) {
         co_return false;
     }
     if (const Repeats::Reaction reaction = m_setting.failedHandshakes.count(m_peer.host); reaction.say) {
         const bool isOfTls = error.category() == net::error::get_ssl_category();
+        const std::string why = isLate ? "it took too long"
+                                : !m_certificateProblem.empty()
+                                    ? harmless(m_certificateProblem, 1024)
+                                    : tlsError(isOfTls ? static_cast<unsigned>(error.value()) : 0);
         m_setting.log.write(Topic::kAudit,
-                            "TLS handshake failed: " + tlsError(isOfTls ? static_cast<unsigned>(error.value()) : 0) +
-                                ", from " + m_peer.address + reaction.rest());
+                            "TLS handshake failed: " + why + ", from " + m_peer.address + reaction.rest());
     }
     co_return false;
 }

@@ -5,7 +5,6 @@
 #include <boost/asio/awaitable.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 
@@ -20,6 +19,7 @@
 
 #include "server/http/HeadCheck.h"
 #include "server/http/HttpLimits.h"
+#include "server/http/TlsInForce.h"
 #include "server/log/Log.h"
 #include "server/service/Repeats.h"
 #include "server/work/Lanes.h"
@@ -36,7 +36,7 @@ struct HttpSetting {
     /// What may be posted to.
     std::vector<std::string> paths;
     /// Null: plain HTTP.
-    std::unique_ptr<boost::asio::ssl::context> tls;
+    TlsInForce* tls;
     /// The server stops: whatever is done ends by then.
     std::atomic<std::chrono::steady_clock::time_point> stop = std::chrono::steady_clock::time_point::max();
     Repeats failedHandshakes{};
@@ -127,6 +127,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Context& m_context;
     OperationMemory m_operation;
     Socket m_socket;
+    /// Why the client's certificate is not taken, if so.
+    std::string m_certificateProblem;
     std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
     /// Never expires: pause() waits for it until wake() ends that.
     Timer m_pause;

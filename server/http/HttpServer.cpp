@@ -1,7 +1,9 @@
 #include "server/http/HttpServer.h"
 
 #include <poll.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -9,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <exception>
 #include <future>
@@ -178,14 +181,11 @@ std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
 /// What there is while the server runs. Its own thread takes connections in; the others, one for each loop, serve them.
 class HttpServer::Running {
   public:
-    Running(HttpServer& server, Listener listener, int stopFd)
-        : m_setting{m_lanes, server.m_log, server.m_limits, server.m_paths, nullptr},
-          m_stopFd(stopFd),
+    Running(HttpServer& server, Listener listener, int signals)
+        : m_setting{m_lanes, server.m_log, server.m_limits, server.m_paths, server.m_tls},
+          m_signals(signals),
           m_listener(std::move(listener)),
           m_lanes(server.m_service, server.m_log) {
-        if (server.m_tls != nullptr) {
-            m_setting.tls = std::make_unique<net::ssl::context>(server.m_tls.release());
-        }
         const std::size_t threads = std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
         for (std::size_t i = 0; i < threads; ++i) {
             m_loops.push_back(std::make_unique<Loop>(m_setting, server.m_limits.connections / threads));
@@ -222,12 +222,16 @@ class HttpServer::Running {
     /// Until the server is to stop. Does without Asio, which calls nobody back when there is no memory for a
     /// connection.
     void takeConnections() {
-        std::array<pollfd, 2> waited{{{m_stopFd, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
+        std::array<pollfd, 2> waited{{{m_signals, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
         for (bool canTake = true;;) {
-            if (::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count())) > 0 && waited[0].revents != 0) {
-                return;
-            }
+            const bool isAny = ::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count())) > 0;
             try {
+                if (isAny && waited[0].revents != 0 && !takeSignal()) {
+                    return;
+                }
+                if (m_setting.tls != nullptr) {
+                    m_setting.tls->tick();
+                }
                 m_lanes.tick();
                 canTake = takeThoseThatWait();
             } catch (const std::exception& error) {
@@ -235,6 +239,19 @@ class HttpServer::Running {
                 canTake = false;
             }
         }
+    }
+
+    /// False: the server is to stop.
+    bool takeSignal() {
+        signalfd_siginfo signal{};
+        if (::read(m_signals, &signal, sizeof signal) != sizeof signal || signal.ssi_signo != SIGHUP) {
+            return false;
+        }
+        m_setting.log.write(Topic::kNotice, "SIGHUP: reading anew what can be");
+        if (m_setting.tls != nullptr) {
+            m_setting.tls->reload();
+        }
+        return true;
     }
 
     /// False: there are no descriptors, or no memory, so it is no use to try again at once.
@@ -258,21 +275,21 @@ class HttpServer::Running {
     }
 
     HttpSetting m_setting;
-    const int m_stopFd;
+    const int m_signals;
     Listener m_listener;
     std::vector<std::unique_ptr<Loop>> m_loops;
     Lanes m_lanes;  // goes first, since its threads post to the loops
 };
 
-HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SslContext tls,
+HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, TlsInForce* tls,
                        const HttpLimits& limits)
-    : m_service(service), m_log(log), m_paths(pathsOf(instances)), m_tls(std::move(tls)), m_limits(limits) {}
+    : m_service(service), m_log(log), m_paths(pathsOf(instances)), m_tls(tls), m_limits(limits) {}
 
 HttpServer::~HttpServer() = default;
 
-void HttpServer::run(Listener listener, int stopFd, const std::function<void()>& onReady,
+void HttpServer::run(Listener listener, int signals, const std::function<void()>& onReady,
                      const std::function<void()>& onStop) {
-    Running running(*this, std::move(listener), stopFd);
+    Running running(*this, std::move(listener), signals);
     running.run(onReady, onStop);
 }
 

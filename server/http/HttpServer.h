@@ -8,7 +8,7 @@
 
 #include "server/http/HttpLimits.h"
 #include "server/http/Listener.h"
-#include "server/http/Tls.h"
+#include "server/http/TlsInForce.h"
 #include "server/log/Log.h"
 #include "server/service/Service.h"
 
@@ -16,21 +16,22 @@ namespace dsessd {
 
 class HttpServer {
   public:
-    /// `tls`: null for plain HTTP. The service and the log must outlive the server.
-    HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, SslContext tls,
+    /// `tls`: null for plain HTTP. All that is referred to must outlive the server.
+    HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, TlsInForce* tls,
                const HttpLimits& limits);
     ~HttpServer();
 
-    /// Calls `onReady` as soon as whatever is asked would be answered, and serves until `stopFd` is readable; then
-    /// calls `onStop` and finishes what is in progress. When it returns, no thread of the server is left.
-    void run(Listener listener, int stopFd, const std::function<void()>& onReady, const std::function<void()>& onStop);
+    /// Calls `onReady` as soon as whatever is asked would be answered, and serves until `signals`, a signalfd(2), gives
+    /// another signal than SIGHUP, which reloads what can be; then calls `onStop` and finishes what is in progress.
+    /// When it returns, no thread of the server is left.
+    void run(Listener listener, int signals, const std::function<void()>& onReady, const std::function<void()>& onStop);
 
   private:
     class Running;
     Service& m_service;
     Log& m_log;
     std::vector<std::string> m_paths;
-    SslContext m_tls;
+    TlsInForce* const m_tls;
     const HttpLimits m_limits;
 };
 

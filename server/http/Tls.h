@@ -1,43 +1,76 @@
-/// TLS on the server's side: one context for all connections.
+/// TLS on the server's side: its certificate, and whose certificate a client may show.
 #pragma once
 
 #include <openssl/ssl.h>
 
-#include <memory>
+#include <ctime>
 #include <string>
+#include <vector>
+
+#include "runtime/DistinguishedName.h"
+#include "runtime/openssl_ptr.h"
 
 namespace dsessd {
 
+/// The files of a server, all PEM, and what goes with them.
 struct TlsFiles {
-    /// PEM: the server's certificate, then the chain above it.
+    /// The server's certificate, then the chain above it. Empty: plain HTTP.
     std::string certificate;
-    /// PEM, without a passphrase.
+    /// Nobody else may have permissions on it.
     std::string key;
-    /// PEM; when given, a client has to show a certificate from one of these authorities.
+    /// Its first line opens the key. Empty: the key needs no password.
+    std::string keyPassword;
+    /// When given, a client has to show a certificate that leads to one of these. They may be issuing authorities
+    /// alone.
     std::string clientAuthorities;
+    /// When given, each client's certificate needs the list of its issuer.
+    std::vector<std::string> revocationLists;
+    /// Subjects, in the text form of DistinguishedName.h, that may connect. Empty: all that the authorities vouch for.
+    std::vector<std::string> clientNames;
 };
 
-struct SslContextFree {
-    void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-};
-using SslContext = std::unique_ptr<SSL_CTX, SslContextFree>;
-
-struct SslFree {
-    void operator()(SSL* ssl) const { SSL_free(ssl); }
-};
-using Ssl = std::unique_ptr<SSL, SslFree>;
-
+/// One reading of the files. It never changes, so any number of threads may use it.
+///
 /// TLS 1.2 or newer, with forward secrecy. Sessions are never resumed, so that every connection shows its certificate
-/// anew. Throws std::runtime_error with one line that names the file at fault.
-SslContext makeTlsContext(const TlsFiles& files);
+/// anew.
+class TlsContext {
+  public:
+    /// Refuses what can never work. Throws std::runtime_error with one line that names the file at fault.
+    explicit TlsContext(const TlsFiles& files);
+    TlsContext(const TlsContext&) = delete;
+    TlsContext& operator=(const TlsContext&) = delete;
 
-/// Subject of the certificate that the peer has shown and that was verified, such as `C=DE,O=Example,CN=desk`; empty
-/// when it has shown none.
-std::string peerSubject(const SSL* ssl);
+    /// The server's end of a connection. `problem` has to outlive its handshake, and gets what is wrong with the
+    /// client's certificate, if anything. Throws std::bad_alloc.
+    ConnectionPtr makeConnection(std::string& problem) const;
+
+    /// When a certificate or a revocation list ends.
+    struct Ending {
+        std::string what;
+        std::time_t time;
+        /// From when on people are to be told.
+        std::time_t warnFrom;
+    };
+    const std::vector<Ending>& endings() const { return m_endings; }
+
+  private:
+    void offerCertificate(const TlsFiles& files);
+    void offerKey(const TlsFiles& files);
+    void askForCertificates(const TlsFiles& files);
+    void watch(const X509* certificate, const std::string& file);
+    static int verifyCallback(int verified, X509_STORE_CTX* chain);
+    bool isListed(const X509* certificate) const;
+
+    ContextPtr m_context;
+    std::vector<DistinguishedName> m_clientNames;
+    std::vector<Ending> m_endings;
+};
+
+/// The certificate that the peer has shown and that was verified: subject, issuer and serial number. Empty when it has
+/// shown none.
+std::string peerText(const SSL* connection);
 
 /// What an error of OpenSSL was about; 0: there was none, the other side just said nothing more.
 std::string tlsError(unsigned long code);
-/// The same of the first error since the queue was cleared; the queue is empty afterwards.
-std::string tlsError();
 
 }  // namespace dsessd

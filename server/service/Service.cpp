@@ -249,7 +249,7 @@ struct Service::Call {
         std::string text = credentials.user.empty() ? "nobody" : harmless(credentials.user);
         text += " from " + peer.address;
         if (!peer.certificate.empty()) {
-            text += " with certificate " + harmless(peer.certificate);
+            text += " with certificate " + harmless(peer.certificate, 1024);
         }
         return text;
     }

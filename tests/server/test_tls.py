@@ -1,14 +1,19 @@
 """TLS from outside: what is spoken, whose certificate is asked for, and that no session is resumed."""
 
 import pathlib
+import re
+import shutil
+import signal
 import socket
 import ssl
 import subprocess
 import tempfile
+import time
 import unittest
 
 from dsessd import AS_ROOT, REPOSITORY, ROOT, Dsessd
 
+CA = "-cert", "ca.pem", "-keyfile", "ca.key"
 VERSIONS = ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
 
 
@@ -53,24 +58,104 @@ class Tls(unittest.TestCase):
             self.assertRegex(server.log(), r"audit TLS handshake failed: unsupported protocol, from 127\.0\.0\.1:\d+\n")
             self.assertLess(server.log().count("handshake failed"), 9, "not each of them is worth a line")
 
-    def test_asks_for_a_certificate_of_its_authority_logs_whose_it_is_and_resumes_no_session(self):
-        with Dsessd(administrators=ROOT, client_ca=self.path / "ca.pem", **self.files) as server:
-            for identity in (None, "foreign", "expired"):
-                self.assertIsNone(self.session(server, self.context(identity=identity)), identity)
+    def openssl(self, *arguments):
+        subprocess.run(["openssl", *arguments], check=True, cwd=self.path, stderr=subprocess.DEVNULL)
+
+    def revoke(self, *names):
+        """Makes ca.crl, the list of the CA with the certificates of these clients."""
+        rows = []
+        for name in names:
+            serial = subprocess.check_output(
+                ["openssl", "x509", "-noout", "-serial", "-in", f"{name}.crt"], cwd=self.path
+            )
+            rows.append(f"R\t391231235959Z\t200101000000Z\t{serial.decode().strip()[7:]}\tunknown\t/CN={name}\n")
+        (self.path / "index").write_text("".join(rows))
+        (self.path / "ca.cnf").write_text("[ca]\ndefault_ca=x\n[x]\ndatabase=index\ndefault_md=sha256\n")
+        self.openssl("ca", "-config", "ca.cnf", "-gencrl", "-crldays", "9", *CA, "-out", "ca.crl")
+
+    def connects(self, server, *identities):
+        return [self.session(server, self.context(identity=identity)) is not None for identity in identities]
+
+    def test_who_may_connect_is_said_by_authority_revocation_list_and_name(self):
+        self.revoke("soon")
+        listed = "/CN=x,/C=DE/O=Example/CN=alice,/C=DE/O=Example/CN=soon"
+        lists = {"client_crl": self.path / "ca.crl", "client_names": listed}
+        with Dsessd(administrators=ROOT, client_ca=self.path / "ca.pem", **lists, **self.files) as server:
+            self.assertEqual(self.connects(server, None, "foreign", "expired", "soon", "node1"), [False] * 5)
             for version in VERSIONS:
                 server.context = self.context(version, "alice")
                 before = self.session(server, server.context)
                 self.assertIsNotNone(self.session(server, server.context, before))
-            self.assertIn("result", server.call("cluster.get", **AS_ROOT))
-            self.assertRegex(server.log(), r"login of root from [\d.:]+ with certificate C=DE,O=Example,CN=alice\n")
+            self.assertIn("result", server.call("key.change", **AS_ROOT))
+            name = "/C=DE/O=Example/CN="
+            for line in (
+                "peer did not return a certificate,",
+                f"the client's certificate has an unknown issuer (--client-ca): {name}foreign, issued by {name}other-ca, ",
+                f"the client's certificate has expired: {name}expired, issued by {name}ca, serial number ",
+                f"the client's certificate is revoked: {name}soon, ",
+                f"the client's certificate is not in the list (--client-names): {name}node1, ",
+            ):
+                self.assertIn("TLS handshake failed: " + line, server.log())
+            whose = f"with certificate {name}alice, issued by {name}ca, serial number [0-9A-F]+\n"
+            self.assertRegex(server.log(), rf"login of root from [\d.:]+ {whose}")
+            self.assertRegex(server.log(), rf"changed: key is .*{whose}")
+
+    def test_a_reload_takes_what_is_new_and_an_unusable_file_leaves_the_old_in_force(self):
+        for name in ("mid-ca.pem", "node1.pem", "node1.key"):
+            shutil.copy(self.path / name, self.path / f"new-{name}")
+        self.revoke()
+        new = {"tls_cert": self.path / "new-node1.pem", "tls_key": self.path / "new-node1.key"}
+        with Dsessd(client_ca=self.path / "ca.pem", client_crl=self.path / "ca.crl", **new) as server:
+            self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
+            self.revoke("soon")
+            shutil.copy(self.path / "solo.pem", new["tls_cert"])
+            self.hang_up(
+                server, "certificates stay as they were: the private key .* belongs to another certificate than"
+            )
+            self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
+            shutil.copy(self.path / "solo.key", new["tls_key"])
+            self.hang_up(server, "the certificates were read anew")
+            trusting = self.context(identity="alice")
+            trusting.load_verify_locations(self.path / "solo.crt")
+            self.assertIsNotNone(self.session(server, trusting), "the new certificate")
+            self.assertEqual(self.connects(server, "alice"), [False], "which this client does not trust")
+            trusting.load_cert_chain(self.path / "soon.crt", self.path / "soon.key")
+            self.assertIsNone(self.session(server, trusting), "the new list")
+            self.assertEqual(server.stop(), 0)
+
+    def hang_up(self, server, line):
+        server.process.send_signal(signal.SIGHUP)
+        while not re.search(line, server.log()):
+            time.sleep(0.01)
+
+    def test_an_issuing_authority_is_enough_and_what_ends_soon_is_told(self):
+        with Dsessd(
+            client_ca=self.path / "low-ca.pem", tls_cert=self.path / "ends.pem", tls_key=self.path / "ends.key"
+        ) as server:
+            self.assertEqual(self.connects(server, "deep", "alice"), [True, False])
+            self.assertRegex(server.log(), "failure the certificate /C=DE/O=Example/CN=ends in .*/ends.pem ends on 2")
+            self.assertNotIn("low-ca.pem ends on", server.log())
 
     def test_names_the_file_that_cannot_be_used(self):
-        lock = ["openssl", "pkey", "-in", "node1.key", "-aes256", "-passout", "pass:x", "-out", "locked.key"]
-        subprocess.run(lock, check=True, cwd=self.path)
-        for option, name, problem in [
-            ("tls_key", "locked.key", "private key .*/locked.key cannot be used: interrupted or .*"),
-            ("tls_cert", "none", "certificate .*/none cannot be used: No such file or directory"),
-            ("client_ca", "node1.key", "file of client authorities .*/node1.key cannot be used: .*"),
+        self.openssl("pkey", "-in", "node1.key", "-aes256", "-passout", "pass:x", "-out", "locked.key")
+        for name, mode, text in [("word", 0o600, "x\n"), ("wrong", 0o600, "y"), ("open.key", 0o640, "")]:
+            (self.path / name).write_text(text)
+            (self.path / name).chmod(mode)
+        with Dsessd(**{**self.files, "tls_key": self.path / "locked.key", "tls_key_password_file": self.path / "word"}):
+            pass
+        locked = {"tls_key": self.path / "locked.key"}
+        for options, problem in [
+            (locked, "private key .*/locked.key needs a password .*"),
+            (
+                {**locked, "tls_key_password_file": self.path / "wrong"},
+                "private key .* has another password than .*wrong says",
+            ),
+            ({"tls_key": self.path / "open.key"}, "private key .* others than its owner have permissions on it .*"),
+            ({"tls_key": self.path / "solo.key"}, "private key .* belongs to another certificate than .*/node1.pem"),
+            ({"tls_cert": self.path / "none"}, "certificate .*/none cannot be used: No such file or directory"),
+            ({"tls_cert": self.path / "expired.crt"}, "certificate .*/expired.crt ended on 2.*UTC"),
+            ({"tls_cert": self.path / "alice.crt"}, "certificate .*/alice.crt is not for servers: .* lacks serverAuth"),
+            ({"client_ca": self.path / "node1.key"}, "file of client authorities .*/node1.key cannot be used: .*"),
         ]:
             with self.assertRaisesRegex(RuntimeError, f"^'' .*log: dsessd: the {problem}\n$"):
-                Dsessd(**{**self.files, option: self.path / name}).start()
+                Dsessd(**{**self.files, **options}).start()

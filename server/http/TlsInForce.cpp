@@ -1,0 +1,49 @@
+#include "server/http/TlsInForce.h"
+
+#include <exception>
+#include <utility>
+
+#include "runtime/QelTimeText.h"
+#include "server/log/Text.h"
+
+namespace dsessd {
+
+TlsInForce::TlsInForce(TlsFiles files, Log& log)
+    : m_files(std::move(files)), m_log(log), m_context(std::make_shared<TlsContext>(m_files)) {}
+
+std::shared_ptr<const TlsContext> TlsInForce::get() const {
+    const MutexLock lock(m_mutex);
+    return m_context;
+}
+
+void TlsInForce::reload() {
+    try {
+        auto context = std::make_shared<const TlsContext>(m_files);
+        {
+            const MutexLock lock(m_mutex);
+            m_context.swap(context);
+        }
+        m_log.write(Topic::kNotice, "the certificates were read anew; new connections use them");
+        m_sayAgain = Clock::time_point::min();
+        tick();
+    } catch (const std::exception& error) {
+        m_log.failed("the certificates stay as they were", error);
+    }
+}
+
+void TlsInForce::tick() {
+    if (Clock::now() < m_sayAgain) {
+        return;
+    }
+    m_sayAgain = Clock::now() + std::chrono::days(1);
+    const std::time_t now = std::time(nullptr);
+    for (const TlsContext::Ending& ending : get()->endings()) {
+        if (now >= ending.warnFrom) {
+            m_log.write(Topic::kFailure, harmless(ending.what, 1024) +
+                                             (now >= ending.time ? " ended on " : " ends on ") +
+                                             QelTimeText(ending.time, "%F %T UTC").data());
+        }
+    }
+}
+
+}  // namespace dsessd
