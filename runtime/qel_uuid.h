@@ -1,18 +1,11 @@
 /// UUIDs.
 #pragma once
 
-#include <cstdint>
+#include <array>
+#include <optional>
 
-#include <uuid/uuid.h>
+/// 36 characters in lower case, such as "5f0c954b-1f7e-4f3a-9d61-0a54c8a1f2b3", and a NUL.
+using QelUuidText = std::array<char, 37>;
 
-struct qel_uuid_t {
-    uuid_t bytes;
-};
-
-/// Makes a random UUID (RFC 4122, version 4). `status` receives 0 or, when the system gives no random bytes, EIO.
-qel_uuid_t qel_uuid_create(std::uint32_t* status) noexcept;
-/// Its 36-character text in lower case, released with qel_uuid_string_free; null on failure. `status` receives 0 or
-/// ENOMEM.
-char* qel_uuid_to_string(const qel_uuid_t& uuid, std::uint32_t* status) noexcept;
-/// Releases the text and sets it to null. `status` receives 0.
-void qel_uuid_string_free(char** text, std::uint32_t* status) noexcept;
+/// Makes a random UUID (RFC 4122, version 4), or none when the system gives no random bytes.
+[[nodiscard]] std::optional<QelUuidText> qel_make_uuid() noexcept;

@@ -119,15 +119,13 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
         return kStatusInvalidArgument;
     }
     std::vector<RequestParameter> all(parameters.begin(), parameters.end());
-    char changeId[UUID_STR_LEN];
+    std::optional<QelUuidText> changeId;
     if (operation.changes) {
-        std::uint32_t status = 0;
-        const qel_uuid_t uuid = qel_uuid_create(&status);
-        if (status != 0) {
+        changeId = qel_make_uuid();
+        if (!changeId) {
             return kStatusNoChangeId;
         }
-        uuid_unparse_lower(uuid.bytes, changeId);
-        all.push_back({protocol::field::kChangeId, changeId});
+        all.push_back({protocol::field::kChangeId, changeId->data()});
         if (!m_clusterId.empty()) {
             all.push_back({protocol::field::kClusterId, m_clusterId.c_str()});
         }

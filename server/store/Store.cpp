@@ -50,14 +50,11 @@ std::string newKeyLabel(Seconds now) {
 }
 
 std::string newUuid() {
-    std::uint32_t status = 0;
-    const qel_uuid_t uuid = qel_uuid_create(&status);
-    if (status != 0) {
+    const auto uuid = qel_make_uuid();
+    if (!uuid) {
         throw Failure("no random bytes for a UUID");
     }
-    std::array<char, UUID_STR_LEN> text{};
-    uuid_unparse_lower(uuid.bytes, text.data());
-    return text.data();
+    return uuid->data();
 }
 
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
