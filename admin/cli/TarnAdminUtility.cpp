@@ -20,11 +20,12 @@
 #include "admin/cli/commands/TarnAdminListInstances.h"
 #include "admin/cli/commands/TarnAdminLogin.h"
 #include "admin/cli/commands/TarnAdminSetInstance.h"
+#include "admin/cli/language/Values.h"
 #include "admin/cli/shell/LineReader.h"
 #include "admin/cli/shell/QelCmdLine.h"
 #include "admin/cli/shell/TarnAdminInterrupt.h"
 #include "admin/cli/shell/TarnAdminTrace.h"
-#include "admin/cli/show/RecordText.h"
+#include "catalogue/QelFailure.h"
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 #include "catalogue/qel_path.h"
@@ -47,32 +48,16 @@ constexpr char kConfigFileName[] = "vexilclicfg.conf";
 /// A longer line of a command file is taken in pieces, each as a line of its own.
 constexpr std::size_t kLongestFileLine = 4095;
 
-/// Creates a command and registers it; `created`, unless null, then points at it.
-template <class Command, class... Argument>
-std::uint32_t addCommand(TarnAdminCmdRegistry& registry, Command** created, Argument... argument) {
-    std::unique_ptr<Command> command;
-    try {
-        command = std::make_unique<Command>(argument...);
-    } catch (const std::bad_alloc&) {
-        qel_fprintf(stderr, kStatusNoMemory);
-        return kStatusNoMemory;
-    }
-    const std::uint32_t status = registry.registerCmd(command.get());
-    if (status != 0) {
-        return status;
-    }
-    if (created != nullptr) {
-        *created = command.get();
-    }
-    static_cast<void>(command.release());
-    return 0;
+/// Hands a command over to the registry. Throws QelFailure.
+template <class Command>
+Command* add(TarnAdminCmdRegistry& registry, std::unique_ptr<Command> command) {
+    qel_require(registry.registerCmd(command.get()));
+    return command.release();
 }
 
 template <class... Command>
-std::uint32_t addCommands(TarnAdminCmdRegistry& registry) {
-    std::uint32_t status = 0;
-    static_cast<void>((((status = addCommand<Command>(registry, nullptr)) == 0) && ...));
-    return status;
+void addStateless(TarnAdminCmdRegistry& registry, CommandList<Command...> /*commands*/) {
+    static_cast<void>((add(registry, createCommand<Command>()), ...));
 }
 
 /// Whether standard output and standard error come out in one place.
@@ -171,21 +156,17 @@ std::uint32_t TarnAdminUtility::setDebugLevel() {
 
 // The latest registered is listed first, so the order here is that of the listing, reversed.
 std::uint32_t TarnAdminUtility::registerCommands() {
-    TarnAdminConfig* config = this;
-    std::uint32_t status = addCommands<TarnAdminReplicaSetList, TarnAdminReplicaSetShow, TarnAdminRealmList,
-                                       TarnAdminRealmShow, TarnAdminKeyShow, TarnAdminKeyChange, TarnAdminSessList,
-                                       TarnAdminSessTerminate, TarnAdminSessTerminateAll, TarnAdminSessRefresh,
-                                       TarnAdminSessRefreshAll, TarnAdminTraceSet, TarnAdminTraceGet>(m_cmdRegistry);
-    if (status == 0) {
-        status = addCommand<TarnAdminListInstances>(m_cmdRegistry, nullptr, config);
+    try {
+        return qel_status_of([this] {
+            addStateless(m_cmdRegistry, StatelessCommands());
+            add(m_cmdRegistry, std::make_unique<TarnAdminListInstances>(this));
+            m_loginCmd = add(m_cmdRegistry, std::make_unique<TarnAdminLogin>());
+            m_setInstanceCmd = add(m_cmdRegistry, std::make_unique<TarnAdminSetInstance>(this));
+        });
+    } catch (const std::bad_alloc&) {
+        qel_fprintf(stderr, kStatusNoMemory);
+        return kStatusNoMemory;
     }
-    if (status == 0) {
-        status = addCommand(m_cmdRegistry, &m_loginCmd);
-    }
-    if (status == 0) {
-        status = addCommand(m_cmdRegistry, &m_setInstanceCmd, config);
-    }
-    return status;
 }
 
 std::uint32_t TarnAdminUtility::run(int argc, char** argv) {

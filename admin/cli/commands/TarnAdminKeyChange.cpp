@@ -1,24 +1,29 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include <new>
 
 #include "admin/cli/show/ClusterInfo.h"
-#include "admin/cli/show/RecordText.h"
+#include "admin/cli/show/KeyReport.h"
 #include "catalogue/qel_messages.h"
 
-constinit const QelString TarnAdminKeyChange::m_cmdFormat(QelLiteral("key change"));
+/// key change: makes the cluster generate a new key, at once, and shows it.
+class TarnAdminKeyChange : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("key change")};
 
-std::uint32_t TarnAdminKeyChange::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                             TarnAdminCmdTokens const& /*tokens*/) {
-    olm_dsess_admin_cluster_t cluster{};
-    if (const std::uint32_t status = olm_dsess_admin_generate_new_key(handle, &secInfo, &cluster); status != 0) {
-        return status;
+  public:
+    TarnAdminKeyChange() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
+        olm_dsess_admin_cluster_t cluster{};
+        qel_require(olm_dsess_admin_generate_new_key(server.handle, &server.secInfo, &cluster));
+        const ClusterRelease release(cluster);
+        try {
+            printKeyReport(cluster);
+        } catch (const std::bad_alloc&) {
+            throw QelFailure(kStatusOutcomeUnknown);  // the key has been changed: nothing may invite to do it again
+        }
     }
-    const ClusterRelease release(cluster);
-    try {
-        printKeyReport(cluster);
-        return 0;
-    } catch (const std::bad_alloc&) {
-        return kStatusOutcomeUnknown;  // the key has been changed: nothing may invite to do it again
-    }
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminKeyChange>();

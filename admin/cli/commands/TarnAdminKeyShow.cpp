@@ -1,16 +1,19 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include "admin/cli/show/ClusterInfo.h"
-#include "admin/cli/show/RecordText.h"
+#include "admin/cli/show/KeyReport.h"
 
-constinit const QelString TarnAdminKeyShow::m_cmdFormat(QelLiteral("key show"));
+/// key show: the cluster's key.
+class TarnAdminKeyShow : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("key show")};
 
-std::uint32_t TarnAdminKeyShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                           TarnAdminCmdTokens const& /*tokens*/) {
-    ClusterInfo info;
-    if (const std::uint32_t status = info.fetch(handle, secInfo); status != 0) {
-        return status;
+  public:
+    TarnAdminKeyShow() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
+        printKeyReport(ClusterInfo(server).cluster());
     }
-    printKeyReport(info.cluster());
-    return 0;
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminKeyShow>();

@@ -1,11 +1,13 @@
 #include "admin/cli/commands/TarnAdminLogin.h"
 
+#include <array>
 #include <cstdio>
 #include <cstring>
 #include <utility>
 
 #include "admin/cli/shell/TarnAdminInterrupt.h"
 #include "admin/cli/show/ClusterInfo.h"
+#include "catalogue/QelFailure.h"
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 #include "runtime/qel_base64.h"
@@ -19,9 +21,26 @@ constinit const QelString TarnAdminLogin::m_anonUserName(QelLiteral("anonymous")
 
 namespace {
 
+constexpr std::int32_t kUser = 1;
+constexpr std::int32_t kPassword = 2;
+
 void showPasswordPrompt() {
     qel_fprintf(stdout, kMsgPasswordPrompt);
     qel_flush_output();
+}
+
+/// 64 random bytes in base64, followed by a UUID: no two logins share one. Throws QelFailure, and std::bad_alloc.
+QelString makeLoginId() {
+    std::array<unsigned char, 64> random;
+    qel_require(qel_get_random_bytes(random.data(), random.size()) ? 0 : kStatusNoRandom);
+    std::array<char, 89> encoded;
+    qel_require(
+        qel_base64_std_encode(random.data(), random.size(), encoded.data(), encoded.size()) > 0 ? 0 : kStatusNoMemory);
+    QelString loginId(encoded.data());
+    const auto uuid = qel_make_uuid();
+    qel_require(uuid ? 0 : kStatusNoUuid);
+    loginId.append(uuid->data());
+    return loginId;
 }
 
 }  // namespace
@@ -32,47 +51,19 @@ TarnAdminLogin::TarnAdminLogin() : TarnAdminCmd(m_cmdFormat.data()), m_userName(
 
 std::uint32_t TarnAdminLogin::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& /*secInfo*/,
                                          TarnAdminCmdTokens const& tokens) {
-    QelString userName(tokens[1]);
-    QelString password;
-    std::uint32_t status = tokens.tokens() == 3 ? password.set(tokens[2]) : promptForPassword(password);
-    if (status != 0) {
-        return status;
-    }
-    QelString loginId;
-    if (status = makeLoginId(loginId); status != 0) {
-        return status;
-    }
-    olmdsess_admin_client_trace(3, "TarnAdminLogin (%s: %s) - %s\n", userName.data(), password.data(), loginId.data());
-
-    m_userName = std::move(userName);
-    m_password = std::move(password);
-    m_loginId = std::move(loginId);
-    m_secInfo = {m_userName.data(), nullptr, m_loginId.data(), m_password.data()};
-    return ClusterInfo().fetch(handle, m_secInfo);
-}
-
-std::uint32_t TarnAdminLogin::makeLoginId(QelString& loginId) {
-    unsigned char random[64];
-    if (!qel_get_random_bytes(random, sizeof(random))) {
-        return kStatusNoRandom;
-    }
-    char encoded[89];
-    if (qel_base64_std_encode(random, sizeof(random), encoded, sizeof(encoded)) < 0) {
-        return kStatusNoMemory;
-    }
-    loginId = QelString(encoded);
-    std::uint32_t status = 0;
-    const qel_uuid_t uuid = qel_uuid_create(&status);
-    if (status != 0) {
-        return kStatusNoUuid;
-    }
-    char* text = qel_uuid_to_string(uuid, &status);
-    if (text == nullptr) {
-        return kStatusNoMemory;
-    }
-    loginId.append(text);
-    qel_uuid_string_free(&text, &status);
-    return 0;
+    return qel_status_of([&] {
+        QelString userName(tokens[kUser]);
+        QelString password;
+        qel_require(tokens[kPassword] != nullptr ? password.set(tokens[kPassword]) : promptForPassword(password));
+        QelString loginId = makeLoginId();
+        olmdsess_admin_client_trace(3, "TarnAdminLogin (%s: %s) - %s\n", userName.data(), password.data(),
+                                    loginId.data());
+        m_userName = std::move(userName);
+        m_password = std::move(password);
+        m_loginId = std::move(loginId);
+        m_secInfo = {m_userName.data(), nullptr, m_loginId.data(), m_password.data()};
+        const ClusterInfo answer(ServerAccess{handle, m_secInfo});
+    });
 }
 
 std::uint32_t TarnAdminLogin::promptForPassword(QelString& password) {

@@ -19,8 +19,6 @@ class TarnAdminLogin : public TarnAdminCmd {
   private:
     /// Reads a password from standard input, without echo on a terminal.
     [[nodiscard]] static std::uint32_t promptForPassword(QelString& password);
-    /// 64 random bytes in base64, followed by a UUID: no two logins share one.
-    [[nodiscard]] static std::uint32_t makeLoginId(QelString& loginId);
 
     static const QelString m_cmdFormat;
     static const QelString m_anonUserName;

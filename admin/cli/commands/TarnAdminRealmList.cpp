@@ -1,4 +1,4 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include <cstdio>
 
@@ -8,22 +8,26 @@
 #include "catalogue/qel_msg.h"
 #include "runtime/qel_io.h"
 
-constinit const QelString TarnAdminRealmList::m_cmdFormat(QelLiteral("realm list"));
+/// realm list: the names of all realms.
+class TarnAdminRealmList : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("realm list")};
 
-std::uint32_t TarnAdminRealmList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                             TarnAdminCmdTokens const& /*tokens*/) {
-    ClusterInfo info;
-    if (const std::uint32_t status = info.fetch(handle, secInfo); status != 0) {
-        return status;
+  public:
+    TarnAdminRealmList() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
+        const ClusterInfo info(server);
+        if (info.realmCount() == 0) {
+            qel_fprintf(stdout, kMsgNoRealms);
+            std::fputs("\n", stdout);
+        }
+        QelGatheredOutput out(stdout);
+        for (const olm_dsess_admin_realm_t& realm : info.realms()) {
+            out.put(RecordText(realm.name).view());
+            out.put("\n");
+        }
     }
-    if (info.realmCount() == 0) {
-        qel_fprintf(stdout, kMsgNoRealms);
-        std::fputs("\n", stdout);
-    }
-    QelGatheredOutput out(stdout);
-    for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        out.put(RecordText(realm.name).view());
-        out.put("\n");
-    }
-    return 0;
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminRealmList>();

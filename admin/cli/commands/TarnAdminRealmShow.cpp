@@ -1,10 +1,19 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
-#include "admin/cli/show/ClusterInfo.h"
+#include "admin/cli/show/ReplicaSets.h"
 
-constinit const QelString TarnAdminRealmShow::m_cmdFormat(QelLiteral("realm show <realm-name>"));
+/// realm show: the replica sets of one realm.
+class TarnAdminRealmShow : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("realm show <realm-name>")};
+    static constexpr std::int32_t kRealm = 2;
 
-std::uint32_t TarnAdminRealmShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                             TarnAdminCmdTokens const& tokens) {
-    return showReplicaSets(handle, secInfo, tokens[2]);
-}
+  public:
+    TarnAdminRealmShow() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        showRealm(server, words[kRealm]);
+    }
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminRealmShow>();

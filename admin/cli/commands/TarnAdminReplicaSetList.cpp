@@ -1,24 +1,30 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include <cstdio>
 
 #include "admin/cli/show/ClusterInfo.h"
 #include "admin/cli/show/RecordText.h"
+#include "admin/cli/show/ReplicaSets.h"
 
-constinit const QelString TarnAdminReplicaSetList::m_cmdFormat(QelLiteral("replica set list [-realm <realm>]"));
+/// replica set list: the replica sets of every realm, or of one.
+class TarnAdminReplicaSetList : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set list [-realm <realm>]")};
+    static constexpr std::int32_t kRealm = 4;
 
-std::uint32_t TarnAdminReplicaSetList::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                                  TarnAdminCmdTokens const& tokens) {
-    if (tokens.tokens() == 5) {
-        return showReplicaSets(handle, secInfo, tokens[4]);
+  public:
+    TarnAdminReplicaSetList() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        if (words[kRealm] != nullptr) {
+            return showRealm(server, words[kRealm]);
+        }
+        const ClusterInfo info(server);
+        for (const olm_dsess_admin_realm_t& realm : info.realms()) {
+            std::printf("%s:\n", RecordText(realm.name).data());
+            printReplicaSets(realm);
+        }
     }
-    ClusterInfo info;
-    if (const std::uint32_t status = info.fetch(handle, secInfo); status != 0) {
-        return status;
-    }
-    for (const olm_dsess_admin_realm_t& realm : info.realms()) {
-        std::printf("%s:\n", RecordText(realm.name).data());
-        printReplicaSets(realm);
-    }
-    return 0;
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminReplicaSetList>();

@@ -1,4 +1,4 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include <cstdio>
 
@@ -7,24 +7,29 @@
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 
-constinit const QelString TarnAdminReplicaSetShow::m_cmdFormat(QelLiteral("replica set show <replica-set-name>"));
+/// replica set show: the members of one replica set and when each was last heard from.
+class TarnAdminReplicaSetShow : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set show <replica-set-name>")};
+    static constexpr std::int32_t kReplicaSet = 3;
 
-std::uint32_t TarnAdminReplicaSetShow::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                                  TarnAdminCmdTokens const& tokens) {
-    FetchedRecords<olm_dsess_admin_replica_set_record_t, OLM_DSESS_ADMIN_FREE_REPLICA_SET> members;
-    const std::uint32_t status =
-        members.fetch([&](std::int32_t* count, olm_dsess_admin_replica_set_record_t** records) {
-            return olm_dsess_admin_get_replica_set_info(handle, &secInfo, tokens[3], count, records);
-        });
-    if (status != 0) {
-        return status;
+  public:
+    TarnAdminReplicaSetShow() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        const FetchedRecords<olm_dsess_admin_replica_set_record_t, OLM_DSESS_ADMIN_FREE_REPLICA_SET> members(
+            [&](std::int32_t* count, olm_dsess_admin_replica_set_record_t** records) {
+                return olm_dsess_admin_get_replica_set_info(server.handle, &server.secInfo, words[kReplicaSet], count,
+                                                            records);
+            });
+        if (members.count() == 0) {
+            qel_fprintf(stdout, kMsgNoReplicaSetRecords);
+        }
+        for (const olm_dsess_admin_replica_set_record_t& member : members.records()) {
+            qel_fprintf(stdout, kMsgReplicaSetRecord, RecordText(member.name).data(), TimeText(member.time).data());
+        }
+        std::fputs("\n", stdout);
     }
-    if (members.count() == 0) {
-        qel_fprintf(stdout, kMsgNoReplicaSetRecords);
-    }
-    for (const olm_dsess_admin_replica_set_record_t& member : members.records()) {
-        qel_fprintf(stdout, kMsgReplicaSetRecord, RecordText(member.name).data(), TimeText(member.time).data());
-    }
-    std::fputs("\n", stdout);
-    return 0;
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminReplicaSetShow>();

@@ -1,11 +1,22 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include "admin/cli/show/SessionQuery.h"
 
-constinit const QelString TarnAdminSessRefresh::m_cmdFormat(
-    QelLiteral("session refresh session <session-id> -realm <realm-name>"));
+/// session refresh session: makes one session fresh.
+class TarnAdminSessRefresh : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{
+        QelLiteral("session refresh session <session-id> -realm <realm-name>")};
+    static constexpr std::int32_t kSessionId = 3;
+    static constexpr std::int32_t kRealm = 5;
 
-std::uint32_t TarnAdminSessRefresh::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                               TarnAdminCmdTokens const& tokens) {
-    return actOnSessions(SessionSelector::kSession, olm_dsess_admin_refresh_sessions, handle, secInfo, tokens);
-}
+  public:
+    TarnAdminSessRefresh() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        const SessionQuery query(SessionSelector::kSession, words[kRealm], words[kSessionId]);
+        qel_require(olm_dsess_admin_refresh_sessions(server.handle, &server.secInfo, query.record()));
+    }
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminSessRefresh>();

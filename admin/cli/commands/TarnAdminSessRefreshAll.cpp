@@ -1,11 +1,22 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include "admin/cli/show/SessionQuery.h"
 
-constinit const QelString TarnAdminSessRefreshAll::m_cmdFormat(
-    QelLiteral("session refresh all_sessions <user-name> -realm <realm-name>"));
+/// session refresh all_sessions: makes every session of a user fresh.
+class TarnAdminSessRefreshAll : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{
+        QelLiteral("session refresh all_sessions <user-name> -realm <realm-name>")};
+    static constexpr std::int32_t kUser = 3;
+    static constexpr std::int32_t kRealm = 5;
 
-std::uint32_t TarnAdminSessRefreshAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                                  TarnAdminCmdTokens const& tokens) {
-    return actOnSessions(SessionSelector::kUser, olm_dsess_admin_refresh_sessions, handle, secInfo, tokens);
-}
+  public:
+    TarnAdminSessRefreshAll() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        const SessionQuery query(SessionSelector::kUser, words[kRealm], words[kUser]);
+        qel_require(olm_dsess_admin_refresh_sessions(server.handle, &server.secInfo, query.record()));
+    }
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminSessRefreshAll>();

@@ -1,11 +1,22 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include "admin/cli/show/SessionQuery.h"
 
-constinit const QelString TarnAdminSessTerminateAll::m_cmdFormat(
-    QelLiteral("session terminate all_sessions <username> -realm <realm-name>"));
+/// session terminate all_sessions: ends every session of a user.
+class TarnAdminSessTerminateAll : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{
+        QelLiteral("session terminate all_sessions <username> -realm <realm-name>")};
+    static constexpr std::int32_t kUser = 3;
+    static constexpr std::int32_t kRealm = 5;
 
-std::uint32_t TarnAdminSessTerminateAll::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                                    TarnAdminCmdTokens const& tokens) {
-    return actOnSessions(SessionSelector::kUser, olm_dsess_admin_terminate_sessions, handle, secInfo, tokens);
-}
+  public:
+    TarnAdminSessTerminateAll() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        const SessionQuery query(SessionSelector::kUser, words[kRealm], words[kUser]);
+        qel_require(olm_dsess_admin_terminate_sessions(server.handle, &server.secInfo, query.record()));
+    }
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminSessTerminateAll>();

@@ -1,19 +1,24 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
 #include <cstdio>
 
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 
-constinit const QelString TarnAdminTraceGet::m_cmdFormat(QelLiteral("trace get"));
+/// trace get: shows the server's trace level.
+class TarnAdminTraceGet : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("trace get")};
 
-std::uint32_t TarnAdminTraceGet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                            TarnAdminCmdTokens const& /*tokens*/) {
-    std::int32_t level = 0;
-    if (const std::uint32_t status = olm_dsess_admin_get_trace_level(handle, &secInfo, &level); status != 0) {
-        return status;
+  public:
+    TarnAdminTraceGet() : StatelessCommand(m_cmdFormat.data()) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
+        std::int32_t level = 0;
+        qel_require(olm_dsess_admin_get_trace_level(server.handle, &server.secInfo, &level));
+        qel_fprintf(stdout, kMsgTraceLevel, level);
+        std::fputs("\n", stdout);
     }
-    qel_fprintf(stdout, kMsgTraceLevel, level);
-    std::fputs("\n", stdout);
-    return 0;
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminTraceGet>();

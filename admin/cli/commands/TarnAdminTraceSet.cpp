@@ -1,15 +1,22 @@
-#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/commands/StatelessCommand.h"
 
-#include "admin/cli/show/RecordText.h"
-#include "catalogue/qel_strtol.h"
+#include <limits>
 
-constinit const QelString TarnAdminTraceSet::m_cmdFormat(QelLiteral("trace set <level>"));
+#include "admin/cli/language/Values.h"
 
-std::uint32_t TarnAdminTraceSet::executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
-                                            TarnAdminCmdTokens const& tokens) {
-    std::int32_t level = 0;
-    if (qel_strtol(tokens[2], 10, &level) != 0) {
-        return refuseValue("level");
+/// trace set: sets the server's trace level. The server decides which levels are valid.
+class TarnAdminTraceSet : public StatelessCommand {
+    static constinit inline const QelString m_cmdFormat{QelLiteral("trace set <level>")};
+    static constexpr std::int32_t kLevel = 2;
+
+  public:
+    TarnAdminTraceSet() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+
+  private:
+    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
+        const std::int32_t level = readNumber(words[kLevel], "level", std::numeric_limits<std::int32_t>::min());
+        qel_require(olm_dsess_admin_set_trace_level(server.handle, &server.secInfo, level));
     }
-    return olm_dsess_admin_set_trace_level(handle, &secInfo, level);
-}
+};
+
+template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminTraceSet>();

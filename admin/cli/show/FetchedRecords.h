@@ -1,17 +1,25 @@
 /// An array that the client library returned, released with the object.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <span>
 
 #include "admin/client-interface/olm_dsess_admin.h"
+#include "catalogue/QelFailure.h"
 #include "catalogue/qel_messages.h"
 
 /// `kind`: how olm_dsess_admin_free is to release it.
 template <class Record, std::int32_t kind>
 class FetchedRecords {
   public:
-    FetchedRecords() = default;
+    /// Calls `fetch` with the addresses of count and array. Throws QelFailure with the status that it returns, or with
+    /// kStatusAnswerNotUnderstood when it counts records but gives no array. Then nothing of what it left is looked at.
+    template <class Fetch>
+    explicit FetchedRecords(Fetch fetch) {
+        qel_require(fetch(&m_count, &m_records));
+        qel_require(m_count > 0 && m_records == nullptr ? kStatusAnswerNotUnderstood : 0);
+    }
     FetchedRecords(const FetchedRecords&) = delete;
     FetchedRecords& operator=(const FetchedRecords&) = delete;
     ~FetchedRecords() {
@@ -21,27 +29,9 @@ class FetchedRecords {
         }
     }
 
-    /// Calls `fetch` with the addresses of count and array, and returns its status, or kStatusAnswerNotUnderstood when
-    /// it counts records but gives no array. After a failure nothing of what it left there is looked at. Call once.
-    template <class Fetch>
-    [[nodiscard]] std::uint32_t fetch(Fetch fetch) {
-        std::uint32_t status = fetch(&m_count, &m_records);
-        if (status == 0 && m_count > 0 && m_records == nullptr) {
-            status = kStatusAnswerNotUnderstood;
-        }
-        if (status != 0) {
-            m_count = 0;
-            m_records = nullptr;
-        }
-        return status;
-    }
-
     /// As the library counted them: 0 or less means none.
     std::int32_t count() const { return m_count; }
-    std::span<const Record> records() const {
-        return m_count > 0 ? std::span<const Record>(m_records, static_cast<std::size_t>(m_count))
-                           : std::span<const Record>();
-    }
+    std::span<const Record> records() const { return {m_records, static_cast<std::size_t>(std::max(m_count, 0))}; }
 
   private:
     std::int32_t m_count = 0;

@@ -1,11 +1,6 @@
 #include "admin/cli/show/RecordText.h"
 
-#include <cstdio>
 #include <utility>
-
-#include "catalogue/qel_messages.h"
-#include "catalogue/qel_msg.h"
-#include "runtime/qel_io.h"
 
 namespace {
 
@@ -45,22 +40,4 @@ void TimeText::set(std::int32_t seconds) {
     writeTwoDigits(&m_text[11], second / 3600);
     writeTwoDigits(&m_text[14], second / 60 % 60);
     writeTwoDigits(&m_text[17], second % 60);
-}
-
-void printKeyReport(const olm_dsess_admin_cluster_t& cluster) {
-    const RecordText label(cluster.key_label);
-    const TimeText time(cluster.key_time);
-    if (cluster.second_time != 0) {
-        qel_fprintf(stdout, kMsgKeyWithPrevious, label.data(), time.data(), TimeText(cluster.second_time).data());
-    } else {
-        qel_fprintf(stdout, kMsgKey, label.data(), time.data());
-    }
-    std::fputs("\n", stdout);
-}
-
-std::uint32_t refuseValue(const char* name) {
-    qel_flush_output();
-    qel_fprintf(stderr, kMsgInvalidValue, name);
-    std::fputs("\n", stderr);
-    return kStatusInvalidValue;
 }

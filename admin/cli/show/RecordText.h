@@ -7,7 +7,6 @@
 #include <optional>
 #include <string_view>
 
-#include "admin/client-interface/olm_dsess_admin.h"
 #include "catalogue/QelString.h"
 
 /// A text of a record in the locale's encoding, on one line whatever a server put into it: what could drive a terminal
@@ -40,9 +39,3 @@ class TimeText {
     std::array<char, sizeof("yyyy-mm-dd-hh:mm:ss UTC")> m_text{"yyyy-mm-dd-hh:mm:ss UTC"};
     std::chrono::sys_days m_day = std::chrono::sys_days::min();  // that the text shows
 };
-
-/// Prints the key's label and time, and the time of the key before it if there is one, as one message and a line feed.
-void printKeyReport(const olm_dsess_admin_cluster_t& cluster);
-
-/// Writes that the value given for `name` is not valid, on a line of its own, and returns kStatusInvalidValue.
-[[nodiscard]] std::uint32_t refuseValue(const char* name);

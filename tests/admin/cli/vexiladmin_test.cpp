@@ -43,11 +43,12 @@ TEST(Completion, InsertsWhatCommandsThatFitHaveInCommonAndElseShowsWhatMayStandT
     setenv("LC_ALL", "C.UTF-8", 1);
     qelmsg_init("vexiladmin", 0);
     TarnAdminCmdRegistry commands;
-    for (TarnAdminCmd* command :
-         std::initializer_list<TarnAdminCmd*>{new TarnAdminTraceSet, new TarnAdminReplicaSetList, new TarnAdminSessList,
-                                              new TarnAdminSessTerminate, new TarnAdminRealmShow, new TarnAdminLogin}) {
-        ASSERT_EQ(commands.registerCmd(command), 0U);
+    for (const auto create :
+         {createCommand<TarnAdminTraceSet>, createCommand<TarnAdminReplicaSetList>, createCommand<TarnAdminSessList>,
+          createCommand<TarnAdminSessTerminate>, createCommand<TarnAdminRealmShow>}) {
+        ASSERT_EQ(commands.registerCmd(create().release()), 0U);
     }
+    ASSERT_EQ(commands.registerCmd(new TarnAdminLogin), 0U);
     const KnownValues levels = [](const TarnAdminCmd& command) {
         return std::string_view(command.format()).starts_with("trace")
                    ? std::vector<std::string>{"grün", "gräu", "blue", "a\x1B", "b c"}

@@ -1,0 +1,27 @@
+/// What a command without a state is made of.
+#pragma once
+
+#include "admin/cli/commands/StatelessCommands.h"
+#include "admin/cli/show/ServerAccess.h"
+#include "catalogue/QelFailure.h"
+#include "catalogue/QelString.h"
+
+/// The base of these commands. A class that derives from it gives its pattern to the constructor and does its work in
+/// `execute`.
+class StatelessCommand : public TarnAdminCmd {
+  public:
+    using TarnAdminCmd::TarnAdminCmd;
+    std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
+                             TarnAdminCmdTokens const& tokens) final {
+        return qel_status_of([&] { execute({handle, secInfo}, tokens); });
+    }
+
+  private:
+    /// Runs the command for a line that matched it, as executeCmd does. Throws QelFailure, and std::bad_alloc.
+    virtual void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const = 0;
+};
+
+template <class Command>
+std::unique_ptr<TarnAdminCmd> createCommand() {
+    return std::make_unique<Command>();
+}
