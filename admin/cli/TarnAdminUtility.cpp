@@ -22,7 +22,6 @@
 #include "admin/cli/commands/TarnAdminSetInstance.h"
 #include "admin/cli/language/Values.h"
 #include "admin/cli/shell/LineReader.h"
-#include "admin/cli/shell/QelCmdLine.h"
 #include "admin/cli/shell/TarnAdminInterrupt.h"
 #include "admin/cli/shell/TarnAdminTrace.h"
 #include "catalogue/QelFailure.h"
@@ -77,11 +76,10 @@ void printStatus(std::uint32_t status, bool hasCause = false) {
     qel_print_status(stderr, status, isCaused && hasCause && isOneStream() ? kMsgCauseBefore : 0);
 }
 
-std::uint32_t printUsage(const QelCmdLine& cmdLine) {
+void printUsage(const QelCmdLine& cmdLine) {
     QelStringRef name;
     cmdLine.getCmdName(&name);
     qel_fprintf(stdout, kMsgUsage, QelString(name).data());
-    return 0;
 }
 
 std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
@@ -187,13 +185,18 @@ std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
         return status;
     }
     const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kRun);
-    bool ran = false;
-    if (const std::uint32_t status = runArguments(argc, argv, ran); status != 0) {
-        return status;
+    bool hasRun = false;
+    for (const QelCmdLine::Option& option : cmdLine.options()) {
+        if (option.value != nullptr && option.name != m_interactiveOption.view()) {
+            hasRun = true;
+            if (const std::uint32_t status = runOption(option); status != 0) {
+                return status;
+            }
+        }
     }
     QelStringRef interactive;
     if (cmdLine.findOption(m_interactiveOption, &interactive) != 0) {
-        return ran ? 0 : processInteractiveMode();
+        return hasRun ? 0 : processInteractiveMode();
     }
     switch (interactive.empty() ? '\0' : qel_ascii_upper(interactive.data()[0])) {
         case 'Y':
@@ -205,28 +208,15 @@ std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
     }
 }
 
-std::uint32_t TarnAdminUtility::runArguments(int argc, char** argv, bool& ran) {
-    for (int i = 0; i + 1 < argc; ++i) {
-        if (argv[i][0] != '-') {
-            continue;
-        }
-        std::uint32_t status = 0;
-        if (m_fileOption.view() == argv[i] + 1) {
-            status = processCmdFile(argv[++i]);
-        } else if (m_commandOption.view() == argv[i] + 1) {
-            status = processCmd(argv[++i]);
-            if (kindOf(argv[i]) == TarnAdminPrompt::Kind::kLoginWithPassword) {
-                explicit_bzero(argv[i], std::strlen(argv[i]));
-            }
-        } else {
-            continue;
-        }
-        if (status != 0) {
-            return status;
-        }
-        ran = true;
+std::uint32_t TarnAdminUtility::runOption(const QelCmdLine::Option& option) {
+    if (option.name == m_fileOption.view()) {
+        return processCmdFile(option.value);
     }
-    return 0;
+    const std::uint32_t status = processCmd(option.value);
+    if (kindOf(option.value) == TarnAdminPrompt::Kind::kLoginWithPassword) {
+        explicit_bzero(option.value, std::strlen(option.value));
+    }
+    return status;
 }
 
 std::uint32_t TarnAdminUtility::processCmd(const char* text) {

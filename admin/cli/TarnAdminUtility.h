@@ -6,6 +6,7 @@
 
 #include "admin/cli/config/TarnAdminConfig.h"
 #include "admin/cli/language/TarnAdminCmdRegistry.h"
+#include "admin/cli/shell/QelCmdLine.h"
 #include "admin/cli/shell/TarnAdminPrompt.h"
 #include "catalogue/QelString.h"
 
@@ -28,8 +29,8 @@ class TarnAdminUtility : public TarnAdminConfig {
   private:
     [[nodiscard]] std::uint32_t setDebugLevel();
     [[nodiscard]] std::uint32_t registerCommands();
-    /// The -command and -file options, in order, up to the first failure. `ran` receives whether there was any.
-    [[nodiscard]] std::uint32_t runArguments(int argc, char** argv, bool& ran);
+    /// Carries out -command or -file. Wipes a password that its value holds.
+    [[nodiscard]] std::uint32_t runOption(const QelCmdLine::Option& option);
 
     /// Runs one command text. A failure's message is written before its status is returned.
     [[nodiscard]] std::uint32_t processCmd(const char* text);

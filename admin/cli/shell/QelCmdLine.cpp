@@ -8,29 +8,22 @@ namespace {
 
 constexpr std::uint32_t kInvalidBuckets = 29;
 
-std::string_view lastComponent(std::string_view path) {
-    return path.substr(path.rfind('/') + 1);
-}
-
 }  // namespace
 
-std::uint32_t QelCmdLine::initialize(int argc, const char* const* argv) {
+std::uint32_t QelCmdLine::initialize(int argc, char** argv) {
     m_options.clear();
     if (argc < 1 || argv == nullptr || argv[0] == nullptr) {
         m_cmdName = {};
         return kStatusCommandLine;
     }
-    m_cmdName = lastComponent(argv[0]);
+    const std::string_view path(argv[0]);
+    m_cmdName = path.substr(path.rfind('/') + 1);
     for (int index = 1; index < argc; ++index) {
         const std::string_view argument(argv[index]);
-        if (argument.size() < 2 || argument.front() != '-') {
-            continue;
+        if (argument.starts_with('-') && argument != "-") {
+            const bool hasValue = index + 1 < argc && *argv[index + 1] != '-';
+            m_options.push_back({argument.substr(1), hasValue ? argv[++index] : nullptr});
         }
-        Option option{argument.substr(1), {}};
-        if (index + 1 < argc && argv[index + 1][0] != '-') {
-            option.value = argv[++index];
-        }
-        m_options.push_back(option);
     }
     return 0;
 }
@@ -46,7 +39,7 @@ std::uint32_t QelCmdLine::findOption(const QelString& name, QelStringRef* value)
         return kStatusUnknownName;
     }
     if (value != nullptr) {
-        *value = found->value;
+        *value = found->value != nullptr ? std::string_view(found->value) : std::string_view();
     }
     return 0;
 }
@@ -65,7 +58,7 @@ const QelHashTable<QelString, QelString>& QelCmdLine::invalidOptions() {
             m_invalid.find(*name) != nullptr) {
             continue;
         }
-        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(option.value)) != 0) {
+        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(static_cast<const char*>(option.value))) != 0) {
             throw std::bad_alloc();
         }
     }
