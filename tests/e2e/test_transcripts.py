@@ -1,4 +1,4 @@
-"""The sixteen commands against a real server: what is shown, byte for byte, and what the server holds afterwards."""
+"""Every command against a real server: what is shown, byte for byte, and what the server holds afterwards."""
 
 import re
 import time

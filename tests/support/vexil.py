@@ -37,7 +37,11 @@ def read_table():
 
 
 MESSAGES = dict(read_table())
+README = (ROOT / "README.md").read_text()
 VERSION = re.search(r"^project\(\w+ VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text(), re.M)[1]
+
+
+PATTERNS = re.findall("^(.+?)  +[^ ]", re.search("^## Commands\n\n```([^`]*)", README, re.M)[1], re.M)
 
 
 def msg(identifier, *arguments):
