@@ -58,7 +58,8 @@ const QelHashTable<QelString, QelString>& QelCmdLine::invalidOptions() {
             m_invalid.find(*name) != nullptr) {
             continue;
         }
-        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(static_cast<const char*>(option.value))) != 0) {
+        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(static_cast<const char*>(option.value))) !=
+            0) {
             throw std::bad_alloc();
         }
     }
