@@ -20,9 +20,11 @@ constexpr std::size_t kExcerptBytes = AnswerReader::kShownBytes;
 // Of the causes that a request failed of, so many are shown at once.
 constexpr std::size_t kShownCauses = 3;
 
-// A pause before a change is sent once more, doubled from time to time.
+// Of the pauses before locations are asked again: the most that the first and the last ones take, and what is too short
+// to be one.
 constexpr std::chrono::milliseconds kFirstPause{50};
 constexpr std::chrono::milliseconds kLongestPause{1000};
+constexpr std::chrono::milliseconds kLeastPause{10};
 // Less time than this is not divided any more.
 constexpr std::chrono::seconds kLeastShare{1};
 
@@ -74,9 +76,25 @@ std::uint32_t statusOf(AttemptFailure failure) {
             return kStatusInstanceNotServed;
         case AttemptFailure::kNotUnderstood:
             return kStatusAnswerNotUnderstood;
-        default:
-            return kStatusNoLocation;
+        case AttemptFailure::kInterrupted:
+            return kStatusInterrupted;
+        case AttemptFailure::kNoMemory:
+            return kStatusNoMemory;
+        case AttemptFailure::kNone:
+        case AttemptFailure::kUnreachable:
+        case AttemptFailure::kBusy:
+        case AttemptFailure::kFailed:
+            break;
     }
+    return kStatusNoLocation;
+}
+
+/// What all locations failed of.
+std::uint32_t commonStatus(std::span<const Attempt> failures) {
+    const auto isAnother = [&](const Attempt& attempt) { return attempt.failure != failures.front().failure; };
+    return failures.empty() || std::any_of(failures.begin(), failures.end(), isAnother)
+               ? kStatusNoLocation
+               : statusOf(failures.front().failure);
 }
 
 void replaceAll(std::string& text, std::string_view what, std::string_view with) {
@@ -131,7 +149,8 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
         }
     }
     const std::int32_t id = m_lastId = m_lastId % 1'000'000'000 + 1;
-    Request request{operation, security, id, writeRequest(id, operation.method, security, all)};
+    Request request{operation, security, id, writeRequest(id, operation.method, security, all),
+                    std::vector<Attempt>(m_urls.size())};
     if (request.body.size() > protocol::kMaxRequestBytes) {
         m_trace.line(kTraceAlways, "the request is too long and was not sent");
         return kStatusInvalidArgument;
@@ -148,69 +167,67 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
 
 std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
     auto end = Clock::now() + m_timeout;
-    std::optional<AttemptFailure> failure;
-    bool alike = true;
-    bool isBusy = false;
-    auto pause = kFirstPause;
-    for (std::size_t index = 0;; ++index) {
-        if (index == m_urls.size()) {
-            // A server that answered 503 may be able to serve soon: a database fails over within some seconds.
-            if (!std::exchange(isBusy, false) || Clock::now() + pause >= end) {
-                break;
+    Clock::duration longest = kFirstPause;
+    do {
+        for (std::size_t index = 0; index < m_urls.size() && !interruption::isOn(); ++index) {
+            const auto now = Clock::now();
+            const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
+            const Attempt attempt = tryLocation(index, request, now + share, request.operation.changes, answer);
+            if (attempt.failure == AttemptFailure::kNone) {
+                return finish(index, request, answer);
             }
-            interruption::wait(pause);
-            pause = std::min(2 * pause, kLongestPause);
-            index = 0;
+            end += attempt.flowed;
+            if (request.isOpen) {
+                return settle(index, end, request, answer);
+            }
+            if (attempt.failure == AttemptFailure::kInterrupted) {
+                return kStatusInterrupted;
+            }
         }
-        if (interruption::isOn()) {
-            return kStatusInterrupted;
-        }
-        const std::string& url = m_urls[index];
-        const auto now = Clock::now();
-        const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
-        const Attempt attempt = tryLocation(url, request, now + share, request.operation.changes, answer);
-        if (attempt.failure == AttemptFailure::kNone) {
-            return finish(index, request, answer);
-        }
-        end += attempt.flowed;
-        if (request.isOpen) {
-            return settle(index, end, request, answer);
-        }
-        if (attempt.failure == AttemptFailure::kInterrupted) {
-            return kStatusInterrupted;
-        }
-        isBusy = isBusy || attempt.failure == AttemptFailure::kBusy;
-        alike = alike && failure.value_or(attempt.failure) == attempt.failure;
-        failure = attempt.failure;
+    } while (request.wasBusy && pause(end, longest));
+    if (interruption::isOn()) {
+        return kStatusInterrupted;
     }
     showCauses(request);
-    return failure && alike ? statusOf(*failure) : kStatusNoLocation;
+    return commonStatus(request.failures);
 }
 
 std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer) {
-    for (auto pause = Clock::duration::zero();;
-         pause = std::clamp<Clock::duration>(pause * 2, kFirstPause, kLongestPause)) {
-        const auto now = Clock::now() + pause;
-        if (now >= end || interruption::wait(std::chrono::ceil<std::chrono::milliseconds>(pause))) {
-            showCauses(request);
-            return kStatusOutcomeUnknown;
-        }
-        if (pause > Clock::duration::zero() && !m_clusterId.empty()) {
-            index = (index + 1) % m_urls.size();
-        }
-        const auto share =
-            std::min<Clock::duration>(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
+    Clock::duration longest = kFirstPause;
+    for (bool isTime = Clock::now() < end && !interruption::isOn(); isTime; isTime = pause(end, longest)) {
+        const auto now = Clock::now();
+        const auto share = std::min(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
         m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
-        const Attempt attempt = tryLocation(m_urls[index], request, now + share, false, answer);
+        const Attempt attempt = tryLocation(index, request, now + share, false, answer);
         if (attempt.failure == AttemptFailure::kNone && isFinal(answer)) {
             return finish(index, request, answer);
         }
         end += attempt.flowed;
+        if (!m_clusterId.empty()) {
+            index = (index + 1) % m_urls.size();
+        }
     }
+    showCauses(request);
+    return kStatusOutcomeUnknown;
 }
 
-Attempt Client::tryLocation(const std::string& url, Request& request, Clock::time_point end, bool leavesTime,
+bool Client::pause(Clock::time_point end, Clock::duration& longest) const {
+    const auto now = Clock::now();
+    // What the clock shows below a pause's length is as good as a random number.
+    const auto length = std::chrono::floor<std::chrono::milliseconds>(
+        std::min(longest - now.time_since_epoch() % (longest / 2), (end - now) / 2));
+    if (length < kLeastPause) {
+        return false;
+    }
+    longest = std::min<Clock::duration>(2 * longest, kLongestPause);
+    m_trace.line(kTraceFailure,
+                 "a pause of " + std::to_string(length.count()) + " ms before locations are asked again");
+    return !interruption::wait(length);
+}
+
+Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime,
                             Answer& answer) {
+    const std::string& url = m_urls[index];
     const auto now = Clock::now();
     AnswerReader reader(request.operation.shape, request.id);
     // Only the answer to a listing may be long. Any other one must be whole by the end.
@@ -235,8 +252,9 @@ Attempt Client::tryLocation(const std::string& url, Request& request, Clock::tim
     if (attempt.failure != AttemptFailure::kNone) {
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
         if (attempt.failure != AttemptFailure::kInterrupted) {
-            request.causes[url] = attempt.cause;
+            request.failures[index] = attempt;
         }
+        request.wasBusy = request.wasBusy || attempt.failure == AttemptFailure::kBusy;
     } else if (answer.errorName != nullptr) {
         m_trace.line(kTraceFailure,
                      url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));
@@ -262,16 +280,16 @@ std::uint32_t Client::finish(std::size_t index, const Request& request, const An
 // Locations that failed of the same share a line. Further lines would tell little more.
 void Client::showCauses(const Request& request) const {
     std::vector<std::pair<std::string, std::string>> groups;  // the locations, and what they failed of
-    for (const std::string& url : m_urls) {
-        const auto found = request.causes.find(url);
-        if (found == request.causes.end()) {
-            continue;
+    for (std::size_t index = 0; index < m_urls.size(); ++index) {
+        const std::string& cause = request.failures[index].cause;
+        if (cause.empty()) {
+            continue;  // it was not asked
         }
-        const std::string location = url.substr(0, url.find(protocol::kServicePath));
+        const std::string location = m_urls[index].substr(0, m_urls[index].find(protocol::kServicePath));
         const auto group = std::find_if(groups.begin(), groups.end(),
-                                        [&](const auto& candidate) { return candidate.second == found->second; });
+                                        [&](const auto& candidate) { return candidate.second == cause; });
         if (group == groups.end()) {
-            groups.emplace_back(location, found->second);
+            groups.emplace_back(location, cause);
         } else {
             group->first += ", " + location;
         }

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -32,8 +31,12 @@ struct Operation {
 ///  - The next location is asked whatever went wrong, but once a server may have carried a change out, its fate is
 ///    known only by an answer: the change is sent again, under the same identifier, by which a server knows it. It goes
 ///    to the same location, and to the others when an earlier answer has told which cluster it is meant for.
-///  - When no location gave an answer, the status names what they failed of, if that was the same for all; otherwise it
-///    is kStatusNoLocation.
+///  - A server that says that it cannot take a request now (HTTP status 503) may do so soon: a cluster fails over
+///  within
+///    some seconds. Once one has, all locations are asked again until the time is up, with pauses, also those that were
+///    out of reach: their server may be about to start again. Without such a sign nobody is kept waiting.
+///  - When no location gave an answer, the status names what they failed of last, if that was the same for all;
+///    otherwise it is kStatusNoLocation.
 class Client {
   public:
     /// Throws TlsProblem and std::bad_alloc.
@@ -52,18 +55,19 @@ class Client {
         const olm_dsess_admin_sec_info_t& security;
         std::int32_t id;
         SecretBuffer body;
-        /// Whether a change has been sent whose fate is not known.
-        bool isOpen = false;
-        /// What each location failed of last, in words.
-        std::map<std::string, std::string> causes{};
+        std::vector<Attempt> failures;  ///< for each location the last one, if there is any
+        bool isOpen = false;            ///< a change has been sent whose fate is not known
+        bool wasBusy = false;           ///< a location could not take it just then
     };
 
     std::uint32_t tryLocations(Request& request, Answer& answer);
     /// Asks until the time is up what became of a change that the location of this index may have carried out.
     std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
-    /// One attempt, with its answer read.
-    Attempt tryLocation(const std::string& url, Request& request, Clock::time_point end, bool leavesTime,
-                        Answer& answer);
+    /// Waits before locations are asked again: at most `longest`, which grows for the next time, and never so long that
+    /// the time is up. False when it nearly is, or someone asks for the end.
+    bool pause(Clock::time_point end, Clock::duration& longest) const;
+    /// One attempt at the location of this index, with its answer read.
+    Attempt tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime, Answer& answer);
     /// Makes the location of this index the first to ask and returns what its answer means.
     std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
     /// Shows at once what the locations failed of, each cause in a line of its own.

@@ -92,6 +92,8 @@ void AnswerHead::check(std::string_view name, std::string_view value) {
         m_encoding = value.substr(0, kShownBytes);
     } else if (qel_ascii_equal(name, "Content-Type")) {
         m_isJson = qel_ascii_equal(withoutBlanks(value.substr(0, value.find(';'))), protocol::kContentType);
+    } else if (qel_ascii_equal(name, protocol::kUnavailable)) {
+        m_lacksStore = value == protocol::kStore;
     }
 }
 

@@ -38,6 +38,8 @@ class AnswerHead {
     std::size_t size() const { return m_line; }
     /// The HTTP status of a complete head.
     int status() const { return m_status; }
+    /// Whether it says that the server lacks its store, beside status 503.
+    bool lacksStore() const { return m_lacksStore; }
     const std::string& problem() const { return m_problem; }
 
   private:
@@ -54,6 +56,7 @@ class AnswerHead {
     bool m_isJson = false;
     bool m_hasLength = false;
     bool m_isChunked = false;
+    bool m_lacksStore = false;
     std::string m_encoding;  // of the content; empty: none
     std::string m_problem;
 };

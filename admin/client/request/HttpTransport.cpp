@@ -49,14 +49,16 @@ Attempt notUnderstood(const std::string& why) {
     return failed(AttemptFailure::kNotUnderstood, "answer not understood: " + why);
 }
 
-Attempt httpStatusFailure(int status) {
+Attempt httpStatusFailure(const AnswerHead& head) {
+    const int status = head.status();
     const std::string cause = "HTTP status " + std::to_string(status) +
                               (status == 404 ? ": no session server is there, or not this instance of it" : "");
     if (status == 404) {
         return failed(AttemptFailure::kNotServed, cause);
     }
     if (status == 503) {
-        return failed(AttemptFailure::kBusy, cause + ": the server cannot take more requests now");
+        return failed(AttemptFailure::kBusy, cause + (head.lacksStore() ? ": the server cannot reach its database now"
+                                                                        : ": the server has too much to do now"));
     }
     if (status >= 400 && status < 600) {
         return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, cause);
@@ -556,7 +558,7 @@ class HttpTransport::Wires {
             m_exchange->enter(Exchange::Stage::kHead);
         }
         if (head.status() != 200) {
-            throw Failed{httpStatusFailure(head.status())};
+            throw Failed{httpStatusFailure(head)};
         }
         co_return Nothing();
     }

@@ -5,6 +5,7 @@
 #include <netdb.h>
 
 #include <string_view>
+#include <thread>
 
 #include "catalogue/qel_messages.h"
 #include "tests/admin/client/Library.h"
@@ -103,8 +104,30 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
                                 {"drip=body", kStatusTimedOut, Change::kAsksAgain, rest},
                                 {"flow=3", kStatusTimedOut, Change::kAsksAgain, rest}};
     expectPeers(rows, 1, 0.9, 1 + kLateness);
-    // A busy server (503) is asked again until the time is up.
-    expectPeers({{"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503"}}, 1, 0.5, 1 + kLateness);
+    expectPeers({{"status=503", kStatusNoLocation, Change::kGoesOn, "HTTP status 503: the server has too much"}}, 1,
+                0.9, 1 + kLateness);
+}
+
+TEST(Transport, OnceALocationWasBusyAllAreAskedAgainUntilTheTimeIsUpOrSomeoneAsksForTheEnd) {
+    const std::string busy = "status=503,status=503,status=503,";
+    const std::string lacksStore = answerFile("HTTP/1.1 503 No\r\nDSess-Unavailable: store\r\n\r\n");
+    FaultServers servers({"refuse", busy + "reset=accept,good", "answer=" + lacksStore, busy + "good"});
+    Library library({servers.urls[0], servers.urls[1]}, 30);
+    EXPECT_EQ(library.change(), 0U);
+    EXPECT_TRUE(wasTraced("1 a pause of ") && library.seconds < 2) << library.seconds;
+    EXPECT_EQ(servers.counts()[1].connections, 5);
+    Library changing({servers.urls[3]}, 30);
+    EXPECT_EQ(changing.change(), 0U);
+    EXPECT_EQ(servers.counts()[3].changes, 1);
+    Library waiting({servers.urls[0], servers.urls[2]}, 30);
+    std::thread thread([] {
+        usleep(120'000);  // in a pause
+        olm_dsess_admin_interrupt(1);
+    });
+    EXPECT_EQ(waiting.read(), kStatusInterrupted);
+    EXPECT_TRUE(wasTraced("cannot reach its database") && waiting.seconds < 0.12 + kLateness) << waiting.seconds;
+    thread.join();
+    olm_dsess_admin_interrupt(0);
 }
 
 TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster) {
