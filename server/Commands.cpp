@@ -2,7 +2,6 @@
 
 #include <sys/resource.h>
 #include <sys/signalfd.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,7 +10,6 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
-#include <fstream>
 #include <iostream>
 #include <limits>
 #include <mutex>
@@ -24,7 +22,6 @@
 #include "server/log/Text.h"
 #include "server/service/Authenticator.h"
 #include "server/service/Password.h"
-#include "server/store/Loader.h"
 
 namespace dsessd {
 
@@ -133,82 +130,6 @@ int serve(const ServeOptions& options) {
     };
     server.run(std::move(listener), signals.get(), sayReady, [&] { lastResort.startClock(); });
     log.write(Topic::kNotice, "stopped");
-    return 0;
-}
-
-namespace {
-
-/// Shows on a terminal how far a load is, a few times a second.
-class ProgressLine {
-  public:
-    explicit ProgressLine(std::uint64_t totalBytes) : m_total(totalBytes) {}
-    ~ProgressLine() {
-        if (m_shown) {
-            std::cerr << "\r\033[K" << std::flush;
-        }
-    }
-    ProgressLine(const ProgressLine&) = delete;
-    ProgressLine& operator=(const ProgressLine&) = delete;
-
-    void show(std::uint64_t bytes, const LoadCounts& counts) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now < m_next) {
-            return;
-        }
-        m_next = now + std::chrono::milliseconds(250);
-        m_shown = true;
-        std::cerr << "\r\033[Kloading: ";
-        if (m_total != 0) {
-            std::cerr << bytes * 100 / m_total << "%, ";
-        }
-        std::cerr << counts.sessions << " sessions" << std::flush;
-    }
-
-  private:
-    std::uint64_t m_total;
-    bool m_shown = false;
-    std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
-};
-
-std::uint64_t sizeOf(const std::string& path) {
-    struct stat info {};
-    return path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)
-               ? static_cast<std::uint64_t>(info.st_size)
-               : 0;
-}
-
-}  // namespace
-
-int load(const LoadOptions& options) {
-    std::ifstream file;
-    if (options.source != "-") {
-        file.open(options.source, std::ios::binary);
-        if (!file) {
-            throw std::runtime_error(options.source + " cannot be read: " + std::strerror(errno));
-        }
-    }
-    std::istream& input = options.source == "-" ? std::cin : file;
-    const auto store = Store::open(options.data, Store::IfMissing::kCreate);
-    LoadCounts counts;
-    try {
-        ProgressLine line(sizeOf(options.source));
-        LoadProgress progress;
-        if (::isatty(STDERR_FILENO) == 1) {
-            progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
-        }
-        counts = loadCluster(input, *store, presentTime(), progress);
-    } catch (const Failure& error) {
-        if (error.reason() == Reason::kUncertain) {
-            throw;
-        }
-        throw Failure(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
-    } catch (const LoadError& error) {
-        throw std::runtime_error(options.source + ", line " + std::to_string(error.line()) + ": " + error.what() +
-                                 "; nothing was loaded");
-    }
-    std::cout << "dsessd: loaded realms: " << counts.realms << ", replica sets: " << counts.replicaSets
-              << ", members: " << counts.members << ", keys: " << counts.keys << ", sessions: " << counts.sessions
-              << std::endl;
     return 0;
 }
 

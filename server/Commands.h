@@ -7,7 +7,7 @@
 namespace dsessd {
 
 int serve(const ServeOptions& options);
-int load(const LoadOptions& options);
+int moveData(const DataOptions& options);
 int administrate(const AdminOptions& options);
 
 }  // namespace dsessd

@@ -79,6 +79,23 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
         ->needs(authorities);
 }
 
+void describeData(CLI::App& app, DataOptions& options) {
+    const auto add = [&](DataOptions::Action action, const char* word, const char* text, const char* file) {
+        CLI::App* command = app.add_subcommand(word, text);
+        addData(*command, options.data);
+        command->add_option("file", options.file, file)->required()->type_name("FILE");
+        command->callback([&options, action] { options.action = action; });
+        return command;
+    };
+    add(DataOptions::Action::kLoad, "load", "Replace a cluster's contents by those of a JSON file",
+        "The JSON file; - is standard input")
+        ->footer(
+            "A data file that does not exist is made. Administrators, the trace level and the cluster's identifier\n"
+            "stay unless the file has them, as a dump does.");
+    add(DataOptions::Action::kDump, "dump", "Write all that the store holds to a JSON file, which load reads",
+        "The file; - is standard output");
+}
+
 void describeAdmin(CLI::App& admin, AdminOptions& options) {
     static const std::map<std::string, Role> kRoles{{"read", Role::kRead}, {"change", Role::kChange}};
     admin.require_subcommand(1);
@@ -107,7 +124,7 @@ void describeAdmin(CLI::App& admin, AdminOptions& options) {
 
 Options parseOptions(int argc, char** argv) {
     ServeOptions serveOptions;
-    LoadOptions loadOptions;
+    DataOptions dataOptions;
     AdminOptions adminOptions;
     CLI::App app(
         "The reference session server. It keeps a cluster's realms, replica sets, sessions and key in\n"
@@ -117,11 +134,9 @@ Options parseOptions(int argc, char** argv) {
     app.require_subcommand(1);
     CLI::App* serve = app.add_subcommand("serve", "Serve a cluster until SIGTERM or SIGINT");
     describeServe(*serve, serveOptions);
-    CLI::App* load = app.add_subcommand("load", "Replace a cluster's contents by those of a JSON file");
-    addData(*load, loadOptions.data);
-    load->add_option("source", loadOptions.source, "The JSON file; - is standard input")->required()->type_name("FILE");
-    load->footer("A data file that does not exist is made. Administrators and the trace level stay.");
-    describeAdmin(*app.add_subcommand("admin", "Manage administrators"), adminOptions);
+    describeData(app, dataOptions);
+    CLI::App* admin = app.add_subcommand("admin", "Manage administrators");
+    describeAdmin(*admin, adminOptions);
     // After the subcommands, which would take it over.
     app.footer(
         "A first cluster:\n"
@@ -140,10 +155,7 @@ Options parseOptions(int argc, char** argv) {
     if (serve->parsed()) {
         return serveOptions;
     }
-    if (load->parsed()) {
-        return loadOptions;
-    }
-    return adminOptions;
+    return admin->parsed() ? Options(adminOptions) : dataOptions;
 }
 
 }  // namespace dsessd

@@ -22,10 +22,13 @@ struct ServeOptions {
     TlsFiles tls;
 };
 
-struct LoadOptions {
+/// What goes from a file to the store, or the other way.
+struct DataOptions {
+    enum class Action { kLoad, kDump };
+    Action action = Action::kLoad;
     std::string data;
-    /// `-`: standard input.
-    std::string source;
+    /// `-`: standard input or output.
+    std::string file;
 };
 
 struct AdminOptions {
@@ -41,7 +44,7 @@ struct EndWith {
     int status;
 };
 
-using Options = std::variant<EndWith, ServeOptions, LoadOptions, AdminOptions>;
+using Options = std::variant<EndWith, ServeOptions, DataOptions, AdminOptions>;
 
 /// Help and version go to standard output, complaints to standard error.
 Options parseOptions(int argc, char** argv);

@@ -24,7 +24,7 @@ int told(int status) {
 struct Run {
     int operator()(const dsessd::EndWith& end) const { return told(end.status); }
     int operator()(const dsessd::ServeOptions& options) const { return dsessd::serve(options); }
-    int operator()(const dsessd::LoadOptions& options) const { return told(dsessd::load(options)); }
+    int operator()(const dsessd::DataOptions& options) const { return told(dsessd::moveData(options)); }
     int operator()(const dsessd::AdminOptions& options) const { return told(dsessd::administrate(options)); }
 };
 

@@ -5,13 +5,13 @@
 #include <boost/json/basic_parser_impl.hpp>
 #include <limits>
 #include <optional>
-#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "runtime/qel_utf8.h"
 #include "server/log/Text.h"
+#include "server/store/ClusterShapes.h"
 
 namespace dsessd {
 
@@ -26,47 +26,6 @@ struct Place {
     std::uint64_t bytes = 0;
 };
 
-/// What may stand where: the kinds of objects in a cluster file and their fields.
-enum Object : unsigned char { kCluster, kKey, kRealm, kReplicaSet, kMember, kSession };
-enum class Kind : unsigned char { kText, kInteger, kList };
-
-struct FieldRule {
-    std::string_view name;
-    Kind kind;
-    bool required;
-    /// Of what a list is.
-    Object element;
-};
-
-constexpr FieldRule kClusterFields[] = {{"keys", Kind::kList, false, kKey}, {"realms", Kind::kList, true, kRealm}};
-constexpr FieldRule kKeyFields[] = {
-    {"label", Kind::kText, true, {}}, {"time", Kind::kInteger, false, {}}, {"age", Kind::kInteger, false, {}}};
-constexpr FieldRule kRealmFields[] = {{"name", Kind::kText, true, {}},
-                                      {"replicaSets", Kind::kList, false, kReplicaSet},
-                                      {"sessions", Kind::kList, false, kSession}};
-constexpr FieldRule kReplicaSetFields[] = {{"name", Kind::kText, true, {}}, {"members", Kind::kList, false, kMember}};
-constexpr FieldRule kMemberFields[] = {
-    {"name", Kind::kText, true, {}}, {"time", Kind::kInteger, false, {}}, {"age", Kind::kInteger, false, {}}};
-constexpr FieldRule kSessionFields[] = {{"id", Kind::kText, true, {}},
-                                        {"user", Kind::kText, true, {}},
-                                        {"time", Kind::kInteger, false, {}},
-                                        {"age", Kind::kInteger, false, {}}};
-
-struct ObjectRule {
-    std::string_view name;
-    std::span<const FieldRule> fields;
-    bool timed;
-};
-
-constexpr std::array<ObjectRule, 6> kObjects{{{"a cluster", kClusterFields, false},
-                                              {"a key", kKeyFields, true},
-                                              {"a realm", kRealmFields, false},
-                                              {"a replica set", kReplicaSetFields, false},
-                                              {"a member", kMemberFields, true},
-                                              {"a session", kSessionFields, true}}};
-
-constexpr std::size_t kMaxFields = 4;
-constexpr std::size_t kSessionsAtOnce = 500;
 constexpr std::size_t kReadBytes = 65'536;
 
 /// An object whose end has not come yet.
@@ -142,12 +101,12 @@ class ClusterHandler {
     /// To the name or text that is being read.
     bool append(std::string_view part) {
         m_text += part;
-        return m_text.size() <= kMaxNameBytes || failForText();
+        return m_text.size() <= longest() || failForText();
     }
 
     bool text() {
         const std::string value = std::exchange(m_text, {});
-        if (!expects(Kind::kText)) {
+        if (!expects(longest() == kMaxNameBytes ? Kind::kText : Kind::kLongText)) {
             return false;
         }
         if (value.empty() || !qel_utf8_is_text(value)) {
@@ -176,6 +135,10 @@ class ClusterHandler {
             return false;
         }
         m_open.back().element = 0;
+        if (fieldNow()->element == kAdministrator) {
+            m_replacement->clearAdministrators();
+            m_counts.administrators = 0;
+        }
         return true;
     }
 
@@ -208,8 +171,19 @@ class ClusterHandler {
         return true;
     }
 
+    /// The field whose value is being read, if any.
+    const FieldRule* fieldNow() const {
+        const bool isAny = !m_open.empty() && m_open.back().field != kMaxFields;
+        return isAny ? &m_open.back().rule().fields[m_open.back().field] : nullptr;
+    }
+
+    std::size_t longest() const {
+        const FieldRule* field = fieldNow();
+        return field != nullptr && field->kind == Kind::kLongText ? kMaxLongTextBytes : kMaxNameBytes;
+    }
+
     bool failForText() {
-        return fail("is empty, longer than " + std::to_string(kMaxNameBytes) + " bytes, or not UTF-8 without NUL");
+        return fail("is empty, longer than " + std::to_string(longest()) + " bytes, or not UTF-8 without NUL");
     }
 
     bool fail(const std::string& why) {
@@ -240,7 +214,7 @@ class ClusterHandler {
         if (object.element) {
             return fail("is something other than an object");
         }
-        return object.rule().fields[object.field].kind == kind || fail("is of the wrong type");
+        return fieldNow()->kind == kind || fail("is of the wrong type");
     }
 
     bool integer(std::int64_t value) {
@@ -293,6 +267,11 @@ class ClusterHandler {
         bool isNew = true;
         switch (object.kind) {
             case kCluster:
+                return setCluster(name, object.integers[1]);
+            case kAdministrator:
+                return addAdministrator(object);
+            case kChange:
+                m_replacement->addChange({name, object.texts[1], object.texts[2]}, object.texts[3]);
                 break;
             case kKey:
                 isNew = m_replacement->addKey(name, time);
@@ -317,6 +296,28 @@ class ClusterHandler {
                 return m_sessions.size() < kSessionsAtOnce || storeSessions();
         }
         return isNew || fail(comesTwice(object.rule().name, name));
+    }
+
+    bool setCluster(const std::string& id, std::optional<std::int64_t> level) {
+        if (id.size() > kMaxClusterIdBytes) {
+            return fail("has an id that is longer than " + std::to_string(kMaxClusterIdBytes) + " bytes");
+        }
+        if (level && (*level < 0 || *level > kMaxTraceLevel)) {
+            return fail("has a traceLevel that is not between 0 and " + std::to_string(kMaxTraceLevel));
+        }
+        m_replacement->setCluster(id, level ? std::optional(static_cast<int>(*level)) : std::nullopt);
+        return true;
+    }
+
+    bool addAdministrator(const OpenObject& object) {
+        const std::string& role = object.texts[2];
+        if (role != nameOf(Role::kRead) && role != nameOf(Role::kChange)) {
+            return fail("has a role that is neither read nor change");
+        }
+        ++*m_counts.administrators;
+        return m_replacement->addAdministrator(
+                   {object.texts[0], object.texts[1], role == nameOf(Role::kRead) ? Role::kRead : Role::kChange}) ||
+               fail(comesTwice(object.rule().name, object.texts[0]));
     }
 
     static std::string comesTwice(std::string_view kind, std::string_view name) {

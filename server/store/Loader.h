@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <istream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -17,6 +18,8 @@ struct LoadCounts {
     std::int64_t members = 0;
     std::int64_t sessions = 0;
     std::int64_t keys = 0;
+    /// Nothing: the text does not say who they are.
+    std::optional<std::int64_t> administrators;
 };
 
 /// The text is not a cluster: `line` (from 1) is where that was found out, what() why.

@@ -81,6 +81,11 @@ CREATE TABLE changes (
 );
 )";
 
+constexpr char kTraceLevel[] = "SELECT value FROM settings WHERE name = 'trace level'";
+constexpr char kPutTraceLevel[] =
+    "INSERT INTO settings (name, value) VALUES ('trace level', $1) "
+    "ON CONFLICT (name) DO UPDATE SET value = excluded.value";
+
 constexpr char kBeginReading[] = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY";
 // Whoever changes something holds off loads, and they hold it off: numbers of realms may mean others after one.
 constexpr char kBeginChange[] =
@@ -198,6 +203,24 @@ class Replacing final : public Store::Replacement {
             "DELETE FROM keys");
     }
 
+    void setCluster(std::string_view id, std::optional<int> traceLevel) override {
+        if (!id.empty()) {
+            m_connection.run("UPDATE store SET cluster_id = $1", {id});
+        }
+        if (traceLevel) {
+            m_connection.run(kPutTraceLevel, {*traceLevel});
+        }
+    }
+    void clearAdministrators() override { m_connection.run("DELETE FROM administrators"); }
+    bool addAdministrator(const Administrator& administrator) override {
+        return insert(
+            "INSERT INTO administrators (name, password_hash, role) VALUES ($1, $2, $3) ON CONFLICT DO NOTHING",
+            {administrator.name, administrator.passwordHash, nameOf(administrator.role)});
+    }
+    void addChange(const ChangeRecord& change, std::string_view answer) override {
+        insert("INSERT INTO changes (id, user_name, digest, answer) VALUES ($1, $2, $3, $4) ON CONFLICT DO NOTHING",
+               {change.id, change.user, change.digest, answer});
+    }
     bool addRealm(std::int64_t number, std::string_view name) override {
         return insert("INSERT INTO realms (number, name) VALUES ($1, $2) ON CONFLICT DO NOTHING", {number, name});
     }
@@ -390,20 +413,10 @@ class PostgresStore final : public Store {
         });
     }
 
-    int traceLevel() override {
-        const PostgresRows rows = statement("SELECT value FROM settings WHERE name = 'trace level'");
-        return rows.size() == 1 ? rows.integer32(0, 0) : kDefaultTraceLevel;
-    }
+    int traceLevel() override { return levelIn(statement(kTraceLevel)); }
 
     void setTraceLevel(int level) override {
-        transaction(kBeginChange, [&] {
-            return m_connection
-                .run(
-                    "INSERT INTO settings (name, value) VALUES ('trace level', $1) "
-                    "ON CONFLICT (name) DO UPDATE SET value = excluded.value",
-                    {level})
-                .changed();
-        });
+        transaction(kBeginChange, [&] { return m_connection.run(kPutTraceLevel, {level}).changed(); });
     }
 
     std::optional<Administrator> administrator(std::string_view name) override {
@@ -445,7 +458,63 @@ class PostgresStore final : public Store {
         return retrying([&] { return std::make_unique<Replacing>(m_connection); });
     }
 
+    /// Not tried anew when the connection is lost: `taker` has some of it by then.
+    void giveTo(ClusterTaker& taker) override {
+        const AnyTime anyTime(m_connection);
+        PostgresTransaction transaction(m_connection, kBeginReading);
+        m_connection.run(PostgresConnection::kLetTakeAnyTime);
+        taker.setCluster(m_connection.run("SELECT cluster_id FROM store").text(0, 0),
+                         levelIn(m_connection.run(kTraceLevel)));
+        taker.clearAdministrators();
+        each("SELECT name, password_hash, role FROM administrators ORDER BY name", {},
+             [&](const auto& rows, int row) { taker.addAdministrator(administratorOf(rows, row)); });
+        each("SELECT label, time FROM keys ORDER BY number", {},
+             [&](const auto& rows, int row) { taker.addKey(rows.text(row, 0), rows.integer32(row, 1)); });
+        each("SELECT id, user_name, digest, answer FROM changes ORDER BY number", {}, [&](const auto& rows, int row) {
+            taker.addChange({rows.text(row, 0), rows.text(row, 1), rows.text(row, 2)}, rows.text(row, 3));
+        });
+        const PostgresRows realms = m_connection.run("SELECT number, name FROM realms ORDER BY number");
+        for (int row = 0; row < realms.size(); ++row) {
+            taker.addRealm(realms.integer(row, 0), realms.text(row, 1));
+            giveRealm(realms.integer(row, 0), taker);
+        }
+    }
+
   private:
+    /// A row at a time, of which few are in memory. Inside a transaction.
+    template <typename Action>
+    void each(const std::string& sql, std::initializer_list<Value> values, const Action& action) {
+        m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR " + sql).c_str(), values);
+        for (PostgresRows rows = m_connection.run(kFetch); rows.size() > 0; rows = m_connection.run(kFetch)) {
+            for (int row = 0; row < rows.size(); ++row) {
+                action(rows, row);
+            }
+        }
+        m_connection.run("CLOSE listing");
+    }
+
+    void giveRealm(std::int64_t realm, ClusterTaker& taker) {
+        std::optional<std::int64_t> last;
+        each(
+            "SELECT s.number, s.name, m.name, m.last_contact FROM replica_sets s "
+            "LEFT JOIN members m ON m.replica_set = s.number WHERE s.realm = $1 ORDER BY s.number, m.number",
+            {realm}, [&](const auto& rows, int row) {
+                const std::int64_t set = rows.integer(row, 0);
+                if (std::exchange(last, set) != set) {
+                    taker.addReplicaSet(set, realm, rows.text(row, 1));
+                }
+                if (!rows.isNull(row, 2)) {
+                    taker.addMember(set, {std::string(rows.text(row, 2)), rows.integer32(row, 3)});
+                }
+            });
+        SessionBatches sessions(taker);
+        each("SELECT id, user_name, time FROM sessions WHERE realm = $1 ORDER BY id", {realm},
+             [&](const auto& rows, int row) {
+                 sessions.add(realm, rows.text(row, 0), rows.text(row, 1), rows.integer32(row, 2));
+             });
+        sessions.flush();
+    }
+
     /// Marks that transactions are parts of an outer one.
     class InChange {
       public:
@@ -580,6 +649,10 @@ class PostgresStore final : public Store {
             m_connection.run(PostgresConnection::kLetTakeMinutes);
             return m_connection.run(sql, {*number, sought(value)}, kMinutes).changed();
         });
+    }
+
+    static int levelIn(const PostgresRows& rows) {
+        return rows.size() == 1 ? rows.integer32(0, 0) : kDefaultTraceLevel;
     }
 
     Key currentKey() {

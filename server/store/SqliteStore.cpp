@@ -354,15 +354,40 @@ struct Statements {
           addReplicaSet(db, "INSERT INTO replica_sets (number, realm, name) VALUES (?, ?, ?)"),
           addMember(db, "INSERT INTO members (replica_set, name, last_contact) VALUES (?, ?, ?)"),
           addSession(db, "INSERT INTO sessions (realm, id, user, time) VALUES (?, ?, ?, ?)"),
-          addKey(db, "INSERT INTO keys (label, time) VALUES (?, ?)") {}
+          addKey(db, "INSERT INTO keys (label, time) VALUES (?, ?)"),
+          setClusterId(db, "UPDATE cluster SET id = ?"),
+          allKeys(db, "SELECT label, time FROM keys ORDER BY number"),
+          allChanges(db, "SELECT id, user, digest, answer FROM changes ORDER BY number"),
+          allReplicaSets(db, "SELECT number, name FROM replica_sets WHERE realm = ? ORDER BY number"),
+          allSessions(db, "SELECT id, user, time FROM sessions WHERE realm = ? ORDER BY id") {}
 
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
     SQLite::Statement clusterId, change, newestChange, recordChange, forgetChanges, contact, setting, putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
-    SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey;
+    SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey, setClusterId;
+    SQLite::Statement allKeys, allChanges, allReplicaSets, allSessions;
 };
+
+std::string clusterIdOf(Statements& statements) {
+    Query query(statements.clusterId);
+    if (!query.step()) {
+        throw Failure("the cluster has no identifier");
+    }
+    return std::string(query.text(0));
+}
+
+std::int64_t newestChange(Statements& statements) {
+    Query query(statements.newestChange);
+    query.step();
+    return query.integer(0);
+}
+
+void put(Statements& statements, const Administrator& administrator) {
+    Query(statements.putAdministrator, administrator.name, administrator.passwordHash, nameOf(administrator.role))
+        .step();
+}
 
 Administrator administratorOf(const Query& row) {
     return {std::string(row.text(0)), std::string(row.text(1)),
@@ -410,6 +435,26 @@ class Replacing final : public Store::Replacement {
                 "DELETE FROM keys");
     }
 
+    void setCluster(std::string_view id, std::optional<int> traceLevel) override {
+        if (!id.empty()) {
+            Query(m_statements.setClusterId, id).step();
+        }
+        if (traceLevel) {
+            Query(m_statements.putSetting, "trace level", *traceLevel).step();
+        }
+    }
+    void clearAdministrators() override { execute(m_database, "DELETE FROM administrators"); }
+    bool addAdministrator(const Administrator& administrator) override {
+        if (Query(m_statements.administrator, administrator.name).step()) {
+            return false;
+        }
+        put(m_statements, administrator);
+        return true;
+    }
+    void addChange(const ChangeRecord& change, std::string_view answer) override {
+        Query(m_statements.recordChange, change.id, change.user, change.digest, answer, 1 + newestChange(m_statements))
+            .insert();
+    }
     bool addRealm(std::int64_t number, std::string_view name) override {
         return Query(m_statements.addRealm, number, name).insert();
     }
@@ -443,14 +488,16 @@ class Replacing final : public Store::Replacement {
     Transaction m_transaction;
 };
 
-std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files);
+/// `clusterId`: of the only cluster that will do; empty: whichever it is.
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files, std::string clusterId);
 
 class SqliteStore final : public Store {
   public:
-    explicit SqliteStore(Connection connection)
+    SqliteStore(Connection connection, std::string clusterId)
         : m_connection(std::move(connection)),
           m_pageBytes(queryInteger(m_database, "PRAGMA page_size")),
-          m_statements(m_database) {
+          m_statements(m_database),
+          m_clusterId(clusterId.empty() ? clusterIdOf(m_statements) : std::move(clusterId)) {
         sqlite3* handle = m_database.getHandle();
         sqlite3_progress_handler(handle, kStepsBetweenChecks, onProgress, this);
         sqlite3_busy_handler(handle, onBusy, this);
@@ -461,7 +508,7 @@ class SqliteStore final : public Store {
     bool isSound() const override {
         return m_connection.isSound && sqlite3_get_autocommit(m_database.getHandle()) != 0;
     }
-    std::unique_ptr<Store> another() const override { return connect(m_connection.files); }
+    std::unique_ptr<Store> another() const override { return connect(m_connection.files, m_clusterId); }
 
     void beReliable() override {
         m_connection.files->checkNowAndThen(m_database.getHandle());
@@ -487,13 +534,7 @@ class SqliteStore final : public Store {
         m_connection.files->settle(doubts);
     }
 
-    std::string clusterId() override {
-        Query query(m_statements.clusterId);
-        if (!query.step()) {
-            throw Failure("the cluster has no identifier");
-        }
-        return std::string(query.text(0));
-    }
+    std::string clusterId() override { return m_clusterId; }
 
     /// Read anew only when somebody has changed the file: it is what most requests ask for.
     ClusterState cluster() override {
@@ -585,12 +626,15 @@ class SqliteStore final : public Store {
 
     std::string once(const ChangeRecord& change, const std::function<std::string()>& action) override {
         Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        if (const std::string found = clusterIdOf(m_statements); found != m_clusterId) {
+            throw Failure::replaced(m_connection.files->path() + " holds another cluster now", found);
+        }
         if (auto recorded = answerTo(change)) {
             return *recorded;
         }
         std::string answer = action();
         if (!change.id.empty()) {
-            const std::int64_t number = 1 + newestChange();
+            const std::int64_t number = 1 + newestChange(m_statements);
             Query(m_statements.recordChange, change.id, change.user, change.digest, answer, number).step();
             Query(m_statements.forgetChanges, m_ages.oldUpTo(number), kForgetAtOnce).step();
         }
@@ -637,8 +681,7 @@ class SqliteStore final : public Store {
     bool putAdministrator(const Administrator& administrator) override {
         Transaction transaction(m_connection, Transaction::Kind::kWrite);
         const bool isNew = !this->administrator(administrator.name).has_value();
-        Query(m_statements.putAdministrator, administrator.name, administrator.passwordHash, nameOf(administrator.role))
-            .step();
+        put(m_statements, administrator);
         transaction.commit();
         return isNew;
     }
@@ -652,6 +695,25 @@ class SqliteStore final : public Store {
     }
 
     std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_connection, m_statements); }
+
+    void giveTo(ClusterTaker& taker) override {
+        Transaction transaction(m_connection, Transaction::Kind::kRead);
+        taker.setCluster(clusterIdOf(m_statements), traceLevel());
+        taker.clearAdministrators();
+        for (const Administrator& administrator : administrators()) {
+            taker.addAdministrator(administrator);
+        }
+        for (Query row(m_statements.allKeys); row.step();) {
+            taker.addKey(row.text(0), row.integer32(1));
+        }
+        for (Query row(m_statements.allChanges); row.step();) {
+            taker.addChange({row.text(0), row.text(1), row.text(2)}, row.text(3));
+        }
+        for (Query realm(m_statements.realms); realm.step();) {
+            taker.addRealm(realm.integer(0), realm.text(1));
+            giveRealm(realm.integer(0), taker);
+        }
+    }
 
   private:
     static int onProgress(void* store) {
@@ -684,15 +746,23 @@ class SqliteStore final : public Store {
         return SQLITE_OK;
     }
 
+    void giveRealm(std::int64_t realm, ClusterTaker& taker) {
+        for (Query set(m_statements.allReplicaSets, realm); set.step();) {
+            taker.addReplicaSet(set.integer(0), realm, set.text(1));
+            for (Query row(m_statements.members, set.integer(0)); row.step();) {
+                taker.addMember(set.integer(0), {std::string(row.text(0)), row.integer32(1)});
+            }
+        }
+        SessionBatches sessions(taker);
+        for (Query row(m_statements.allSessions, realm); row.step();) {
+            sessions.add(realm, row.text(0), row.text(1), row.integer32(2));
+        }
+        sessions.flush();
+    }
+
     std::optional<std::int64_t> realmNumber(std::string_view name) {
         Query query(m_statements.realm, name);
         return query.step() ? std::optional(query.integer(0)) : std::nullopt;
-    }
-
-    std::int64_t newestChange() {
-        Query query(m_statements.newestChange);
-        query.step();
-        return query.integer(0);
     }
 
     std::optional<std::string> answerTo(const ChangeRecord& change) {
@@ -726,13 +796,14 @@ class SqliteStore final : public Store {
     SQLite::Database& m_database = m_connection.database;
     const std::int64_t m_pageBytes;
     Statements m_statements;
+    const std::string m_clusterId;
     ChangeAges m_ages;
     std::function<bool()> m_impatient;
     ClusterState m_cluster;
     std::pair<std::int64_t, int> m_clusterVersion{-1, -1};
 };
 
-std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
+std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files, std::string clusterId) {
     const std::string& path = files->path();
     const auto unusable = [&](const Failure& error) { return path + " cannot be used: " + error.what(); };
     try {
@@ -749,7 +820,7 @@ std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files) {
         establishSchema(connection);
         execute(database, "PRAGMA journal_mode=WAL");  // it writes, so only once the file is known to be ours
         files->check(database.getHandle());
-        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(connection)); });
+        return sqlite([&] { return std::make_unique<SqliteStore>(std::move(connection), std::move(clusterId)); });
     } catch (const SqliteError& error) {
         throw Failure(error.code() == SQLITE_NOTADB ? path + " is not a data file of dsessd" : unusable(error));
     } catch (const Failure& failure) {
@@ -768,7 +839,7 @@ std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing
     } else if (::access(path.c_str(), F_OK) != 0) {
         throw Failure("there is no data file " + path + "; 'dsessd load' makes one");
     }
-    return connect(std::make_shared<SqliteFiles>(path));
+    return connect(std::make_shared<SqliteFiles>(path), {});
 }
 
 }  // namespace dsessd

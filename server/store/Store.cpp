@@ -63,6 +63,18 @@ void checkSameChange(const ChangeRecord& change, std::string_view user, std::str
     }
 }
 
+void SessionBatches::add(std::int64_t realm, std::string_view id, std::string_view user, Seconds time) {
+    m_sessions.push_back({realm, std::string(id), std::string(user), time});
+    if (m_sessions.size() == kSessionsAtOnce) {
+        flush();
+    }
+}
+
+void SessionBatches::flush() {
+    m_taker.addSessions(m_sessions);
+    m_sessions.clear();
+}
+
 std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
     const auto now = std::chrono::steady_clock::now();
     if (!m_seen || now - m_seenAt > kKeepChanges) {

@@ -55,6 +55,9 @@ struct SessionRow {
     Seconds time = 0;
 };
 
+/// So many sessions are best added at a time.
+inline constexpr std::size_t kSessionsAtOnce = 500;
+
 struct NewSession {
     std::int64_t realm = 0;
     std::string id;
@@ -83,6 +86,32 @@ struct Administrator {
     /// As crypt(5) writes it.
     std::string passwordHash;
     Role role = Role::kRead;
+};
+
+/// Takes a cluster part by part. Parts may come before the whole they belong to; numbers tie them together.
+class ClusterTaker {
+  public:
+    ClusterTaker() = default;
+    ClusterTaker(const ClusterTaker&) = delete;
+    ClusterTaker& operator=(const ClusterTaker&) = delete;
+    virtual ~ClusterTaker() = default;
+
+    /// An empty identifier, or no level: what there is stays.
+    virtual void setCluster(std::string_view id, std::optional<int> traceLevel) = 0;
+    /// Those that are added after this are all there are.
+    virtual void clearAdministrators() = 0;
+    /// These return false when there is such a name already.
+    virtual bool addAdministrator(const Administrator& administrator) = 0;
+    virtual bool addRealm(std::int64_t number, std::string_view name) = 0;
+    virtual bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) = 0;
+    virtual bool addMember(std::int64_t replicaSet, const Member& member) = 0;
+    /// The last one added is the current one. False: there is such a label already.
+    virtual bool addKey(std::string_view label, Seconds time) = 0;
+    /// The newest comes last. One that is known already stays as it is.
+    virtual void addChange(const ChangeRecord& change, std::string_view answer) = 0;
+    /// Best called with kSessionsAtOnce. Gives the place of the first whose identifier its realm has already, if any;
+    /// nothing more may be added then.
+    virtual std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) = 0;
 };
 
 /// One connection to the file or database. Used by one thread at a time. Whatever fails throws a Failure, and
@@ -169,25 +198,19 @@ class Store {
     /// False: there is none of this name.
     virtual bool removeAdministrator(std::string_view name) = 0;
 
-    /// New contents of the cluster, all in one transaction, undone unless committed. Parts may come before the whole
-    /// they belong to; numbers tie them together.
-    class Replacement {
+    /// Gives all that there is, but for members' numbers and the like, as it is at one moment: the cluster and the
+    /// administrators first, then keys and changes from the oldest on, then each realm with its parts. Nothing changes
+    /// that for as long as it takes, so `taker` should not wait for anybody slow.
+    virtual void giveTo(ClusterTaker& taker) = 0;
+
+    /// New contents of the cluster, all in one transaction, undone unless committed.
+    class Replacement : public ClusterTaker {
       public:
-        virtual ~Replacement() = default;
-        /// These three return false when there is such a name already.
-        virtual bool addRealm(std::int64_t number, std::string_view name) = 0;
-        virtual bool addReplicaSet(std::int64_t number, std::int64_t realm, std::string_view name) = 0;
-        virtual bool addMember(std::int64_t replicaSet, const Member& member) = 0;
-        /// The last one added is the current one. False: there is such a label already.
-        virtual bool addKey(std::string_view label, Seconds time) = 0;
-        /// Best called with some hundreds. Gives the place of the first whose identifier its realm has already, if any;
-        /// commit() must not be called then.
-        virtual std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) = 0;
         /// Makes a first key when none was added.
         virtual void commit() = 0;
     };
     /// Begins by emptying the cluster; administrators, the trace level, the cluster's identifier and recorded changes
-    /// stay.
+    /// stay, unless other ones are added.
     virtual std::unique_ptr<Replacement> replace() = 0;
 };
 

@@ -4,6 +4,9 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "server/store/Store.h"
 
@@ -20,6 +23,19 @@ std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing
 bool isPostgresUri(const std::string& data);
 std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say);
 std::string nameOfPostgres(const std::string& uri);
+
+/// Gives sessions on by the hundred.
+class SessionBatches {
+  public:
+    explicit SessionBatches(ClusterTaker& taker) : m_taker(taker) {}
+    void add(std::int64_t realm, std::string_view id, std::string_view user, Seconds time);
+    /// To be called in the end.
+    void flush();
+
+  private:
+    ClusterTaker& m_taker;
+    std::vector<NewSession> m_sessions;
+};
 
 /// Knows which records of changes are old. The time of day does not tell, since clocks are set; but a record that was
 /// there when this object began to count has been there for as long as the object's own clock says.

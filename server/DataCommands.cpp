@@ -1,0 +1,146 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include "runtime/qel_io.h"
+#include "server/Commands.h"
+#include "server/log/Text.h"
+#include "server/store/ClusterWriter.h"
+#include "server/store/Loader.h"
+#include "server/store/NewFile.h"
+#include "server/work/Spool.h"
+
+namespace dsessd {
+
+namespace {
+
+/// Shows on a terminal how far a load is, a few times a second.
+class ProgressLine {
+  public:
+    explicit ProgressLine(std::uint64_t totalBytes) : m_total(totalBytes) {}
+    ~ProgressLine() {
+        if (m_shown) {
+            std::cerr << "\r\033[K" << std::flush;
+        }
+    }
+    ProgressLine(const ProgressLine&) = delete;
+    ProgressLine& operator=(const ProgressLine&) = delete;
+
+    void show(std::uint64_t bytes, const LoadCounts& counts) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now < m_next) {
+            return;
+        }
+        m_next = now + std::chrono::milliseconds(250);
+        m_shown = true;
+        std::cerr << "\r\033[Kloading: ";
+        if (m_total != 0) {
+            std::cerr << bytes * 100 / m_total << "%, ";
+        }
+        std::cerr << counts.sessions << " sessions" << std::flush;
+    }
+
+  private:
+    std::uint64_t m_total;
+    bool m_shown = false;
+    std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+};
+
+std::uint64_t sizeOf(const std::string& path) {
+    struct stat info {};
+    return path != "-" && ::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)
+               ? static_cast<std::uint64_t>(info.st_size)
+               : 0;
+}
+
+void writeCluster(Store& store, const ClusterWriter::Sink& sink) {
+    ClusterWriter writer(sink);
+    store.giveTo(writer);
+    writer.finish();
+}
+
+/// A new file that is not the store itself.
+NewFile fileBeside(const DataOptions& options) {
+    std::error_code none;
+    if (std::filesystem::equivalent(options.data, options.file, none)) {
+        throw std::runtime_error(options.file + " is the store itself");
+    }
+    return NewFile(options.file);
+}
+
+int load(const DataOptions& options) {
+    std::ifstream file;
+    if (options.file != "-") {
+        file.open(options.file, std::ios::binary);
+        if (!file) {
+            throw std::runtime_error(options.file + " cannot be read: " + std::strerror(errno));
+        }
+    }
+    std::istream& input = options.file == "-" ? std::cin : file;
+    const auto store = Store::open(options.data, Store::IfMissing::kCreate);
+    LoadCounts counts;
+    try {
+        ProgressLine line(sizeOf(options.file));
+        LoadProgress progress;
+        if (::isatty(STDERR_FILENO) == 1) {
+            progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
+        }
+        counts = loadCluster(input, *store, presentTime(), progress);
+    } catch (const Failure& error) {
+        if (error.reason() == Reason::kUncertain) {
+            throw;
+        }
+        throw Failure(Store::describe(options.data) + " cannot be used: " + error.what() + "; nothing was loaded");
+    } catch (const LoadError& error) {
+        throw std::runtime_error(options.file + ", line " + std::to_string(error.line()) + ": " + error.what() +
+                                 "; nothing was loaded");
+    }
+    std::cout << "dsessd: loaded realms: " << counts.realms << ", replica sets: " << counts.replicaSets
+              << ", members: " << counts.members << ", keys: " << counts.keys << ", sessions: " << counts.sessions;
+    if (counts.administrators) {
+        std::cout << ", administrators: " << *counts.administrators;
+    }
+    std::cout << std::endl;
+    return 0;
+}
+
+int dump(const DataOptions& options) {
+    const auto store = Store::open(options.data, Store::IfMissing::kFail);
+    if (options.file == "-") {
+        // However slowly it is taken, the store is read at once.
+        Spool spool([] {});
+        writeCluster(*store, [&spool](std::string_view text) { spool.append(std::string(text)); });
+        spool.end(true);
+        for (std::string piece; spool.take(piece) == Spool::Next::kPiece;) {
+            if (!qel_write(STDOUT_FILENO, piece)) {
+                throw std::runtime_error(std::string("the dump could not be written in full: ") + std::strerror(errno));
+            }
+        }
+        return 0;
+    }
+    NewFile file = fileBeside(options);
+    writeCluster(*store, [&file](std::string_view text) { file.write(text); });
+    file.place();
+    std::cout << "dsessd: dumped to " << harmless(options.file) << std::endl;
+    return 0;
+}
+
+}  // namespace
+
+int moveData(const DataOptions& options) {
+    switch (options.action) {
+        case DataOptions::Action::kLoad:
+            return load(options);
+        case DataOptions::Action::kDump:
+            return dump(options);
+    }
+    return 1;
+}
+
+}  // namespace dsessd
