@@ -12,11 +12,11 @@ namespace {
 
 void findCommand(benchmark::State& state) {
     TarnAdminCmdRegistry registry;
-    registry.registerCmd(new TarnAdminReplicaSetList);
-    registry.registerCmd(new TarnAdminRealmList);
-    registry.registerCmd(new TarnAdminRealmShow);
-    registry.registerCmd(new TarnAdminSessList);
-    registry.registerCmd(new TarnAdminSessTerminate);
+    registry.registerCmd(createCommand<TarnAdminReplicaSetList>().release());
+    registry.registerCmd(createCommand<TarnAdminRealmList>().release());
+    registry.registerCmd(createCommand<TarnAdminRealmShow>().release());
+    registry.registerCmd(createCommand<TarnAdminSessList>().release());
+    registry.registerCmd(createCommand<TarnAdminSessTerminate>().release());
     TarnAdminCmdTokens words;
     for (auto _ : state) {
         words.set("session terminate session 0123456789abcdef -realm east");

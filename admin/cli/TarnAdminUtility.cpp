@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -44,7 +45,7 @@ constinit const QelString TarnAdminUtility::m_debugEnvName(QelLiteral("VEXILADMI
 namespace {
 
 constexpr char kConfigFileName[] = "vexilclicfg.conf";
-/// A longer line of a command file is taken in pieces, each as a line of its own.
+/// Of a command file, in bytes. A longer line is taken in pieces, each as a line of its own.
 constexpr std::size_t kLongestFileLine = 4095;
 
 /// Hands a command over to the registry. Throws QelFailure.
@@ -59,7 +60,7 @@ void addStateless(TarnAdminCmdRegistry& registry, CommandList<Command...> /*comm
     static_cast<void>((add(registry, createCommand<Command>()), ...));
 }
 
-/// Whether standard output and standard error come out in one place.
+/// Whether standard output and standard error are the same file or terminal.
 bool isOneStream() {
     struct stat output {};
     struct stat error {};
@@ -67,7 +68,8 @@ bool isOneStream() {
            output.st_ino == error.st_ino;
 }
 
-/// Shows a status as a message on a line of its own, after all results. `hasCause`: a trace line has told the cause.
+/// Shows a status as a message on a line of its own, after all results. `hasCause`: the last trace line has told why,
+/// and the message refers to that if both come out in one place.
 void printStatus(std::uint32_t status, bool hasCause = false) {
     constexpr std::array kCausedFailures = {kStatusNoLocation, kStatusTlsFailure, kStatusRequestRefused,
                                             kStatusAnswerNotUnderstood, kStatusKeyFile};
@@ -88,23 +90,24 @@ std::uint32_t refuseInvalidOptions(QelCmdLine& cmdLine) {
         return 0;
     }
     printUsage(cmdLine);
-    for (const auto& option : invalid) {
-        qel_fprintf(stdout, kMsgUnknownOption, option.key.data());
+    invalid.forEachKey([](const QelString& option) {
+        qel_fprintf(stdout, kMsgUnknownOption, option.data());
         std::fputs("\n", stdout);
-    }
+    });
     return kStatusUnknownName;
 }
 
-/// Passes a status on. A configuration that cannot be loaded is left to the service log, which needs memory too; so
-/// that is said here when there is none.
-std::uint32_t orNoMemory(std::uint32_t status) {
+/// Returns a status as it is. What is wrong with a configuration stands in the service log. Without memory the log
+/// stays empty, so that is shown here.
+std::uint32_t showNoMemory(std::uint32_t status) {
     if (status == kStatusNoMemory) {
         printStatus(status);
     }
     return status;
 }
 
-/// Overwrites what calls that have returned left on the stack, such as a request with a password.
+/// Overwrites the stack below the caller: calls that have returned left there what they worked with, such as a
+/// password.
 [[gnu::noinline]] void wipeDeadStack() {
     char area[128 * 1024];
     explicit_bzero(area, sizeof(area));
@@ -124,7 +127,7 @@ std::uint32_t TarnAdminUtility::initialize() {
     shutdown();
     QelString path = qel_get_path(kPathConfiguration);
     path.append(kConfigFileName);
-    std::uint32_t status = orNoMemory(TarnAdminConfig::initialize(path.data(), true));
+    std::uint32_t status = showNoMemory(TarnAdminConfig::initialize(path.data(), true));
     if (status == 0) {
         status = setDebugLevel();
     }
@@ -132,7 +135,7 @@ std::uint32_t TarnAdminUtility::initialize() {
         status = registerCommands();
     }
     if (status == 0) {
-        status = orNoMemory(m_setInstanceCmd->initialize());
+        status = showNoMemory(m_setInstanceCmd->initialize());
     }
     return status;
 }
@@ -168,6 +171,7 @@ std::uint32_t TarnAdminUtility::registerCommands() {
 }
 
 std::uint32_t TarnAdminUtility::run(int argc, char** argv) {
+    assert(m_loginCmd != nullptr && m_setInstanceCmd != nullptr);
     QelCmdLine cmdLine;
     if (const std::uint32_t status = cmdLine.initialize(argc, argv); status != 0) {
         printStatus(status);
@@ -240,7 +244,7 @@ std::uint32_t TarnAdminUtility::processCmd(const char* text) {
 
 std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words) {
     if (command.effect() == TarnAdminCmd::Effect::kChanges) {
-        qel_flush_output();  // whatever ends the run now, what was done before is told
+        qel_flush_output();  // whatever ends the run now, the results of the commands before are shown
     }
     g_toldCause = false;
     std::uint32_t status = 0;
@@ -262,7 +266,7 @@ std::uint32_t TarnAdminUtility::runCommand(TarnAdminCmd& command, const TarnAdmi
 
 TarnAdminPrompt::Kind TarnAdminUtility::kindOf(const char* line) const {
     TarnAdminCmdTokens words;
-    if (words.set(line) != 0 || m_loginCmd->matchCmd(words) > MatchAbbreviated) {
+    if (words.set(line) != 0 || !fits(m_loginCmd->matchCmd(words))) {
         return TarnAdminPrompt::Kind::kOther;
     }
     return words.tokens() == 3 ? TarnAdminPrompt::Kind::kLoginWithPassword : TarnAdminPrompt::Kind::kLogin;
@@ -283,8 +287,8 @@ std::uint32_t TarnAdminUtility::processLine(char* line) {
 }
 
 std::uint32_t TarnAdminUtility::processInteractiveMode() {
-    // The line editor is for terminals: elsewhere it would drop bytes that are no characters of the locale, and so make
-    // another name of a name.
+    // The line editor drops bytes that are no characters of the locale, which would change a name. So only a terminal
+    // gets it.
     const bool exited = isatty(STDIN_FILENO) != 0 ? processEditedLines() : processInputLines();
     if (!exited) {
         std::fputs("\n", stdout);
@@ -309,9 +313,7 @@ TarnAdminCompletion TarnAdminUtility::complete(std::string_view before) const {
     return completeLine(m_cmdRegistry, before, [this](const TarnAdminCmd& command) {
         std::vector<std::string> names;
         if (&command == m_setInstanceCmd) {
-            for (const auto& instance : instanceTable()) {
-                names.emplace_back(instance.key.data());
-            }
+            instanceTable().forEachKey([&](const QelString& instance) { names.emplace_back(instance.view()); });
         }
         return names;
     });
@@ -340,7 +342,8 @@ std::uint32_t TarnAdminUtility::processCmdFile(const char* path) {
         qel_fprintf(stderr, kMsgCommandFileOpen, path, error);
         return kStatusCommandFile;
     }
-    // What is no regular file may be standard input under another name, from which a login reads its password.
+    // What is no regular file may be standard input under another name. A login reads its password from there, so
+    // nothing may be read ahead.
     struct stat info {};
     const bool isRegular = fstat(file.get(), &info) == 0 && S_ISREG(info.st_mode);
     LineReader input(file.get(), kLongestFileLine, isRegular ? LineReader::Ahead::kAllowed : LineReader::Ahead::kNever);

@@ -7,13 +7,10 @@
 #include "catalogue/qel_messages.h"
 
 /// key change: makes the cluster generate a new key, at once, and shows it.
-class TarnAdminKeyChange : public StatelessCommand {
+class TarnAdminKeyChange : public StatelessCommand<TarnAdminKeyChange, TarnAdminCmd::Effect::kChanges> {
+  public:
     static constinit inline const QelString m_cmdFormat{QelLiteral("key change")};
 
-  public:
-    TarnAdminKeyChange() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
-
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
         olm_dsess_admin_cluster_t cluster{};
         qel_require(olm_dsess_admin_generate_new_key(server.handle, &server.secInfo, &cluster));

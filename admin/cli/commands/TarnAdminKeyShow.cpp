@@ -4,13 +4,10 @@
 #include "admin/cli/show/KeyReport.h"
 
 /// key show: the cluster's key.
-class TarnAdminKeyShow : public StatelessCommand {
+class TarnAdminKeyShow : public StatelessCommand<TarnAdminKeyShow> {
+  public:
     static constinit inline const QelString m_cmdFormat{QelLiteral("key show")};
 
-  public:
-    TarnAdminKeyShow() : StatelessCommand(m_cmdFormat.data()) {}
-
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
         printKeyReport(ClusterInfo(server).cluster());
     }

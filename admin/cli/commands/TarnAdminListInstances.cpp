@@ -11,8 +11,7 @@ TarnAdminListInstances::TarnAdminListInstances(TarnAdminConfig* config)
 
 std::uint32_t TarnAdminListInstances::executeCmd(void* const& /*handle*/, olm_dsess_admin_sec_info_t const& /*secInfo*/,
                                                  TarnAdminCmdTokens const& /*tokens*/) {
-    for (const auto& instance : m_config->instanceTable()) {
-        std::printf("%s\n", RecordText(instance.key.data()).data());
-    }
+    m_config->instanceTable().forEachKey(
+        [](const QelString& instance) { std::printf("%s\n", RecordText(instance.data()).data()); });
     return 0;
 }

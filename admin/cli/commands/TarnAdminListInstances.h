@@ -7,7 +7,7 @@
 
 class TarnAdminListInstances : public TarnAdminCmd {
   public:
-    /// `config` must outlive the command.
+    /// `config` is not null and must outlive the command.
     explicit TarnAdminListInstances(TarnAdminConfig* config);
 
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,

@@ -1,4 +1,5 @@
-/// login: takes on an administrator's identity. Owns the security information that every command sends.
+/// login: takes on an administrator's identity. Owns the identity (olm_dsess_admin_sec_info_t) that every command
+/// sends.
 #pragma once
 
 #include "admin/cli/language/TarnAdminCmd.h"
@@ -8,8 +9,8 @@ class TarnAdminLogin : public TarnAdminCmd {
   public:
     TarnAdminLogin();
 
-    /// Replaces the identity and asks the server whether it holds. An identity that the server refuses stays in force;
-    /// a login that fails before it has a whole identity leaves the former one.
+    /// Replaces the identity, then has the server verify it. An identity that the server refuses stays in force. A
+    /// login that fails before, such as at the password prompt, keeps the former identity.
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 

@@ -9,13 +9,10 @@
 #include "runtime/qel_io.h"
 
 /// realm list: the names of all realms.
-class TarnAdminRealmList : public StatelessCommand {
+class TarnAdminRealmList : public StatelessCommand<TarnAdminRealmList> {
+  public:
     static constinit inline const QelString m_cmdFormat{QelLiteral("realm list")};
 
-  public:
-    TarnAdminRealmList() : StatelessCommand(m_cmdFormat.data()) {}
-
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& /*words*/) const override {
         const ClusterInfo info(server);
         if (info.realmCount() == 0) {

@@ -3,14 +3,12 @@
 #include "admin/cli/show/ReplicaSets.h"
 
 /// realm show: the replica sets of one realm.
-class TarnAdminRealmShow : public StatelessCommand {
-    static constinit inline const QelString m_cmdFormat{QelLiteral("realm show <realm-name>")};
+class TarnAdminRealmShow : public StatelessCommand<TarnAdminRealmShow> {
     static constexpr std::int32_t kRealm = 2;
 
   public:
-    TarnAdminRealmShow() : StatelessCommand(m_cmdFormat.data()) {}
+    static constinit inline const QelString m_cmdFormat{QelLiteral("realm show <realm-name>")};
 
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
         showRealm(server, words[kRealm]);
     }

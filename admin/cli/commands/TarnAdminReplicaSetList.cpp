@@ -7,14 +7,12 @@
 #include "admin/cli/show/ReplicaSets.h"
 
 /// replica set list: the replica sets of every realm, or of one.
-class TarnAdminReplicaSetList : public StatelessCommand {
-    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set list [-realm <realm>]")};
+class TarnAdminReplicaSetList : public StatelessCommand<TarnAdminReplicaSetList> {
     static constexpr std::int32_t kRealm = 4;
 
   public:
-    TarnAdminReplicaSetList() : StatelessCommand(m_cmdFormat.data()) {}
+    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set list [-realm <realm>]")};
 
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
         if (words[kRealm] != nullptr) {
             return showRealm(server, words[kRealm]);

@@ -8,14 +8,12 @@
 #include "catalogue/qel_msg.h"
 
 /// replica set show: the members of one replica set and when each was last heard from.
-class TarnAdminReplicaSetShow : public StatelessCommand {
-    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set show <replica-set-name>")};
+class TarnAdminReplicaSetShow : public StatelessCommand<TarnAdminReplicaSetShow> {
     static constexpr std::int32_t kReplicaSet = 3;
 
   public:
-    TarnAdminReplicaSetShow() : StatelessCommand(m_cmdFormat.data()) {}
+    static constinit inline const QelString m_cmdFormat{QelLiteral("replica set show <replica-set-name>")};
 
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
         const FetchedRecords<olm_dsess_admin_replica_set_record_t, OLM_DSESS_ADMIN_FREE_REPLICA_SET> members(
             [&](std::int32_t* count, olm_dsess_admin_replica_set_record_t** records) {

@@ -36,16 +36,14 @@ void printSessions(const Sessions& sessions, std::int32_t total) {
 }  // namespace
 
 /// session list: the sessions of a realm whose user matches a pattern, at most so many (0: all).
-class TarnAdminSessList : public StatelessCommand {
-    static constinit inline const QelString m_cmdFormat{QelLiteral("session list -realm <realm-name> <pattern> <max>")};
+class TarnAdminSessList : public StatelessCommand<TarnAdminSessList> {
     static constexpr std::int32_t kRealm = 3;
     static constexpr std::int32_t kPattern = 4;
     static constexpr std::int32_t kMax = 5;
 
   public:
-    TarnAdminSessList() : StatelessCommand(m_cmdFormat.data()) {}
+    static constinit inline const QelString m_cmdFormat{QelLiteral("session list -realm <realm-name> <pattern> <max>")};
 
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
         const SessionQuery query(SessionSelector::kUser, words[kRealm], words[kPattern]);
         const std::int32_t max = readNumber(words[kMax], "max", 0);

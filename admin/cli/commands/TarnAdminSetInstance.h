@@ -1,5 +1,5 @@
 /// set instance: selects the server instance that later commands administer. Owns the client library's context and
-/// handle, which exist for the selected instance only.
+/// handle of that instance.
 #pragma once
 
 #include "admin/cli/config/TarnAdminConfig.h"
@@ -8,8 +8,8 @@
 
 class TarnAdminSetInstance : public TarnAdminCmd {
   public:
-    /// `config` must outlive the command: the client library reads its URLs and SSL settings while an instance is
-    /// selected.
+    /// `config` is not null and must outlive the command: the client library reads its URLs and SSL settings while an
+    /// instance is selected.
     explicit TarnAdminSetInstance(TarnAdminConfig* config);
     ~TarnAdminSetInstance() override;
 
@@ -22,7 +22,7 @@ class TarnAdminSetInstance : public TarnAdminCmd {
     void* const& handle() const { return m_handle; }
 
   private:
-    /// Lets go of the present instance, then selects the one named, null standing for the default one.
+    /// Releases the selected instance, then selects the one named, or the default one if the name is null.
     [[nodiscard]] std::uint32_t initializeHandles(const char* instance);
     void clearHandles();
 

@@ -5,14 +5,12 @@
 #include "admin/cli/language/Values.h"
 
 /// trace set: sets the server's trace level. The server decides which levels are valid.
-class TarnAdminTraceSet : public StatelessCommand {
-    static constinit inline const QelString m_cmdFormat{QelLiteral("trace set <level>")};
+class TarnAdminTraceSet : public StatelessCommand<TarnAdminTraceSet, TarnAdminCmd::Effect::kChanges> {
     static constexpr std::int32_t kLevel = 2;
 
   public:
-    TarnAdminTraceSet() : StatelessCommand(m_cmdFormat.data(), Effect::kChanges) {}
+    static constinit inline const QelString m_cmdFormat{QelLiteral("trace set <level>")};
 
-  private:
     void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
         const std::int32_t level = readNumber(words[kLevel], "level", std::numeric_limits<std::int32_t>::min());
         qel_require(olm_dsess_admin_set_trace_level(server.handle, &server.secInfo, level));

@@ -6,6 +6,7 @@
 #include <memory>
 #include <new>
 
+#include "catalogue/QelFailure.h"
 #include "catalogue/QelStringIter.h"
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_strtol.h"
@@ -53,14 +54,17 @@ void freeText(char*& text) {
     text = nullptr;
 }
 
+/// Tells the service log that memory ran out, and returns kStatusNoMemory.
 std::uint32_t noMemory(int line) {
     qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "", kSvcGeneral, kSvcError, kStatusNoMemory);
     return kStatusNoMemory;
 }
 
-std::uint32_t copyText(const QelString& text, char*& copy) {
-    copy = strdup(text.data());
-    return copy == nullptr ? noMemory(__LINE__) : 0;
+/// A copy for a record of the library's, released with free.
+char* copyOf(const QelString& text) {
+    char* copy = strdup(text.data());
+    qel_require(copy != nullptr ? 0 : noMemory(__LINE__));
+    return copy;
 }
 
 /// The URLs of one instance, without the suffix, separated by commas.
@@ -80,15 +84,16 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
     return urls;
 }
 
-/// Tells the service log about an oddity of the configuration that is no failure.
-void takeNotice(int line, std::uint32_t message, const char* insert) {
+/// Writes to the service log what is strange in the configuration but no failure.
+void writeNotice(int line, std::uint32_t message, const char* insert) {
     qel_svc_printf_withfile(QelSvcHandle::kClient, __FILE__, line, "%s", kSvcGeneral, kSvcNotice, message, insert);
 }
 
-/// Whether a value of ssl-fips-enabled is meant to switch FIPS mode off. Others that do not switch it on are mistakes.
+/// Whether a value of ssl-fips-enabled is meant to switch FIPS mode off: none, or one that begins like no, false or
+/// off. What neither says so nor switches it on is a mistake.
 bool saysNo(std::string_view value) {
-    const char first = value.empty() ? 'N' : qel_ascii_upper(value[0]);
-    return first == 'N' || first == 'F' || (first == 'O' && value.size() > 1 && qel_ascii_upper(value[1]) == 'F');
+    return value.empty() || qel_ascii_equal(value.substr(0, 1), "n") || qel_ascii_equal(value.substr(0, 1), "f") ||
+           qel_ascii_equal(value.substr(0, 2), "of");
 }
 
 }  // namespace
@@ -105,10 +110,7 @@ std::uint32_t TarnAdminConfig::initialize(const char* path, bool proxy) {
     shutdown();
     std::uint32_t status = 0;
     const StanzaFile file(qelStzFileOpen(path, &status));
-    if (status != 0) {
-        return status;
-    }
-    return loadEntries(file.get(), proxy);
+    return status != 0 ? status : qel_status_of([&] { loadEntries(file.get(), proxy); });
 }
 
 std::uint32_t TarnAdminConfig::shutdown() {
@@ -121,82 +123,55 @@ std::uint32_t TarnAdminConfig::shutdown() {
 }
 
 // The order of the entries decides which error is reported when several are wrong.
-std::uint32_t TarnAdminConfig::loadEntries(qelStanzaFile* file, bool proxy) {
+void TarnAdminConfig::loadEntries(qelStanzaFile* file, bool proxy) {
     QelString keyFile;
     const bool ssl = loadData(file, m_keyFileEntryName, true, keyFile) == 0;
-    QelString locations;
-    QelString instances;
-    std::uint32_t status = loadData(file, m_locationEntryName, false, locations);
-    if (status == 0) {
-        status = loadData(file, m_instancesEntryName, false, instances);
+    const QelString locations = required(file, m_locationEntryName);
+    const QelString instances = required(file, m_instancesEntryName);
+    loadInstances(locations, instances, ssl ? httpsScheme : httpScheme, proxy ? kProxySuffix : nullptr);
+    loadTimeout(file);
+    if (ssl) {
+        loadSslInfo(file);
+    } else {
+        noticeUnusedSsl(file);
     }
-    if (status == 0) {
-        status = loadInstances(locations, instances, ssl ? httpsScheme : httpScheme, proxy ? kProxySuffix : nullptr);
-    }
-    if (status == 0) {
-        status = loadTimeout(file);
-    }
-    if (status == 0 && ssl) {
-        status = loadSslInfo(file);
-    } else if (status == 0) {
-        watchUnusedSsl(file);
-    }
-    return status;
 }
 
-std::uint32_t TarnAdminConfig::loadInstances(const QelString& locations, const QelString& instances,
-                                             const QelString& scheme, const char* suffix) {
-    std::uint32_t status = m_instanceTable.setUp(kInstanceBuckets);
+void TarnAdminConfig::loadInstances(const QelString& locations, const QelString& instances, const QelString& scheme,
+                                    const char* suffix) {
+    m_instanceTable.setUp(kInstanceBuckets);
     QelStringIter iter(instances, kSeparator, true);
-    for (QelStringRef name; status == 0 && iter.next(name);) {
+    for (QelStringRef name; iter.next(name);) {
         if (m_defaultInstance.empty()) {
             m_defaultInstance = QelString(name);
         }
         auto urls = std::make_unique<ServerURLs>();
-        status = convertToMV(joinURLs(locations, scheme, name), suffix, *urls);
-        if (status == 0) {
-            status = m_instanceTable.insert(std::make_unique<QelString>(name), std::move(urls));
-        }
+        qel_require(convertToMV(joinURLs(locations, scheme, name), suffix, *urls));
+        m_instanceTable.insert(QelString(name), std::move(urls));
     }
-    return status;
 }
 
-std::uint32_t TarnAdminConfig::loadTimeout(qelStanzaFile* file) {
-    QelString value;
-    if (const std::uint32_t status = loadData(file, m_timeoutEntryName, false, value); status != 0) {
-        return status;
-    }
+void TarnAdminConfig::loadTimeout(qelStanzaFile* file) {
+    const QelString value = required(file, m_timeoutEntryName);
     if (qel_strtol(value.data(), 10, &m_timeout) != 0 || m_timeout < 0) {
         qel_svc_printf_withfile(QelSvcHandle::kDeployment, __FILE__, __LINE__, "%s%s%s", kSvcConfiguration,
                                 kSvcErrorExit, kMsgInvalidNumber, value.data(), m_timeoutEntryName.data(),
                                 m_timeoutEntryName.data());
-        return kStatusInvalidNumber;
+        throw QelFailure(kStatusInvalidNumber);
     }
-    return 0;
 }
 
-std::uint32_t TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
+void TarnAdminConfig::loadSslInfo(qelStanzaFile* file) {
     QelString value;
     if (loadData(file, m_serverDNsEntryName, true, value) == 0) {
-        if (const std::uint32_t status = convertToMV(value, nullptr, m_sslInfo.server_dns); status != 0) {
-            return status;
-        }
+        qel_require(convertToMV(value, nullptr, m_sslInfo.server_dns));
     }
     loadFipsMode(file);
-    std::uint32_t status = loadData(file, m_keyFileEntryName, false, value);
-    if (status == 0) {
-        status = copyText(value, m_sslInfo.keyfile);
+    m_sslInfo.keyfile = copyOf(required(file, m_keyFileEntryName));
+    m_sslInfo.keyfile_stash = copyOf(required(file, m_keyFileStashEntryName));
+    if (loadData(file, m_keyFileLabelEntryName, true, value) == 0) {
+        m_sslInfo.keyfile_label = copyOf(value);
     }
-    if (status == 0) {
-        status = loadData(file, m_keyFileStashEntryName, false, value);
-    }
-    if (status == 0) {
-        status = copyText(value, m_sslInfo.keyfile_stash);
-    }
-    if (status == 0 && loadData(file, m_keyFileLabelEntryName, true, value) == 0) {
-        status = copyText(value, m_sslInfo.keyfile_label);
-    }
-    return status;
 }
 
 void TarnAdminConfig::loadFipsMode(qelStanzaFile* file) {
@@ -208,11 +183,11 @@ void TarnAdminConfig::loadFipsMode(qelStanzaFile* file) {
     const char first = qel_ascii_upper(value.data()[0]);
     m_sslInfo.fips_enabled = first == 'Y' || first == 'T';
     if (m_sslInfo.fips_enabled == 0 && !saysNo(value.view())) {
-        takeNotice(__LINE__, kMsgFipsNotAsked, value.data());
+        writeNotice(__LINE__, kMsgFipsNotAsked, value.data());
     }
 }
 
-void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
+void TarnAdminConfig::noticeUnusedSsl(qelStanzaFile* file) {
     const QelString* const names[] = {&m_serverDNsEntryName, &m_keyFileStashEntryName, &m_keyFileLabelEntryName};
     for (std::uint32_t status = qelStzMoveStanza(file, m_tarnStanzaName.data());
          status == 0 && qelStzEntryName(file) != nullptr; status = qelStzMoveNextEntry(file)) {
@@ -222,10 +197,16 @@ void TarnAdminConfig::watchUnusedSsl(qelStanzaFile* file) {
             std::any_of(std::begin(names), std::end(names), [&](const auto* one) { return one->view() == name; });
         if (name == m_keyFileEntryName.view() || (isSsl && !value.empty()) ||
             (name == m_fipsEnabledEntryName.view() && !saysNo(value))) {
-            takeNotice(__LINE__, kMsgSslNotUsed, qelStzFileName(file));
+            writeNotice(__LINE__, kMsgSslNotUsed, qelStzFileName(file));
             return;
         }
     }
+}
+
+QelString TarnAdminConfig::required(qelStanzaFile* file, const QelString& entry) {
+    QelString value;
+    qel_require(loadData(file, entry, false, value));
+    return value;
 }
 
 std::uint32_t TarnAdminConfig::loadData(qelStanzaFile* file, const QelString& entry, bool optional, QelString& value) {

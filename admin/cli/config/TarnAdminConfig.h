@@ -1,4 +1,13 @@
-/// The client configuration: instances with their server URLs, the timeout, the SSL settings.
+/// The client configuration: server instances with their URLs, the timeout, the SSL settings.
+///
+/// It is read once from the stanza [tarn] of a stanza file (qel_stanza.h), such as
+///
+///     [tarn]
+///     location = node1:9080,node2:9080
+///     instances = blue,green
+///     timeout = 10
+///
+/// which gives the instance blue the URLs http://node1:9080/blue/services/DSessAdminProxy and the same with node2.
 #pragma once
 
 #include <cstdint>
@@ -25,14 +34,14 @@ class TarnAdminConfig {
     TarnAdminConfig& operator=(const TarnAdminConfig&) = delete;
     ~TarnAdminConfig();
 
-    /// Loads the file; `proxy` selects the service path of every URL. Returns 0 or the status of the first failure, of
-    /// which the service log has the particulars. What was loaded before a failure stays until shutdown.
+    /// Loads the file. `proxy` selects the service path of every URL. Returns 0 or the status of the first failure; the
+    /// service log has the particulars. What was loaded before a failure stays until shutdown.
     [[nodiscard]] std::uint32_t initialize(const char* path, bool proxy);
     /// Releases everything that was loaded. Always 0.
     std::uint32_t shutdown();
 
-    /// The URLs of an instance, null standing for the default one; null when it is not configured. They stay the
-    /// configuration's.
+    /// The URLs of an instance, or of the default one if the name is null. Null when it is not configured. The
+    /// configuration keeps them.
     const ServerURLs* serverURLs(const char* instance) const;
     /// The first instance that the file names.
     const QelString& defaultInstance() const { return m_defaultInstance; }
@@ -42,19 +51,22 @@ class TarnAdminConfig {
     const olm_dsess_admin_ssl_info_t& sslInfo() const { return m_sslInfo; }
 
   private:
-    [[nodiscard]] std::uint32_t loadEntries(qelStanzaFile* file, bool proxy);
-    [[nodiscard]] std::uint32_t loadInstances(const QelString& locations, const QelString& instances,
-                                              const QelString& scheme, const char* suffix);
-    [[nodiscard]] std::uint32_t loadTimeout(qelStanzaFile* file);
-    [[nodiscard]] std::uint32_t loadSslInfo(qelStanzaFile* file);
+    // These throw QelFailure; the service log then has the particulars.
+    void loadEntries(qelStanzaFile* file, bool proxy);
+    void loadInstances(const QelString& locations, const QelString& instances, const QelString& scheme,
+                       const char* suffix);
+    void loadTimeout(qelStanzaFile* file);
+    void loadSslInfo(qelStanzaFile* file);
     void loadFipsMode(qelStanzaFile* file);
-    /// Takes notice of SSL entries in a file that does not switch SSL on.
-    void watchUnusedSsl(qelStanzaFile* file);
-    /// The values of all entries of one name, joined by commas. An entry that is absent or empty gives
-    /// kStatusEntryMissing, logged unless it is optional.
+    /// Notes SSL entries in a file that does not switch SSL on.
+    void noticeUnusedSsl(qelStanzaFile* file);
+    /// The value of an entry that may not be absent (loadData). Throws QelFailure.
+    static QelString required(qelStanzaFile* file, const QelString& entry);
+    /// Joins the values of all entries of one name by commas. Returns kStatusEntryMissing for an entry that is absent
+    /// or empty, and logs that unless the entry is optional.
     [[nodiscard]] static std::uint32_t loadData(qelStanzaFile* file, const QelString& entry, bool optional,
                                                 QelString& value);
-    /// Fills a list from comma-separated text, each piece followed by the suffix. Null: no suffix.
+    /// Fills a list from comma-separated text. Each piece gets the suffix, unless that is null.
     [[nodiscard]] static std::uint32_t convertToMV(const QelString& list, const char* suffix,
                                                    olm_dsess_admin_mv_string_t& record);
 

@@ -27,6 +27,13 @@ std::string_view withoutBlanks(std::string_view text) {
                                            : text.substr(begin, text.find_last_not_of(kBlanks) - begin + 1);
 }
 
+/// A text without its first and its last byte.
+std::string_view withoutEnds(std::string_view text) {
+    text.remove_prefix(1);
+    text.remove_suffix(1);
+    return text;
+}
+
 /// Takes the first line off a text, without its line feed.
 std::string_view takeLine(std::string_view& text) {
     const std::size_t end = text.find('\n');
@@ -62,7 +69,7 @@ StanzaParser::Item StanzaParser::next() noexcept {
             return fail("an entry stands before the first stanza");
         }
         const std::size_t equals = isStanza ? std::string_view::npos : line.find('=');
-        m_name = withoutBlanks(isStanza ? line.substr(1, line.size() - 2) : line.substr(0, equals));
+        m_name = withoutBlanks(isStanza ? withoutEnds(line) : line.substr(0, equals));
         m_value = equals == std::string_view::npos ? std::string_view() : withoutBlanks(line.substr(equals + 1));
         if (m_name.empty()) {
             return fail("the name is missing");
@@ -114,7 +121,7 @@ std::uint32_t failure(std::uint32_t status, int line, const char* insertFormat, 
 }
 
 std::uint32_t readAll(const char* path, std::string& text) {
-    // Without O_NONBLOCK, opening a FIFO waits for a writer that may never come.
+    // Without O_NONBLOCK the opening of a FIFO would wait for a writer that may never come.
     const QelFileDescriptor file(open(path, O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (!file.isOpen() || fcntl(file.get(), F_SETFL, 0) != 0) {
         return failure(kStatusFileOpen, __LINE__, "%s%d", kMsgFileOpen, path, errno);
@@ -132,8 +139,8 @@ std::uint32_t readAll(const char* path, std::string& text) {
     }
 }
 
-/// Ends a piece of the file's text with a NUL. The byte after it is a blank, `=`, `]`, a line end or the text's own
-/// NUL, and the parser has passed it.
+/// Ends a piece of the file's text with a NUL, in place. The byte behind the piece is a blank, `=`, `]`, a line end or
+/// the text's own NUL, and the parser does not look at it again.
 const char* terminated(std::string& text, std::string_view piece) {
     if (piece.empty()) {
         return "";

@@ -1,17 +1,21 @@
-/// The stanza file reader: named stanzas of ordered name and value entries.
+/// Reads stanza files: named stanzas, each with a list of entries. An example:
 ///
-/// `[name]` opens a stanza; `name = value` is an entry; a name alone is an entry without a value; `#` or `;` in the
-/// first non-blank column is a comment. Blanks (space, tab, carriage return) around names and values are no part of
-/// them. A UTF-8 byte order mark is accepted, and no line is too long. A stanza that appears twice continues. A line
-/// that begins with `[` and does not end in `]`, an empty name, an entry before any stanza or a NUL byte makes the file
-/// malformed.
+///     # a comment; so is a line that begins with a semicolon
+///     [tarn]
+///     location = node1:9080
+///     ssl-keyfile
+///
+/// `[name]` opens a stanza, or continues it if it has appeared before. `name = value` is an entry, and a name alone is
+/// an entry without a value. Blanks (space, tab, carriage return) around names and values are no part of them. A line
+/// may have any length, and a UTF-8 byte order mark may begin the file. The file is malformed if a line begins with `[`
+/// and does not end in `]`, a name is empty, an entry stands before the first stanza, or there is a NUL byte.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
-/// Takes a stanza text apart, line by line.
+/// Takes the text of a stanza file apart, line by line.
 class StanzaParser {
   public:
     enum class Item { kStanza, kEntry, kEnd, kError };
@@ -19,7 +23,7 @@ class StanzaParser {
     /// `text` must outlive the parser and every piece it gives.
     explicit StanzaParser(std::string_view text) noexcept;
 
-    /// The next stanza or entry, or the end, or an error. After kEnd and kError it gives the same again.
+    /// Goes to the next stanza or entry. After kEnd or kError it returns the same again.
     Item next() noexcept;
 
     /// Name of the stanza or entry just given.
@@ -42,19 +46,19 @@ class StanzaParser {
     const char* m_error = nullptr;
 };
 
-/// An open stanza file, read whole and found well-formed.
+/// An open stanza file. It has been read whole and is well-formed.
 struct qelStanzaFile;
 
 /// Opens and reads a file. `status` receives 0, kStatusFileOpen, kStatusFileRead, kStatusFileSyntax or kStatusNoMemory;
-/// the service log then names the file, and the line for a malformed one. Returns null on failure. A directory cannot
-/// be read. Close it with qelStzFileClose.
+/// on a failure the service log names the file, and the line if it is malformed. Returns null on failure. Close the
+/// file with qelStzFileClose.
 [[nodiscard]] qelStanzaFile* qelStzFileOpen(const char* path, std::uint32_t* status) noexcept;
 /// Moves to the first entry of a stanza. Returns 0, or non-zero when there is no such stanza. Names compare exactly.
 [[nodiscard]] std::uint32_t qelStzMoveStanza(qelStanzaFile* file, const char* stanza) noexcept;
 /// Moves to the next entry of the stanza. Returns 0, or non-zero at the stanza's end.
 [[nodiscard]] std::uint32_t qelStzMoveNextEntry(qelStanzaFile* file) noexcept;
-/// Name and value of the entry moved to; null when there is none (an empty stanza, its end). The value of an entry
-/// without one is empty. Valid until the file is closed.
+/// Name and value of the current entry, valid until the file is closed. Null when there is no current entry: the stanza
+/// is empty or has ended. An entry without a value has an empty one.
 const char* qelStzEntryName(const qelStanzaFile* file) noexcept;
 const char* qelStzEntryValue(const qelStanzaFile* file) noexcept;
 /// The path it was opened with.

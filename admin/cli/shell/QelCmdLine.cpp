@@ -1,6 +1,8 @@
 #include "admin/cli/shell/QelCmdLine.h"
 
 #include <algorithm>
+#include <memory>
+#include <utility>
 
 #include "catalogue/qel_messages.h"
 
@@ -49,18 +51,12 @@ void QelCmdLine::validated(const QelStringRef& name) {
 }
 
 const QelHashTable<QelString, QelString>& QelCmdLine::invalidOptions() {
-    if (m_invalid.setUp(kInvalidBuckets) != 0) {
-        throw std::bad_alloc();
-    }
+    m_invalid.setUp(kInvalidBuckets);
     for (const Option& option : m_options) {
-        auto name = std::make_unique<QelString>(option.name);
-        if (std::find(m_validated.begin(), m_validated.end(), option.name) != m_validated.end() ||
-            m_invalid.find(*name) != nullptr) {
-            continue;
-        }
-        if (m_invalid.insert(std::move(name), std::make_unique<QelString>(static_cast<const char*>(option.value))) !=
-            0) {
-            throw std::bad_alloc();
+        QelString name(option.name);
+        if (std::find(m_validated.begin(), m_validated.end(), option.name) == m_validated.end() &&
+            m_invalid.find(name) == nullptr) {
+            m_invalid.insert(std::move(name), std::make_unique<QelString>(static_cast<const char*>(option.value)));
         }
     }
     return m_invalid;
