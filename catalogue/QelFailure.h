@@ -1,6 +1,7 @@
 /// The one way in which a failure leaves a function of the utility that returns no status.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <exception>
 
@@ -8,7 +9,7 @@
 class QelFailure : public std::exception {
   public:
     /// `status` is not 0.
-    explicit QelFailure(std::uint32_t status) noexcept : m_status(status) {}
+    explicit QelFailure(std::uint32_t status) noexcept : m_status(status) { assert(status != 0); }
     std::uint32_t status() const noexcept { return m_status; }
     const char* what() const noexcept override { return "a failed call, which has a status"; }
 

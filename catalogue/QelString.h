@@ -21,22 +21,24 @@ class QelLiteral {
     std::string_view m_text;
 };
 
-/// Leaves none of its bytes behind in memory: some strings are passwords.
+/// Some strings are passwords, so a string wipes the memory that it gives back.
 class QelString {
   public:
     /// What becomes of the bytes that a string is made from.
     enum Mode : int {
-        /// They are taken as they are: program literals, words of a line already converted.
+        /// They are taken as they are: literals of the program, words of a line that is converted already.
         kBytes = 0,
-        /// From the locale's encoding to UTF-8: text typed by the user. Bytes that are no text in that encoding stay.
+        /// They are converted from the locale's encoding to UTF-8: what the user typed. Bytes that are no text in that
+        /// encoding stay as they are.
         kFromLocale = 1,
-        /// From UTF-8 to the locale's encoding, with what could drive a terminal (qel_visible.h), but for tabs and one
-        /// final line feed, made visible, and so what is not valid or the encoding lacks.
+        /// They are converted from UTF-8 to the locale's encoding. Made visible is what could drive a terminal
+        /// (qel_visible.h), except tabs and one line feed at the end, and what is not valid UTF-8 or not in the
+        /// encoding.
         kForDisplay = 2,
     };
 
     QelString() = default;
-    /// Refers to the literal until the content changes.
+    /// Refers to the literal, and copies it only when the content changes.
     constexpr explicit QelString(const QelLiteral& literal) noexcept : m_literal(literal.view()) {}
     /// Null counts as empty. Throws std::bad_alloc.
     explicit QelString(const char* text, Mode mode = kBytes);
@@ -48,7 +50,7 @@ class QelString {
     QelString& operator=(QelString&&) noexcept = default;
     virtual ~QelString() = default;
 
-    /// Whether kForDisplay would leave a text alone in every locale. May be false for a text of which that is so too.
+    /// Whether kForDisplay changes nothing in the text, whatever the locale. A quick look: false means that it may.
     static bool isShownAsItIs(std::string_view text) noexcept;
 
     /// Replaces the content. Returns 0 or kStatusNoMemory, which leaves the content as it was. Null counts as empty.
@@ -69,7 +71,7 @@ class QelString {
     int compare(const QelString& other) const noexcept;
 
   private:
-    // The content, unless there is one of its own. NOLINTNEXTLINE(readability-redundant-string-init): never null
+    // The content as long as m_made has none. NOLINTNEXTLINE(readability-redundant-string-init): never null
     std::string_view m_literal = "";
     std::optional<SecretText> m_made;
 };

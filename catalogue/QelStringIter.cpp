@@ -1,9 +1,13 @@
 #include "catalogue/QelStringIter.h"
 
+#include <cassert>
+
 #include "catalogue/QelString.h"
 
 QelStringIter::QelStringIter(const QelString& text, std::string_view separator, bool skipEmpty)
-    : m_text(text.view()), m_separator(separator), m_skipEmpty(skipEmpty), m_rest(m_text) {}
+    : m_text(text.view()), m_separator(separator), m_skipEmpty(skipEmpty), m_rest(m_text) {
+    assert(!separator.empty());
+}
 
 std::size_t QelStringIter::count() const noexcept {
     QelStringIter walk(*this);

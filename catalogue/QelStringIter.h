@@ -1,4 +1,4 @@
-/// Walks the pieces of a text between separators.
+/// Walks the pieces of a text between separators, such as the names in "blue,green".
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@ class QelString;
 
 class QelStringIter {
   public:
-    /// `text` must outlive the iterator and stay unchanged. `separator` is not empty. With `skipEmpty`, empty pieces
-    /// are absent. Blanks are part of the pieces.
+    /// `text` must outlive the iterator and stay unchanged. `separator` is not empty. With `skipEmpty` it passes over
+    /// empty pieces. Blanks are part of the pieces.
     QelStringIter(const QelString& text, std::string_view separator, bool skipEmpty);
 
     /// How many pieces there are in all: exactly as many as next() yields from the start.

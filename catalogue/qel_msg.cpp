@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 #include <clocale>
 #include <cstring>
@@ -134,21 +135,22 @@ void putVisible(std::string_view text, Put put) {
     }
 }
 
-/// Hands `text`, its placeholders filled in, to `put`, piece by piece. Returns whether they take every argument and
-/// nothing else; if not, part of it has been handed over.
-template <class Put>
-bool expand(std::string_view text, std::span<const Argument> arguments, Put put) {
+/// Takes `text` apart: hands what stands between placeholders to `putText`, and the argument's index for each
+/// placeholder to `putArgument`. Returns whether the placeholders take every argument and nothing else. If they do not,
+/// part of the text has been handed over.
+template <class PutText, class PutArgument>
+bool takeApart(std::string_view text, std::span<const Argument> arguments, PutText putText, PutArgument putArgument) {
     unsigned taken = 0;  // a bit for each argument
     std::size_t next = 0;
     for (;;) {
         const std::size_t percent = text.find('%');
-        put(text.substr(0, percent));
+        putText(text.substr(0, percent));
         if (percent == std::string_view::npos) {
             return taken == (1U << arguments.size()) - 1;
         }
         text.remove_prefix(percent + 1);
         if (text.starts_with('%')) {
-            put(text.substr(0, 1));
+            putText(text.substr(0, 1));
             text.remove_prefix(1);
             continue;
         }
@@ -162,21 +164,31 @@ bool expand(std::string_view text, std::span<const Argument> arguments, Put put)
         if (index >= arguments.size() || !text.starts_with(arguments[index].conversion)) {
             return false;
         }
+        putArgument(index);
+        taken |= 1U << index;
+        text.remove_prefix(1);
+    }
+}
+
+/// Hands `text`, its placeholders filled in, to `put`, piece by piece.
+template <class Put>
+void expand(std::string_view text, std::span<const Argument> arguments, Put put) {
+    takeApart(text, arguments, put, [&](std::size_t index) {
         if (arguments[index].isForeign) {
             putVisible(arguments[index].text, put);
         } else {
             put(arguments[index].text);
         }
-        taken |= 1U << index;
-        text.remove_prefix(1);
-    }
+    });
 }
 
 /// The translation of a text, if the arguments fit it, else the text.
 std::string_view translated(const char* english, std::span<const Argument> arguments) {
     const InUsersLanguage inUsersLanguage;
     const char* translation = dgettext(kTextDomain, english);
-    return expand(translation, arguments, [](std::string_view) {}) ? translation : english;
+    const bool fits = takeApart(
+        translation, arguments, [](std::string_view) {}, [](std::size_t) {});
+    return fits ? translation : english;
 }
 
 /// Hands a whole message to `put`, in pieces.
@@ -244,26 +256,28 @@ void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...) {
 
 QelMessageLines::QelMessageLines(std::FILE* stream, std::uint32_t identifier) : m_out(stream) {
     const QelMessage* message = find(identifier);
+    assert(message != nullptr && std::string_view(message->kinds).find_first_not_of('s') == std::string_view::npos);
     Arguments storage;
-    // Each argument is told by the address of its text.
     const std::span<const Argument> arguments = ellipses(message->kinds, storage);
-    for (Argument& argument : storage) {
-        argument.text = {argument.made.data(), 0};
-    }
+    m_arguments = arguments.size();
+    const auto add = [this](Piece piece) {
+        if (m_count < kMaxPieces) {
+            m_pieces[m_count] = piece;
+        }
+        ++m_count;
+    };
     const auto split = [&](std::string_view text) {
         m_count = 0;
-        expand(text, arguments, [&](std::string_view piece) {
-            const auto is = [piece](const Argument& argument) { return argument.made.data() == piece.data(); };
-            const auto found = std::find_if(arguments.begin(), arguments.end(), is);
-            if (found == arguments.end() && piece.empty()) {
-                return;
-            }
-            if (m_count < kMaxPieces) {
-                m_pieces[m_count] = {piece,
-                                     found == arguments.end() ? -1 : static_cast<int>(found - arguments.begin())};
-            }
-            ++m_count;
-        });
+        takeApart(
+            text, arguments,
+            [&](std::string_view literal) {
+                if (!literal.empty()) {
+                    add({literal, kNoArgument});
+                }
+            },
+            [&](std::size_t index) {
+                add({{}, index});
+            });
     };
     split(translated(message->text, arguments));
     if (m_count > kMaxPieces) {
@@ -272,8 +286,9 @@ QelMessageLines::QelMessageLines(std::FILE* stream, std::uint32_t identifier) : 
 }
 
 void QelMessageLines::write(std::initializer_list<std::string_view> texts) {
+    assert(texts.size() == m_arguments);
     for (const Piece& piece : std::span(m_pieces).first(m_count)) {
-        m_out.put(piece.argument < 0 ? piece.literal : texts.begin()[piece.argument]);
+        m_out.put(piece.argument == kNoArgument ? piece.literal : texts.begin()[piece.argument]);
     }
     m_out.put("\n");
 }

@@ -1,4 +1,4 @@
-/// The message catalogue: texts by identifier, shown through one place.
+/// The message catalogue: the texts by their identifiers, and the one place that writes them to a stream.
 #pragma once
 
 #include <array>
@@ -21,44 +21,52 @@ struct QelMessage {
     const char* text;   ///< English, with the identifier in front for a failure
 };
 
-/// Prepares the catalogue: takes the locale from the environment (LC_CTYPE of the C locale falls back to C.UTF-8, and
-/// the language is that of messages alone: LC_MESSAGES of the program becomes C), binds the translations, remembers the
-/// program's name for the service log: the last component of `programPath`, which may be null and otherwise must
-/// outlive the program's last message. Call once, first. `flags` is 0.
+/// Prepares the catalogue. Call it once, before anything else here. It
+/// - takes the locale from the environment; LC_CTYPE becomes C.UTF-8 where it would be C, and LC_MESSAGES stays C for
+/// all
+///   but messages;
+/// - finds the translations;
+/// - keeps the last component of `programPath` as the program's name. The path may be null; otherwise it must outlive
+/// the
+///   program's last message.
+///
+/// `flags` is 0.
 void qelmsg_init(const char* programPath, int flags);
 
-/// Writes a message, translated, filled with its arguments, without a line feed of its own. Text arguments are in the
-/// locale's encoding and may be null (shown as empty); what could drive a terminal (qel_visible.h) is made visible in
-/// them. An identifier that the table lacks is shown as such. A translation whose placeholders are not
-/// those of the English text is passed over for it. Needs no memory, and reaches an unbuffered stream in one piece.
+/// Writes a message, translated and filled with its arguments. Adds no line feed. A text argument is in the locale's
+/// encoding, and null counts as empty; what could drive a terminal (qel_visible.h) is made visible in it. An identifier
+/// that the table lacks is shown itself. A translation that takes other arguments than the English text is not used.
+/// Needs no memory, and reaches an unbuffered stream in one piece.
 void qel_fprintf(std::FILE* stream, std::uint32_t identifier, ...);
 
-/// Lines that are all the same message with other texts: it is looked up and taken apart once, and lines are gathered.
+/// Writes many lines that are the same message with different arguments. Looks the message up and takes it apart once,
+/// and hands the stream many lines at a time.
 class QelMessageLines {
   public:
-    /// `identifier`: of a message of the table whose arguments are all texts. Its text is the one of the locale in
-    /// force.
+    /// The message is one of the table, and all its arguments are texts. It is translated for the locale in force now.
     QelMessageLines(std::FILE* stream, std::uint32_t identifier);
 
-    /// Writes the message, as qel_fprintf does, and a line feed; the stream gets it by the end of the object. `texts`:
-    /// as many as the message has arguments.
+    /// Writes the message and a line feed, at the latest when the object goes. `texts` are as many as the message has
+    /// arguments, and in the locale's encoding without anything that could drive a terminal.
     void write(std::initializer_list<std::string_view> texts);
 
   private:
     struct Piece {
         std::string_view literal;
-        int argument;  // in place of the literal, or -1
+        std::size_t argument;  // its index, or kNoArgument for a literal
     };
+    static constexpr std::size_t kNoArgument = static_cast<std::size_t>(-1);
     static constexpr std::size_t kMaxPieces = 32;
 
     std::array<Piece, kMaxPieces> m_pieces;
     std::size_t m_count = 0;
+    std::size_t m_arguments = 0;  // of the message
     QelGatheredOutput m_out;
 };
 
-/// Shows a status, whatever it is, on one line: its identifier, then the text of the failure, translated, with "..."
-/// where an argument would stand. A status that is no failure of the table gets a text that says so. As qel_fprintf, it
-/// needs no memory. `more`, unless it is 0: a message without arguments that goes on behind the text.
+/// Shows a status, whatever it is, on one line: its identifier, then the text of the failure, translated, with "..." in
+/// place of each argument. For a status that is no failure of the table the text says that there is none. `more`,
+/// unless it is 0, is a message of the table without arguments, which follows the text. Needs no memory.
 void qel_print_status(std::FILE* stream, std::uint32_t status, std::uint32_t more = 0);
 
 /// The untranslated text of a message, or null when the table lacks it. `status` receives 0 or non-zero; may be null.
@@ -69,8 +77,9 @@ std::span<const QelMessage> qel_msg_table();
 
 enum class QelLanguage { kLocale, kEnglish };
 
-/// A message with arguments from a list, of which the texts are UTF-8. In English they are taken as they are; in the
-/// locale's language the whole is in its encoding and as qel_fprintf would write it. Throws std::bad_alloc.
+/// The text of a message with arguments from a list. Texts among them are UTF-8. In English they are taken as they are.
+/// In the locale's language the result is in the locale's encoding and as qel_fprintf would write it. Throws
+/// std::bad_alloc.
 std::string qel_msg_vformat(std::uint32_t identifier, std::va_list list, QelLanguage language);
 
 /// The name of the running program.

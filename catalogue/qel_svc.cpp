@@ -48,11 +48,13 @@ bool isStandardError(std::string_view path) {
 }
 
 bool appendToFile(const char* path, std::string_view line) {
-    // Opened anew, standard error would have a position of its own, and later output would overwrite the entry.
+    // If it were opened, it would have a position of its own, and what is written to standard error later would
+    // overwrite the entry.
     if (isStandardError(path)) {
         return qel_write(STDERR_FILENO, line);
     }
-    // One write, so that the entries of processes that share the file do not mix; and no wait for the reader of a FIFO.
+    // Written at once, so that entries of processes that share the file do not mix. O_NONBLOCK: do not wait for the
+    // reader of a FIFO.
     const QelFileDescriptor file(open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0600));
     return file.isOpen() && qel_write(file.get(), line);
 }

@@ -1,4 +1,4 @@
-/// Owner of a file descriptor, which is closed when its owner goes.
+/// Owns a file descriptor and closes it when the object goes.
 #pragma once
 
 #include <unistd.h>

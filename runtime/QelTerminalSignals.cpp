@@ -5,20 +5,21 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cerrno>
 
 #include "runtime/qel_io.h"
 
 namespace {
 
-/// What the program goes on after, if it is not ignored.
+/// The signals after which the program goes on. They are blocked but during `wait`.
 constexpr std::array kDeferred = {SIGINT, SIGTSTP, SIGCONT, SIGWINCH};
-/// Those that cannot be caught, and those whose default action neither ends the program nor needs the terminal put
-/// back: a read or a change of settings in the background stops the program before either happens.
+/// Signals that get no handler. The first two cannot have one, and the others neither end the program nor need the
+/// settings restored: SIGTTIN and SIGTTOU stop a program that has no terminal to restore.
 constexpr std::array kLeftAlone = {SIGKILL, SIGSTOP, SIGCHLD, SIGURG, SIGTTIN, SIGTTOU};
 
-QelTerminalSignals* g_active = nullptr;
-volatile std::sig_atomic_t g_came[NSIG];
+QelTerminalSignals* g_active = nullptr;   // the handlers look at it; set before they are installed
+volatile std::sig_atomic_t g_came[NSIG];  // which of kDeferred came since `wait` looked; the handlers write it
 
 template <std::size_t count>
 bool isOneOf(const std::array<int, count>& signals, int signal) {
@@ -45,6 +46,7 @@ QelTerminalSignals::QelTerminalSignals()
       m_output(isatty(STDOUT_FILENO) != 0   ? STDOUT_FILENO
                : isatty(STDERR_FILENO) != 0 ? STDERR_FILENO
                                             : -1) {
+    assert(g_active == nullptr);
     sigset_t deferred;
     sigemptyset(&deferred);
     for (const int signal : kDeferred) {
@@ -81,7 +83,7 @@ QelTerminalSignals::~QelTerminalSignals() {
 QelTerminalSignals::Event QelTerminalSignals::wait() {
     for (;;) {
         pollfd input{STDIN_FILENO, POLLIN, 0};
-        // A signal may have come while nobody waited for one.
+        // One of the signals may already be noted, so that ppoll would wait for nothing.
         const timespec noTime{};
         const bool hasCome =
             std::any_of(kDeferred.begin(), kDeferred.end(), [](int signal) { return g_came[signal] != 0; });
@@ -111,11 +113,11 @@ QelTerminalSignals::Event QelTerminalSignals::wait() {
     }
 }
 
-// In the background the terminal's settings are the business of whoever has it.
+// In the background the settings belong to whoever has the terminal.
 void QelTerminalSignals::giveBack() const {
     if (m_isTerminal && !isInBackground()) {
         tcsetattr(STDIN_FILENO, TCSANOW, &m_settings);
-        // Whatever comes next, such as a shell's prompt, begins on a fresh line.
+        // A shell's prompt may come next and needs a fresh line.
         show("\n");
     }
 }
@@ -129,7 +131,7 @@ void QelTerminalSignals::show(std::string_view text) const {
 
 void QelTerminalSignals::write(std::string_view text) const {
     if (canShow()) {
-        static_cast<void>(qel_write(m_output, text));  // a terminal that is gone ends the input too
+        static_cast<void>(qel_write(m_output, text));  // if it fails, the terminal is gone, and `wait` will see that
     }
 }
 
@@ -152,12 +154,13 @@ void QelTerminalSignals::resume() {
     show("\r");
 }
 
-// The terminal would stop the program too, but then again and again while an interrupt waits.
+// The terminal itself would stop the program at the next read. But while a SIGINT waits, that would happen again and
+// again.
 void QelTerminalSignals::awaitForeground() {
     while (isInBackground() && g_came[SIGINT] == 0) {
         raise(SIGTTIN);
         if (!isPending(SIGCONT)) {
-            return;  // nobody is there who would continue the program
+            return;  // the process group is orphaned, so SIGTTIN did nothing and nobody would send SIGCONT
         }
         letPendingIn();
     }
@@ -176,7 +179,7 @@ void QelTerminalSignals::readSettings() {
 }
 
 void QelTerminalSignals::letPendingIn() const {
-    // Input that is ready would keep them waiting.
+    // ppoll in `wait` does not take a signal when input is ready.
     const timespec noTime{};
     static_cast<void>(ppoll(nullptr, 0, &noTime, &m_mask));
 }
@@ -207,7 +210,7 @@ void QelTerminalSignals::remember(int signal) {
     g_came[signal] = 1;
 }
 
-// Takes the signal's usual course when the handler returns: until then it is blocked.
+// The signal is blocked while its handler runs, so the one that is raised takes its usual course when this returns.
 void QelTerminalSignals::end(int signal) {
     const int error = errno;
     g_active->giveBack();

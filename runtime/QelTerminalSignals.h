@@ -1,11 +1,11 @@
-/// Keeps signals from leaving the terminal of standard input as the program had changed it.
+/// Restores the settings of standard input's terminal when a signal ends or stops the program.
 ///
-/// While an object lives, the program may change the terminal's settings as it likes: a signal that ends the program
-/// first gets them put back as they were, at whatever moment it comes. Signals after which the program goes on wait for
-/// the next call of `wait`: a stop gives the terminal back until the program has it again, an interrupt is reported to
-/// the caller instead of ending the program. What is ignored when the object is made stays ignored.
+/// While an object lives, the program may change the terminal's settings as it likes. A signal that ends the program
+/// restores them first, at whatever moment it comes. Signals after which the program goes on are held back until `wait`
+/// is called: a stop (Ctrl-Z) restores the settings before the program stops, and Ctrl-C is reported to the caller
+/// instead of ending the program. A signal that is ignored when the object is made stays ignored.
 ///
-/// One object at a time, in a program whose signals all go to the thread that made it.
+/// There may be one object at a time, and only the thread that made it may receive signals.
 #pragma once
 
 #include <termios.h>
@@ -16,30 +16,32 @@
 class QelTerminalSignals {
   public:
     enum class Event {
-        kInput,      ///< read(2) has something to give: bytes, the end of the input, or a failure
+        kInput,      ///< read(2) returns at once: with bytes, the end of the input, or a failure
         kInterrupt,  ///< SIGINT came, as by Ctrl-C
-        kResume,     ///< the program has the terminal again, with settings of whoever had it meanwhile: what it had
-                     ///< changed must be changed anew, and what was shown be shown anew, on the line it is on
+        kResume,     ///< the program goes on after a stop: it must change the settings again, and show again what it
+                     ///< had shown, on the line where the cursor is
         kResize,     ///< the terminal has another size
     };
 
     QelTerminalSignals();
     QelTerminalSignals(const QelTerminalSignals&) = delete;
     QelTerminalSignals& operator=(const QelTerminalSignals&) = delete;
-    /// Puts the settings back.
+    /// Restores the settings.
     ~QelTerminalSignals();
 
+    /// Waits for the next event.
     Event wait();
 
     /// Whether standard input is a terminal at all.
     bool isTerminal() const { return m_isTerminal; }
-    /// The settings that are put back.
+    /// The settings that are restored.
     const termios& settings() const { return m_settings; }
-    /// Writes to the terminal unless neither standard output nor standard error is one, or it takes nothing now.
-    void show(std::string_view text) const;
-    /// The same, but waits until the terminal takes it.
-    void write(std::string_view text) const;
+    /// Whether standard output or standard error is a terminal, which can be written to.
     bool canShow() const { return m_output >= 0; }
+    /// Writes to that terminal, if there is one and it takes the text at once.
+    void show(std::string_view text) const;
+    /// Writes to that terminal, if there is one, and waits until it has taken the text.
+    void write(std::string_view text) const;
 
   private:
     static void remember(int signal);
@@ -51,7 +53,7 @@ class QelTerminalSignals {
     bool isInBackground() const;
     /// Stops the program as long as it is in the background and was not interrupted.
     void awaitForeground();
-    /// Takes the settings for those that are put back, if they are the program's to take.
+    /// Makes the present settings those that are restored, unless the program is in the background.
     void readSettings();
     void giveBack() const;
     void stop();

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-/// Wipes every block before it is given back, also those that a growing container leaves behind.
+/// An allocator that wipes every block before it gives it back, also those that a growing container leaves behind.
 template <class Element>
 struct WipingAllocator {
     using value_type = Element;
@@ -27,7 +27,7 @@ struct WipingAllocator {
 
 using SecretBuffer = std::vector<char, WipingAllocator<char>>;
 
-/// A string that wipes what it held, also the room for short texts inside the object.
+/// A string that wipes what it held, also the place for short texts inside the object.
 class SecretText : public std::basic_string<char, std::char_traits<char>, WipingAllocator<char>> {
     using Base = std::basic_string<char, std::char_traits<char>, WipingAllocator<char>>;
 

@@ -66,8 +66,8 @@ class Reader {
         }
     }
 
-    // What was typed ahead for a line editor holds carriage returns where lines end, for it has the terminal pass them
-    // on. In what is typed now, one that arrives was meant to (Ctrl-V Ctrl-M).
+    // A line editor has the terminal pass on carriage returns, so they end the lines that were typed ahead of the
+    // prompt. In a line that is typed now, a carriage return is part of the password (Ctrl-V Ctrl-M).
     bool endsLine(char byte) {
         const bool typedAhead = m_typedAhead > 0;
         m_typedAhead -= typedAhead ? 1 : 0;

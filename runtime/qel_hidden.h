@@ -1,4 +1,4 @@
-/// A line of standard input that is not shown while it is typed: a password.
+/// Reads a password: a line of standard input that the terminal does not show.
 #pragma once
 
 #include <functional>
@@ -11,13 +11,14 @@ enum class QelHidden {
     kInterrupted,  ///< SIGINT came, as by Ctrl-C
 };
 
-/// Reads a line, without the terminal's echo if standard input is one. `line` becomes the part of `buffer` that holds
-/// it, without its line feed and with a NUL behind it. What does not fit is dropped, up to the line's end. Unless there
-/// is a line the buffer is all zero afterwards.
+/// Reads a line into `buffer`, which is not empty. If standard input is a terminal, its echo is off meanwhile, and no
+/// signal leaves it off (QelTerminalSignals). `line` becomes the part of the buffer that holds the line: without its
+/// line feed, and with a NUL behind it. A line that is longer than the buffer is cut. When there is no line the buffer
+/// is zero. Bytes of the line are kept nowhere else, and the caller wipes the buffer.
 ///
-/// No signal leaves the echo off (QelTerminalSignals). `wasInterrupted` is asked when none can slip through any more,
-/// before anything is shown or read: whether one came that the caller has heard of. `showPrompt` is called each time
-/// the prompt must be shown. The buffer is the only place where bytes of the line are kept; the caller wipes it.
+/// `showPrompt` is called each time the prompt must be shown. `wasInterrupted`, if there is one, is called before
+/// anything is shown or read, when signals are held back already. If it returns true, as when a handler of the caller's
+/// has seen a SIGINT before that, the result is kInterrupted.
 [[nodiscard]] QelHidden qel_read_hidden(std::span<char> buffer, std::string_view& line,
                                         const std::function<void()>& showPrompt,
                                         const std::function<bool()>& wasInterrupted = {});

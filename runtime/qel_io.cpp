@@ -14,8 +14,8 @@ namespace {
 int g_outputError = 0;
 bool g_isLineOutput = false;
 
-/// What was written to stdout and not yet to its descriptor: the bytes from `g_taken` to `g_filled`. A signal handler
-/// may look at them at any moment.
+/// What stdout holds: the bytes from `g_taken` to `g_filled`. A signal handler may write them out at any moment
+/// (qel_rescue_output), so the bytes are put there before `g_filled` grows.
 std::array<char, 65536> g_output;
 std::atomic<std::size_t> g_filled = 0;
 std::atomic<std::size_t> g_taken = 0;

@@ -1,5 +1,6 @@
 #include "runtime/qel_utf8.h"
 
+#include <cassert>
 #include <cstring>
 
 namespace {
@@ -42,6 +43,7 @@ inline QelCharacter decode(std::string_view text) {
 }  // namespace
 
 QelCharacter qel_utf8_decode(std::string_view text) noexcept {
+    assert(!text.empty());
     return decode(text);
 }
 

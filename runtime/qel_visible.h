@@ -1,4 +1,4 @@
-/// The one rule for what may drive a terminal, and what is shown in its place.
+/// Which characters may not reach a terminal as they are, and what is shown in their place.
 #pragma once
 
 #include <array>
@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-/// Whether a character does anything but show itself where it stands: C0 and C1 controls and DEL (ECMA-48), the
+/// Whether a character does more than show itself where it stands. Such are C0 and C1 controls and DEL (ECMA-48), the
 /// separators of lines and paragraphs, and what reorders the text around it (Unicode Standard Annex 9).
 bool qel_drives_terminal(std::uint32_t codePoint) noexcept;
 

@@ -1,4 +1,5 @@
-/// The utility: its configuration, its commands, and the ways in which lines reach them.
+/// The utility: holds the configuration and the commands, and runs the lines that come from the program's arguments,
+/// from files and from the prompt.
 #pragma once
 
 #include <cstdint>
@@ -19,11 +20,11 @@ class TarnAdminUtility : public TarnAdminConfig {
     ~TarnAdminUtility();
 
     /// Loads the configuration, sets the debug level, registers the commands and selects the default instance. Returns
-    /// 0 or the status of the first failure; what was set up until then goes with the object.
+    /// 0 or the status of the first failure.
     [[nodiscard]] std::uint32_t initialize();
     /// Releases the commands and with them the client handle. Always 0.
     std::uint32_t shutdown();
-    /// Does what the program's arguments ask for. Only after a successful initialize. Returns the exit status.
+    /// Does what the program's arguments ask for. Call it after an initialize that returned 0. Returns the exit status.
     [[nodiscard]] std::uint32_t run(int argc, char** argv);
 
   private:
@@ -34,20 +35,20 @@ class TarnAdminUtility : public TarnAdminConfig {
 
     /// Runs one command text. A failure's message is written before its status is returned.
     [[nodiscard]] std::uint32_t processCmd(const char* text);
-    /// Whether a line logs in, and holds a password.
+    /// Whether a line is a login, and whether it holds a password.
     TarnAdminPrompt::Kind kindOf(const char* line) const;
     [[nodiscard]] std::uint32_t runCommand(TarnAdminCmd& command, const TarnAdminCmdTokens& words);
-    /// Runs one line of the prompt or a file: comments and blank lines do nothing, exit and quit give
-    /// kStatusEndOfInput, which ends the input, also when a command fails with it. Cuts the line end off in place.
+    /// Runs one line of the prompt or of a file, and cuts its line end off in place. A comment or an empty line does
+    /// nothing. Returns kStatusEndOfInput for exit and quit, else 0 or the status of the failure.
     [[nodiscard]] std::uint32_t processLine(char* line);
     /// Runs lines from the prompt until they end. Always 0.
     [[nodiscard]] std::uint32_t processInteractiveMode();
-    /// Both return whether kStatusEndOfInput ended the input.
+    /// Run the lines of a terminal, and of what is no terminal. Both return whether kStatusEndOfInput ended the input.
     bool processEditedLines();
     bool processInputLines();
     TarnAdminCompletion complete(std::string_view before) const;
-    /// Runs the lines of a file up to its end, an exit line or the first failure. An error while reading is an end that
-    /// is told.
+    /// Runs the lines of a file up to its end, an exit line or the first failure. An error while reading ends the file
+    /// too, and is written to standard error.
     [[nodiscard]] std::uint32_t processCmdFile(const char* path);
 
     static const QelString m_commandOption;

@@ -30,13 +30,13 @@ std::uint32_t noMemory() {
     return kStatusNoMemory;
 }
 
-/// Takes the place of an abort where not even an exception can be made for want of memory.
+/// Ends the program when memory runs out so far that not even an exception can be made. The C++ runtime would abort.
 [[noreturn]] void endWithoutMemory() {
     if (const std::exception_ptr thrown = std::current_exception(); thrown != nullptr) {
         try {
             std::rethrow_exception(thrown);
         } catch (const std::bad_alloc&) {
-            // Memory ran out: end as below.
+            // Ends below.
         } catch (...) {
             std::abort();
         }
@@ -44,7 +44,7 @@ std::uint32_t noMemory() {
     _exit(static_cast<int>(noMemory() & 0xFF));
 }
 
-// A sanitizer may not be set up yet.
+// It runs before a sanitizer is set up.
 __attribute__((no_sanitize("address", "thread", "undefined"))) void setTerminate(int /*argc*/, char** /*argv*/,
                                                                                  char** /*environment*/) {
     std::set_terminate(endWithoutMemory);
@@ -54,7 +54,8 @@ __attribute__((no_sanitize("address", "thread", "undefined"))) void setTerminate
 /// Functions").
 [[gnu::section(".preinit_array"), gnu::used]] void (*const g_beforeLibraries)(int, char**, char**) = setTerminate;
 
-/// Results that never reached their reader must not look like success. A reader that left on its own is no failure.
+/// Writes out the results that are left. Returns a status when they could not be written: that must not look like
+/// success. A reader that has gone, such as head(1), is no failure.
 std::uint32_t flushOutput() {
     qel_flush_output();
     const int error = qel_output_error();
@@ -68,7 +69,7 @@ std::uint32_t flushOutput() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // No core dump: it would hold a password. A limit on its size does not stop one that is piped to a program.
+    // No core dump, which would hold a password. (A limit of 0 bytes would not stop one that is piped to a program.)
     prctl(PR_SET_DUMPABLE, 0);
     const bool isOpen = qel_open_standard_descriptors();
     for (const int signal : {SIGPIPE, SIGXFSZ}) {

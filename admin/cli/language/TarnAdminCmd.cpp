@@ -1,6 +1,7 @@
 #include "admin/cli/language/TarnAdminCmd.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 #include <string_view>
 
@@ -13,10 +14,16 @@ bool abbreviates(const char* word, std::string_view keyword) {
     return word != nullptr && *word != '\0' && keyword.starts_with(word);
 }
 
+/// A word of a pattern without the bracket that opens the optional tail.
+std::string_view withoutBracket(std::string_view word) {
+    return word.substr(word.starts_with('[') ? 1 : 0);
+}
+
 }  // namespace
 
 TarnAdminCmd::TarnAdminCmd(const char* format, Effect effect) : m_format(format), m_effect(effect) {
-    static_cast<void>(m_formatTokens.set(format));  // without its words a command fits no line
+    assert(format != nullptr);
+    static_cast<void>(m_formatTokens.set(format));  // a failure shows in hasPattern
 }
 
 MatchResult TarnAdminCmd::matchCmd(TarnAdminCmdTokens const& words) const {
@@ -44,14 +51,14 @@ MatchResult TarnAdminCmd::matchCmd(TarnAdminCmdTokens const& words) const {
 
 MatchResult TarnAdminCmd::matchTail(TarnAdminCmdTokens const& words, std::int32_t tail, MatchResult grade) const {
     const std::int32_t patternCount = m_formatTokens.tokens();
-    const bool keywordAndValue = patternCount - tail == 2;
-    if (!keywordAndValue || words.tokens() == tail) {
+    constexpr std::int32_t kKeywordAndValue = 2;  // words of that form
+    if (patternCount - tail != kKeywordAndValue || words.tokens() == tail) {
         return grade;
     }
     if (words.tokens() != patternCount) {
         return MatchIncomplete;
     }
-    return abbreviates(words[tail], m_formatTokens[tail] + 1) ? grade : MatchNone;
+    return abbreviates(words[tail], withoutBracket(m_formatTokens[tail])) ? grade : MatchNone;
 }
 
 Continuation TarnAdminCmd::continuation(TarnAdminCmdTokens const& words) const {
@@ -59,18 +66,17 @@ Continuation TarnAdminCmd::continuation(TarnAdminCmdTokens const& words) const {
     SecretText line;  // a login's words may hold a password
     for (std::int32_t i = 0; i < std::max(count, m_formatTokens.tokens()); ++i) {
         const char* const word = i < count ? words[i] : m_formatTokens[i];
-        line.append(i >= count && *word == '[' ? word + 1 : word).append(" ");
+        line.append(i < count ? word : withoutBracket(word)).append(" ");
     }
     TarnAdminCmdTokens completed;
-    if (count >= m_formatTokens.tokens() || completed.set(line.c_str()) != 0 ||
-        matchCmd(completed) > MatchAbbreviated) {
+    if (count >= m_formatTokens.tokens() || completed.set(line.c_str()) != 0 || !fits(matchCmd(completed))) {
         return {};
     }
     const std::string_view word = m_formatTokens[count];
     const bool isLast = count + 1 == m_formatTokens.tokens();
     if (word.starts_with('[')) {
         const std::string_view tail = m_format + (m_formatTokens[count] - m_formatTokens[0]);
-        return {tail, isLast ? std::string_view() : word.substr(1), true};
+        return {tail, isLast ? std::string_view() : withoutBracket(word), true};
     }
     if (word.find('<') == std::string_view::npos) {
         return {word, word};

@@ -1,8 +1,9 @@
-/// The base of every command: a pattern, how well a line fits it, and what to do for a line that does.
+/// The base of every command: a pattern, how well a line fits it, and what to do for a line that fits.
 ///
-/// A pattern's words, in this order of tests: one that contains `<` stands for any one word; one that contains `[`
-/// opens the optional tail, which is a value (`[password]`) or a keyword with its value (`[-realm <realm>]`); any other
-/// is a keyword, of which a line may hold any beginning.
+/// A pattern is a line of words, such as `replica set list [-realm <realm>]`. A word that contains `<` stands for any
+/// one word. Otherwise a word that contains `[` opens the optional tail: a value (`[password]`), or a keyword with its
+/// value
+/// (`[-realm <realm>]`). Any other word is a keyword, and a line may hold any beginning of it.
 #pragma once
 
 #include <cstdint>
@@ -23,34 +24,40 @@ enum MatchResult : std::int32_t {
     MatchNone = 3,
 };
 
-/// What may stand next in the beginning of a line.
+/// Whether a line with this grade may run.
+constexpr bool fits(MatchResult grade) {
+    return grade == MatchExact || grade == MatchAbbreviated;
+}
+
+/// What the next word of an unfinished line may be.
 struct Continuation {
-    std::string_view shown;    ///< as the pattern has it; empty: nothing may
-    std::string_view keyword;  ///< empty: it is a value
-    bool isOptional = false;
+    std::string_view shown;    ///< the next word of the pattern; empty: no word may follow
+    std::string_view keyword;  ///< what to type for it; empty: a value, which only the user knows
+    bool isOptional = false;   ///< the line is complete without it
 };
 
 class TarnAdminCmd {
   public:
-    /// Whether a command only reads what the server has, or may change it.
+    /// Whether a command only reads what the server has, or changes it.
     enum class Effect { kReads, kChanges };
 
-    /// `format`, the pattern, must outlive the command. When memory runs out the message is written, and the command
-    /// has no pattern.
+    /// `format` is the pattern and must outlive the command. When memory runs out, that is written to standard error
+    /// and the command has no pattern.
     explicit TarnAdminCmd(const char* format, Effect effect = Effect::kReads);
     TarnAdminCmd(const TarnAdminCmd&) = delete;
     TarnAdminCmd& operator=(const TarnAdminCmd&) = delete;
     virtual ~TarnAdminCmd() = default;
 
-    /// Runs the command for a line that matched it, exactly or abbreviated. Keywords stand in `tokens` as they were
-    /// typed, so a command reads values by position and counts words, nothing else. `handle` and `secInfo` are those in
-    /// force when the line runs. Returns 0 or a status that the caller shows; std::bad_alloc may pass through.
+    /// Runs the command for the words of a line that fits it. Keywords may be abbreviated, so a command only looks at
+    /// the words that are values, by their position. `handle` is of the selected instance, and null while there is
+    /// none; `secInfo` is the identity in force. Returns 0, or a status that the caller shows. May throw
+    /// std::bad_alloc.
     [[nodiscard]] virtual std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                                                    TarnAdminCmdTokens const& tokens) = 0;
 
     MatchResult matchCmd(TarnAdminCmdTokens const& words) const;
-    /// What the pattern has behind `words`. They are the beginning of a line of this command if the line fits once the
-    /// rest of the pattern is added to it. Throws std::bad_alloc.
+    /// What may follow `words`. They begin a line of this command if, with the rest of the pattern added, they fit it.
+    /// Throws std::bad_alloc.
     Continuation continuation(TarnAdminCmdTokens const& words) const;
     const char* format() const { return m_format; }
     Effect effect() const { return m_effect; }

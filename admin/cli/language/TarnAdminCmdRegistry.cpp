@@ -27,21 +27,24 @@ std::uint32_t TarnAdminCmdRegistry::registerCmd(TarnAdminCmd* command) {
 TarnAdminCmd* TarnAdminCmdRegistry::locateCmd(TarnAdminCmdTokens const& words) const {
     MatchResult best = MatchNone;
     TarnAdminCmd* candidate = nullptr;
-    int fits = 0;
+    int abbreviated = 0;
     for (const CmdNode* node = m_head; node != nullptr; node = node->next) {
-        const MatchResult grade = node->command->matchCmd(words);
-        if (grade == MatchExact) {
-            return node->command;
-        }
-        if (grade == MatchAbbreviated) {
-            candidate = node->command;
-            ++fits;
-        }
-        if (grade < best) {
-            best = grade;
+        switch (node->command->matchCmd(words)) {
+            case MatchExact:
+                return node->command;
+            case MatchAbbreviated:
+                best = MatchAbbreviated;
+                candidate = node->command;
+                ++abbreviated;
+                break;
+            case MatchIncomplete:
+                best = best == MatchAbbreviated ? best : MatchIncomplete;
+                break;
+            case MatchNone:
+                break;
         }
     }
-    if (fits == 1) {
+    if (abbreviated == 1) {
         return candidate;
     }
     list(words, best);

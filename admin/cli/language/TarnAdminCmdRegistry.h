@@ -1,4 +1,4 @@
-/// Owns the commands, finds the one that a line names, and otherwise shows which ones it could have meant.
+/// Owns the commands, finds the one that a line names, and lists those that it could have meant when there is none.
 #pragma once
 
 #include <cstdint>
@@ -12,13 +12,13 @@ class TarnAdminCmdRegistry {
     TarnAdminCmdRegistry& operator=(const TarnAdminCmdRegistry&) = delete;
     ~TarnAdminCmdRegistry();
 
-    /// Puts a command in front of the earlier ones: the latest is searched, listed and deleted first. Returns 0 and
-    /// owns the command or, with the message written and the command still the caller's, kStatusNoMemory, also for a
-    /// command without its pattern.
+    /// Puts a command, which is not null, in front of the earlier ones: the latest is searched, listed and deleted
+    /// first. Returns 0 and owns the command from then on. Otherwise returns kStatusNoMemory, having written that to
+    /// standard error: there was no memory for the entry, or had been none for the command's pattern.
     [[nodiscard]] std::uint32_t registerCmd(TarnAdminCmd* command);
 
-    /// The command to run for a line: the first that fits exactly, else the only one that fits abbreviated. Otherwise
-    /// null, after listing on standard output the commands that come nearest.
+    /// The command to run for a line: the first that fits exactly, or else the only one that fits abbreviated. When
+    /// there is none, writes a listing of the commands that come nearest to standard output and returns null.
     TarnAdminCmd* locateCmd(TarnAdminCmdTokens const& words) const;
 
     /// Calls `visit` with every command, in list order.

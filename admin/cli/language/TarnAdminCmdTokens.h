@@ -1,4 +1,5 @@
-/// The words of one line, between blanks, tabs and line feeds. There is no quoting: no word holds a blank.
+/// The words of one line, such as `realm`, `show` and `east` of "realm show east". Blanks, tabs and line feeds separate
+/// them. There is no quoting: no word holds a blank.
 #pragma once
 
 #include <array>
@@ -7,7 +8,7 @@
 
 class TarnAdminCmdTokens {
   public:
-    /// Words beyond this many are dropped; no command takes nearly as many, so such a line still matches none.
+    /// Words beyond this many are dropped. No command takes nearly as many, so such a line fits none.
     static constexpr std::int32_t kMaxTokens = 128;
 
     TarnAdminCmdTokens() = default;
@@ -15,8 +16,8 @@ class TarnAdminCmdTokens {
     TarnAdminCmdTokens& operator=(const TarnAdminCmdTokens&) = delete;
     ~TarnAdminCmdTokens();
 
-    /// Replaces the words by those of `text`. Returns 0 or, with the message written and no words left,
-    /// kStatusNoMemory.
+    /// Replaces the words by those of `text`. Returns 0, or kStatusNoMemory, having written that to standard error;
+    /// then there are no words.
     [[nodiscard]] std::uint32_t set(const char* text);
 
     std::int32_t tokens() const { return m_count; }
@@ -24,7 +25,7 @@ class TarnAdminCmdTokens {
     const char* operator[](std::int32_t index) const;
 
   private:
-    /// Lets go of the words, which may hold a password.
+    /// Wipes and releases the words: one may be a password.
     void clear();
 
     std::int32_t m_count = 0;

@@ -1,6 +1,7 @@
 #include "admin/cli/language/TarnAdminCompletion.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cwchar>
 
 #include "catalogue/QelString.h"
@@ -11,8 +12,8 @@ namespace {
 constexpr char kBlanks[] = " \t";
 
 struct Candidates {
-    std::vector<std::string> words;   // that can be inserted
-    std::vector<std::string> others;  // that can only be shown
+    std::vector<std::string> words;   // can be inserted
+    std::vector<std::string> others;  // can only be shown
 };
 
 void addOnce(std::vector<std::string>& list, std::string_view text) {
@@ -21,7 +22,7 @@ void addOnce(std::vector<std::string>& list, std::string_view text) {
     }
 }
 
-/// Whether typing the text would give the value, and give it as one word.
+/// Whether the value is one word, and the utility would read the shown text as that value.
 bool canBeTyped(const QelString& shown, std::string_view value) {
     return value.find_first_of(kBlanks) == std::string_view::npos &&
            QelString(shown.view(), QelString::kFromLocale).view() == value;
@@ -44,8 +45,10 @@ void addContinuation(const Continuation& next, std::string_view word, Candidates
     }
 }
 
-/// What all the words, of which there is one, go on with behind their first `length` bytes, in whole characters.
+/// What all the words have in common behind their first `length` bytes, in whole characters. There is at least one
+/// word.
 std::string_view commonRest(const std::vector<std::string>& words, std::size_t length) {
+    assert(!words.empty());
     std::string_view common = words.front();
     for (const std::string& word : words) {
         const auto end = std::mismatch(common.begin(), common.end(), word.begin(), word.end()).first;

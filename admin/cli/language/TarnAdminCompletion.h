@@ -1,4 +1,4 @@
-/// What the Tab key does at the prompt: the command language's words where the cursor stands, from the patterns alone.
+/// What the Tab key does at the prompt: finds the words that may stand at the cursor, from the commands' patterns.
 #pragma once
 
 #include <functional>
@@ -11,14 +11,14 @@
 /// All text is in the locale's encoding and without anything that could drive a terminal.
 struct TarnAdminCompletion {
     std::string insertion;             ///< at the cursor
-    std::vector<std::string> choices;  ///< to show, when there is nothing to insert; empty too: nothing fits
+    std::vector<std::string> choices;  ///< to be shown when there is nothing to insert; empty as well: nothing fits
 };
 
-/// The values, in UTF-8, that a command's next word may have; empty: any.
+/// Gives the values, in UTF-8, that the next word of a command may have. None: the word may be anything.
 using KnownValues = std::function<std::vector<std::string>(const TarnAdminCmd&)>;
 
-/// Completes a line, of which `before` stands before the cursor. The only word that fits is inserted with a blank, and
-/// of several words what they have in common; what cannot be inserted, such as a value that only its user knows, is
-/// shown as the pattern has it. Throws std::bad_alloc.
+/// Completes a line of which `before` stands before the cursor. If one word fits, it is inserted with a blank behind
+/// it. If several fit, what they begin with in common is inserted. What cannot be inserted, such as a value that only
+/// the user knows, is shown as the pattern has it. Throws std::bad_alloc.
 TarnAdminCompletion completeLine(const TarnAdminCmdRegistry& commands, std::string_view before,
                                  const KnownValues& valuesOf);

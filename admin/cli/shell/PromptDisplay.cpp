@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <climits>
 #include <cstdio>
 #include <cwchar>
@@ -55,9 +56,10 @@ void PromptDisplay::forget() noexcept {
 }
 
 SecretText PromptDisplay::draw(std::wstring_view line, std::size_t cursor, Size size) {
+    assert(cursor <= line.size() && size.columns > 0 && size.rows > 0);
     const bool isDumb = m_terminal == Terminal::kDumb;
     if (isDumb) {
-        size = {std::max<std::size_t>(size.columns, 2) - 1, 1};  // the last column has margins of its own
+        size = {std::max<std::size_t>(size.columns, 2) - 1, 1};  // what a terminal does in its last column differs
     }
     SecretText out;
     try {
@@ -79,7 +81,7 @@ SecretText PromptDisplay::draw(std::wstring_view line, std::size_t cursor, Size 
     return out;
 }
 
-/// `cursor`, a number of a character, becomes that of a glyph.
+/// Makes glyphs of the prompt and the line. `cursor` is the number of a character before, and of a glyph afterwards.
 PromptDisplay::Picture PromptDisplay::compose(std::string_view prompt, std::wstring_view line, std::size_t& cursor) {
     Picture picture;
     const auto add = [&picture](std::string_view bytes, std::size_t width) {
@@ -123,7 +125,7 @@ void PromptDisplay::arrange(Picture& picture, std::size_t columns) {
     picture.end = next.column == columns ? Place{next.row + 1, 0} : next;
 }
 
-/// Drops rows that do not fit into the window, and keeps those around the cursor.
+/// Drops rows until the picture fits into the window. The row with the cursor stays.
 void PromptDisplay::cutOut(Picture& picture, std::size_t rows) {
     const std::size_t all = picture.end.row + 1;
     if (all <= rows) {
@@ -158,7 +160,7 @@ std::string_view PromptDisplay::bytesOf(const Picture& picture, std::size_t from
     return std::string_view(picture.bytes).substr(beginOf(from), beginOf(to) - beginOf(from));
 }
 
-/// How many glyphs stand where they stood.
+/// How many glyphs, from the first on, are the same as in the last picture.
 std::size_t PromptDisplay::commonPart(const Picture& picture) const {
     const std::size_t most = std::min(picture.glyphs.size(), m_shown.glyphs.size());
     std::size_t count = 0;
@@ -168,7 +170,8 @@ std::size_t PromptDisplay::commonPart(const Picture& picture) const {
     return count;
 }
 
-/// The row in which the cursor is when the terminal has arranged the picture anew, keeping the cursor at its character.
+/// The row in which the cursor is after the terminal has rearranged the last picture, keeping the cursor at its
+/// character.
 std::size_t PromptDisplay::rowAfterResize(std::size_t columns) const {
     Place next;
     const auto advance = [&next, columns](std::size_t width) {
@@ -177,7 +180,7 @@ std::size_t PromptDisplay::rowAfterResize(std::size_t columns) const {
     const Glyph* before = nullptr;
     for (const Glyph& glyph : m_shown.glyphs) {
         if (before != nullptr && glyph.at.row > before->at.row) {
-            // A blank stands where a wide character had no room.
+            // A wide character had no room in the last column, so a blank stands there.
             for (std::size_t end = before->at.column + before->width; end < m_size.columns; ++end) {
                 advance(1);
             }
@@ -189,12 +192,12 @@ std::size_t PromptDisplay::rowAfterResize(std::size_t columns) const {
         before = &glyph;
     }
     if (m_shown.end.column == 0) {
-        advance(1);  // the blank that went there before the cursor
+        advance(1);  // the blank that was drawn to begin the row that the cursor is in
     }
     return next.row;
 }
 
-/// After a change of size, forgets the picture and goes to where it begins.
+/// After a change of size, goes to where the last picture begins and forgets it.
 void PromptDisplay::startAnew(Size size, SecretText& out) {
     if (m_size == size) {
         return;
@@ -243,8 +246,8 @@ void PromptDisplay::drawAddressable(const Picture& picture, std::size_t columns,
             at = {glyph.at.row, glyph.at.column + glyph.width};
         }
         const bool isNextRow = at.column == columns && picture.end != at;
-        out += isNextRow ? " " : "";  // both rows stay one line
-        // Not before, from the window's first row on: some terminals would keep a copy of all that goes.
+        out += isNextRow ? " " : "";  // begins the row by the automatic margin, so that both stay one line
+        // Only now: some terminals save what is cleared from the first row of the window on.
         if ((m_isOldThere || first < m_shown.glyphs.size()) && (isNextRow || at.column < columns)) {
             out += kClear;
         }

@@ -1,8 +1,9 @@
-/// The line at the prompt as the screen shows it: drawn from its text, whatever size the window has and had.
+/// Draws the line at the prompt: turns its text into output for the terminal, whatever size the window has and had.
 ///
-/// The object knows what it drew last and where the cursor is, and gives the output that leads from there to the next
-/// picture. Rows that are too narrow for the line go on in the next one by the terminal's automatic margin, so that a
-/// terminal which arranges its text anew when it is resized (most do) keeps the line in one piece.
+/// It writes nothing itself and expects that its output reaches the terminal. It remembers the last picture and where
+/// the cursor is, and gives the output that turns that picture into the next. A line that is wider than the window
+/// continues in the next row by the terminal's automatic margin. So a terminal that rearranges its text when it is
+/// resized, as most do, keeps the line in one piece.
 #pragma once
 
 #include <cstddef>
@@ -25,20 +26,22 @@ class PromptDisplay {
 
     PromptDisplay(Terminal terminal, std::string_view prompt) : m_terminal(terminal), m_prompt(prompt) {}
 
-    /// The output that shows the prompt and the line, the cursor before the line's character number `cursor`. The first
-    /// picture begins where the cursor is, in the first column. Throws std::bad_alloc, and then knows of no picture.
+    /// Returns the output that shows the prompt and the line, with the cursor before the line's character number
+    /// `cursor`, counted from 0. The window has at least one column and one row. The first picture begins in the row
+    /// where the cursor is, and expects it in the first column. Throws std::bad_alloc, and has then forgotten the
+    /// picture.
     SecretText draw(std::wstring_view line, std::size_t cursor, Size size);
-    /// Forgets the picture, so that the next one is drawn from where the cursor then is.
+    /// Forgets the picture. The next one begins in the row where the cursor then is.
     void forget() noexcept;
 
   private:
     struct Place {
         std::size_t row = 0;
-        std::size_t column =
-            0;  // as many as there are columns: in the last one, with the next character in the next row
+        // One behind the last: the cursor is on the last column, and the next character goes into the next row.
+        std::size_t column = 0;
         bool operator==(const Place&) const = default;
     };
-    /// What takes up columns of its own: a character with the marks on it.
+    /// A character, with the marks that combine with it.
     struct Glyph {
         std::size_t begin;  // of its bytes
         std::size_t width;
@@ -65,6 +68,6 @@ class PromptDisplay {
     const Terminal m_terminal;
     const std::string_view m_prompt;
     Picture m_shown;
-    bool m_isOldThere = false;  // another picture, to be drawn over
+    bool m_isOldThere = false;  // the screen still shows a forgotten picture below the cursor
     Size m_size{};
 };

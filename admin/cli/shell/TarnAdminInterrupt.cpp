@@ -16,11 +16,13 @@ extern "C" __attribute__((weak)) void olm_dsess_admin_interrupt(std::int32_t on)
 
 namespace {
 
+// The handler reads the first two, and writes the next two.
 volatile std::sig_atomic_t g_isRunning = 0;
 volatile std::sig_atomic_t g_isAtPrompt = 0;
 volatile std::sig_atomic_t g_came = 0;
 volatile std::sig_atomic_t g_ending = 0;  // the signal that ends the program after the command, or 0
-std::array<char, 512> g_told;             // what a handler, which cannot put it together, says at the end
+/// The message that the handler writes. It is made before the handler is installed, which could not make it.
+std::array<char, 512> g_told;
 
 void prepareTold() {
     if (g_told[0] != '\0') {
@@ -34,7 +36,7 @@ void prepareTold() {
 }
 
 void endNow(int signal) {
-    // A second signal ends the program even while writing the results out blocks.
+    // Writing the results may block. Then a second signal still ends the program.
     std::signal(signal, SIG_DFL);
     sigset_t set;
     sigemptyset(&set);
@@ -50,7 +52,7 @@ void endNow(int signal) {
 void take(int signal) {
     const int error = errno;
     if (signal == SIGINT && isatty(STDERR_FILENO) != 0) {
-        static_cast<void>(qel_write(STDERR_FILENO, "\n"));  // behind the terminal's ^C, if it takes it
+        static_cast<void>(qel_write(STDERR_FILENO, "\n"));  // the terminal has echoed ^C
     }
     const bool isForPrompt = signal == SIGINT && g_isAtPrompt != 0;
     if (olm_dsess_admin_interrupt == nullptr || (!isForPrompt && (g_isRunning == 0 || g_ending != 0))) {

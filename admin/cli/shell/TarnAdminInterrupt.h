@@ -1,10 +1,12 @@
-/// Signals that end a command or the program (Ctrl-C, SIGTERM, SIGHUP): nothing that was finished is lost by them.
+/// Handles the signals that end a command or the program (SIGINT, which is Ctrl-C, SIGTERM, SIGHUP), so that no
+/// finished result is lost.
 ///
-/// While an object lives, the first of them that comes while a command runs makes the client library end its wait for a
-/// server, so that the command can tell what became of it. The program ends after that, by the signal; at the prompt
-/// Ctrl-C gives back the prompt. Any other ends the program at once, after its finished results are written out and it
-/// is told that a signal ended it. Ending the wait needs a function that a library of a site's own may lack; with such
-/// a library every signal ends the program at once. What is ignored when the object is made stays ignored.
+/// While an object lives, the first signal that comes while a command runs makes the client library end its wait for a
+/// server, so that the command can show what became of it. Then the program ends, by that signal; but at the prompt
+/// after Ctrl-C the prompt comes back. Any other signal ends the program at once: its handler writes out the finished
+/// results and a message that a signal ended the run. The library's wait is ended by olm_dsess_admin_interrupt; with a
+/// library that lacks it, every signal ends the program at once. A signal that is ignored when the object is made stays
+/// ignored.
 #pragma once
 
 #include <array>
@@ -19,7 +21,7 @@ class TarnAdminInterrupt {
     TarnAdminInterrupt& operator=(const TarnAdminInterrupt&) = delete;
     ~TarnAdminInterrupt();
 
-    /// While an object lives, a command runs. `false`: it waits for its user, and not for a server.
+    /// While an object lives, a command runs, or with `false` none does: it waits for its user, not for a server.
     class Running {
       public:
         explicit Running(bool runs = true);
@@ -33,12 +35,12 @@ class TarnAdminInterrupt {
 
     /// Whether a signal came since the last `forget`.
     static bool came();
-    /// Notes that Ctrl-C came, when the caller learned of it in another way than by the signal.
+    /// Does what the signal's handler would do for a Ctrl-C that the caller noticed itself.
     static void note();
-    /// Lets the client library's operations run again.
+    /// Forgets the signal, and lets the client library's operations run again.
     static void forget();
-    /// If one came that ends the program, ends it by that signal: whoever started it must see that. `isTold`: the
-    /// command has said so itself.
+    /// Ends the program by the signal if one came that is to end it, so that whoever started the program sees why it
+    /// ended. `isTold`: the command has shown a failure, so no further message is needed.
     static void endProgram(bool isTold);
 
   private:

@@ -22,7 +22,7 @@ namespace {
 
 using WideText = std::vector<wchar_t, WipingAllocator<wchar_t>>;
 
-/// Keys beside those that the line editor knows, and its functions.
+/// Keys that the line editor does not know of itself, and what they do.
 constexpr const wchar_t* kKeys[][2] = {
     {L"^I", L"vexil-complete"},       {L"^R", L"em-inc-search-prev"}, {L"\\e[1~", L"ed-move-to-beg"},
     {L"\\e[4~", L"ed-move-to-end"},   {L"\\e[7~", L"ed-move-to-beg"}, {L"\\e[8~", L"ed-move-to-end"},
@@ -169,7 +169,8 @@ bool TarnAdminPrompt::read(SecretText& line) {
     }
 }
 
-/// What the line editor would show. Its picture of the line is not used; its bell, and that it clears the screen, are.
+/// Receives what the line editor writes. Its picture of the line is not used. Its bell is rung, and when it clears the
+/// screen, the screen is cleared.
 ssize_t TarnAdminPrompt::hear(void* prompt, const char* bytes, std::size_t size) {
     auto& self = *static_cast<TarnAdminPrompt*>(prompt);
     const std::string_view text(bytes, size);
@@ -215,7 +216,7 @@ void TarnAdminPrompt::draw() {
     m_signals->write(m_display.draw(text, cursor, windowSize()));
 }
 
-/// The line as it was left, and a fresh row.
+/// Shows the line as it was left, `behind` at its end, and goes to a fresh row.
 void TarnAdminPrompt::drawEnd(std::string_view behind) {
     SecretText out;
     if (isEdited()) {
@@ -235,7 +236,7 @@ void TarnAdminPrompt::drawEnd(std::string_view behind) {
 int TarnAdminPrompt::readByte() {
     pollfd input{STDIN_FILENO, POLLIN, 0};
     if (isEdited() && poll(&input, 1, 0) <= 0) {
-        draw();  // of what comes faster than it can be looked at, only the end
+        draw();  // not while more input waits: what is pasted is drawn once, at its end
     }
     for (;;) {
         switch (m_signals->wait()) {
@@ -244,7 +245,7 @@ int TarnAdminPrompt::readByte() {
                 drawEnd("^C");
                 return EOF;
             case QelTerminalSignals::Event::kResume:
-                el_wset(m_editor.get(), EL_PREP_TERM, 0);  // or the line editor takes the terminal to be as it left it
+                el_wset(m_editor.get(), EL_PREP_TERM, 0);  // or the line editor believes that nothing has changed
                 el_wset(m_editor.get(), EL_PREP_TERM, 1);
                 m_display.forget();
                 draw();
@@ -282,7 +283,7 @@ int TarnAdminPrompt::readCharacter(EditLine* editor, wchar_t* character) {
             std::size_t length = std::mbrtowc(character, &text, 1, &state);
             if (length == static_cast<std::size_t>(-1)) {
                 state = {};
-                // What broke a character off may begin another one.
+                // The byte that broke the character off may begin another one.
                 length = isFirst ? length : std::mbrtowc(character, &text, 1, &state);
             }
             if (length == static_cast<std::size_t>(-1)) {
@@ -292,7 +293,7 @@ int TarnAdminPrompt::readCharacter(EditLine* editor, wchar_t* character) {
             }
         }
     } catch (const std::bad_alloc&) {
-        self.m_lacksMemory = true;  // C code lies between here and who can take an exception
+        self.m_lacksMemory = true;  // an exception may not pass through the line editor, which is C
         return -1;
     }
 }
@@ -354,7 +355,7 @@ void TarnAdminPrompt::remember(const SecretText& line, Kind kind) {
         return;
     }
     m_withPassword = event.num;
-    // The line editor keeps the line, and what it would have shown of it, until longer ones take their place.
+    // The line editor keeps the line and its picture of it until a longer line overwrites them.
     std::size_t cursor = 0;
     const std::wstring_view kept = this->line(cursor);
     std::fill_n(const_cast<wchar_t*>(kept.data()), kept.size(), L'*');
@@ -376,6 +377,6 @@ void TarnAdminPrompt::maskPassword() {
     const std::wstring_view line(event.str);
     const std::size_t end = line.find_last_not_of(kBlanks) + 1;
     const std::size_t begin = line.substr(0, end).find_last_of(kBlanks) + 1;
-    // The history's own text.
+    // The history gives its own text, which is not constant.
     std::fill_n(const_cast<wchar_t*>(line.data()) + begin, end - begin, L'*');
 }

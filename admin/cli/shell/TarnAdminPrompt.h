@@ -1,9 +1,9 @@
-/// The prompt on a terminal: line editing, history, and the course of signals while a line is typed.
+/// The prompt on a terminal: reads lines with line editing, history and completion.
 ///
-/// The line editor (editline(3)) keeps the line and knows the keys, also those of the user's ~/.editrc. It draws
-/// nothing: what it believes to be the screen is a single row that is always wide enough, and PromptDisplay draws
-/// instead. Tab completes the words of commands. No signal leaves the terminal as the line editor wants it
-/// (QelTerminalSignals). A password in a line stays in the history until the next login, and nowhere else.
+/// The line editor (editline(3)) holds the line and knows the keys, also those of the user's ~/.editrc. It draws
+/// nothing: it is made to believe that the screen is one row, always wide enough, and PromptDisplay draws instead. Tab
+/// completes the words of commands. A signal that ends the program finds the terminal restored (QelTerminalSignals). A
+/// password in a line stays in the history until the next login, and nowhere else.
 #pragma once
 
 #include <histedit.h>
@@ -29,12 +29,13 @@ class TarnAdminPrompt {
     /// `prompt` is ASCII and outlives the object. Throws std::bad_alloc.
     TarnAdminPrompt(std::string_view prompt, Completer completer);
 
-    /// Reads a line, without its line feed. Returns false at the end of the input. An interrupt gives up the line and
-    /// begins anew. Throws std::bad_alloc.
+    /// Reads a line, without its line feed. Returns false at the end of the input. Ctrl-C gives the line up and begins
+    /// a new one. Throws std::bad_alloc.
     bool read(SecretText& line);
-    /// What a line is, besides a line.
+    /// What matters of a line for the history.
     enum class Kind { kOther, kLogin, kLoginWithPassword };
-    /// Puts the line read last into the history. A login masks the password, the last word, of the login before it.
+    /// Puts the line that was read last into the history. If it is a login, replaces the password of the login before
+    /// it, which is that line's last word, by asterisks.
     void remember(const SecretText& line, Kind kind);
 
   private:
@@ -58,7 +59,7 @@ class TarnAdminPrompt {
     void bindKeys();
     bool isEdited() const;
     std::wstring_view line(std::size_t& cursor) const;
-    /// Keeps the line editor's row longer than anything that its next command can make of the line.
+    /// Makes the line editor's row longer than the line can become by the next key. Returns false when that fails.
     bool makeRoom();
     void draw();
     void drawEnd(std::string_view behind);
@@ -70,14 +71,14 @@ class TarnAdminPrompt {
     const std::string_view m_prompt;
     const Completer m_completer;
     std::array<char, 1024> m_heardBytes{};
-    Owned<std::FILE> m_heard;  // what the line editor writes
+    Owned<std::FILE> m_heard;  // the stream that the line editor writes to
     Owned<HistoryW> m_history;
     Owned<EditLine> m_editor;
     PromptDisplay m_display;
     QelTerminalSignals* m_signals = nullptr;  // while a line is read
     bool m_isInterrupted = false;
     bool m_lacksMemory = false;
-    std::size_t m_longest = 0;  // line so far
-    std::size_t m_room = 0;     // columns of the line editor's row, 0: not yet this line
-    int m_withPassword = 0;     // the number of a line in the history, or 0
+    std::size_t m_longest = 0;  // characters of the longest line so far
+    std::size_t m_room = 0;     // columns of the line editor's row; 0: to be set for this line
+    int m_withPassword = 0;     // the number of the line in the history that holds a password, or 0
 };

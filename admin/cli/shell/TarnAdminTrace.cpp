@@ -28,7 +28,7 @@ void olmdsess_admin_client_trace(std::int32_t level, const char* format, ...) {
         return;
     }
     for (const char* next = buffer; *next != '\0'; ++next) {
-        // Without memory for the conversion, what it would have to look at is shown byte by byte.
+        // There was no memory for the conversion, so all that is not plain ASCII is made visible byte by byte.
         const bool isPlain = (*next >= ' ' && *next <= '~') || std::strcmp(next, "\n") == 0;
         std::printf(isPlain ? "%c" : "\\x%02X", static_cast<unsigned char>(*next));
     }

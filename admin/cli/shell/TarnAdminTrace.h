@@ -8,5 +8,5 @@
 /// Trace lines of this level and below are shown. Set once, at start-up.
 extern std::int32_t g_debugLevel;
 
-/// Whether the last line that was shown is for every administrator (level 0), as the cause of a failure is.
+/// Whether the last line that was shown is one of level 0. The library uses that level to say why a request failed.
 extern bool g_toldCause;

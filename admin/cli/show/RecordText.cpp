@@ -25,19 +25,21 @@ RecordText::RecordText(const char* text) : m_shown(text == nullptr ? "" : text) 
 }
 
 void TimeText::set(std::int32_t seconds) {
+    // Where the parts of "yyyy-mm-dd-hh:mm:ss UTC" begin.
+    enum : std::size_t { kCentury = 0, kYear = 2, kMonth = 5, kDay = 8, kHour = 11, kMinute = 14, kSecond = 17 };
     const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
     const auto day = std::chrono::floor<std::chrono::days>(time);
     if (day != m_day) {
         m_day = day;
         const std::chrono::year_month_day date(day);
         const auto year = static_cast<unsigned>(static_cast<int>(date.year()));  // 1901 to 2038
-        writeTwoDigits(&m_text[0], year / 100);
-        writeTwoDigits(&m_text[2], year % 100);
-        writeTwoDigits(&m_text[5], static_cast<unsigned>(date.month()));
-        writeTwoDigits(&m_text[8], static_cast<unsigned>(date.day()));
+        writeTwoDigits(&m_text[kCentury], year / 100);
+        writeTwoDigits(&m_text[kYear], year % 100);
+        writeTwoDigits(&m_text[kMonth], static_cast<unsigned>(date.month()));
+        writeTwoDigits(&m_text[kDay], static_cast<unsigned>(date.day()));
     }
-    const auto second = static_cast<unsigned>((time - day).count());
-    writeTwoDigits(&m_text[11], second / 3600);
-    writeTwoDigits(&m_text[14], second / 60 % 60);
-    writeTwoDigits(&m_text[17], second % 60);
+    const std::chrono::hh_mm_ss clock(time - day);
+    writeTwoDigits(&m_text[kHour], static_cast<unsigned>(clock.hours().count()));
+    writeTwoDigits(&m_text[kMinute], static_cast<unsigned>(clock.minutes().count()));
+    writeTwoDigits(&m_text[kSecond], static_cast<unsigned>(clock.seconds().count()));
 }

@@ -9,8 +9,9 @@
 
 #include "catalogue/QelString.h"
 
-/// A text of a record in the locale's encoding, on one line whatever a server put into it: what could drive a terminal
-/// is visible, a final line feed included. Null counts as empty. The text must outlive the object.
+/// The text of a record, converted to the locale's encoding. It is one line, whatever a server put into it: what could
+/// drive a terminal is made visible, also a line feed at the end. Null counts as empty. The text must outlive the
+/// object.
 class RecordText {
   public:
     explicit RecordText(const char* text);
@@ -21,8 +22,8 @@ class RecordText {
     std::string_view view() const { return m_shown; }
 
   private:
-    std::optional<QelString> m_escaped;
-    std::string_view m_shown;  // NUL-terminated
+    std::optional<QelString> m_escaped;  // unless the text is shown as it is
+    std::string_view m_shown;            // NUL-terminated
 };
 
 /// The text of a server's time: "2026-11-24-09:30:00 UTC", always in UTC.
@@ -37,5 +38,5 @@ class TimeText {
 
   private:
     std::array<char, sizeof("yyyy-mm-dd-hh:mm:ss UTC")> m_text{"yyyy-mm-dd-hh:mm:ss UTC"};
-    std::chrono::sys_days m_day = std::chrono::sys_days::min();  // that the text shows
+    std::chrono::sys_days m_day = std::chrono::sys_days::min();  // the day that the text shows
 };
