@@ -1,7 +1,6 @@
-"""A cluster on two databases, of which the first is lost: each change that was acknowledged is at the second, once."""
+"""A cluster on two databases whose primary is lost: each change that was acknowledged is at the other, once."""
 
 import concurrent.futures
-import contextlib
 import re
 import signal
 import subprocess
@@ -11,7 +10,7 @@ import unittest.mock
 
 from dsessd import AS_ROOT, Dsessd, request_text
 from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
-from postgres import PROGRAMS, Postgres
+from postgres import PROGRAMS, Pair
 from vexil import VEXILADMIN, Case
 
 CHANGES = 4000
@@ -19,21 +18,17 @@ CHANGES = 4000
 
 @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
 class Failover(Case):
-    @contextlib.contextmanager
-    def cluster(self):
-        """Two nodes on a first database and a second that follows it."""
-        with contextlib.ExitStack() as stack:
-            first = stack.enter_context(Postgres())
-            with unittest.mock.patch("dsessd.POSTGRES", first.directory):
-                node = Dsessd(administrators=ADMINISTRATORS, anonymous="read")
-            second = first.standby()
-            stack.callback(second.__exit__)
-            self.name = re.search(r"/(test\d+)", node.data)[1]
-            node.options["data"] = (
-                f"postgresql://dsessd@/{self.name}?host={first.directory},{second.directory}"
-                "&target_session_attrs=read-write"
-            )
-            yield first, second, [stack.enter_context(node), stack.enter_context(node.another())]
+    def setUp(self):
+        """Two nodes on a primary and a standby."""
+        super().setUp()
+        self.pair = self.enterContext(Pair())
+        with unittest.mock.patch("dsessd.POSTGRES", self.pair.directory):
+            node = Dsessd(administrators=ADMINISTRATORS, anonymous="read")
+        self.name = re.search(r"/(test\d+)", node.data)[1]
+        self.nodes = [self.enterContext(node), self.enterContext(node.another())]
+
+    def sql(self, text):
+        return self.pair.primary.sql(text, database=self.name)
 
     def changing(self, name, nodes):
         """A run of vexiladmin with key changes, and the file of what it shows."""
@@ -49,60 +44,76 @@ class Failover(Case):
     def labels(self, shown):
         return re.findall(r"^Key: +(\S+)", shown.read_text(), re.M)
 
+    def within(self, seconds, since, condition):
+        while not condition():
+            self.assertLess(time.monotonic() - since, seconds)
+            time.sleep(0.1)
+
     def lose(self, loss):
-        with self.cluster() as (first, second, nodes):
-            old = int(first.sql("SELECT count(*) FROM dsessd.keys", database=self.name))
-            runs = [self.changing(f"run{at}", nodes[at:] + nodes[:at]) for at in (0, 1)]
-            time.sleep(1)
-            loss(first)
-            time.sleep(1)
-            second.sql("SELECT pg_promote()")
-            second.sql("ALTER SYSTEM SET synchronous_standby_names = ''", "SELECT pg_reload_conf()")
-            promoted = time.monotonic()
-            for at, node in enumerate(nodes):
-                while "result" not in node.call("key.change", **AS_ROOT, changeId=f"node {at}"):
-                    self.assertLess(time.monotonic() - promoted, 20)
-            for run, shown in runs:
-                before = len(self.labels(shown))
-                while len(self.labels(shown)) == before:
-                    self.assertIsNone(run.poll(), shown.read_text()[-500:])
-                    self.assertLess(time.monotonic() - promoted, 20)
-                    time.sleep(0.1)
-            for run, _ in runs:
-                run.send_signal(signal.SIGTERM)
-                run.wait()
-            acknowledged = [self.labels(shown) for _, shown in runs]
-            kept = second.sql("SELECT label FROM dsessd.keys", database=self.name).split()
-            self.assertEqual(set(sum(acknowledged, [])) - set(kept), set())
-            # One of each node, and what was in hand when each run ended.
-            self.assertLessEqual(len(kept), old + sum(map(len, acknowledged)) + 2 + 2)
+        """Loses the primary while both nodes are asked for changes."""
+        old = int(self.sql("SELECT count(*) FROM dsessd.keys"))
+        runs = [self.changing(f"run{at}", self.nodes[at:] + self.nodes[:at]) for at in (0, 1)]
+        time.sleep(1)
+        loss(self.pair.primary, self.pair.standby)
+        time.sleep(1)
+        self.pair.promote()
+        promoted = time.monotonic()
+        for node in self.nodes:
+            self.within(10, promoted, lambda: "result" in node.call("trace.get"))
+        for node in self.nodes:
+            change = {**AS_ROOT, "changeId": str(node.port)}
+            self.within(20, promoted, lambda: "result" in node.call("key.change", **change))
+        for run, shown in runs:
+            before = len(self.labels(shown))
+            self.within(20, promoted, lambda: run.poll() is not None or len(self.labels(shown)) > before)
+            self.assertIsNone(run.poll(), shown.read_text()[-500:])
+        for run, _ in runs:
+            run.send_signal(signal.SIGTERM)
+            run.wait()
+        acknowledged = [label for _, shown in runs for label in self.labels(shown)]
+        kept = self.sql("SELECT label FROM dsessd.keys").split()
+        self.assertEqual(set(acknowledged) - set(kept), set())
+        # One of each node, and what was in hand when each run ended.
+        self.assertLessEqual(len(kept), old + len(acknowledged) + 2 + 2)
 
     def test_killed(self):
-        self.lose(Postgres.stop)
+        self.lose(lambda primary, _: primary.stop())
 
     def test_frozen(self):
-        self.lose(Postgres.freeze)
+        self.lose(lambda primary, _: primary.freeze())
 
-    def test_no_change_is_acknowledged_that_the_second_lacks(self):
-        with self.cluster() as (first, second, nodes):
-            second.stop()
-            change = request_text("key.change", **AS_ROOT, changeId="c1")
-            start = time.monotonic()
-            with concurrent.futures.ThreadPoolExecutor() as pool:
-                answer = pool.submit(nodes[0].post, change)
-                waiting = "FROM pg_stat_activity WHERE wait_event = 'SyncRep'"
-                while not first.sql(f"SELECT pg_cancel_backend(pid) {waiting}"):
-                    time.sleep(0.05)
-                # PostgreSQL has called that a success; asked again, the node finds its record.
-                self.assertEqual(answer.result()[0], 500)
-            self.assertLess(time.monotonic() - start, 10)
-            self.assertIn("might not have been replicated", nodes[0].log())
-            second.start()
-            self.assertEqual(nodes[1].post(change)[0], 200)
-            self.assertEqual(second.sql("SELECT count(*) FROM dsessd.keys", database=self.name), "3")
-            cluster = nodes[0].call("trace.get")["clusterId"]
-            first.sql("UPDATE dsessd.store SET cluster_id = 'other'", database=self.name)
-            answer = nodes[0].call("key.change", **AS_ROOT, clusterId=cluster)
-            self.assertEqual((answer["error"]["data"]["name"], answer["clusterId"]), ("other-cluster", "other"))
-            self.assertEqual(nodes[0].post(request_text("trace.get"))[0], 503)
-            self.assertIn("holds another cluster now", nodes[0].log())
+    def test_the_standby_gone_before(self):
+        def loss(primary, standby):
+            standby.stop()
+            time.sleep(1)
+            primary.stop()
+            primary.start()  # with changes that the standby lacks, and that are asked for again
+            time.sleep(3)
+            primary.stop()
+            standby.start()
+
+        self.lose(loss)
+
+    def test_no_change_is_acknowledged_that_the_standby_lacks(self):
+        one, other = self.nodes
+        self.pair.standby.stop()
+        change = request_text("key.change", **AS_ROOT, changeId="c1")
+        start = time.monotonic()
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            answer = pool.submit(one.post, change)
+            waiting = "FROM pg_stat_activity WHERE wait_event = 'SyncRep'"
+            while not self.sql(f"SELECT pg_cancel_backend(pid) {waiting}"):
+                time.sleep(0.05)
+            # PostgreSQL has called that a success; asked again, the node finds its record.
+            self.assertEqual(answer.result()[0], 500)
+        self.assertLess(time.monotonic() - start, 10)
+        self.assertIn("might not have been replicated", one.log())
+        self.pair.standby.start()
+        self.assertEqual(other.post(change)[0], 200)
+        self.assertEqual(self.pair.standby.sql("SELECT count(*) FROM dsessd.keys", database=self.name), "3")
+        cluster = one.call("trace.get")["clusterId"]
+        self.sql("UPDATE dsessd.store SET cluster_id = 'other'")
+        answer = one.call("key.change", **AS_ROOT, clusterId=cluster)
+        self.assertEqual((answer["error"]["data"]["name"], answer["clusterId"]), ("other-cluster", "other"))
+        self.assertEqual(one.post(request_text("trace.get"))[0], 503)
+        self.assertIn("holds another cluster now", one.log())

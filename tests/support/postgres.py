@@ -1,6 +1,7 @@
 """A private PostgreSQL for tests: with Postgres() as postgres: ... new_database(postgres.directory) is the URI of one.
-As a program, runs a command that finds the directory in DSESSD_POSTGRES; ends with 77 where none is installed."""
+Pair() is one with a standby. As a program, runs a command that finds the directory in DSESSD_POSTGRES; ends with 77 where none is installed."""
 
+import contextlib
 import glob
 import os
 import pathlib
@@ -18,7 +19,7 @@ PROGRAMS = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path
 def new_database(directory):
     name = f"test{time.monotonic_ns()}"
     subprocess.run([f"{PROGRAMS}/createdb", "-h", directory, "-U", "dsessd", name], check=True)
-    return f"postgresql://dsessd@/{name}?host={directory}"
+    return f"postgresql://dsessd@/{name}?host={directory}&target_session_attrs=read-write"
 
 
 def children(pid):
@@ -42,14 +43,12 @@ class Postgres:
             os.chown(self.directory, nobody.pw_uid, nobody.pw_gid)
             self.user += [f"--reuid={nobody.pw_uid}", f"--regid={nobody.pw_gid}", "--clear-groups"]
 
-    def standby(self):
-        """A second server that follows this one; from now on each commit waits for it."""
-        other = Postgres()
-        other.make_directory()
-        copy = ["-h", self.directory, "-U", "dsessd", "-D", "data", "-R", "-N", "-c", "fast"]
-        other.run("pg_basebackup", *copy).wait()
-        self.sql("ALTER SYSTEM SET synchronous_standby_names = '*'", "SELECT pg_reload_conf()")
-        return other.start()
+    def follow(self, primary):
+        """Starts as a standby of another server, whose commits wait for it from now on."""
+        copy = ["-h", primary.directory, "-U", "dsessd", "-D", "data", "-R", "-N", "-c", "fast"]
+        self.run("pg_basebackup", *copy).wait()
+        primary.sql("ALTER SYSTEM SET synchronous_standby_names = '*'", "SELECT pg_reload_conf()")
+        self.start()
 
     def sql(self, *texts, database="postgres"):
         command = [f"{PROGRAMS}/psql", "-qAtX", "-h", self.directory, "-U", "dsessd", database]
@@ -70,20 +69,49 @@ class Postgres:
         return self
 
     def stop(self):
-        """At once, as in a crash."""
+        """At once, as in a crash, also where it stands still."""
         if self.process.poll() is None:
-            self.freeze(signal.SIGCONT)
-        self.process.send_signal(signal.SIGQUIT)
-        self.process.wait()
+            self.process.send_signal(signal.SIGQUIT)
+            for process in children(self.process.pid):
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(process, signal.SIGKILL)
+            self.process.send_signal(signal.SIGCONT)
+            self.process.wait()
 
     def freeze(self, how=signal.SIGSTOP):
-        """Stops the server and all its processes where they are."""
+        """Stops the server and all its processes where they are, or lets them go on by SIGCONT."""
         for process in [self.process.pid, *children(self.process.pid)]:
             os.kill(process, how)
 
     def __exit__(self, *_):
         self.stop()
         shutil.rmtree(self.directory)
+
+
+class Pair:
+    """A primary and a standby; new_database(pair.directory) is the URI of a database of whichever is the primary."""
+
+    def __enter__(self):
+        self.primary, self.standby = Postgres().__enter__(), Postgres()
+        self.standby.make_directory()
+        self.standby.follow(self.primary)
+        self.directory = f"{self.primary.directory},{self.standby.directory}"
+        return self
+
+    def promote(self):
+        """Makes the standby the primary, once that is lost."""
+        self.standby.sql("SELECT pg_promote()")
+        self.primary, self.standby = self.standby, self.primary
+
+    def repair(self):
+        """Makes the primary that was lost a standby."""
+        self.standby.stop()
+        shutil.rmtree(self.standby.directory / "data")
+        self.standby.follow(self.primary)
+
+    def __exit__(self, *_):
+        self.standby.__exit__()
+        self.primary.__exit__()
 
 
 if __name__ == "__main__":
