@@ -32,6 +32,7 @@ namespace net = boost::asio;
 using Clock = HttpConnection::Clock;
 
 constexpr std::chrono::milliseconds kTick{100};
+constexpr std::chrono::seconds kHangsAfter{10};
 constexpr int kTakeInTurn = 64;
 constexpr std::chrono::minutes kSayBusyEvery{1};
 /// Who has no more than this part of the connections is not refused for what others have.
@@ -48,6 +49,8 @@ class Loop {
     long load() const { return m_place.use_count(); }
     /// For any thread.
     bool isRunning() const { return m_running; }
+    /// For any thread: whether it does not hang.
+    bool turns() const { return Clock::now() - m_turned.load() < kHangsAfter; }
     /// Waits until it serves connections. Throws what keeps it from that.
     void awaitStart() { m_started.get_future().get(); }
 
@@ -111,6 +114,7 @@ class Loop {
 
     void tick() {
         const auto now = Clock::now();
+        m_turned = now;
         const auto stop = m_setting.stop.load();
         forEach([&](HttpConnection& connection) {
             if (now >= stop) {
@@ -163,6 +167,7 @@ class Loop {
     /// When the log was last told that connections are refused.
     Clock::time_point m_saidBusy = Clock::time_point::min();
     std::atomic<bool> m_running = true;
+    std::atomic<Clock::time_point> m_turned = Clock::now();
     std::promise<void> m_started;
 };
 
@@ -194,7 +199,8 @@ class HttpServer::Running {
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
 
-    void run(const std::function<void()>& onReady, const std::function<void()>& onStop) {
+    void run(const std::function<void()>& onReady, const std::function<void()>& onTurn,
+             const std::function<void()>& onStop) {
         std::vector<std::jthread> threads;
         try {
             for (const auto& loop : m_loops) {
@@ -204,7 +210,7 @@ class HttpServer::Running {
                 loop->awaitStart();
             }
             onReady();
-            takeConnections();
+            takeConnections(onTurn);
         } catch (...) {
             m_setting.stop = Clock::now();
             throw;
@@ -221,7 +227,7 @@ class HttpServer::Running {
   private:
     /// Until the server is to stop. Does without Asio, which calls nobody back when there is no memory for a
     /// connection.
-    void takeConnections() {
+    void takeConnections(const std::function<void()>& onTurn) {
         std::array<pollfd, 2> waited{{{m_signals, POLLIN, 0}, {m_listener.get(), POLLIN, 0}}};
         for (bool canTake = true;;) {
             const bool isAny = ::poll(waited.data(), canTake ? 2 : 1, static_cast<int>(kTick.count())) > 0;
@@ -233,6 +239,10 @@ class HttpServer::Running {
                     m_setting.tls->tick();
                 }
                 m_lanes.tick();
+                if (m_lanes.turn() &&
+                    std::all_of(m_loops.begin(), m_loops.end(), [](const auto& loop) { return loop->turns(); })) {
+                    onTurn();
+                }
                 canTake = takeThoseThatWait();
             } catch (const std::exception& error) {
                 m_setting.log.failed("cannot take a connection", error);
@@ -288,9 +298,9 @@ HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string
 HttpServer::~HttpServer() = default;
 
 void HttpServer::run(Listener listener, int signals, const std::function<void()>& onReady,
-                     const std::function<void()>& onStop) {
+                     const std::function<void()>& onTurn, const std::function<void()>& onStop) {
     Running running(*this, std::move(listener), signals);
-    running.run(onReady, onStop);
+    running.run(onReady, onTurn, onStop);
 }
 
 }  // namespace dsessd

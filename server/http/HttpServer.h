@@ -21,10 +21,12 @@ class HttpServer {
                const HttpLimits& limits);
     ~HttpServer();
 
-    /// Calls `onReady` as soon as whatever is asked would be answered, and serves until `signals`, a signalfd(2), gives
-    /// another signal than SIGHUP, which reloads what can be; then calls `onStop` and finishes what is in progress.
-    /// When it returns, no thread of the server is left.
-    void run(Listener listener, int signals, const std::function<void()>& onReady, const std::function<void()>& onStop);
+    /// Serves what comes to an open listener: calls `onReady` as soon as whatever is asked would be answered, and
+    /// `onTurn` several times a second as long as no thread hangs. When `signals`, a signalfd(2), gives another signal
+    /// than SIGHUP, which reloads what can be, it calls `onStop` and finishes what is in progress. When it returns, no
+    /// thread of the server is left.
+    void run(Listener listener, int signals, const std::function<void()>& onReady, const std::function<void()>& onTurn,
+             const std::function<void()>& onStop);
 
   private:
     class Running;

@@ -37,11 +37,11 @@ HostAndPort split(std::string_view text) {
     return {std::string(host), std::string(port)};
 }
 
-QelFileDescriptor listenOn(const addrinfo& address) {
+QelFileDescriptor bindTo(const addrinfo& address) {
     QelFileDescriptor socket(::socket(address.ai_family, address.ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const int on = 1;
     if (!socket.isOpen() || ::setsockopt(socket.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0 || ::listen(socket.get(), SOMAXCONN) != 0) {
+        ::bind(socket.get(), address.ai_addr, address.ai_addrlen) != 0) {
         return QelFileDescriptor();
     }
     return socket;
@@ -55,6 +55,10 @@ unsigned portOf(int fd) {
     }
     // The port lies at the same place in both families.
     return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
+}
+
+[[noreturn]] void fail(std::string_view hostAndPort, int error) {
+    throw std::runtime_error("cannot listen on " + std::string(hostAndPort) + ": " + std::strerror(error));
 }
 
 }  // namespace
@@ -71,13 +75,19 @@ Listener::Listener(std::string_view hostAndPort) {
     const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> addresses(found, ::freeaddrinfo);
     int error = 0;
     for (const addrinfo* address = found; address != nullptr && !m_socket.isOpen(); address = address->ai_next) {
-        m_socket = listenOn(*address);
+        m_socket = bindTo(*address);
         error = errno;
     }
     if (!m_socket.isOpen()) {
-        throw std::runtime_error("cannot listen on " + std::string(hostAndPort) + ": " + std::strerror(error));
+        fail(hostAndPort, error);
     }
     m_address = std::string(hostAndPort.substr(0, hostAndPort.rfind(':') + 1)) + std::to_string(portOf(m_socket.get()));
+}
+
+void Listener::open() {
+    if (::listen(m_socket.get(), SOMAXCONN) != 0) {
+        fail(m_address, errno);
+    }
 }
 
 QelFileDescriptor Listener::accept() {

@@ -8,12 +8,13 @@
 
 namespace dsessd {
 
-/// Listens on `HOST:PORT`: an IPv4 address, an IPv6 address in brackets, or a name, of whose addresses the first that
-/// can be listened on is taken. Port 0 lets the system pick one. Throws std::runtime_error with one line that says why
-/// not.
+/// Stands for `HOST:PORT`: an IPv4 address, an IPv6 address in brackets, or a name, of whose addresses the first that
+/// is free is taken. Port 0 lets the system pick one. Connections are refused until open(). Both throw
+/// std::runtime_error with one line that says why not.
 class Listener {
   public:
     explicit Listener(std::string_view hostAndPort);
+    void open();
     /// The next connection that has come in, as a socket that does not block. None: errno says why, EAGAIN if no other
     /// has come.
     QelFileDescriptor accept();

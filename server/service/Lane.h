@@ -28,15 +28,14 @@ struct LaneRule {
     std::chrono::milliseconds longestWork;
 };
 
-/// A row for each lane, in the order of the enumeration. The change before it may be one of a million sessions; once it
-/// has begun, a change is not given up.
+/// A row for each lane, in the order of the enumeration. A change may be one of a million sessions.
 inline constexpr std::array<LaneRule, 6> kLanes{{
     {0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20)},
     {8, 8, std::chrono::seconds(10), std::chrono::seconds(30)},
     {2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {1, 1, std::chrono::seconds(30), std::chrono::hours(24)},
+    {1, 1, std::chrono::seconds(30), std::chrono::minutes(15)},
 }};
 
 constexpr const LaneRule& ruleOf(Lane lane) {

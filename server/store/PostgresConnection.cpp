@@ -78,9 +78,10 @@ bool meansUnavailable(const std::string& code) {
     return code.starts_with("53") || code.starts_with("57") || code.starts_with("58");
 }
 
-/// What this process cannot go on with, though the connection may stand: the server stops, or has become a standby.
+/// What this process cannot go on with, though the connection may stand: the server stops, or is a standby, which
+/// neither writes nor begins to.
 bool meansLost(const std::string& code) {
-    return code.starts_with("57P") || code.starts_with("08") || code == "25006";
+    return code.starts_with("57P") || code.starts_with("08") || code == "25006" || code == "0A000";
 }
 
 template <typename Integer>
@@ -100,7 +101,32 @@ int PostgresRows::changed() const {
     return numberOf<int>(PQcmdTuples(m_result.get()));
 }
 
-void PostgresConnection::open() {
+/// Whether it is no use to connect again, since the server turns this user, password or database down, or the URI has a
+/// value that does not exist.
+bool PostgresConnection::isRefused() {
+    const std::array<const char*, 5> keywords{"dbname", "host", "hostaddr", "port", nullptr};
+    const std::array<const char*, 5> values{m_uri.c_str(), "localhost", "127.0.0.1", "1", nullptr};
+    if (PQconnectionNeedsPassword(m_connection.get()) == 1 ||
+        PQpingParams(keywords.data(), values.data(), 1) == PQPING_NO_ATTEMPT) {
+        return true;
+    }
+    // libpq gives the code of a connection that failed only as a text for people, at the end of a line.
+    PQsetErrorVerbosity(m_connection.get(), PQERRORS_SQLSTATE);
+    PQreset(m_connection.get());
+    const std::string text = PQerrorMessage(m_connection.get());
+    constexpr std::size_t kCode = 5;
+    for (std::size_t end = 0; (end = text.find('\n', end + 1)) != std::string::npos;) {
+        const std::size_t begin = end - std::min(end, kCode);
+        const std::string code = text.substr(begin, end - begin);
+        const bool isCode = text.substr(0, begin).ends_with(":  ");
+        if (isCode && !meansUnavailable(code) && !meansLost(code)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void PostgresConnection::open(bool isFirst) {
     std::vector<const char*> keywords;
     std::vector<const char*> values;
     for (const auto& [keyword, value] : kDefaults) {
@@ -114,9 +140,11 @@ void PostgresConnection::open() {
     }
     m_connection.reset(PQconnectdbParams(keywords.data(), values.data(), 1));
     if (m_connection == nullptr || PQstatus(m_connection.get()) != CONNECTION_OK) {
-        const std::string why = m_connection == nullptr ? "no memory" : lineOf(PQerrorMessage(m_connection.get()));
+        const std::string why = nameOf(m_uri) + " cannot be reached: " +
+                                (m_connection == nullptr ? "no memory" : lineOf(PQerrorMessage(m_connection.get())));
+        const bool isFinal = isFirst && m_connection != nullptr && isRefused();
         close();
-        throw Failure(Reason::kUnavailable, nameOf(m_uri) + " cannot be reached: " + why);
+        throw Failure(isFinal ? Reason::kFailed : Reason::kUnavailable, why);
     }
     PQsetNoticeReceiver(m_connection.get(), takeNotice, this);
     run(kSettings);

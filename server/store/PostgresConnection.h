@@ -103,8 +103,9 @@ class PostgresConnection {
     PostgresConnection(const PostgresConnection&) = delete;
     PostgresConnection& operator=(const PostgresConnection&) = delete;
 
-    /// Connects, and sets what holds for the connection. Throws Failure.
-    void open();
+    /// Connects, and sets what holds for the connection. Throws Reason::kUnavailable; the first time Reason::kFailed
+    /// when it is no use to try again.
+    void open(bool isFirst);
     /// The host and port that it leads to.
     std::string place() const;
     bool isOpen() const { return m_connection != nullptr; }
@@ -133,6 +134,7 @@ class PostgresConnection {
 
     using Clock = std::chrono::steady_clock;
 
+    bool isRefused();
     static void takeNotice(void* self, const PGresult* notice);
     void send(const char* sql, std::initializer_list<Value> values);
     void await();

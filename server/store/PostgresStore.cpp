@@ -529,7 +529,7 @@ class PostgresStore final : public Store {
 
     /// Connects, and makes the schema if that is wanted; throws unless it is ours and of this version.
     void connect(IfMissing ifMissing) {
-        m_connection.open();
+        m_connection.open(m_clusterId.empty());
         try {
             if (m_connection.run("SHOW server_encoding").text(0, 0) != "UTF8") {
                 throw Failure(m_name + " cannot be used: its encoding is not UTF8");
@@ -700,10 +700,6 @@ class PostgresStore final : public Store {
 };
 
 }  // namespace
-
-bool isPostgresUri(const std::string& data) {
-    return data.starts_with("postgresql://") || data.starts_with("postgres://");
-}
 
 std::string nameOfPostgres(const std::string& uri) {
     return PostgresConnection::nameOf(uri);

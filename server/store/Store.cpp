@@ -85,19 +85,23 @@ std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
 }
 
 std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing, Say say) {
-    if (!isPostgresUri(data)) {
+    if (!isDatabase(data)) {
         return openSqliteStore(data, ifMissing);
     }
     return openPostgresStore(
         data, ifMissing, say ? std::move(say) : [](const std::string& line) { std::cerr << line + '\n'; });
 }
 
+bool Store::isDatabase(const std::string& data) {
+    return data.starts_with("postgresql://") || data.starts_with("postgres://");
+}
+
 std::string Store::describe(const std::string& data) {
-    return isPostgresUri(data) ? nameOfPostgres(data) : data;
+    return isDatabase(data) ? nameOfPostgres(data) : data;
 }
 
 StorePool::StorePool(const std::string& data, Store::Say say)
-    : m_isEmbedded(!isPostgresUri(data)), m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
+    : m_isEmbedded(!Store::isDatabase(data)), m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
     m_idle.reserve(kIdleStores);  // giving one back must not fail
 }
 

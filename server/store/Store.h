@@ -127,6 +127,8 @@ class Store {
     static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing, Say say = {});
     /// What messages call it, without a password.
     static std::string describe(const std::string& data);
+    /// Whether the data are in a database server, and not in a file, which this process reads itself.
+    static bool isDatabase(const std::string& data);
     Store() = default;
     Store(const Store&) = delete;
     Store& operator=(const Store&) = delete;

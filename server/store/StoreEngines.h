@@ -20,7 +20,6 @@ inline constexpr int kForgetAtOnce = 100;
 
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
 
-bool isPostgresUri(const std::string& data);
 std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say);
 std::string nameOfPostgres(const std::string& uri);
 

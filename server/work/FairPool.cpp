@@ -57,6 +57,11 @@ FairPool::Task FairPool::takeBack(Clock::time_point before) {
     return {};
 }
 
+bool FairPool::turns(Clock::duration within) {
+    const std::lock_guard lock(m_mutex);
+    return m_working < m_threads.size() || m_working == 0 || Clock::now() - m_turned < within;
+}
+
 std::list<FairPool::Line>::iterator FairPool::next() {
     return std::find_if(m_lines.begin(), m_lines.end(),
                         [this](const Line& line) { return !line.tasks.empty() && line.running < m_mostForOne; });
@@ -75,10 +80,14 @@ void FairPool::work() {
             const Task task = std::move(line->tasks.front().task);
             line->tasks.pop_front();
             ++line->running;
+            ++m_working;
+            m_turned = Clock::now();
             lock.unlock();
             task();
         }
         lock.lock();
+        --m_working;
+        m_turned = Clock::now();
         if (--line->running == 0 && line->tasks.empty()) {
             m_lines.erase(line);
         }

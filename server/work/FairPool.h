@@ -35,6 +35,9 @@ class FairPool {
     /// Takes back a task that has waited since before a moment. Empty: there is none.
     Task takeBack(Clock::time_point before);
 
+    /// False: all threads have been at work for so long without beginning or ending a task.
+    bool turns(Clock::duration within);
+
   private:
     struct Waiting {
         Task task;
@@ -54,6 +57,9 @@ class FairPool {
     std::mutex m_mutex;
     std::condition_variable m_changed;
     bool m_stopping = false;
+    /// How many threads are at work, and when the last one has begun or ended a task.
+    std::size_t m_working = 0;
+    Clock::time_point m_turned;
     /// Who has waited longest for a turn is in front.
     std::list<Line> m_lines;
     std::vector<std::jthread> m_threads;

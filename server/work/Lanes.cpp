@@ -63,6 +63,15 @@ void Lanes::tick() {
     }
 }
 
+bool Lanes::turn() {
+    for (std::size_t lane = 0; lane < kLanes.size(); ++lane) {
+        if (!m_pools[lane].turns(2 * kLanes[lane].longestWork)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void Lanes::step(const std::shared_ptr<Job>& job, Lane lane) noexcept {
     try {
         const Lane next = m_service.advance(*job->m_call, lane);

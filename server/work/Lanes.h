@@ -46,6 +46,8 @@ class Lanes {
 
     /// To be called every now and then: tells those who have waited too long for their turn.
     void tick();
+    /// False: a lane hangs, since all its threads have been at work for twice as long as a step may take.
+    bool turn();
 
   private:
     void post(const std::shared_ptr<Job>& job, Lane lane);

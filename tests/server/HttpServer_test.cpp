@@ -38,11 +38,12 @@ struct HttpServing : testing::Test {
         cluster->commit();
         ASSERT_EQ(::pipe(stop.data()), 0);
         Listener listener("127.0.0.1:0");
+        listener.open();
         port = static_cast<std::uint16_t>(std::stoi(listener.address().substr(10)));
         thread = std::thread([this, limits, moved = std::move(listener)]() mutable {
             HttpServer(service, log, {"blue"}, nullptr, limits)
                 .run(
-                    std::move(moved), stop[0], [] {}, [] {});
+                    std::move(moved), stop[0], [] {}, [] {}, [] {});
         });
     }
     void end() {

@@ -1,12 +1,15 @@
 """Several nodes of one cluster: what one does shows at the others, and what they do when the database goes."""
 
+import concurrent.futures
 import contextlib
+import os
 import signal
+import socket
 import time
 import unittest
 import unittest.mock
 
-from dsessd import AS_ROOT, JSON, ROOT, Dsessd, request_text
+from dsessd import AS_ROOT, DEADLINE, JSON, ROOT, Dsessd, request_text
 from postgres import PROGRAMS, Postgres
 
 
@@ -63,3 +66,38 @@ class Nodes(unittest.TestCase):
             self.assertRegex(one.log(), "failure the store failed: the PostgreSQL database test.* cannot be reached: ")
             postgres.start()
             self.share_one_cluster(one, other)
+
+    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    def test_waits_for_its_database_and_tells_the_service_manager(self):
+        with contextlib.ExitStack() as stack:
+            postgres = stack.enter_context(Postgres())
+            with unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
+                node = Dsessd(anonymous="read")
+            serve = ["serve", "--listen", "127.0.0.1:0", "--instance", "blue", "--data"]
+            for wrong in node.data.replace("/test", "/no"), node.data + "&target_session_attrs=no":
+                self.assertEqual(node.run(*serve, wrong, check=False).returncode, 1)
+            postgres.stop()
+            manager = stack.enter_context(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM))
+            manager.bind(str(node.directory / "notify"))
+            manager.settimeout(DEADLINE)
+            node.environment = {**os.environ, "NOTIFY_SOCKET": manager.getsockname(), "WATCHDOG_USEC": "90000"}
+            pool = stack.enter_context(concurrent.futures.ThreadPoolExecutor())
+
+            start = pool.submit(node.start)
+            self.assertIn(b"STATUS=waiting for the store", manager.recv(999))
+            postgres.start()
+            while not (told := manager.recv(999)).startswith(b"READY=1"):
+                self.assertIn(b"STATUS=waiting", told)
+            self.assertIn("result", start.result().call("trace.get"))
+            self.assertEqual(manager.recv(999), b"WATCHDOG=1")
+            self.assertEqual(node.stop(), 0)
+            while (told := manager.recv(999)) == b"WATCHDOG=1":
+                pass
+            self.assertIn(b"STOPPING=1", told)
+
+            postgres.stop()
+            start = pool.submit(node.start)
+            self.assertIn(b"STATUS=waiting", manager.recv(999))
+            node.process.terminate()
+            self.assertEqual(node.process.wait(2), 0)
+            self.assertIn("no readiness line", str(start.exception()))

@@ -1,7 +1,6 @@
-#include "server/Commands.h"
-
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,22 +9,30 @@
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
+#include <future>
 #include <iostream>
 #include <limits>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <thread>
 
-#include "runtime/qel_utf8.h"
+#include "server/Commands.h"
 #include "server/Heartbeat.h"
 #include "server/http/HttpServer.h"
 #include "server/log/Log.h"
 #include "server/log/Text.h"
 #include "server/service/Authenticator.h"
-#include "server/service/Password.h"
 
 namespace dsessd {
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kTryEvery{1};
+constexpr std::chrono::minutes kSayEvery{1};
+constexpr std::chrono::milliseconds kLookEvery{20};
 
 /// SIGTERM, SIGINT and SIGHUP as a descriptor to wait for. Made before any thread, so that all threads leave them
 /// alone.
@@ -101,10 +108,92 @@ void checkThatItTakesChanges(StorePool& stores) {
         stores.take()->tryWriting();
     } catch (const Failure& failure) {
         if (failure.reason() != Reason::kBusy) {  // if it is, somebody else can write
-            throw Failure(std::string("the store takes no changes: ") + failure.what());
+            throw Failure(failure.reason() == Reason::kUncertain ? Reason::kUnavailable : failure.reason(),
+                          std::string("the store takes no changes: ") + failure.what());
         }
     }
 }
+
+/// All of the server that needs the store.
+class Node {
+  public:
+    /// Throws Failure.
+    Node(const ServeOptions& options, Log& log)
+        : m_stores(options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); }),
+          service(m_stores, m_authenticator, log, options.anonymous) {
+        checkThatItTakesChanges(m_stores);
+        m_beat.emplace(m_stores, log, options.membership);
+    }
+
+  private:
+    StorePool m_stores;
+    Authenticator m_authenticator;
+
+  public:
+    Service service;
+
+  private:
+    std::optional<Heartbeat> m_beat;
+};
+
+/// Waits for a database that cannot be used yet: it may come later than the server. What is wrong with a file stays so.
+std::unique_ptr<Node> makeNode(const ServeOptions& options, Log& log) {
+    std::string said;
+    Clock::time_point nextSay;
+    for (;; std::this_thread::sleep_for(kTryEvery)) {
+        try {
+            return std::make_unique<Node>(options, log);
+        } catch (const Failure& failure) {
+            const bool mayPass = failure.reason() == Reason::kUnavailable || failure.reason() == Reason::kBusy;
+            if (!mayPass || !Store::isDatabase(options.data)) {
+                throw;
+            }
+            if (failure.what() == said && Clock::now() < nextSay) {
+                continue;
+            }
+            said = failure.what();
+        }
+        nextSay = Clock::now() + kSayEvery;
+        const std::string line = "waiting for the store: " + harmless(said);
+        log.write(Topic::kFailure, line);
+        sd_notify(0, ("STATUS=" + line).c_str());
+    }
+}
+
+/// Nothing has begun while a node waits for its store, so a signal ends the process at once.
+std::unique_ptr<Node> awaitNode(const ServeOptions& options, Log& log, int signals) {
+    auto node = std::async(std::launch::async, makeNode, std::cref(options), std::ref(log));
+    while (node.wait_for(kLookEvery) != std::future_status::ready) {
+        signalfd_siginfo signal{};
+        if (::read(signals, &signal, sizeof signal) == sizeof signal && signal.ssi_signo != SIGHUP) {
+            log.write(Topic::kNotice, "stopped before it served");
+            ::_exit(0);
+        }
+    }
+    return node.get();
+}
+
+/// Tells the service manager that the server works, as often as it wants to hear it.
+class Watchdog {
+  public:
+    Watchdog() {
+        std::uint64_t microseconds = 0;
+        if (sd_watchdog_enabled(0, &microseconds) > 0) {
+            m_every = std::chrono::microseconds(microseconds / 3);
+        }
+    }
+    void works() {
+        const auto now = Clock::now();
+        if (m_every.count() > 0 && now >= m_next) {
+            m_next = now + m_every;
+            sd_notify(0, "WATCHDOG=1");
+        }
+    }
+
+  private:
+    std::chrono::microseconds m_every{0};
+    Clock::time_point m_next;
+};
 
 }  // namespace
 
@@ -115,80 +204,27 @@ int serve(const ServeOptions& options) {
     limits.connections = std::min(limits.connections, (allowManyDescriptors() - kOtherDescriptors) / 2);
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
-    StorePool stores(options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); });
-    Authenticator authenticator;
-    Service service(stores, authenticator, log, options.anonymous);
     const auto tls = options.tls.certificate.empty() ? nullptr : std::make_unique<TlsInForce>(options.tls, log);
-    HttpServer server(service, log, options.instances, tls.get(), limits);
+    // Whose node waits is refused a connection, and goes on to another at once.
     Listener listener(options.listen);
-    const Heartbeat beat(stores, log, options.membership);
-
-    checkThatItTakesChanges(stores);
-    const auto sayReady = [&log, ready = readyLine(options, listener)] {
-        log.write(Topic::kNotice, ready.substr(ready.find("listening")));
+    const std::unique_ptr<Node> node = awaitNode(options, log, signals.get());
+    HttpServer server(node->service, log, options.instances, tls.get(), limits);
+    const auto sayReady = [&, ready = readyLine(options, listener)] {
+        const std::string text = ready.substr(ready.find("listening"));
+        log.write(Topic::kNotice, text);
+        sd_notify(0, ("READY=1\nSTATUS=" + text).c_str());
         std::cout << ready << std::endl;  // last: nothing fails any more
     };
-    server.run(std::move(listener), signals.get(), sayReady, [&] { lastResort.startClock(); });
+    const auto sayStopping = [&] {
+        lastResort.startClock();
+        sd_notify(0, "STOPPING=1\nSTATUS=finishing the requests in progress");
+    };
+    listener.open();
+    server.run(
+        std::move(listener), signals.get(), sayReady, [watchdog = Watchdog()]() mutable { watchdog.works(); },
+        sayStopping);
     log.write(Topic::kNotice, "stopped");
     return 0;
-}
-
-namespace {
-
-void checkName(const std::string& name) {
-    if (name.empty() || name.size() > kMaxNameBytes || !qel_utf8_is_text(name) || name == kAnonymousUser) {
-        throw std::runtime_error("'" + harmless(name) + "' cannot be an administrator's name");
-    }
-}
-
-void addAdministrator(Store& store, const AdminOptions& options) {
-    const std::string hash = hashOfNewPassword(options.name);
-    const bool isNew = store.putAdministrator({options.name, hash, options.role});
-    std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
-              << (options.role == Role::kRead ? ", may read" : ", may change") << std::endl;
-}
-
-void removeAdministrator(Store& store, const std::string& name) {
-    if (!store.removeAdministrator(name)) {
-        throw std::runtime_error("there is no administrator " + harmless(name));
-    }
-    std::cout << "dsessd: administrator " << harmless(name) << " removed" << std::endl;
-}
-
-void listAdministrators(Store& store) {
-    for (const Administrator& administrator : store.administrators()) {
-        std::cout << harmless(administrator.name) << " " << nameOf(administrator.role) << "\n";
-    }
-}
-
-}  // namespace
-
-int administrate(const AdminOptions& options) {
-    using Action = AdminOptions::Action;
-    if (options.action == Action::kAdd) {
-        checkName(options.name);
-    }
-    const auto store =
-        Store::open(options.data, options.action == Action::kAdd ? Store::IfMissing::kCreate : Store::IfMissing::kFail);
-    try {
-        switch (options.action) {
-            case Action::kAdd:
-                addAdministrator(*store, options);
-                break;
-            case Action::kRemove:
-                removeAdministrator(*store, options.name);
-                break;
-            case Action::kList:
-                listAdministrators(*store);
-                break;
-        }
-        return 0;
-    } catch (const Failure& error) {
-        if (error.reason() == Reason::kUncertain) {
-            throw;
-        }
-        throw Failure(Store::describe(options.data) + " cannot be used: " + error.what());
-    }
 }
 
 }  // namespace dsessd
