@@ -32,7 +32,7 @@ bool insertsFit(std::uint32_t identifier, std::string_view insertFormat) {
             return insertFormat == expected;
         }
     }
-    return true;  // such a message takes none
+    return true;  // the table lacks the message, so nothing is known of its inserts
 }
 
 std::string entryText(std::uint32_t identifier, std::string_view insertFormat, std::va_list inserts,

@@ -30,7 +30,7 @@ bool tryAgain(int descriptor, short event) {
     return errno == EINTR;
 }
 
-/// Writes out what stdout was given. Returns false, with errno, on a failure, after which that is gone.
+/// Writes out what stdout holds, and empties it even on a failure. Returns false then, with errno.
 bool writeOutput() noexcept {
     bool isWritten = true;
     while (isWritten && g_taken < g_filled) {

@@ -1,5 +1,5 @@
-/// What the command line asks for, done. Each returns an exit status; what stands in the way comes out as an exception
-/// with one line of text.
+/// Carry out what the command line asks for. Each returns an exit status, and throws an exception with one line of text
+/// when it cannot.
 #pragma once
 
 #include "server/Options.h"

@@ -28,8 +28,8 @@ struct Run {
     int operator()(const dsessd::AdminOptions& options) const { return told(dsessd::administrate(options)); }
 };
 
-/// For what nobody catches: where there is no memory, what is set up before main throws, and where there was none for
-/// exceptions from the start, whatever throws.
+/// Ends the program for an exception that nobody can catch. Without memory that happens before main begins; if there
+/// was none for exceptions from the start, every throw ends here.
 [[noreturn]] void endWithALine() {
     constexpr std::string_view kLine = "dsessd: ended, most likely for want of memory\n";
     static_cast<void>(qel_write(STDERR_FILENO, kLine));

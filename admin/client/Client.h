@@ -27,14 +27,13 @@ struct Operation {
 
 /// Failover:
 ///  - Locations are tried in order, the one that last answered first. Each has an equal share of what is left of the
-///    timeout; time in which an answer flows is nobody's.
+///    timeout. Time in which an answer arrives counts for none of them.
 ///  - The next location is asked whatever went wrong, but once a server may have carried a change out, its fate is
 ///    known only by an answer: the change is sent again, under the same identifier, by which a server knows it. It goes
 ///    to the same location, and to the others when an earlier answer has told which cluster it is meant for.
 ///  - A server that says that it cannot take a request now (HTTP status 503) may do so soon: a cluster fails over
-///  within
-///    some seconds. Once one has, all locations are asked again until the time is up, with pauses, also those that were
-///    out of reach: their server may be about to start again. Without such a sign nobody is kept waiting.
+///    within some seconds. Once one has, all locations are asked again until the time is up, with pauses, also those
+///    that were out of reach: their server may be about to start again. Without such a sign nobody is kept waiting.
 ///  - When no location gave an answer, the status names what they failed of last, if that was the same for all;
 ///    otherwise it is kStatusNoLocation.
 class Client {
@@ -72,8 +71,8 @@ class Client {
     std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
     /// Shows at once what the locations failed of, each cause in a line of its own.
     void showCauses(const Request& request) const;
-    /// Returns the status, having traced what its text leaves to say: under which name a request was sent that the
-    /// server refused to that user, and `words`, the server's own, for other refusals.
+    /// Traces what the text of a status does not say: the user's name when the server refused that user, and the
+    /// server's own words for other refusals. Returns the status.
     std::uint32_t explained(std::uint32_t status, const Request& request, const std::string& words) const;
     /// The head of a server's text, without the password should the server repeat it.
     static std::string excerpt(const Request& request, std::string_view text);

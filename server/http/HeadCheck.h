@@ -13,8 +13,8 @@ class HeadCheck {
     static constexpr std::size_t kMaxHeadBytes = 16'384;
     static constexpr std::size_t kMaxLineBytes = 8'192;
 
-    /// Takes the head as far as it has arrived, from its first byte: each time the same and what has come since. Looks
-    /// at no byte twice but to take a whole line apart. Gives the status of HTTP to refuse it with; 0: none so far.
+    /// Checks the head as far as it has arrived. Each call gives all of it from its first byte on. Searches no byte
+    /// twice. Returns the HTTP status to refuse the request with, or 0.
     int take(std::string_view head);
     /// The bytes of the whole head with its empty line; 0: it is not all there.
     std::size_t length() const { return m_length; }

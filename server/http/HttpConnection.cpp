@@ -34,10 +34,10 @@ constexpr std::size_t kWriteAtMost = 65'536;
 constexpr std::chrono::seconds kEndWithin{2};
 /// After this long it is worth asking whether the client still waits.
 constexpr std::chrono::milliseconds kQuick{250};
-/// Who has half closed the connection may still read.
+/// How long a client that has closed its sending half is given, since it may still read.
 constexpr std::chrono::seconds kForHalfClosed{1};
 
-/// Who has one IPv6 address has the whole network of it.
+/// An IPv6 client usually has a whole network of 64 bits, so that network counts as one host.
 std::string hostOf(const net::ip::address& address) {
     return address.is_v6() ? net::ip::network_v6(address.to_v6(), 64).canonical().to_string() : address.to_string();
 }
@@ -81,7 +81,7 @@ class HttpConnection::OperationAllocator {
     OperationMemory* m_memory;
 };
 
-/// What co_await waits for an operation with, and leaves its failure in.
+/// The completion token for an operation that a coroutine awaits. A failure goes into `error` and is not thrown.
 auto HttpConnection::into(Error& error) {
     const net::use_awaitable_t<Executor> token;
     return net::redirect_error(net::bind_allocator(OperationAllocator<std::byte>(m_operation), token), error);
@@ -307,8 +307,8 @@ std::string HttpConnection::headOf(int status, std::optional<std::size_t> length
     return head.append(chunked ? "\r\nTransfer-Encoding: chunked\r\n\r\n" : "\r\n\r\n");
 }
 
-/// So that the client still gets what was written, or the alert that says why not: says that no more comes, then reads
-/// what it is sending until it stops, for a while.
+/// Closes so that the client still gets what was written: says that no more comes, then reads for a while what the
+/// client is still sending. A connection with unread input would be reset, and its last output lost.
 HttpConnection::Awaitable<void> HttpConnection::closeGently() {
     become(Doing::kEnding, kEndWithin);
     Error ignored;
@@ -322,7 +322,7 @@ HttpConnection::Awaitable<void> HttpConnection::closeGently() {
     }
 }
 
-/// Nothing with m_error, unless the wait was ended by m_timedOut.
+/// Gives how many bytes came. 0: it failed (m_error), or it took too long (m_timedOut).
 HttpConnection::Awaitable<std::size_t> HttpConnection::receive(net::mutable_buffer room) {
     std::size_t bytes = 0;
     if (m_tls) {
@@ -351,7 +351,7 @@ HttpConnection::Awaitable<void> HttpConnection::send(std::string_view bytes) {
     }
 }
 
-/// Until wake(), or for no reason: whoever waits looks whether what it waits for has come.
+/// Waits until wake(). It may also return without cause, so the caller checks what it waits for.
 HttpConnection::Awaitable<void> HttpConnection::pause() {
     Error ignored;
     co_await m_pause.async_wait(into(ignored));

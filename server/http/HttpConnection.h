@@ -92,7 +92,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     template <typename Result>
     using Awaitable = boost::asio::awaitable<Result, Executor>;
     class Ending;
-    /// So that no operation fails to begin for want of memory, which its coroutine could not be told.
+    /// Memory for the one operation that is pending. With it, no operation fails to begin for want of memory, a failure
+    /// that its coroutine could not be told.
     struct OperationMemory {
         alignas(std::max_align_t) std::array<std::byte, 1024> block;
         bool isUsed = false;

@@ -39,7 +39,7 @@ void HttpRequest::RefuseExtension::operator()(std::uint64_t, boost::beast::strin
 
 HttpRequest::HttpRequest(const std::vector<std::string>& paths) : m_paths(paths) {
     m_parser.header_limit(HeadCheck::kMaxHeadBytes);
-    m_parser.body_limit(boost::none);  // comes last of what is looked at
+    m_parser.body_limit(boost::none);  // the limit comes later: other refusals go first
     m_parser.on_chunk_header(m_refuseExtension);
 }
 
@@ -104,7 +104,8 @@ std::size_t HttpRequest::takeBody(std::string_view bytes) {
 std::size_t HttpRequest::parse(std::string_view bytes) {
     boost::beast::error_code error;
     const std::size_t used = m_parser.put(boost::asio::buffer(bytes), error);
-    // Of a length that is a number, unless a trailer gives it.
+    // In the head, Beast complains of a length only when it is a number that is too large. (A trailer may give one
+    // too.)
     const bool isTooLong = error == http::error::bad_content_length && !m_parser.is_header_done();
     if (error == http::error::body_limit || isTooLong) {
         m_refusal = 413;

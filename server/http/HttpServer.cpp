@@ -35,10 +35,10 @@ constexpr std::chrono::milliseconds kTick{100};
 constexpr std::chrono::seconds kHangsAfter{10};
 constexpr int kTakeInTurn = 64;
 constexpr std::chrono::minutes kSayBusyEvery{1};
-/// Who has no more than this part of the connections is not refused for what others have.
+/// A host with at most this part of the connections (1 of so many) is let in even when there are too many.
 constexpr std::size_t kModestPart = 8;
 
-/// The connections of one thread. All of it belongs to that thread, unless it says otherwise.
+/// One event loop, its thread, and the connections that it serves. Only that thread uses it, but for what is marked.
 class Loop {
   public:
     Loop(HttpSetting& setting, std::size_t most) : m_setting(setting), m_most(most) {}
@@ -96,7 +96,8 @@ class Loop {
     }
 
   private:
-    /// Asio keeps the memory of a thread's last messages. With it, it ends what cannot go on when there is no other.
+    /// Asio keeps the memory of the messages that a thread has handled last, and uses it again. So two messages now let
+    /// it end a connection later, when there is no other memory.
     void keepMemory() {
         for (int i = 0; i < 2; ++i) {
             net::post(context, [unused = std::array<char, 128>()] { static_cast<void>(unused); });
@@ -128,9 +129,9 @@ class Loop {
         });
     }
 
-    /// Of the hosts that have no fewer connections than the newcomer's, the one that has most makes room, by what has
-    /// waited longest for its client; who is slow to take an answer is more likely to be honest than who is slow to
-    /// ask. False: none does, and the newcomer is not from a host that has few.
+    /// Ends a connection so that a new one has room. The host with most connections loses one, but none that has fewer
+    /// than the newcomer's host. Of its connections the one goes that has waited longest for its client; one that waits
+    /// for a request goes before one whose answer is taken slowly. False: none went, and the newcomer's host has many.
     bool makeRoomFor(const HttpConnection& newcomer) {
         std::map<std::string_view, std::size_t> counts{{newcomer.host(), 1}};
         for (const auto& connection : m_connections) {

@@ -10,7 +10,8 @@ namespace {
 
 namespace json = boost::json;
 
-/// The field names in the text of a value: each has a colon behind it, and there is no other outside of texts.
+/// Counts the field names in the text of a value: each has a colon behind it, and outside of texts there is no other
+/// colon.
 std::size_t namesIn(std::string_view text) {
     std::size_t count = 0;
     bool isInside = false;

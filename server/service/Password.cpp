@@ -30,7 +30,7 @@ struct CryptMemory {
     std::unique_ptr<crypt_data> data;
 };
 
-/// Empty: the setting or the password is none that crypt(3) takes.
+/// The hash by crypt(3). Empty when it refuses the setting or the password.
 std::string crypted(const char* password, const char* setting) {
     CryptMemory memory;
     errno = 0;

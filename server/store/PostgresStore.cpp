@@ -87,7 +87,7 @@ constexpr char kPutTraceLevel[] =
     "ON CONFLICT (name) DO UPDATE SET value = excluded.value";
 
 constexpr char kBeginReading[] = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONLY";
-// Whoever changes something holds off loads, and they hold it off: numbers of realms may mean others after one.
+// A change and a load wait for each other: after a load, the number of a realm may mean another realm.
 constexpr char kBeginChange[] =
     "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN ROW EXCLUSIVE MODE; "
     "SELECT cluster_id FROM store";
@@ -253,7 +253,7 @@ class Replacing final : public Store::Replacement {
         if (m_connection.run("SELECT count(*) FROM keys").integer(0, 0) == 0) {
             insertKey(m_connection, presentTime());
         }
-        m_connection.run("SET CONSTRAINTS ALL IMMEDIATE");  // here it may take its time, and fail
+        m_connection.run("SET CONSTRAINTS ALL IMMEDIATE");  // checks now: a commit must neither take long nor fail
         m_transaction.commit();
     }
 
@@ -300,7 +300,7 @@ class PostgresStore final : public Store {
     std::unique_ptr<Store> another() const override {
         return std::make_unique<PostgresStore>(m_uri, IfMissing::kFail, m_say, m_clusterId);
     }
-    void beReliable() override {}  // a database that has not committed a change does not show it either
+    void beReliable() override {}  // nothing to check: PostgreSQL shows only what is committed
     void tryWriting() override {
         transaction(kBeginChange, [&] { return m_connection.run("UPDATE store SET version = version").changed(); });
     }

@@ -22,7 +22,7 @@ constexpr std::int64_t kFrameHeaderBytes = 24;
 
 constexpr std::chrono::milliseconds kCheckEvery{100};
 
-/// So long a data file is at least: its header says how many pages were moved to it.
+/// The least length of the data file: its header says how many pages have been moved to it.
 std::int64_t leastDataBytes(sqlite3* connection) {
     sqlite3_file* file = nullptr;
     std::array<unsigned char, kHeaderBytes> header{};
@@ -41,7 +41,8 @@ std::int64_t leastDataBytes(sqlite3* connection) {
     return number(kPageCountAt, 4) * (pageSize == 1 ? 65'536 : pageSize);
 }
 
-/// Whether the number that stands at this place of the log is 0, as in a hole that was cut and written behind.
+/// Whether the number at this place of the log is 0. It is when the log was cut and then written behind its old end:
+/// what is between is a hole.
 bool isHoleAt(std::int64_t offset, sqlite3* connection) {
     sqlite3_file* file = nullptr;
     std::array<char, 4> number{};
@@ -50,9 +51,9 @@ bool isHoleAt(std::int64_t offset, sqlite3* connection) {
            number == decltype(number){};
 }
 
-/// Whether all of the log that counts can be read.
+/// Whether the part of the write-ahead log that is in use can be read.
 bool isLogWhole(sqlite3* connection) {
-    // Moves it to the data file, as every thousandth page does anyway. Busy: somebody else does.
+    // To move it to the data file means to read it. When SQLite is busy, another connection is doing just that.
     const int result = sqlite3_wal_checkpoint_v2(connection, "main", SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
     return result == SQLITE_OK || result == SQLITE_BUSY;
 }

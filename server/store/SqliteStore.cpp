@@ -19,7 +19,7 @@ namespace {
 
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
 constexpr int kSchemaVersion = 3;
-// Another process may write: a load, or a change of an administrator.
+// How long to wait for another process that writes: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
 constexpr int kBusyPause = 5;
 
@@ -196,8 +196,8 @@ class LargeCache {
     SQLite::Database& m_database;
 };
 
-/// A transaction, undone unless committed; inside another one, a part of that. One that writes takes the lock at once:
-/// a reader that turns writer would fail when another has written meanwhile.
+/// A transaction, undone unless committed. Inside another transaction it is part of that one. A transaction that writes
+/// takes the lock when it begins: a reader that begins to write fails if another has written meanwhile.
 class Transaction {
   public:
     enum class Kind { kRead, kWrite };
@@ -244,11 +244,11 @@ class Transaction {
     bool isInside() const { return sqlite3_get_autocommit(m_connection.database.getHandle()) == 0; }
 
     Connection& m_connection;
-    /// Whether it is this one that ends it.
+    /// Whether this object began the transaction, and so ends it.
     bool m_open;
 };
 
-/// Needed before there are all tables for the prepared statements.
+/// Prepares its own statement: it runs before all tables exist that the prepared ones need.
 void insertKey(SQLite::Database& database, Seconds now) {
     SQLite::Statement statement =
         sqlite([&] { return SQLite::Statement(database, "INSERT INTO keys (label, time) VALUES (?, ?)"); });
@@ -740,7 +740,7 @@ class SqliteStore final : public Store {
         const auto end = std::chrono::steady_clock::now() + kWaitForReaders;
         auto outside = std::exchange(impatient, [end] { return std::chrono::steady_clock::now() > end; });
         const int mode = logPages < kRestartPages ? SQLITE_CHECKPOINT_PASSIVE : SQLITE_CHECKPOINT_RESTART;
-        // What is not moved to the file now is after the next commit.
+        // Pages that cannot be moved to the file now are moved after the next commit.
         static_cast<void>(sqlite3_wal_checkpoint_v2(database, name, mode, nullptr, nullptr));
         impatient = std::move(outside);
         return SQLITE_OK;

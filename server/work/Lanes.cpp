@@ -7,7 +7,7 @@ namespace dsessd {
 
 namespace {
 
-/// So that requests which take long keep a thread that waits for connections from its work for little of the time.
+/// After a step on a loop's thread was too slow, none is tried there for so long: the loop has connections to serve.
 constexpr std::chrono::milliseconds kPauseAtOnce{200};
 
 }  // namespace
@@ -58,7 +58,7 @@ void Lanes::tick() {
     for (std::size_t lane = 0; lane < kLanes.size(); ++lane) {
         const auto before = Clock::now() - kLanes[lane].longestWait;
         while (const FairPool::Task late = m_pools[lane].takeBack(before)) {
-            late();  // nothing but a refusal
+            late();  // refuses: it has waited too long
         }
     }
 }
@@ -92,7 +92,7 @@ void Lanes::fail(Job& job, const std::exception& why) noexcept {
     finish(job);
 }
 
-/// Nothing of the job is touched any more but by whoever waits for it.
+/// From here on only the one who waits for the job may use it.
 void Lanes::finish(Job& job) noexcept {
     const auto wake = std::move(job.m_wake);
     job.m_done.store(true, std::memory_order_release);

@@ -4,9 +4,9 @@
 ///     Content-Type: application/json
 ///     Content-Length: 123
 ///
-/// The HTTP library takes the same bytes apart afterwards. This look says in our own words, and the same with every
-/// version of that library, which answers are none: those that two readers might take apart differently, and those
-/// that are no session server's.
+/// The HTTP library parses the same bytes afterwards. This check comes first, so that refusals are in our own words and
+/// the same with every version of that library. It refuses answers that two readers might take apart differently, and
+/// those that no session server gives.
 #pragma once
 
 #include <cstddef>

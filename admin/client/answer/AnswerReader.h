@@ -37,8 +37,8 @@ struct Answer {
 /// Reads one answer while its bytes come. Of its text it keeps the head and the fields that are wanted.
 class AnswerReader {
   public:
-    /// How much of the head may be shown, and how much is kept: so far that a password which begins in what is shown
-    /// is there to its end.
+    /// How many bytes of the head may be shown, and how many are kept. More are kept, so that a password which begins
+    /// among the shown bytes is there to its end and can be masked.
     static constexpr std::size_t kShownBytes = 2048;
     static constexpr std::size_t kHeadBytes = kShownBytes + protocol::kMaxRequestBytes;
 

@@ -12,7 +12,7 @@ namespace {
 /// Bytes of the first block for texts, and of the largest. Each block has twice as many as the one before it.
 constexpr std::ptrdiff_t kFirstBytes = 1024;
 constexpr std::ptrdiff_t kMostBytes = std::ptrdiff_t{16} * 1024 * 1024;
-/// From here on a block is worth pages of 2 MiB: a long listing's cost less time than those of 4 KiB.
+/// Blocks of this size and more get pages of 2 MiB: they take a long listing less time than pages of 4 KiB.
 constexpr std::size_t kLargeBytes = std::size_t{4} * 1024 * 1024;
 
 }  // namespace

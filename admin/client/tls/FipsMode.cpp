@@ -39,7 +39,7 @@ void FipsMode::enable() {
 
 FipsMode::~FipsMode() {
     if (m_enabled) {
-        static_cast<void>(EVP_default_properties_enable_fips(nullptr, 0));  // stricter than asked for, at worst
+        static_cast<void>(EVP_default_properties_enable_fips(nullptr, 0));  // if it fails, the mode stays on
     }
 }
 

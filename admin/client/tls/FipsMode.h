@@ -7,7 +7,8 @@
 
 namespace olmdsess {
 
-/// Ends the mode, unless the system's configuration had chosen it before.
+/// Restricts the process to approved cryptography from enable() on, as long as the object lives. Where the system's
+/// configuration has done so already, it changes nothing.
 class FipsMode {
   public:
     /// Loads the provider and has it test itself, without changing anything yet: key files are protected by means that

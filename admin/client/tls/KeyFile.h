@@ -23,9 +23,8 @@ struct KeyFile {
 /// refused, so that damage adds nobody to those who are trusted.
 ///
 /// stashPath: a file whose first line is the password; null: none. It has to be a regular file, not a link, that
-/// belongs
-///   to this user or root and gives nobody else any permission. So has a key file whose private key is not encrypted,
-///   though it may be a link; one that is not sealed by a password must not be for others to write.
+///   belongs to this user or root and gives nobody else any permission. The same holds for a key file whose private key
+///   is not encrypted, but it may be a link. A key file that no password seals must not be writable for others.
 /// label: of the identity; null: the only one there is.
 ///
 /// Throws TlsProblem with kStatusKeyFile, or std::bad_alloc.

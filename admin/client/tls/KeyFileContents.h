@@ -19,8 +19,8 @@ struct KeyFileContents {
 
     std::vector<Labelled<CertificatePtr>> certificates;  ///< an export may hold the same one twice
     std::vector<Labelled<PrivateKeyPtr>> keys;
-    bool hasPlainKey = false;  ///< whoever reads the file has a private key
-    bool isSealed = false;     ///< nobody changes it unnoticed without its password
+    bool hasPlainKey = false;  ///< a private key in it is not encrypted
+    bool isSealed = false;     ///< a change is noticed, unless who made it knows the password
 };
 
 /// Reads the whole of a PKCS#12 or PEM file, and refuses what it does not understand with the line of PEM or the number

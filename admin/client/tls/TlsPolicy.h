@@ -20,9 +20,9 @@ struct TlsReport {
     /// The alert by which the server turned our certificate down, or null. It is good for telling people: anybody on
     /// the path can put one in while the handshake lasts.
     const char* certificateAlert = nullptr;
-    /// Whether that alert was authenticated by TLS. A server gives such a one in TLS 1.3 alone, in place of reading
-    /// what was sent behind our part of the handshake; before that, a handshake that fails ends before anything is
-    /// sent.
+    /// Whether TLS has authenticated that alert, so that the server has read nothing of the request. Only TLS 1.3 has
+    /// such alerts: there the request may follow our part of the handshake at once. In older versions nothing is sent
+    /// before the handshake has succeeded.
     bool refusalProven = false;
     bool certificateAsked = false;  ///< the server has asked for our certificate
 };
