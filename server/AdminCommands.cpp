@@ -1,3 +1,5 @@
+/// dsessd admin: adds, removes and lists administrators.
+
 #include <iostream>
 #include <stdexcept>
 

@@ -1,3 +1,5 @@
+/// dsessd load and dsessd dump: a cluster goes from a file to the store, or the other way.
+
 #include <sys/stat.h>
 #include <unistd.h>
 

@@ -1,3 +1,5 @@
+/// dsessd serve: makes the parts of the server, and runs it until it is told to stop.
+
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <systemd/sd-daemon.h>

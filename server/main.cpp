@@ -1,3 +1,5 @@
+/// The entry point of dsessd.
+
 #include <sys/prctl.h>
 #include <unistd.h>
 

@@ -1,3 +1,5 @@
+/// The functions of olm_dsess_admin.h: each finds its handle's client, has it perform an operation, hands out results.
+
 #include <pthread.h>
 
 #include <algorithm>

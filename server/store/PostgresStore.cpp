@@ -1,3 +1,5 @@
+/// The store in a PostgreSQL database: its schema and its statements.
+
 #include <algorithm>
 #include <chrono>
 #include <optional>

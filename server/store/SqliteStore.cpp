@@ -1,3 +1,5 @@
+/// The store in an SQLite file: its schema and its statements.
+
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <sqlite3.h>
