@@ -21,8 +21,8 @@ constexpr std::chrono::minutes kMinutesAtMost{11};
 constexpr std::chrono::seconds kCommitAtMost{8};
 constexpr std::chrono::seconds kLoadCommitAtMost{60};
 constexpr std::chrono::seconds kRollBackAtMost{2};
-// So long a database may be silent before it is asked on another connection whether it is there, and so long that may
-// take. A machine that stands still keeps its connections.
+// How long a database may be silent before it is asked on another connection whether it is there, and how long that may
+// take. The connection itself does not tell: a machine that stands still keeps its connections.
 constexpr std::chrono::seconds kDoubtAfter{2};
 constexpr char kDoubtAtMost[] = "2";
 constexpr int kBetweenQuestions = 50;  // milliseconds
@@ -38,8 +38,8 @@ constexpr std::array<std::pair<const char*, const char*>, 7> kDefaults{{
     {"tcp_user_timeout", "8000"},
 }};
 
-// A node whose machine is gone keeps no lock for long, and one that waits for a lock gives up. What a node has left in
-// the middle ends. A warning tells that a commit may not have reached the standby.
+// These bound how long a node can hold locks after its machine is gone, how long one waits for a lock, and how long a
+// transaction may stand idle. Warnings are wanted: one says that a commit may not have reached the standby.
 constexpr char kSettings[] = R"(
 SET search_path = dsessd, pg_temp;
 SET lock_timeout = '6s';
@@ -52,8 +52,8 @@ SET tcp_keepalives_interval = 2;
 SET tcp_keepalives_count = 3;
 )";
 
-// The wait for a standby is not cut off by PostgreSQL: then all would see what no standby has. After a statement that
-// has failed the first one fails, and nothing is committed.
+// PostgreSQL's time limit must not cut off the wait for a standby: everybody would then see what no standby has. If a
+// statement of the transaction has failed, SET fails too, and nothing is committed.
 constexpr char kCommit[] = "SET LOCAL statement_timeout = 0; COMMIT";
 
 /// A message of libpq, which ends its lines, as one line.
@@ -73,7 +73,7 @@ std::string lineOf(const char* message) {
     return line;
 }
 
-/// What another attempt, or another node, may get done: no room, a statement that was ended, a failing disk.
+/// Whether another attempt or another node may succeed: the disk is full or fails, or a statement was ended.
 bool meansUnavailable(const std::string& code) {
     return code.starts_with("53") || code.starts_with("57") || code.starts_with("58");
 }

@@ -30,7 +30,7 @@ void addCharacter(wchar_t character, Add add) {
     std::array<char, MB_LEN_MAX> bytes;
     std::mbstate_t state{};
     if (character == L'\n') {
-        addEach("  ", add);  // the line editor writes what it searches for behind one
+        addEach("  ", add);  // in a search of the history, the line editor puts one before the text that it looks for
     } else if (codePoint < ' ' || codePoint == 0x7F) {
         addEach(std::array<char, 3>{'^', static_cast<char>(codePoint ^ 0x40)}.data(), add);
     } else if (const std::size_t length = std::wcrtomb(bytes.data(), character, &state);
