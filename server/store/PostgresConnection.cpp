@@ -151,7 +151,8 @@ void PostgresConnection::open(bool isFirst) {
 }
 
 std::string PostgresConnection::place() const {
-    return std::string(PQhost(m_connection.get())) + ":" + PQport(m_connection.get());
+    const std::string port = PQport(m_connection.get());  // empty where nobody named one, in some versions of libpq
+    return PQhost(m_connection.get()) + (port.empty() ? port : ":" + port);
 }
 
 void PostgresConnection::takeNotice(void* self, const PGresult* notice) {
