@@ -1,5 +1,5 @@
-/// What may stand where in a cluster file (dsessd(8) describes it): the kinds of objects and their fields. Who reads
-/// one and who writes one go by these.
+/// The form of a cluster file (dsessd(8) describes it): the kinds of objects and their fields. Loader and ClusterWriter
+/// both use this table.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ struct FieldRule {
     std::string_view name;
     Kind kind;
     bool required;
-    /// Of what a list is.
+    /// The kind of a list's elements.
     Object element{};
 };
 

@@ -15,8 +15,8 @@
 
 namespace dsessd {
 
-/// Takes the parts in the order in which Store::giveTo() gives them, a line each, and hands the text on in pieces. The
-/// text is one JSON object: what was cut off anywhere is none, and cannot be loaded.
+/// Takes the parts in the order in which Store::giveTo() gives them, writes a line for each, and hands the text on in
+/// pieces. The text is one JSON object, so a text that was cut off cannot be loaded.
 class ClusterWriter final : public ClusterTaker {
   public:
     using Sink = std::function<void(std::string_view text)>;
@@ -31,14 +31,14 @@ class ClusterWriter final : public ClusterTaker {
     bool addKey(std::string_view label, Seconds time) override;
     void addChange(const ChangeRecord& change, std::string_view answer) override;
     std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override;
-    /// Nothing more comes.
+    /// To be called after the last part.
     void finish();
 
   private:
     using Value = std::variant<std::string_view, std::int64_t>;
     struct OpenObject {
         Object kind;
-        /// Of what the list is that is being written.
+        /// The kind of the elements of the list that is being written.
         std::optional<Object> list{};
     };
 

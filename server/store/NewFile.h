@@ -1,5 +1,5 @@
-/// A file that comes to its place whole or not at all. Until then it lies beside it under another name, and it is
-/// readable for its owner only from the first byte on.
+/// A file that appears at its path whole or not at all. Until it is whole it has another name beside that path. Only
+/// its owner can read it, from its first byte on.
 #pragma once
 
 #include <string>
@@ -11,15 +11,15 @@ namespace dsessd {
 
 class NewFile {
   public:
-    /// Makes it, empty, for whoever owns what is at `path`, if anything. Throws std::runtime_error, also where that is
-    /// no file.
+    /// Makes an empty file. When there is a file at `path`, its owner gets the new one. Throws std::runtime_error, also
+    /// when what is at `path` is no file.
     explicit NewFile(const std::string& path);
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
-    /// Removes it unless it is at its place.
+    /// Removes the file unless place() has succeeded.
     ~NewFile();
 
-    /// Where it lies until then.
+    /// The path of the file until place() is called.
     const std::string& temporaryPath() const { return m_temporaryPath; }
     /// Throws std::runtime_error, as place() does.
     void write(std::string_view text);

@@ -15,7 +15,7 @@ namespace dsessd {
 inline constexpr int kDefaultTraceLevel = 1;
 /// An hour for which the record of a change lives, and ten minutes for those that are being committed meanwhile.
 inline constexpr std::chrono::minutes kKeepChanges{70};
-/// So many old records of changes are removed with each change.
+/// How many old records of changes each change removes at most.
 inline constexpr int kForgetAtOnce = 100;
 
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
@@ -28,7 +28,7 @@ class SessionBatches {
   public:
     explicit SessionBatches(ClusterTaker& taker) : m_taker(taker) {}
     void add(std::int64_t realm, std::string_view id, std::string_view user, Seconds time);
-    /// To be called in the end.
+    /// To be called after the last session.
     void flush();
 
   private:
@@ -49,8 +49,8 @@ class ChangeAges {
     std::int64_t m_old = 0;
 };
 
-/// A name to look for, or a pattern. What is not text is looked for in vain, like an empty name: none that is stored is
-/// either. Engines do not agree on what they make of NUL and malformed characters.
+/// What to look for, given a name or a pattern: an empty name, which is never found, for one that is not text. Names
+/// that are stored are text, and the engines disagree on NUL and malformed characters.
 std::string_view sought(std::string_view name);
 std::string newKeyLabel(Seconds now);
 std::string newUuid();
