@@ -1,5 +1,12 @@
 /// dsessd admin: adds, removes and lists administrators.
 
+#include <pwd.h>
+#include <unistd.h>
+
+#include <array>
+#include <climits>
+#include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <stdexcept>
 
@@ -19,18 +26,45 @@ void checkName(const std::string& name) {
     }
 }
 
-void addAdministrator(Store& store, const AdminOptions& options) {
+/// Whoever runs this command, and on which machine: `root for alice on node1`.
+std::string localUser() {
+    const passwd* user = ::getpwuid(::getuid());
+    const char* behind = std::getenv("SUDO_USER");
+    std::array<char, HOST_NAME_MAX + 1> host{};
+    ::gethostname(host.data(), HOST_NAME_MAX);
+    return (user != nullptr ? user->pw_name : "user " + std::to_string(::getuid())) +
+           (behind != nullptr ? std::string(" for ") + behind : "") + " on " + host.data();
+}
+
+/// Shows what was done, and has all nodes log it. `act` gives its text.
+void carryOut(Store& store, const std::function<std::string()>& act) {
+    std::string done;
+    store.doLocally([&] { return (done = act()) + ", by " + localUser(); });
+    std::cout << "dsessd: " << done << std::endl;
+}
+
+/// An administrator who is known keeps what is not given.
+void putAdministrator(Store& store, const AdminOptions& options) {
     const std::string hash = hashOfNewPassword(options.name);
-    const bool isNew = store.putAdministrator({options.name, hash, options.role});
-    std::cout << "dsessd: administrator " << harmless(options.name) << (isNew ? " added" : " changed")
-              << (options.role == Role::kRead ? ", may read" : ", may change") << std::endl;
+    carryOut(store, [&] {
+        const auto known = store.administrator(options.name);
+        if (!known && options.action == AdminOptions::Action::kPassword) {
+            throw std::runtime_error("there is no administrator " + harmless(options.name));
+        }
+        const Role role = options.role.value_or(known ? known->role : Role::kChange);
+        store.putAdministrator({options.name, hash, role});
+        return "administrator " + harmless(options.name) + (known ? " has a new password" : " added") +
+               (role == Role::kRead ? ", may read" : ", may change");
+    });
 }
 
 void removeAdministrator(Store& store, const std::string& name) {
-    if (!store.removeAdministrator(name)) {
-        throw std::runtime_error("there is no administrator " + harmless(name));
-    }
-    std::cout << "dsessd: administrator " << harmless(name) << " removed" << std::endl;
+    carryOut(store, [&] {
+        if (!store.removeAdministrator(name)) {
+            throw std::runtime_error("there is no administrator " + harmless(name));
+        }
+        return "administrator " + harmless(name) + " removed";
+    });
 }
 
 void listAdministrators(Store& store) {
@@ -51,7 +85,8 @@ int administrate(const AdminOptions& options) {
     try {
         switch (options.action) {
             case Action::kAdd:
-                addAdministrator(*store, options);
+            case Action::kPassword:
+                putAdministrator(*store, options);
                 break;
             case Action::kRemove:
                 removeAdministrator(*store, options.name);

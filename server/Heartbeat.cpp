@@ -21,6 +21,7 @@ Heartbeat::Heartbeat(StorePool& stores, Log& log, Membership membership)
     : m_stores(stores), m_log(log), m_membership(std::move(membership)) {
     const StorePool::Lease store = stores.take();
     log.setLevel(store->traceLevel());
+    tellOfLocalActs(*store);
     const Membership& own = m_membership;
     if (!own.member.empty() && !store->contact(own.replicaSet, {own.member, presentTime()})) {
         throw std::runtime_error("there is no replica set " + harmless(own.replicaSet) + " to be a member of");
@@ -61,6 +62,7 @@ void Heartbeat::look(bool contacts, bool isLast) {
         const auto store = m_stores.take(
             [this, end, isLast] { return std::chrono::steady_clock::now() > end || (m_stopping && !isLast); });
         m_log.setLevel(store->traceLevel());
+        tellOfLocalActs(*store);
         const Membership& own = m_membership;
         const bool known =
             !contacts || own.member.empty() || store->contact(own.replicaSet, {own.member, presentTime()});
@@ -78,6 +80,18 @@ void Heartbeat::look(bool contacts, bool isLast) {
             report(std::string("the store failed: ") + failure.what());
         }
     }
+}
+
+/// Those that were there at the start were told by the nodes that ran then.
+void Heartbeat::tellOfLocalActs(Store& store) {
+    std::set<std::string> present;
+    for (const Store::LocalAct& act : store.localActs()) {
+        if (m_knownActs && !m_knownActs->contains(act.id)) {
+            m_log.write(Topic::kAudit, harmless(act.text, 1024));
+        }
+        present.insert(act.id);
+    }
+    m_knownActs = std::move(present);
 }
 
 void Heartbeat::report(const std::string& problem) {

@@ -1,11 +1,13 @@
-/// What a node does beside answering: a few times a minute it notes that it is there, and it takes over the trace level
-/// that another node was told.
+/// What a node does beside answering: a few times a minute it notes that it is there, and each second it takes over the
+/// trace level that another node was told, and tells the log what `dsessd admin` did.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -34,6 +36,7 @@ class Heartbeat {
     void run();
     void beat(bool contacts, bool isLast) noexcept;
     void look(bool contacts, bool isLast);
+    void tellOfLocalActs(Store& store);
     /// Says so once while it lasts.
     void report(const std::string& problem);
 
@@ -41,6 +44,7 @@ class Heartbeat {
     Log& m_log;
     const Membership m_membership;
     std::string m_problem;
+    std::optional<std::set<std::string>> m_knownActs;
     std::mutex m_mutex;
     std::condition_variable m_changed;
     std::atomic<bool> m_stopping = false;

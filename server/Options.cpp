@@ -108,14 +108,16 @@ void describeAdmin(CLI::App& admin, AdminOptions& options) {
         command->callback([&options, action] { options.action = action; });
         return command;
     };
-    CLI::App* add =
-        addAction("add", "Add an administrator, or change one's password and role", AdminOptions::Action::kAdd);
-    add->add_option("--role", options.role, "What the administrator may do; change unless given")
+    CLI::App* add = addAction("add", "Add an administrator, or give one a new password, and a role with --role",
+                              AdminOptions::Action::kAdd);
+    add->add_option("--role", options.role, "What the administrator may do; a new one may change unless given")
         ->transform(CLI::Transformer(kRoles).description(""))
         ->type_name("read|change");
-    add->footer(
+    const std::string entry =
         "The password is asked for twice when standard input is a terminal, else it is the first line\n"
-        "of standard input. A data file that does not exist is made.");
+        "of standard input.";
+    add->footer(entry + " A data file that does not exist is made.");
+    addAction("password", "Give an administrator a new password", AdminOptions::Action::kPassword)->footer(entry);
     addAction("remove", "Remove an administrator", AdminOptions::Action::kRemove);
     addAction("list", "List the administrators and their roles", AdminOptions::Action::kList);
 }

@@ -1,6 +1,7 @@
 /// The command line.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -32,11 +33,12 @@ struct DataOptions {
 };
 
 struct AdminOptions {
-    enum class Action { kAdd, kRemove, kList };
+    enum class Action { kAdd, kPassword, kRemove, kList };
     Action action = Action::kList;
     std::string data;
     std::string name;
-    Role role = Role::kChange;
+    /// Nothing: an administrator who is known keeps the role, a new one may change.
+    std::optional<Role> role;
 };
 
 /// The command line was dealt with (help, version) or is wrong: what is left is to end with this status.

@@ -4,6 +4,7 @@
 #include <openssl/crypto.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
@@ -92,6 +93,10 @@ std::string hashOfNewPassword(std::string_view name) {
     if (password.empty()) {
         throw std::runtime_error("no password was given, or one of more than " + std::to_string(kMaxPasswordBytes) +
                                  " bytes");
+    }
+    const auto isStart = [](char byte) { return (byte & 0xC0) != 0x80; };
+    if (std::count_if(password.begin(), password.end(), isStart) < kMinPasswordCharacters) {
+        throw std::runtime_error("a password needs at least " + std::to_string(kMinPasswordCharacters) + " characters");
     }
     if (!qel_utf8_is_text({password.data(), password.size()})) {
         throw std::runtime_error("the password is not valid UTF-8");

@@ -8,6 +8,8 @@ namespace dsessd {
 
 /// The longest password that crypt(3) takes, in bytes.
 inline constexpr std::size_t kMaxPasswordBytes = 511;
+/// The shortest that is taken for a new password.
+inline constexpr int kMinPasswordCharacters = 6;
 
 /// A salted hash of the password at the library's default cost. Empty when there is no randomness or the password is
 /// too long. Throws std::system_error when it cannot be computed now, for want of memory for instance.

@@ -403,6 +403,17 @@ class PostgresStore final : public Store {
         }
     }
 
+    std::vector<LocalAct> localActs() override {
+        std::vector<LocalAct> acts;
+        const PostgresRows rows =
+            statement("SELECT id, answer FROM changes WHERE id >= $1 AND id < $2 AND user_name = '' ORDER BY number",
+                      {kLocalActs.front(), kLocalActs.back()});
+        for (int row = 0; row < rows.size(); ++row) {
+            acts.push_back({std::string(rows.text(row, 0)), std::string(rows.text(row, 1))});
+        }
+        return acts;
+    }
+
     bool contact(std::string_view replicaSet, const Member& member) override {
         return transaction(kBeginChange, [&] {
             return m_connection

@@ -335,6 +335,7 @@ struct Statements {
           clusterId(db, "SELECT id FROM cluster"),
           change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
           newestChange(db, "SELECT coalesce(max(number), 0) FROM changes"),
+          localActs(db, "SELECT id, answer FROM changes WHERE id >= ? AND id < ? AND user = '' ORDER BY number"),
           recordChange(db, "INSERT INTO changes (id, user, digest, answer, number) VALUES (?, ?, ?, ?, ?)"),
           forgetChanges(db,
                         "DELETE FROM changes WHERE id IN "
@@ -366,7 +367,8 @@ struct Statements {
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
-    SQLite::Statement clusterId, change, newestChange, recordChange, forgetChanges, contact, setting, putSetting;
+    SQLite::Statement clusterId, change, newestChange, localActs, recordChange, forgetChanges, contact, setting,
+        putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
     SQLite::Statement addRealm, addReplicaSet, addMember, addSession, addKey, setClusterId;
     SQLite::Statement allKeys, allChanges, allReplicaSets, allSessions;
@@ -642,6 +644,15 @@ class SqliteStore final : public Store {
         }
         transaction.commit();
         return answer;
+    }
+
+    std::vector<LocalAct> localActs() override {
+        std::vector<LocalAct> acts;
+        Query query(m_statements.localActs, kLocalActs.front(), kLocalActs.back());
+        while (query.step()) {
+            acts.push_back({std::string(query.text(0)), std::string(query.text(1))});
+        }
+        return acts;
     }
 
     bool contact(std::string_view replicaSet, const Member& member) override {

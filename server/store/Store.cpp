@@ -57,6 +57,10 @@ std::string newUuid() {
     return uuid->data();
 }
 
+void Store::doLocally(const std::function<std::string()>& act) {
+    once({std::string(kLocalActs.front()) + newUuid(), "", ""}, act);
+}
+
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
     if (user != change.user || digest != change.digest) {
         throw Failure(Reason::kOtherChange, "the identifier of a change has been used for another");

@@ -187,6 +187,15 @@ class Store {
     /// but this store. Throws Reason::kOtherChange. Not to be called inside itself.
     virtual std::string once(const ChangeRecord& change, const std::function<std::string()>& action) = 0;
 
+    /// What was done with administrators on a machine itself, as far as the record of changes goes back.
+    struct LocalAct {
+        std::string id;
+        std::string text;
+    };
+    /// Carries out such an act once(). It gives the text that the log of each node is to have.
+    void doLocally(const std::function<std::string()>& act);
+    virtual std::vector<LocalAct> localActs() = 0;
+
     /// Notes that a member of a replica set was there, and adds it when it is none yet. False: no such replica set.
     virtual bool contact(std::string_view replicaSet, const Member& member) = 0;
 

@@ -1,6 +1,7 @@
 /// The engines behind Store::open(), and what they share.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -54,6 +55,10 @@ class ChangeAges {
 std::string_view sought(std::string_view name);
 std::string newKeyLabel(Seconds now);
 std::string newUuid();
+
+/// Between these lie the identifiers of local acts in the record of changes. No client's change counts as one, since
+/// its user has a name.
+inline constexpr std::array<std::string_view, 2> kLocalActs{"local-", "local."};
 /// Throws Reason::kOtherChange unless user and digest are those recorded.
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest);
 

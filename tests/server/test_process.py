@@ -6,6 +6,7 @@ import os
 import pathlib
 import re
 import signal
+import socket
 import sqlite3
 import subprocess
 import time
@@ -205,12 +206,15 @@ class Administrators(unittest.TestCase):
     def test_take_effect_at_once_in_a_running_server(self):
         with Dsessd() as server:
             data = ["--data", server.data]
+            changed = "administrator josé has a new password, may "
             for command, typed, said, password, outcome in [
-                ("add josé", "first\r\nsecond\n", "administrator josé added, may change", "first", "done"),
-                ("add josé --role read", "2", "administrator josé changed, may read", "first", "identity-refused"),
-                ("list", "", "josé read", "2", "done"),
-                ("remove josé", "", "administrator josé removed", "2", "identity-refused"),
-                ("list", "", "", "2", "identity-refused"),
+                ("add josé", "first1\r\nsecond\n", "administrator josé added, may change", "first1", "done"),
+                ("add josé --role read", "second", f"{changed}read", "first1", "identity-refused"),
+                ("password josé", "third3", f"{changed}read", "third3", "done"),
+                ("add josé", "fourth", f"{changed}read", "fourth", "done"),
+                ("list", "", "josé read", "fourth", "done"),
+                ("remove josé", "", "administrator josé removed", "fourth", "identity-refused"),
+                ("list", "", "", "fourth", "identity-refused"),
             ]:
                 done = server.run("admin", *command.split(), *data, input=typed)
                 self.assertEqual(done.stdout.removeprefix("dsessd: ").rstrip("\n"), said)
@@ -218,18 +222,27 @@ class Administrators(unittest.TestCase):
                     self.assertEqual(self.outcome(server, "josé", password), outcome, said)
             for verb, name, typed in [
                 ("remove", "josé", ""),
-                *(("add", "x", typed) for typed in ("", "\n", "y" * 512, "\udcff")),
-                *(("add", name, "x") for name in ("", "anonymous", "\udcff", "n" * 1025)),
+                ("password", "josé", "SECRET"),
+                *(("add", "x", typed) for typed in ("", "\n", "y" * 512, "\udcff" * 6, "ümläü")),
+                *(("add", name, "SECRET") for name in ("", "anonymous", "\udcff", "n" * 1025)),
             ]:
                 done = server.run("admin", verb, name, *data, input=typed, check=False)
                 self.assertEqual((done.returncode, done.stdout, done.stderr.count("\n")), (1, "", 1), (name, typed))
+            by = f", by .* on {re.escape(socket.gethostname())}\n"
+            acts = (
+                f"audit administrator josé added, may change{by}",
+                f"{changed}read{by}",
+                f"administrator josé removed{by}",
+            )
+            while not all(re.search(act, server.log()) for act in acts):
+                time.sleep(0.1)
 
     def test_are_asked_for_their_password_without_echo(self):
         with Dsessd() as server:
             for answers, ended in [
                 (("tiptop\n", "tiptop\n"), (0, "\r\ndsessd: administrator root added, may change\r\n")),
-                (("one\n", "two\n"), (1, "\r\ndsessd: the two passwords differ\r\n")),
-                (("one\n", "\x03"), (-signal.SIGINT, "\r\n")),
+                (("one111\n", "two222\n"), (1, "\r\ndsessd: the two passwords differ\r\n")),
+                (("one111\n", "\x03"), (-signal.SIGINT, "\r\n")),
             ]:
                 terminal = Terminal([BINARY, "admin", "add", "root", "--data", server.data], os.environ)
                 self.addCleanup(terminal.close)

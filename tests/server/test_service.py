@@ -23,7 +23,7 @@ CLUSTER = {
     "realms": [{"name": "empty"}, {"name": "east", "replicaSets": SETS, "sessions": [S3, S2, S4, S1]}],
 }
 EAST, BY_ID = {"realm": "east", "selector": "user"}, {"realm": "east", "selector": "session"}
-AUDITOR = {"user": "auditor", "password": "LOOK", "login_id": "qk=2"}
+AUDITOR = {"user": "auditor", "password": "LOOKED", "login_id": "qk=2"}
 WRONG = {"user": "root", "password": "GUESS", "login_id": "qk=3"}
 READS = ["cluster.get", "replicaSet.get", "session.list", "trace.get"]
 CHANGES = ["session.refresh", "session.terminate", "key.change", "trace.set"]
@@ -44,7 +44,7 @@ class Service(unittest.TestCase):
     maxDiff = None
 
     def serve(self, cluster=CLUSTER, anonymous="read"):
-        self.server = self.enterContext(Dsessd(cluster, ROOT + [("auditor", "LOOK", "read")], anonymous=anonymous))
+        self.server = self.enterContext(Dsessd(cluster, ROOT + [("auditor", "LOOKED", "read")], anonymous=anonymous))
         self.connection = self.server.connect()
         self.addCleanup(self.connection.close)
 
