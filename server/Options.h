@@ -8,8 +8,8 @@
 
 #include "server/Heartbeat.h"
 #include "server/http/Tls.h"
-#include "server/service/Service.h"
-#include "server/store/Store.h"
+#include "server/service/Caller.h"
+#include "server/store/Administrator.h"
 
 namespace dsessd {
 

@@ -1,6 +1,7 @@
 #include "server/http/HeadCheck.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 #include "runtime/qel_ascii.h"
@@ -19,6 +20,7 @@ std::string_view trimmed(std::string_view text) {
 }  // namespace
 
 int HeadCheck::take(std::string_view head) {
+    assert(head.size() >= m_seen);  // what came before comes again
     while (m_length == 0) {
         const std::size_t end = head.find('\n', m_seen);
         if (end == head.npos) {

@@ -7,6 +7,7 @@
 
 namespace dsessd {
 
+/// Says whether one head, as it arrives, is refused. One object for one request, used by one thread.
 class HeadCheck {
   public:
     /// The longest head, and the longest line of one, in bytes.

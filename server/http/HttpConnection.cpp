@@ -13,8 +13,10 @@
 #include <boost/beast/http/status.hpp>
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <system_error>
 
@@ -28,10 +30,13 @@ namespace {
 
 namespace net = boost::asio;
 
+/// So much of what a client still sends is read before its connection is closed on it.
 constexpr std::size_t kDiscardAtMost = 1'000'000;
 /// What is written at a time, so that its deadline follows.
 constexpr std::size_t kWriteAtMost = 65'536;
 constexpr std::chrono::seconds kEndWithin{2};
+constexpr char kContinue[] = "HTTP/1.1 100 Continue\r\n\r\n";
+constexpr char kLastChunk[] = "0\r\n\r\n";
 /// After this long it is worth asking whether the client still waits.
 constexpr std::chrono::milliseconds kQuick{250};
 /// How long a client that has closed its sending half is given, since it may still read.
@@ -42,7 +47,9 @@ std::string hostOf(const net::ip::address& address) {
     return address.is_v6() ? net::ip::network_v6(address.to_v6(), 64).canonical().to_string() : address.to_string();
 }
 
+/// One chunk of a body (RFC 9112, section 7.1), such as `5\r\nhello\r\n`.
 std::string chunkOf(std::string_view bytes) {
+    assert(!bytes.empty());  // an empty one would end the body
     std::array<char, 20> size{};
     std::string chunk(size.data(), std::to_chars(size.data(), size.data() + size.size(), bytes.size(), 16).ptr);
     return chunk.append("\r\n").append(bytes).append("\r\n");
@@ -82,7 +89,7 @@ class HttpConnection::OperationAllocator {
 };
 
 /// The completion token for an operation that a coroutine awaits. A failure goes into `error` and is not thrown.
-auto HttpConnection::into(Error& error) {
+auto HttpConnection::tellingIn(Error& error) {
     const net::use_awaitable_t<Executor> token;
     return net::redirect_error(net::bind_allocator(OperationAllocator<std::byte>(m_operation), token), error);
 }
@@ -132,6 +139,7 @@ HttpConnection::~HttpConnection() {
 }
 
 void HttpConnection::start(bool isTurnedAway) {
+    assert(m_socket.is_open() && m_doing == Doing::kIdle);
     net::co_spawn(m_context.get_executor(), live(shared_from_this(), isTurnedAway), net::detached);
 }
 
@@ -160,9 +168,9 @@ HttpConnection::Awaitable<bool> HttpConnection::shakeHands() {
     if (!m_tls) {
         co_return true;
     }
-    become(Doing::kHandshake, m_setting.limits.request);
+    turnTo(Doing::kHandshake, m_setting.limits.request);
     Error error;
-    co_await m_tls->async_handshake(net::ssl::stream_base::server, into(error));
+    co_await m_tls->async_handshake(net::ssl::stream_base::server, tellingIn(error));
     if (!error) {
         m_peer.certificate = peerText(m_tls->native_handle());
         co_return true;
@@ -202,10 +210,10 @@ HttpConnection::Awaitable<void> HttpConnection::serve() {
 /// Until it is whole, refused or late.
 HttpConnection::Awaitable<void> HttpConnection::receiveRequest(HttpRequest& request) {
     m_since = Clock::now();
-    become(Doing::kIdle, m_setting.limits.idle);
+    turnTo(Doing::kIdle, m_setting.limits.idle);
     while (!m_timedOut) {
         if (m_doing == Doing::kIdle && m_at < m_end) {
-            become(Doing::kReading, m_setting.limits.request);
+            turnTo(Doing::kReading, m_setting.limits.request);
         }
         const std::size_t used = request.take({m_buffer.data() + m_at, m_end - m_at});
         OPENSSL_cleanse(m_buffer.data() + m_at, used);
@@ -215,7 +223,7 @@ HttpConnection::Awaitable<void> HttpConnection::receiveRequest(HttpRequest& requ
         }
         if (request.expectsContinue()) {
             request.continued();
-            co_await send("HTTP/1.1 100 Continue\r\n\r\n");
+            co_await send(kContinue);
         }
         if (used != 0 && m_at < m_end) {
             continue;
@@ -232,7 +240,7 @@ HttpConnection::Awaitable<void> HttpConnection::receiveRequest(HttpRequest& requ
 
 HttpConnection::Awaitable<void> HttpConnection::answer(HttpRequest& request) {
     m_since = Clock::now();
-    become(Doing::kWorking, Clock::duration::max());
+    turnTo(Doing::kWorking, Clock::duration::max());
     m_deadlines = std::make_shared<RequestDeadlines>();
     const auto wakeLater = [self = shared_from_this()] { net::post(self->m_context, [self] { self->wake(); }); };
     const auto job = m_setting.lanes.submit(request.takeBody(), m_peer, m_deadlines, wakeLater);
@@ -243,7 +251,7 @@ HttpConnection::Awaitable<void> HttpConnection::answer(HttpRequest& request) {
         co_return;
     }
     if (job->answer.delay.count() > 0) {
-        become(Doing::kHeldBack, job->answer.delay);
+        turnTo(Doing::kHeldBack, job->answer.delay);
         while (Clock::now() < m_deadline && !m_ended) {
             co_await pause();
         }
@@ -270,13 +278,13 @@ HttpConnection::Awaitable<void> HttpConnection::sendRest(Spool& rest, bool chunk
                 break;
             case Spool::Next::kLater:
                 m_since = Clock::now();
-                become(Doing::kWorking, Clock::duration::max());
+                turnTo(Doing::kWorking, Clock::duration::max());
                 co_await pause();
                 m_answerStart += Clock::now() - m_since;
                 m_doing = Doing::kWriting;
                 break;
             case Spool::Next::kEnd:
-                co_await send(chunked ? "0\r\n\r\n" : "");
+                co_await send(chunked ? kLastChunk : "");
                 co_return;
             case Spool::Next::kBroken:
                 cutOff();
@@ -310,14 +318,14 @@ std::string HttpConnection::headOf(int status, std::optional<std::size_t> length
 /// Closes so that the client still gets what was written: says that no more comes, then reads for a while what the
 /// client is still sending. A connection with unread input would be reset, and its last output lost.
 HttpConnection::Awaitable<void> HttpConnection::closeGently() {
-    become(Doing::kEnding, kEndWithin);
+    turnTo(Doing::kEnding, kEndWithin);
     Error ignored;
     if (m_tls && SSL_is_init_finished(m_tls->native_handle()) == 1) {
-        co_await m_tls->async_shutdown(into(ignored));
+        co_await m_tls->async_shutdown(tellingIn(ignored));
     }
     m_socket.shutdown(Socket::shutdown_send, ignored);
     for (std::size_t discarded = 0; discarded < kDiscardAtMost && !isOver();) {
-        const std::size_t bytes = co_await m_socket.async_read_some(net::buffer(m_buffer), into(m_error));
+        const std::size_t bytes = co_await m_socket.async_read_some(net::buffer(m_buffer), tellingIn(m_error));
         discarded += bytes;
     }
 }
@@ -326,9 +334,9 @@ HttpConnection::Awaitable<void> HttpConnection::closeGently() {
 HttpConnection::Awaitable<std::size_t> HttpConnection::receive(net::mutable_buffer room) {
     std::size_t bytes = 0;
     if (m_tls) {
-        bytes = co_await m_tls->async_read_some(room, into(m_error));
+        bytes = co_await m_tls->async_read_some(room, tellingIn(m_error));
     } else {
-        bytes = co_await m_socket.async_read_some(room, into(m_error));
+        bytes = co_await m_socket.async_read_some(room, tellingIn(m_error));
     }
     if (m_timedOut && !m_ended) {
         m_error.clear();
@@ -342,9 +350,9 @@ HttpConnection::Awaitable<void> HttpConnection::send(std::string_view bytes) {
         const auto piece = net::buffer(bytes.substr(0, kWriteAtMost));
         std::size_t sent = m_tls ? 0 : m_socket.write_some(piece, m_error);
         if (m_tls) {
-            sent = co_await m_tls->async_write_some(piece, into(m_error));
+            sent = co_await m_tls->async_write_some(piece, tellingIn(m_error));
         } else if (m_error == net::error::would_block) {
-            sent = co_await m_socket.async_write_some(piece, into(m_error));
+            sent = co_await m_socket.async_write_some(piece, tellingIn(m_error));
         }
         m_answerBytes += sent;
         bytes.remove_prefix(sent);
@@ -354,14 +362,14 @@ HttpConnection::Awaitable<void> HttpConnection::send(std::string_view bytes) {
 /// Waits until wake(). It may also return without cause, so the caller checks what it waits for.
 HttpConnection::Awaitable<void> HttpConnection::pause() {
     Error ignored;
-    co_await m_pause.async_wait(into(ignored));
+    co_await m_pause.async_wait(tellingIn(ignored));
 }
 
 void HttpConnection::wake() {
     m_pause.cancel();
 }
 
-void HttpConnection::become(Doing doing, Clock::duration mostTime) {
+void HttpConnection::turnTo(Doing doing, Clock::duration mostTime) {
     m_doing = doing;
     m_deadline = mostTime == Clock::duration::max() ? Clock::time_point::max() : Clock::now() + mostTime;
 }
@@ -403,9 +411,28 @@ bool HttpConnection::hasLeft() const {
     return ::poll(&state, 1, 0) > 0;
 }
 
-void HttpConnection::letGo() {
+bool HttpConnection::awaitsRequest() const {
+    return m_doing == Doing::kHandshake || m_doing == Doing::kIdle || m_doing == Doing::kReading;
+}
+
+bool HttpConnection::mayMakeRoom() const {
+    switch (m_doing) {
+        case Doing::kHandshake:
+        case Doing::kIdle:
+        case Doing::kReading:
+        case Doing::kHeldBack:
+        case Doing::kWriting:
+            return !m_close;
+        case Doing::kWorking:
+        case Doing::kEnding:
+            return false;
+    }
+    std::abort();
+}
+
+void HttpConnection::takeNoMore() {
     m_close = true;
-    if (m_doing <= Doing::kReading) {
+    if (awaitsRequest()) {
         Error ignored;
         m_socket.shutdown(Socket::shutdown_receive, ignored);
     } else if (m_doing != Doing::kWorking) {
@@ -416,7 +443,7 @@ void HttpConnection::letGo() {
 void HttpConnection::stopBy(Clock::time_point moment) {
     m_close = true;
     if (m_doing == Doing::kIdle) {
-        letGo();
+        takeNoMore();
     } else if (m_deadlines != nullptr) {
         m_deadlines->stopBy(moment);
     }

@@ -42,7 +42,8 @@ struct HttpSetting {
     Repeats failedHandshakes{};
 };
 
-/// Used by one thread, the one that runs its context.
+/// Carries one client's requests to the lanes and their answers back. It is passive between its client's bytes: whoever
+/// owns it calls start() once and tick() some times a second. Used by one thread alone, the one that runs its context.
 class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
   public:
     using Clock = std::chrono::steady_clock;
@@ -60,25 +61,17 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     /// To be called every now and then: ends what takes too long.
     void tick(Clock::time_point now);
 
-    enum class Doing {
-        kHandshake,
-        kIdle,     ///< waits for a request
-        kReading,  ///< a request has begun to arrive
-        kWorking,  ///< the answer, or more of it, is being made
-        kHeldBack,
-        kWriting,
-        kEnding,
-    };
-    Doing doing() const { return m_doing; }
-    /// Whose it is.
+    /// Whose it is: see Peer::host.
     const std::string& host() const { return m_peer.host; }
+    /// Whether it waits for its client to shake hands, or for a request to arrive.
+    bool awaitsRequest() const;
+    /// Whether it may make room: the server itself owes it nothing now, and it was not told to end yet.
+    bool mayMakeRoom() const;
     /// When it began to wait for its client.
-    Clock::time_point since() const { return m_since; }
-    /// Whether it was told to end soon.
-    bool isLeaving() const { return m_close; }
+    Clock::time_point waitingSince() const { return m_since; }
 
     /// Lets a request that has arrived be answered, and no other arrive.
-    void letGo();
+    void takeNoMore();
     /// The server stops: whatever is done ends by then.
     void stopBy(Clock::time_point moment);
     /// Ends it at once: whatever it waits for fails.
@@ -92,6 +85,15 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     template <typename Result>
     using Awaitable = boost::asio::awaitable<Result, Executor>;
     class Ending;
+    enum class Doing {
+        kHandshake,
+        kIdle,      ///< waits for a request
+        kReading,   ///< a request has begun to arrive
+        kWorking,   ///< the answer, or more of it, is being made
+        kHeldBack,  ///< the answer is there, and has to wait
+        kWriting,
+        kEnding,  ///< all is said; the client may still read
+    };
     /// Memory for the one operation that is pending. With it, no operation fails to begin for want of memory, a failure
     /// that its coroutine could not be told.
     struct OperationMemory {
@@ -114,9 +116,9 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Awaitable<void> send(std::string_view bytes);
     Awaitable<void> pause();
     void wake();
-    auto into(Error& error);
+    auto tellingIn(Error& error);
 
-    void become(Doing doing, Clock::duration mostTime);
+    void turnTo(Doing doing, Clock::duration mostTime);
     void beginWriting();
     std::string headOf(int status, std::optional<std::size_t> length, bool chunked, bool lacksStore = false) const;
     Clock::time_point answerDeadline() const;

@@ -44,6 +44,7 @@ HttpRequest::HttpRequest(const std::vector<std::string>& paths) : m_paths(paths)
 }
 
 std::size_t HttpRequest::take(std::string_view bytes) {
+    assert(!done() && m_refusal == 0);
     return m_parser.is_header_done() ? takeBody(bytes) : takeHead(bytes);
 }
 

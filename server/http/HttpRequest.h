@@ -5,6 +5,7 @@
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/vector_body.hpp>
 
+#include <cassert>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -15,6 +16,8 @@
 
 namespace dsessd {
 
+/// Takes the bytes of one request: first the head, then the body, whose length or chunks it follows. Used by one
+/// thread.
 class HttpRequest {
   public:
     /// `paths`: what may be posted to.
@@ -38,7 +41,10 @@ class HttpRequest {
     /// Whether its answer may come in chunks.
     bool takesChunks() const { return m_parser.get().version() == 11; }
     /// To be called once, when it is done.
-    SecretBuffer takeBody() { return std::exchange(m_parser.get().body(), {}); }
+    SecretBuffer takeBody() {
+        assert(done());
+        return std::exchange(m_parser.get().body(), {});
+    }
 
   private:
     using Parser = boost::beast::http::request_parser<boost::beast::http::vector_body<char, WipingAllocator<char>>>;

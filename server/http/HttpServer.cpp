@@ -75,6 +75,8 @@ class Loop {
         m_running = false;
     }
 
+    /// Takes in a new connection: another one makes room when there are as many as may be, or it is told that the
+    /// server is busy. `place` stands for it.
     void admit(QelFileDescriptor socket, const std::shared_ptr<void>& place) {
         const auto connection = std::make_shared<HttpConnection>(
             m_setting, context, std::move(socket),
@@ -139,14 +141,12 @@ class Loop {
         }
         const std::size_t own = counts[newcomer.host()];
         const auto rank = [&](const HttpConnection& candidate) {
-            return std::tuple(counts[candidate.host()], candidate.doing() <= HttpConnection::Doing::kReading,
-                              Clock::now() - candidate.since());
+            return std::tuple(counts[candidate.host()], candidate.awaitsRequest(),
+                              Clock::now() - candidate.waitingSince());
         };
         HttpConnection* leaving = nullptr;
         for (const auto& candidate : m_connections) {
-            const auto doing = candidate->doing();
-            const bool waits = doing <= HttpConnection::Doing::kWriting && doing != HttpConnection::Doing::kWorking;
-            if (waits && !candidate->isLeaving() && counts[candidate->host()] + 1 >= own &&
+            if (candidate->mayMakeRoom() && counts[candidate->host()] + 1 >= own &&
                 (leaving == nullptr || rank(*candidate) > rank(*leaving))) {
                 leaving = candidate.get();
             }
@@ -156,7 +156,7 @@ class Loop {
             return false;
         }
         if (leaving != nullptr) {
-            leaving->letGo();
+            leaving->takeNoMore();
         }
         return leaving != nullptr || own <= m_most / kModestPart;
     }

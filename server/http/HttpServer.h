@@ -14,6 +14,7 @@
 
 namespace dsessd {
 
+/// Serves connections while run() runs, with threads of its own; docs/architecture.md has the stations of a request.
 class HttpServer {
   public:
     /// `tls`: null for plain HTTP. All that is referred to must outlive the server.

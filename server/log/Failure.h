@@ -17,6 +17,20 @@ enum class Reason {
     kUncertain,    ///< lost while it was committing: nobody knows whether the change is made; it may be asked for again
     kInterrupted,  ///< Store::endWhen() said so
     kOtherChange,  ///< the identifier of a change was used before, by another user or for something else
+    // A request:
+    kNoJson,
+    kNoRequest,      ///< JSON, but not a request of JSON-RPC
+    kNoMethod,       ///< there is no such method
+    kInvalidParams,  ///< a parameter is missing or is not of its type
+    kInvalidValue,   ///< a parameter has a value that it cannot have
+    kIdentityRefused,
+    kNotPermitted,
+    kUnknownRealm,
+    kUnknownReplicaSet,
+    kNoMatchingSession,
+    kOtherCluster,  ///< a change is meant for another cluster
+    // The server:
+    kNotNow,  ///< there is no memory, or whatever else may be there later
 };
 
 /// Thrown by whatever finds out. Nothing was changed, unless the reason is kUncertain.

@@ -1,4 +1,4 @@
-/// Who a request comes from.
+/// Who may ask: the passwords of administrators.
 #pragma once
 
 #include <array>
@@ -11,16 +11,10 @@
 #include <string_view>
 
 #include "runtime/ThreadAnnotations.h"
+#include "server/service/Caller.h"
 #include "server/store/Store.h"
 
 namespace dsessd {
-
-/// What a request says about its sender. `password` is NUL-terminated; null: none.
-struct Credentials {
-    std::string_view user;
-    const char* password = nullptr;
-    std::string_view loginId;
-};
 
 /// Verifies administrators' passwords.
 ///

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <chrono>
 #include <iostream>
 #include <limits>
@@ -21,10 +22,6 @@ namespace {
 constexpr std::size_t kIdleStores = 18;
 
 }  // namespace
-
-const char* nameOf(Role role) {
-    return role == Role::kChange ? "change" : "read";
-}
 
 Seconds presentTime() {
     using namespace std::chrono;
@@ -63,7 +60,7 @@ void Store::doLocally(const std::function<std::string()>& act) {
 
 void checkSameChange(const ChangeRecord& change, std::string_view user, std::string_view digest) {
     if (user != change.user || digest != change.digest) {
-        throw Failure(Reason::kOtherChange, "the identifier of a change has been used for another");
+        throw Failure(Reason::kOtherChange, "The changeId names another change.");
     }
 }
 
@@ -131,6 +128,7 @@ bool StorePool::isEmbedded() const {
 }
 
 void StorePool::giveBack(Store* store) {
+    assert(store != nullptr);
     std::unique_ptr<Store> owned(store);
     owned->endWhen({});
     const MutexLock lock(m_mutex);

@@ -16,6 +16,7 @@
 
 #include "runtime/ThreadAnnotations.h"
 #include "server/log/Failure.h"
+#include "server/store/Administrator.h"
 
 namespace dsessd {
 
@@ -75,17 +76,6 @@ struct ChangeRecord {
     std::string_view user;
     /// Stands for all that the change is about, in printable characters; equal only for equal content.
     std::string_view digest;
-};
-
-enum class Role { kRead, kChange };
-/// `read` or `change`.
-const char* nameOf(Role role);
-
-struct Administrator {
-    std::string name;
-    /// As crypt(5) writes it.
-    std::string passwordHash;
-    Role role = Role::kRead;
 };
 
 /// Takes a cluster part by part. Parts may come before the whole they belong to; numbers tie them together.

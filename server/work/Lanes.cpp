@@ -31,8 +31,7 @@ Lanes::~Lanes() {
 std::shared_ptr<Lanes::Job> Lanes::submit(SecretBuffer request, const Peer& peer,
                                           std::shared_ptr<RequestDeadlines> deadlines, std::function<void()> wake) {
     auto job = std::make_shared<Job>();
-    job->m_deadlines = deadlines;
-    job->m_call = m_service.receive(std::move(request), peer, std::move(deadlines));
+    job->m_call = std::make_shared<Call>(std::move(request), peer, std::move(deadlines));
     Lane lane = Lane::kQuick;
     if (Clock::now() >= m_notAtOnceUntil.load(std::memory_order_relaxed)) {
         lane = m_service.advance(*job->m_call, Lane::kAtOnce);
@@ -41,7 +40,7 @@ std::shared_ptr<Lanes::Job> Lanes::submit(SecretBuffer request, const Peer& peer
         }
     }
     if (lane == Lane::kDone) {
-        job->answer = Service::answerOf(*job->m_call);
+        job->answer = std::move(job->m_call->answer);
         job->m_done = true;
     } else {
         job->m_wake = std::move(wake);
@@ -51,7 +50,7 @@ std::shared_ptr<Lanes::Job> Lanes::submit(SecretBuffer request, const Peer& peer
 }
 
 void Lanes::post(const std::shared_ptr<Job>& job, Lane lane) {
-    m_pools[static_cast<std::size_t>(lane)].post(Service::peerOf(*job->m_call), [this, job, lane] { step(job, lane); });
+    m_pools[static_cast<std::size_t>(lane)].post(job->m_call->caller.peer.host, [this, job, lane] { step(job, lane); });
 }
 
 void Lanes::tick() {
@@ -103,7 +102,8 @@ void Lanes::finish(Job& job) noexcept {
 }
 
 void Lanes::deliver(const std::shared_ptr<Job>& job) {
-    job->answer = Service::answerOf(*job->m_call);
+    const auto deadlines = job->m_call->deadlines;
+    job->answer = std::move(job->m_call->answer);
     job->m_call.reset();
     const std::unique_ptr<ListingAnswer> rest = std::move(job->answer.rest);
     if (rest == nullptr) {
@@ -111,7 +111,6 @@ void Lanes::deliver(const std::shared_ptr<Job>& job) {
         return;
     }
     const auto spool = std::make_shared<Spool>(job->m_wake);
-    const auto deadlines = job->m_deadlines;
     job->rest = spool;
     finish(*job);
     try {

@@ -26,8 +26,7 @@ class Lanes {
 
       private:
         friend class Lanes;
-        std::shared_ptr<Service::Call> m_call;
-        std::shared_ptr<RequestDeadlines> m_deadlines;
+        std::shared_ptr<Call> m_call;
         std::function<void()> m_wake;
         std::atomic<bool> m_done = false;
     };

@@ -41,13 +41,12 @@ struct Server {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static Server server;
     const std::string label = server.store->cluster().key.label;
-    SecretBuffer request(data, data + size);
-    const auto call =
-        server.service.receive(request, {"::1", "[::1]:1", "/CN=peer"}, std::make_shared<dsessd::RequestDeadlines>());
+    dsessd::Call call({data, data + size}, {"::1", "[::1]:1", "/CN=peer"},
+                      std::make_shared<dsessd::RequestDeadlines>());
     for (auto lane = dsessd::Lane::kAtOnce; lane != dsessd::Lane::kDone;) {
-        lane = server.service.advance(*call, lane);
+        lane = server.service.advance(call, lane);
     }
-    dsessd::Answer answer = dsessd::Service::answerOf(*call);
+    dsessd::Answer& answer = call.answer;
     while (answer.rest != nullptr && !answer.rest->done()) {
         answer.text += answer.rest->next();
     }

@@ -1,0 +1,48 @@
+/// Who a request comes from.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "server/store/Administrator.h"
+
+namespace dsessd {
+
+/// What may be done without a login.
+enum class Anonymous { kNone, kRead };
+
+/// The user of a request without a login. No administrator bears this name.
+inline constexpr char kAnonymousUser[] = "anonymous";
+
+/// The other end of a connection.
+struct Peer {
+    /// Its address without the port; of an IPv6 address the network. Those who share it take turns.
+    std::string host;
+    /// For the log: address and port, such as `127.0.0.1:50312`.
+    std::string address;
+    /// Subject of the client's certificate, such as `C=DE,O=Example,CN=desk`; empty: there is none.
+    std::string certificate;
+};
+
+/// What a request says about its sender. The texts lie in the request.
+struct Credentials {
+    std::string_view user;
+    /// Ends in a NUL; null: none.
+    const char* password = nullptr;
+    std::string_view loginId;
+
+    bool areAnonymous() const { return user == kAnonymousUser && (password == nullptr || *password == '\0'); }
+};
+
+struct Caller {
+    Peer peer;
+    Credentials credentials;
+    /// Nothing: nobody has logged in, or it is not known yet.
+    std::optional<Role> role;
+
+    /// For the log, such as `root from 127.0.0.1:50312 with certificate CN=desk`.
+    std::string description() const;
+};
+
+}  // namespace dsessd
