@@ -20,7 +20,7 @@ namespace dsessd {
 
 namespace {
 
-void checkName(const std::string& name) {
+void checkAdministratorName(const std::string& name) {
     if (name.empty() || name.size() > kMaxNameBytes || !qel_utf8_is_text(name) || name == kAnonymousUser) {
         throw std::runtime_error("'" + harmless(name) + "' cannot be an administrator's name");
     }
@@ -78,7 +78,7 @@ void listAdministrators(Store& store) {
 int administrate(const AdminOptions& options) {
     using Action = AdminOptions::Action;
     if (options.action == Action::kAdd) {
-        checkName(options.name);
+        checkAdministratorName(options.name);
     }
     const auto store =
         Store::open(options.data, options.action == Action::kAdd ? Store::IfMissing::kCreate : Store::IfMissing::kFail);

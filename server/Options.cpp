@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kUsageStatus = 2;
 
-std::string checkName(const std::string& name) {
+std::string checkInstanceName(const std::string& name) {
     const bool plain = name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
                        std::string::npos;
     return plain && !name.empty() ? "" : "takes letters, digits, '.', '_' and '-', not '" + name + "'";
@@ -38,7 +38,7 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
     serve.add_option("--instance", options.instances, "Names of the server instances, all of one cluster")
         ->required()
         ->type_name("NAME")
-        ->check(CLI::Validator(checkName, ""));
+        ->check(CLI::Validator(checkInstanceName, ""));
     serve.add_option("--anonymous", options.anonymous, "What may be done without a login; none unless given")
         ->transform(CLI::Transformer(kAnonymous).description(""))
         ->type_name("none|read");

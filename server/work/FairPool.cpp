@@ -17,19 +17,19 @@ FairPool::FairPool(unsigned threads, unsigned mostForOne) : m_mostForOne(mostFor
 
 void FairPool::stop() {
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_stopping = true;
     }
     m_changed.notify_all();
     m_threads.clear();        // joins them
     std::list<Line> dropped;  // what the tasks hold goes without the lock
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     dropped.swap(m_lines);
 }
 
 void FairPool::post(std::string_view peer, Task task) {
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_stopping) {
             return;
         }
@@ -43,7 +43,7 @@ void FairPool::post(std::string_view peer, Task task) {
 }
 
 FairPool::Task FairPool::takeBack(Clock::time_point before) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     for (auto line = m_lines.begin(); line != m_lines.end(); ++line) {
         if (!line->tasks.empty() && line->tasks.front().since < before) {
             Task task = std::move(line->tasks.front().task);
@@ -58,7 +58,7 @@ FairPool::Task FairPool::takeBack(Clock::time_point before) {
 }
 
 bool FairPool::turns(Clock::duration within) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     return m_working < m_threads.size() || m_working == 0 || Clock::now() - m_turned < within;
 }
 
@@ -68,10 +68,10 @@ std::list<FairPool::Line>::iterator FairPool::next() {
 }
 
 void FairPool::work() {
-    std::unique_lock lock(m_mutex);
+    MutexLock lock(m_mutex);
     for (;;) {
         auto line = m_lines.end();
-        m_changed.wait(lock, [&] { return m_stopping || (line = next()) != m_lines.end(); });
+        lock.wait(m_changed, [&]() REQUIRES(m_mutex) { return m_stopping || (line = next()) != m_lines.end(); });
         if (m_stopping) {
             return;
         }

@@ -6,11 +6,12 @@
 #include <deque>
 #include <functional>
 #include <list>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "runtime/ThreadAnnotations.h"
 
 namespace dsessd {
 
@@ -29,7 +30,7 @@ class FairPool {
     /// Waits for the tasks in progress. Those that have not begun are dropped, and so are those posted afterwards.
     void stop();
 
-    /// The task must not throw.
+    /// The task, not an empty one, must not throw.
     void post(std::string_view peer, Task task);
 
     /// Takes back a task that has waited since before a moment. Empty: there is none.
@@ -51,17 +52,17 @@ class FairPool {
     };
 
     void work();
-    std::list<Line>::iterator next();
+    std::list<Line>::iterator next() REQUIRES(m_mutex);
 
     const unsigned m_mostForOne;
-    std::mutex m_mutex;
+    Mutex m_mutex;
     std::condition_variable m_changed;
-    bool m_stopping = false;
+    bool m_stopping GUARDED_BY(m_mutex) = false;
     /// How many threads are at work, and when the last one has begun or ended a task.
-    std::size_t m_working = 0;
-    Clock::time_point m_turned;
+    std::size_t m_working GUARDED_BY(m_mutex) = 0;
+    Clock::time_point m_turned GUARDED_BY(m_mutex);
     /// Who has waited longest for a turn is in front.
-    std::list<Line> m_lines;
+    std::list<Line> m_lines GUARDED_BY(m_mutex);
     std::vector<std::jthread> m_threads;
 };
 

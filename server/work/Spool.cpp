@@ -37,11 +37,11 @@ Spool::~Spool() {
 void Spool::append(std::string piece) {
     bool wake = false;
     {
-        std::unique_lock lock(m_mutex);
-        const auto hasRoom = [&] { return m_pieceBytes < kMemoryBytes; };
+        MutexLock lock(m_mutex);
+        const auto hasRoom = [this]() REQUIRES(m_mutex) { return m_pieceBytes < kMemoryBytes; };
         if (!m_file.isOpen() && !hasRoom()) {
             const auto start = std::chrono::steady_clock::now();
-            m_taken.wait_for(lock, m_leftToWait, hasRoom);
+            lock.waitFor(m_taken, m_leftToWait, hasRoom);
             m_leftToWait -=
                 std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
         }
@@ -77,7 +77,7 @@ void Spool::toFile(std::string_view piece) {
 void Spool::end(bool whole) {
     bool wake = false;
     {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         m_ended = true;
         m_whole = whole;
         wake = std::exchange(m_takerWaits, false);
@@ -95,7 +95,7 @@ void Spool::wakeTaker() noexcept {
 }
 
 Spool::Next Spool::take(std::string& piece) {
-    const std::lock_guard lock(m_mutex);
+    const MutexLock lock(m_mutex);
     if (!m_pieces.empty()) {
         piece = std::move(m_pieces.front());
         m_pieces.pop_front();

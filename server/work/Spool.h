@@ -8,13 +8,14 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 
 #include "runtime/QelFileDescriptor.h"
+#include "runtime/ThreadAnnotations.h"
 
 namespace dsessd {
 
+/// Between one maker and one taker, each on a thread of its own. The pieces in memory come before those in the file.
 class Spool {
   public:
     /// `wake` is called, on the maker's thread, when there is something after take() has said kLater. When memory is
@@ -36,22 +37,22 @@ class Spool {
 
   private:
     void wakeTaker() noexcept;
-    void toFile(std::string_view piece);
-    Next takeFromFile(std::string& piece);
+    void toFile(std::string_view piece) REQUIRES(m_mutex);
+    Next takeFromFile(std::string& piece) REQUIRES(m_mutex);
 
     const std::function<void()> m_wake;
-    std::mutex m_mutex;
+    Mutex m_mutex;
     std::condition_variable m_taken;
-    std::deque<std::string> m_pieces;
-    std::size_t m_pieceBytes = 0;
-    std::chrono::milliseconds m_leftToWait{100};
+    std::deque<std::string> m_pieces GUARDED_BY(m_mutex);
+    std::size_t m_pieceBytes GUARDED_BY(m_mutex) = 0;
+    std::chrono::milliseconds m_leftToWait GUARDED_BY(m_mutex){100};
     /// Open: everything more goes there.
-    QelFileDescriptor m_file;
-    std::int64_t m_written = 0;
-    std::int64_t m_read = 0;
-    bool m_takerWaits = false;
-    bool m_ended = false;
-    bool m_whole = false;
+    QelFileDescriptor m_file GUARDED_BY(m_mutex);
+    std::int64_t m_written GUARDED_BY(m_mutex) = 0;
+    std::int64_t m_read GUARDED_BY(m_mutex) = 0;
+    bool m_takerWaits GUARDED_BY(m_mutex) = false;
+    bool m_ended GUARDED_BY(m_mutex) = false;
+    bool m_whole GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace dsessd
