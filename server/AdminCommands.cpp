@@ -1,4 +1,4 @@
-/// dsessd admin: adds, removes and lists administrators.
+/// dsessd admin: adds, removes and lists administrators, and changes their passwords.
 
 #include <pwd.h>
 #include <unistd.h>
