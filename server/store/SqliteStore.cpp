@@ -330,8 +330,8 @@ struct Statements {
                    "ORDER BY user, time, id LIMIT ?"),
           terminateByUser(db, "DELETE FROM sessions WHERE realm = ? AND user = ?"),
           terminateById(db, "DELETE FROM sessions WHERE realm = ? AND id = ?"),
-          refreshByUser(db, "UPDATE sessions SET time = ? WHERE realm = ? AND user = ?"),
-          refreshById(db, "UPDATE sessions SET time = ? WHERE realm = ? AND id = ?"),
+          refreshByUser(db, "UPDATE sessions SET time = ?3 WHERE realm = ?1 AND user = ?2"),
+          refreshById(db, "UPDATE sessions SET time = ?3 WHERE realm = ?1 AND id = ?2"),
           clusterId(db, "SELECT id FROM cluster"),
           change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
           newestChange(db, "SELECT coalesce(max(number), 0) FROM changes"),
@@ -592,32 +592,16 @@ class SqliteStore final : public Store {
     }
 
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
-        const LargeCache cache(m_database, selector);
-        Transaction transaction(m_connection, Transaction::Kind::kWrite);
-        const auto number = realmNumber(realm);
-        if (!number) {
-            return std::nullopt;
-        }
-        Query(selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, *number, value)
-            .step();
-        const int count = m_database.getChanges();
-        transaction.commit();
-        return count;
+        return changeSessions(selector,
+                              selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById,
+                              realm, value);
     }
 
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                        Seconds now) override {
-        const LargeCache cache(m_database, selector);
-        Transaction transaction(m_connection, Transaction::Kind::kWrite);
-        const auto number = realmNumber(realm);
-        if (!number) {
-            return std::nullopt;
-        }
-        Query(selector == Selector::kUser ? m_statements.refreshByUser : m_statements.refreshById, now, *number, value)
-            .step();
-        const int count = m_database.getChanges();
-        transaction.commit();
-        return count;
+        return changeSessions(selector,
+                              selector == Selector::kUser ? m_statements.refreshByUser : m_statements.refreshById,
+                              realm, value, now);
     }
 
     Key changeKey(Seconds now) override {
@@ -771,6 +755,22 @@ class SqliteStore final : public Store {
             sessions.add(realm, row.text(0), row.text(1), row.integer32(2));
         }
         sessions.flush();
+    }
+
+    /// Runs a statement that takes the realm's number, the value and the rest.
+    template <typename... Rest>
+    std::optional<int> changeSessions(Selector selector, SQLite::Statement& statement, std::string_view realm,
+                                      std::string_view value, const Rest&... rest) {
+        const LargeCache cache(m_database, selector);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        Query(statement, *number, value, rest...).step();
+        const int count = m_database.getChanges();
+        transaction.commit();
+        return count;
     }
 
     std::optional<std::int64_t> realmNumber(std::string_view name) {

@@ -11,6 +11,7 @@
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_strtol.h"
 #include "catalogue/qel_svc.h"
+#include "protocol/protocol.h"
 #include "runtime/qel_ascii.h"
 
 constinit const QelString TarnAdminConfig::m_tarnStanzaName(QelLiteral("tarn"));
@@ -28,7 +29,6 @@ namespace {
 constinit const QelString httpsScheme(QelLiteral("https://"));
 constinit const QelString httpScheme(QelLiteral("http://"));
 
-constexpr char kServicePath[] = "/services/DSessAdmin";
 constexpr char kProxySuffix[] = "Proxy";
 constexpr char kSeparator[] = ",";
 constexpr std::uint32_t kInstanceBuckets = 29;
@@ -79,7 +79,7 @@ QelString joinURLs(const QelString& locations, const QelString& scheme, const Qe
         urls.append(location.view());
         urls.append("/");
         urls.append(instance.view());
-        urls.append(kServicePath);
+        urls.append(protocol::kServicePath);
     }
     return urls;
 }
