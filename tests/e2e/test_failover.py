@@ -115,5 +115,7 @@ class Failover(Case):
         self.sql("UPDATE dsessd.store SET cluster_id = 'other'")
         answer = one.call("key.change", **AS_ROOT, clusterId=cluster)
         self.assertEqual((answer["error"]["data"]["name"], answer["clusterId"]), ("other-cluster", "other"))
+        others = "FROM pg_stat_activity WHERE datname = current_database() AND pid <> pg_backend_pid()"
+        self.sql(f"SELECT pg_terminate_backend(pid, 5000) {others}")  # a new connection looks at the cluster
         self.assertEqual(one.post(request_text("trace.get"))[0], 503)
         self.assertIn("holds another cluster now", one.log())
