@@ -120,6 +120,7 @@ bool isEndWord(const char* line) {
 }  // namespace
 
 TarnAdminUtility::~TarnAdminUtility() {
+    ClusterInfo::keepNamesIn(nullptr);
     shutdown();
 }
 
@@ -299,6 +300,7 @@ std::uint32_t TarnAdminUtility::processInteractiveMode() {
 bool TarnAdminUtility::processEditedLines() {
     const TarnAdminInterrupt interrupt(TarnAdminInterrupt::Place::kPrompt);
     TarnAdminPrompt prompt(m_prompt.view(), [this](std::string_view before) { return complete(before); });
+    ClusterInfo::keepNamesIn(&m_names);
     SecretText line;
     bool exited = false;
     while (!exited && prompt.read(line)) {
@@ -310,9 +312,15 @@ bool TarnAdminUtility::processEditedLines() {
 }
 
 TarnAdminCompletion TarnAdminUtility::complete(std::string_view before) const {
-    return completeLine(m_cmdRegistry, before, [this](const TarnAdminCmd& command) {
+    return completeLine(m_cmdRegistry, before, [this](std::string_view placeholder) {
+        if (placeholder == "<realm-name>" || placeholder == "<realm>") {
+            return m_names.realms;
+        }
+        if (placeholder == "<replica-set-name>") {
+            return m_names.replicaSets;
+        }
         std::vector<std::string> names;
-        if (&command == m_setInstanceCmd) {
+        if (placeholder == "<instance>") {
             instanceTable().forEachKey([&](const QelString& instance) { names.emplace_back(instance.view()); });
         }
         return names;

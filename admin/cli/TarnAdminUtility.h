@@ -9,6 +9,7 @@
 #include "admin/cli/language/TarnAdminCmdRegistry.h"
 #include "admin/cli/shell/QelCmdLine.h"
 #include "admin/cli/shell/TarnAdminPrompt.h"
+#include "admin/cli/show/ClusterInfo.h"
 #include "catalogue/QelString.h"
 
 class TarnAdminLogin;
@@ -59,6 +60,7 @@ class TarnAdminUtility : public TarnAdminConfig {
     static const QelString m_debugEnvName;
 
     TarnAdminCmdRegistry m_cmdRegistry;
+    ClusterNames m_names;  // for completion
     TarnAdminLogin* m_loginCmd = nullptr;
     TarnAdminSetInstance* m_setInstanceCmd = nullptr;
 };

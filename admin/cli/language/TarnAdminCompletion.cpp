@@ -85,7 +85,7 @@ TarnAdminCompletion completeLine(const TarnAdminCmdRegistry& commands, std::stri
         }
         const Continuation next = command.continuation(words);
         const std::vector<std::string> values =
-            next.shown.empty() || !next.keyword.empty() ? std::vector<std::string>() : valuesOf(command);
+            next.shown.empty() || !next.keyword.empty() ? std::vector<std::string>() : valuesOf(next.shown);
         if (!values.empty()) {
             addValues(values, word, found);
         } else if (!next.shown.empty()) {

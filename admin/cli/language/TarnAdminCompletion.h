@@ -14,8 +14,8 @@ struct TarnAdminCompletion {
     std::vector<std::string> choices;  ///< to be shown when there is nothing to insert; empty as well: nothing fits
 };
 
-/// Gives the values, in UTF-8, that the next word of a command may have. None: the word may be anything.
-using KnownValues = std::function<std::vector<std::string>(const TarnAdminCmd&)>;
+/// Gives the values, in UTF-8, that are known for a placeholder such as `<realm-name>`. None: the user knows them.
+using KnownValues = std::function<std::vector<std::string>(std::string_view)>;
 
 /// Completes a line of which `before` stands before the cursor. If one word fits, it is inserted with a blank behind
 /// it. If several fit, what they begin with in common is inserted. What cannot be inserted, such as a value that only

@@ -12,6 +12,9 @@ ClusterRelease::~ClusterRelease() {
 
 ClusterInfo::ClusterInfo(const ServerAccess& server) : ClusterInfo(server.handle, server.secInfo) {
     qel_require(isWhole() ? 0 : kStatusAnswerNotUnderstood);
+    if (m_names != nullptr) {
+        keepNames(*m_names);
+    }
 }
 
 ClusterInfo::ClusterInfo(void* handle, const olm_dsess_admin_sec_info_t& secInfo) {
@@ -32,6 +35,22 @@ bool ClusterInfo::isWhole() const {
     return std::all_of(all.begin(), all.end(), [](const olm_dsess_admin_realm_t& realm) {
         return realm.replica_set_count <= 0 || realm.replica_set_names != nullptr;
     });
+}
+
+void ClusterInfo::keepNames(ClusterNames& names) const {
+    constexpr std::size_t kMost = 1000;  // of a kind; who has more types a beginning
+    const auto add = [](std::vector<std::string>& list, const char* name) {
+        if (name != nullptr && list.size() < kMost) {
+            list.emplace_back(name);
+        }
+    };
+    names = {};
+    for (const olm_dsess_admin_realm_t& realm : realms()) {
+        add(names.realms, realm.name);
+        for (std::int32_t i = 0; i < realm.replica_set_count; ++i) {
+            add(names.replicaSets, realm.replica_set_names[i]);
+        }
+    }
 }
 
 std::span<const olm_dsess_admin_realm_t> ClusterInfo::realms() const {

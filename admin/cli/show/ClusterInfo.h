@@ -3,6 +3,8 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "admin/cli/show/ServerAccess.h"
 #include "admin/client-interface/olm_dsess_admin.h"
@@ -17,6 +19,12 @@ class ClusterRelease {
 
   private:
     olm_dsess_admin_cluster_t& m_cluster;
+};
+
+/// Names that a server gave, in UTF-8.
+struct ClusterNames {
+    std::vector<std::string> realms;
+    std::vector<std::string> replicaSets;
 };
 
 /// The realms and the cluster record of one command. What the library gave is released, realms first, with the object.
@@ -34,11 +42,17 @@ class ClusterInfo {
     std::span<const olm_dsess_admin_realm_t> realms() const;
     const olm_dsess_admin_cluster_t& cluster() const { return m_cluster; }
 
+    /// From now on each fetch replaces the names in `names`, unless that is null, by some of those that it brings.
+    static void keepNamesIn(ClusterNames* names) { m_names = names; }
+
   private:
     /// Fetches without looking at what came. When it throws there is nothing to release, and afterwards there is.
     ClusterInfo(void* handle, const olm_dsess_admin_sec_info_t& secInfo);
     /// Whether every array that has a count is there.
     bool isWhole() const;
+    void keepNames(ClusterNames& names) const;
+
+    static inline ClusterNames* m_names = nullptr;
 
     std::int32_t m_realmCount = 0;
     olm_dsess_admin_realm_t* m_realms = nullptr;

@@ -130,7 +130,7 @@ class Shell(Case):
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
         config = CONFIG.replace("blue,", "blue,b\x1b[2J,")
         (self.dir / "editrc").write_text("bind ^H ed-delete-prev-word\n")
-        prompt = self.terminal(config=config, TERM="vt100", EDITRC=str(self.dir / "editrc"))
+        prompt = self.terminal(config=config, script=CLUSTER, TERM="vt100", EDITRC=str(self.dir / "editrc"))
         for typed, row in [
             ("\t", "    " + PATTERNS[-1]),
             ("set ins\tb\t", "    blue      b\\x1B[2J"),
@@ -141,9 +141,14 @@ class Shell(Case):
             prompt.asks()
         prompt.type("\x05\x15tr\ts\t5\n")
         prompt.asks()
+        for typed, out in [("rea l", "east\n"), ("realm s e\t", "    r1\n"), ("rep s s r\t", line(0x38C52135))]:
+            self.assertEqual(prompt.answer(typed), out)
         prompt.type("exit\n")
         self.assertEqual((prompt.ended()[0], prompt.restored()), (0, True))
-        self.assertEqual(self.recorded("calls"), [*start(), f"set_trace_level {ANON} 5", *end()])
+        self.assertEqual(
+            self.recorded("calls"),
+            [*start(), f"set_trace_level {ANON} 5", *FETCH * 2, f"get_replica_set_info {ANON} r1", *end()],
+        )
 
     def test_the_completion_of_shells_knows_every_command_and_its_abbreviations(self):
         script = ". $0; compopt() { :; }; COMP_CWORD=1 COMP_WORDS=('' \"$2$1\"); "

@@ -49,10 +49,9 @@ TEST(Completion, InsertsWhatCommandsThatFitHaveInCommonAndElseShowsWhatMayStandT
         ASSERT_EQ(commands.registerCmd(create().release()), 0U);
     }
     ASSERT_EQ(commands.registerCmd(new TarnAdminLogin), 0U);
-    const KnownValues levels = [](const TarnAdminCmd& command) {
-        return std::string_view(command.format()).starts_with("trace")
-                   ? std::vector<std::string>{"grün", "gräu", "blue", "a\x1B", "b c"}
-                   : std::vector<std::string>();
+    const KnownValues levels = [](std::string_view placeholder) {
+        return placeholder == "<level>" ? std::vector<std::string>{"grün", "gräu", "blue", "a\x1B", "b c"}
+                                        : std::vector<std::string>();
     };
     const std::pair<const char*, const char*> rows[] = {
         {" tr", "+ace "},
