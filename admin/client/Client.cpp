@@ -64,37 +64,11 @@ bool isError(const Answer& answer, std::string_view name) {
     return answer.errorName != nullptr && answer.errorName == name;
 }
 
-std::uint32_t statusOf(AttemptFailure failure) {
-    switch (failure) {
-        case AttemptFailure::kTimedOut:
-            return kStatusTimedOut;
-        case AttemptFailure::kTls:
-            return kStatusTlsFailure;
-        case AttemptFailure::kRefused:
-            return kStatusRequestRefused;
-        case AttemptFailure::kNotServed:
-            return kStatusInstanceNotServed;
-        case AttemptFailure::kNotUnderstood:
-            return kStatusAnswerNotUnderstood;
-        case AttemptFailure::kInterrupted:
-            return kStatusInterrupted;
-        case AttemptFailure::kNoMemory:
-            return kStatusNoMemory;
-        case AttemptFailure::kNone:
-        case AttemptFailure::kUnreachable:
-        case AttemptFailure::kBusy:
-        case AttemptFailure::kFailed:
-            break;
-    }
-    return kStatusNoLocation;
-}
-
 /// What all locations failed of.
 std::uint32_t commonStatus(std::span<const Attempt> failures) {
-    const auto isAnother = [&](const Attempt& attempt) { return attempt.failure != failures.front().failure; };
-    return failures.empty() || std::any_of(failures.begin(), failures.end(), isAnother)
-               ? kStatusNoLocation
-               : statusOf(failures.front().failure);
+    const auto isAnother = [&](const Attempt& attempt) { return attempt.status != failures.front().status; };
+    return failures.empty() || std::any_of(failures.begin(), failures.end(), isAnother) ? kStatusNoLocation
+                                                                                        : failures.front().status;
 }
 
 void replaceAll(std::string& text, std::string_view what, std::string_view with) {
@@ -173,14 +147,14 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
             const auto now = Clock::now();
             const auto share = (end - now) / static_cast<int>(m_urls.size() - index);
             const Attempt attempt = tryLocation(index, request, now + share, request.operation.changes, answer);
-            if (attempt.failure == AttemptFailure::kNone) {
+            if (attempt.status == 0) {
                 return finish(index, request, answer);
             }
             end += attempt.flowed;
             if (request.isOpen) {
                 return settle(index, end, request, answer);
             }
-            if (attempt.failure == AttemptFailure::kInterrupted) {
+            if (attempt.status == kStatusInterrupted) {
                 return kStatusInterrupted;
             }
         }
@@ -199,7 +173,7 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
         const auto share = std::min(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
         m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
         const Attempt attempt = tryLocation(index, request, now + share, false, answer);
-        if (attempt.failure == AttemptFailure::kNone && isFinal(answer)) {
+        if (attempt.status == 0 && isFinal(answer)) {
             return finish(index, request, answer);
         }
         end += attempt.flowed;
@@ -235,26 +209,26 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
     Attempt attempt = m_transport.post(url, request.body, limits, reader);
     const bool wasOpen = request.isOpen;
     request.isOpen = request.operation.changes && (wasOpen || attempt.mayHaveActed);
-    if (attempt.failure == AttemptFailure::kNoMemory) {
+    if (attempt.status == kStatusNoMemory) {
         throw std::bad_alloc();
     }
     if (!reader.head().empty()) {
         m_trace.line(kTraceMessage, "answer: " + excerpt(request, reader.head()));
     }
-    if (attempt.failure == AttemptFailure::kNone) {
+    if (attempt.status == 0) {
         answer = std::move(reader.answer());
         if (isError(answer, protocol::error::kOtherCluster)) {
             request.isOpen = wasOpen;
-            attempt.failure = AttemptFailure::kRefused;
+            attempt.status = kStatusRequestRefused;
             attempt.cause = excerpt(request, answer.errorMessage);
         }
     }
-    if (attempt.failure != AttemptFailure::kNone) {
+    if (attempt.status != 0) {
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
-        if (attempt.failure != AttemptFailure::kInterrupted) {
+        if (attempt.status != kStatusInterrupted) {
             request.failures[index] = attempt;
         }
-        request.wasBusy = request.wasBusy || attempt.failure == AttemptFailure::kBusy;
+        request.wasBusy = request.wasBusy || attempt.isBusy;
     } else if (answer.errorName != nullptr) {
         m_trace.line(kTraceFailure,
                      url + ": " + excerpt(request, answer.errorName) + ": " + excerpt(request, answer.errorMessage));

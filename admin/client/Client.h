@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
-#include "admin/client/Trace.h"
 #include "admin/client/answer/AnswerReader.h"
+#include "admin/client/base/Trace.h"
 #include "admin/client/request/HttpTransport.h"
 #include "admin/client/request/RequestWriter.h"
 
@@ -38,7 +38,7 @@ struct Operation {
 ///    otherwise it is kStatusNoLocation.
 class Client {
   public:
-    /// Throws TlsProblem and std::bad_alloc.
+    /// Throws Failure and std::bad_alloc.
     Client(std::int32_t timeoutSeconds, std::vector<std::string> urls, const olm_dsess_admin_ssl_info_t& tlsSettings,
            Trace trace);
 

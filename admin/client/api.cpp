@@ -10,8 +10,8 @@
 
 #include "admin/client-interface/olm_dsess_admin.h"
 #include "admin/client/Client.h"
+#include "admin/client/base/Failure.h"
 #include "admin/client/request/Interruption.h"
-#include "admin/client/tls/TlsProblem.h"
 #include "catalogue/qel_messages.h"
 #include "protocol/protocol.h"
 
@@ -208,9 +208,9 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const olm_dsess_a
         interruption::prepare();
         try {
             contexts().emplace_back(new Context{Client(timeout, std::move(urls), *ssl_info, Trace(trace)), {}});
-        } catch (const TlsProblem& problem) {
-            Trace(trace).line(kTraceAlways, problem.text);
-            return problem.status;
+        } catch (const Failure& failure) {
+            Trace(trace).line(kTraceAlways, failure.cause);
+            return failure.status;
         }
         *context = contexts().back().get();
         return 0;

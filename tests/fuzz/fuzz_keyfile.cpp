@@ -8,8 +8,8 @@
 #include <fstream>
 
 #include "Require.h"
+#include "admin/client/base/Failure.h"
 #include "admin/client/tls/KeyFile.h"
-#include "admin/client/tls/TlsProblem.h"
 #include "catalogue/qel_messages.h"
 
 using namespace olmdsess;
@@ -25,8 +25,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const KeyFile file = loadKeyFile(path.c_str(), stashed ? stash.c_str() : nullptr, labelled ? "me" : nullptr);
         REQUIRE(!file.trusted.empty());
         REQUIRE(file.key == nullptr || X509_check_private_key(file.certificate.get(), file.key.get()) == 1);
-    } catch (const TlsProblem& problem) {
-        REQUIRE(problem.status == kStatusKeyFile && problem.text.find(path) != std::string::npos);
+    } catch (const Failure& failure) {
+        REQUIRE(failure.status == kStatusKeyFile && failure.cause.find(path) != std::string::npos);
     }
     REQUIRE(ERR_peek_error() == 0);
     return 0;

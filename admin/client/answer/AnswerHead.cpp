@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "admin/client/base/Failure.h"
 #include "protocol/protocol.h"
 #include "runtime/qel_ascii.h"
 
@@ -27,11 +28,11 @@ std::string_view withoutBlanks(std::string_view text) {
 AnswerHead::State AnswerHead::read(std::string_view text) {
     constexpr std::string_view kStart = "HTTP/1.";
     if (!kStart.starts_with(text.substr(0, kStart.size()))) {
-        return refuse(kNotHttp);
+        throw notUnderstood(kNotHttp);
     }
     for (std::size_t end; (end = text.find('\n', m_searched)) != std::string_view::npos;) {
         if (text[end - 1] != '\r') {
-            return refuse("a line of its head ends without a carriage return");
+            throw notUnderstood("a line of its head ends without a carriage return");
         }
         const std::string_view line = text.substr(m_line, end - 1 - m_line);
         m_line = m_searched = end + 1;
@@ -39,12 +40,12 @@ AnswerHead::State AnswerHead::read(std::string_view text) {
             return finish();
         }
         m_status == 0 ? readStatus(line) : readField(line);
-        if (!m_problem.empty()) {
-            return State::kRefused;
-        }
     }
     m_searched = text.size();
-    return text.size() < kMaxHeadBytes ? State::kGoesOn : refuse(kHeadTooLong);
+    if (text.size() >= kMaxHeadBytes) {
+        throw notUnderstood(kHeadTooLong);
+    }
+    return State::kGoesOn;
 }
 
 /// "HTTP/1.1 200 OK", the reason perhaps missing.
@@ -55,8 +56,7 @@ void AnswerHead::readStatus(std::string_view line) {
     if (line.size() < kEnd || (line[kVersionAt] != '0' && line[kVersionAt] != '1') || line[kStatusAt - 1] != ' ' ||
         !std::all_of(line.begin() + kStatusAt, line.begin() + kEnd, isDigit) || line[kStatusAt] == '0' ||
         (line.size() > kEnd && line[kEnd] != ' ')) {
-        refuse(kNotHttp);
-        return;
+        throw notUnderstood(kNotHttp);
     }
     m_isOld = line[kVersionAt] == '0';
     m_status = std::stoi(std::string(line.substr(kStatusAt, 3)));
@@ -64,13 +64,11 @@ void AnswerHead::readStatus(std::string_view line) {
 
 void AnswerHead::readField(std::string_view line) {
     if (line.front() == ' ' || line.front() == '\t') {
-        refuse("a line of its head is folded");
-        return;
+        throw notUnderstood("a line of its head is folded");
     }
     const std::size_t colon = line.find(':');
     if (colon == std::string_view::npos) {
-        refuse(kNotHttp);
-        return;
+        throw notUnderstood(kNotHttp);
     }
     check(line.substr(0, colon), withoutBlanks(line.substr(colon + 1)));
 }
@@ -78,14 +76,16 @@ void AnswerHead::readField(std::string_view line) {
 void AnswerHead::check(std::string_view name, std::string_view value) {
     if (qel_ascii_equal(name, "Content-Length")) {
         if (m_hasLength) {
-            refuse("its length is given twice");
-        } else if (value.empty() || !std::all_of(value.begin(), value.end(), isDigit)) {
-            refuse("its length is no number");
+            throw notUnderstood("its length is given twice");
+        }
+        if (value.empty() || !std::all_of(value.begin(), value.end(), isDigit)) {
+            throw notUnderstood("its length is no number");
         }
         m_hasLength = true;
     } else if (qel_ascii_equal(name, "Transfer-Encoding")) {
         if (m_isChunked || !qel_ascii_equal(value, "chunked")) {
-            refuse("it comes in a transfer coding other than chunked: " + std::string(value.substr(0, kShownBytes)));
+            throw notUnderstood("it comes in a transfer coding other than chunked: " +
+                                std::string(value.substr(0, kShownBytes)));
         }
         m_isChunked = true;
     } else if (qel_ascii_equal(name, "Content-Encoding") && !qel_ascii_equal(value, "identity")) {
@@ -97,10 +97,10 @@ void AnswerHead::check(std::string_view name, std::string_view value) {
     }
 }
 
-AnswerHead::State AnswerHead::finish() {
+AnswerHead::State AnswerHead::finish() const {
     constexpr int kSwitchingProtocols = 101;
     if (m_status == 0) {
-        return refuse(kNotHttp);
+        throw notUnderstood(kNotHttp);
     }
     if (m_status < 200 && m_status != kSwitchingProtocols) {
         return State::kInterim;
@@ -109,18 +109,16 @@ AnswerHead::State AnswerHead::finish() {
         return State::kFinal;  // whatever its body is, nobody reads it
     }
     if (m_isChunked && (m_hasLength || m_isOld)) {
-        return refuse(m_isOld ? "it comes in chunks, which HTTP/1.0 does not have"
-                              : "its length is given beside chunks");
+        throw notUnderstood(m_isOld ? "it comes in chunks, which HTTP/1.0 does not have"
+                                    : "its length is given beside chunks");
     }
     if (!m_encoding.empty()) {
-        return refuse("it is encoded: " + m_encoding);
+        throw notUnderstood("it is encoded: " + m_encoding);
     }
-    return m_isJson ? State::kFinal : refuse(std::string("its type is not ") + protocol::kContentType);
-}
-
-AnswerHead::State AnswerHead::refuse(std::string problem) {
-    m_problem = std::move(problem);
-    return State::kRefused;
+    if (!m_isJson) {
+        throw notUnderstood(std::string("its type is not ") + protocol::kContentType);
+    }
+    return State::kFinal;
 }
 
 }  // namespace olmdsess

@@ -26,12 +26,11 @@ class AnswerHead {
     enum class State {
         kGoesOn,   ///< it is not complete
         kInterim,  ///< it is, and another one follows (RFC 9110, section 15.2)
-        kFinal,    ///< it is, and its body follows
-        kRefused   ///< problem() says why
+        kFinal     ///< it is, and its body follows
     };
 
-    /// Checks what has arrived since the last call. `text` is everything from the head's first byte on. Throws
-    /// std::bad_alloc.
+    /// Checks what has arrived since the last call. `text` is everything from the head's first byte on. Throws Failure
+    /// when it begins no answer, and std::bad_alloc.
     State read(std::string_view text);
 
     /// The length of a complete head in bytes, with its empty line.
@@ -40,14 +39,12 @@ class AnswerHead {
     int status() const { return m_status; }
     /// Whether it says that the server lacks its store, beside status 503.
     bool lacksStore() const { return m_lacksStore; }
-    const std::string& problem() const { return m_problem; }
 
   private:
     void readStatus(std::string_view line);
     void readField(std::string_view line);
     void check(std::string_view name, std::string_view value);
-    State finish();
-    State refuse(std::string problem);
+    State finish() const;
 
     std::size_t m_line = 0;      // where the line in hand begins
     std::size_t m_searched = 0;  // how far its end has been looked for
@@ -58,7 +55,6 @@ class AnswerHead {
     bool m_isChunked = false;
     bool m_lacksStore = false;
     std::string m_encoding;  // of the content; empty: none
-    std::string m_problem;
 };
 
 }  // namespace olmdsess

@@ -1,13 +1,15 @@
 #include "admin/client/answer/AnswerReader.h"
 
 #include <algorithm>
-#include <bit>
 #include <boost/json/basic_parser_impl.hpp>
+#include <cassert>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <utility>
 #include <variant>
 
+#include "admin/client/base/Failure.h"
 #include "protocol/protocol.h"
 
 namespace olmdsess {
@@ -27,14 +29,14 @@ struct Values {
     std::int32_t id, errorCode, time, previousTime, total, count, level;
 };
 
-/// The objects of an answer; first the results, in the order of AnswerShape.
+/// The objects of an answer.
 enum Scope : std::uint8_t {
-    kClusterResult,
-    kReplicaSetResult,
-    kKeyResult,
-    kSessionsResult,
-    kCountResult,
-    kLevelResult,
+    kClusterResult = static_cast<std::uint8_t>(AnswerShape::kCluster),
+    kReplicaSetResult = static_cast<std::uint8_t>(AnswerShape::kReplicaSet),
+    kKeyResult = static_cast<std::uint8_t>(AnswerShape::kKey),
+    kSessionsResult = static_cast<std::uint8_t>(AnswerShape::kSessions),
+    kCountResult = static_cast<std::uint8_t>(AnswerShape::kCount),
+    kLevelResult = static_cast<std::uint8_t>(AnswerShape::kLevel),
     kResult,  // whichever of these is expected
     kEnvelope,
     kError,
@@ -50,6 +52,7 @@ struct Field {
     std::string_view name;
     /// Where a number or a text goes, which object it is, or what a list consists of.
     std::variant<std::int32_t Values::*, char * Values::*, Scope, const Field*> kind;
+    bool isOptional = false;
 };
 
 constexpr Field kAnswer{"the answer", kEnvelope};
@@ -60,12 +63,9 @@ constexpr Field kNameItem{"a name", &Values::replicaSet};
 
 constexpr Field kEnvelopeFields[] = {{field::kJsonRpc, &Values::version},
                                      {field::kId, &Values::id},
-                                     {field::kResult, kResult},
-                                     {field::kError, kError},
-                                     {field::kClusterId, &Values::clusterId}};
-constexpr unsigned kSeenResult = 1U << 2;
-constexpr unsigned kSeenError = 1U << 3;
-constexpr unsigned kSeenClusterId = 1U << 4;
+                                     {field::kResult, kResult, true},  // this one, or the next
+                                     {field::kError, kError, true},
+                                     {field::kClusterId, &Values::clusterId, true}};
 
 constexpr Field kErrorFields[] = {{field::kErrorCode, &Values::errorCode},
                                   {field::kErrorMessage, &Values::errorMessage},
@@ -91,107 +91,107 @@ constexpr std::size_t kLongestName = std::string_view(field::kPreviousTime).size
 constexpr std::span<const Field> kFields[] = {
     kClusterFields,  kReplicaSetFields, kKeyResultFields, kSessionsFields, kCountFields, kLevelFields,  {},
     kEnvelopeFields, kErrorFields,      kErrorDataFields, kRealmFields,    kKeyFields,   kMemberFields, kSessionFields};
+static_assert(std::size(kFields) == kSession + 1);
 
 /// Takes the parser's events (basic_parser.hpp has their list). One that returns false ends the parse.
 class AnswerHandler {
   public:
     static constexpr std::size_t max_array_size = -1, max_object_size = -1, max_string_size = -1, max_key_size = -1;
 
-    AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer, std::string& problem)
-        : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_answer(answer), m_problem(problem) {}
+    AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer)
+        : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_answer(answer) {}
 
     bool on_document_begin(error_code&) { return true; }
     bool on_document_end(error_code&) { return true; }
     bool on_comment_part(std::string_view, error_code&) { return true; }
     bool on_comment(std::string_view, error_code&) { return true; }
 
-    bool on_object_begin(error_code& error) {
-        const auto* wanted = expected<Scope>(error);
-        if (wanted != nullptr) {
+    bool on_object_begin(error_code&) {
+        if (const auto* wanted = expected<Scope>()) {
+            m_hasResult = m_hasResult || *wanted == kResult;
             const Scope scope = *wanted == kResult ? m_result : *wanted;
             m_expected = nullptr;
-            *++m_open = {nullptr, scope, 0, kFields[scope]};
+            open({nullptr, scope, 0, kFields[scope]});
+        } else {
+            ++m_skipped;
         }
-        return passes(wanted);
+        return true;
     }
-    bool on_array_begin(error_code& error) {
-        const auto* wanted = expected<const Field*>(error);
-        if (wanted != nullptr) {
+    bool on_array_begin(error_code&) {
+        if (const auto* wanted = expected<const Field*>()) {
             m_expected = *wanted;
-            *++m_open = {m_expected, kResult, 0, {}};
+            open({m_expected, kResult, 0, {}});
+        } else {
+            ++m_skipped;
         }
-        return passes(wanted);
+        return true;
     }
     bool on_array_end(std::size_t, error_code&) { return leave(); }
-    bool on_object_end(std::size_t, error_code& error) {
-        const Frame& object = *m_open;
-        return (m_skipped > 0 || (isComplete(object, error) && take(object.scope, error))) && leave();
+    bool on_object_end(std::size_t, error_code&) {
+        if (m_skipped == 0) {
+            requireFields(*m_open);
+            take(m_open->scope);
+        }
+        return leave();
     }
 
-    bool on_key_part(std::string_view part, std::size_t length, error_code& error) {
+    bool on_key_part(std::string_view part, std::size_t length, error_code&) {
         m_key.resize(length > part.size() ? m_key.size() : 0);  // a new one
         m_key.append(part.substr(0, kLongestName + 1 - m_key.size()));
-        return isText(part, error);
+        return requireText(part);
     }
     bool on_key(std::string_view name, std::size_t length, error_code& error) {
+        requireText(name);
         if (name.size() < length) {
-            if (!on_key_part(name, length, error)) {
-                return false;
-            }
+            on_key_part(name, length, error);
             name = m_key;
         }
         if (m_skipped > 0) {
-            return isText(name, error);
+            return true;
         }
+        m_expected = nullptr;  // a field that this client does not know
         Frame& object = *m_open;
         for (std::size_t index = 0; index < object.fields.size(); ++index) {
             if (object.fields[index].name == name) {
-                const unsigned bit = 1U << index;
                 m_expected = &object.fields[index];
-                object.seen ^= bit;
-                return (object.seen & bit) != 0 || fail(error, "the field ", name, " comes twice");
+                object.seen ^= 1U << index;
+                require((object.seen & 1U << index) != 0, "the field ", name, " comes twice");
+                break;
             }
         }
-        m_expected = nullptr;  // a field that this client does not know
-        return isText(name, error);
+        return true;
     }
 
-    bool on_string_part(std::string_view part, std::size_t, error_code& error) {
-        const bool isWanted = expected<char * Values::*>(error) != nullptr;
-        if (isWanted) {
+    bool on_string_part(std::string_view part, std::size_t, error_code&) {
+        if (expected<char * Values::*>() != nullptr) {
             m_answer.texts.append(part);
         }
-        return (isWanted || m_expected == nullptr) && isText(part, error);
+        return requireText(part);
     }
     bool on_string(std::string_view last, std::size_t length, error_code& error) {
-        if (!on_string_part(last, length, error)) {
-            return false;
-        }
+        on_string_part(last, length, error);
         if (m_expected != nullptr) {
-            char* const text = m_answer.texts.finish();
-            m_values.*std::get<char * Values::*>(m_expected->kind) = text;
-            if (m_expected == &kNameItem) {
-                m_answer.replicaSetNames.append(text);
+            const auto member = std::get<char * Values::*>(m_expected->kind);
+            m_values.*member = m_answer.texts.finish();
+            if (member == &Values::replicaSet) {
+                m_answer.replicaSetNames.append(m_values.replicaSet);
             }
         }
         return true;
     }
 
     bool on_number_part(std::string_view, error_code&) { return true; }
-    bool on_int64(std::int64_t number, std::string_view, error_code& error) {
-        const auto* wanted = expected<std::int32_t Values::*>(error);
-        if (wanted == nullptr) {
-            return m_expected == nullptr;
+    bool on_int64(std::int64_t number, std::string_view, error_code&) {
+        if (const auto* wanted = expected<std::int32_t Values::*>()) {
+            m_values.** wanted = static_cast<std::int32_t>(number);
+            return number == static_cast<std::int32_t>(number) || other("a number of more than 32 bits");
         }
-        m_values.** wanted = static_cast<std::int32_t>(number);
-        return number == static_cast<std::int32_t>(number) || other("a number of more than 32 bits", error);
+        return true;
     }
-    bool on_uint64(std::uint64_t, std::string_view, error_code& error) {
-        return other("a number of more than 32 bits", error);
-    }
-    bool on_double(double, std::string_view, error_code& error) { return other("no integer of 32 bits", error); }
-    bool on_bool(bool value, error_code& error) { return other(value ? "true" : "false", error); }
-    bool on_null(error_code& error) { return other("null", error); }
+    bool on_uint64(std::uint64_t, std::string_view, error_code&) { return other("a number of more than 32 bits"); }
+    bool on_double(double, std::string_view, error_code&) { return other("no integer of 32 bits"); }
+    bool on_bool(bool value, error_code&) { return other(value ? "true" : "false"); }
+    bool on_null(error_code&) { return other("null"); }
 
   private:
     /// An object or a list that is open.
@@ -203,121 +203,119 @@ class AnswerHandler {
         std::span<const Field> fields{};
     };
 
-    /// Refuses the answer for a reason in up to three parts. The parser only wants to know that there is one.
-    [[gnu::cold]] bool fail(error_code& error, std::string_view what, std::string_view more = {},
-                            std::string_view most = {}) {
-        m_problem.append(what).append(more).append(most);
-        error = boost::json::error::exception;
-        return false;
-    }
-
-    bool isText(std::string_view text, error_code& error) {
-        return std::memchr(text.data(), '\0', text.size()) == nullptr || fail(error, "a string holds a NUL");
-    }
-    /// The kind that the value at hand has to be of. Null: any value, to be passed over, or another kind, which fails.
-    template <class Kind>
-    const Kind* expected(error_code& error) {
-        const Kind* kind = m_expected == nullptr ? nullptr : std::get_if<Kind>(&m_expected->kind);
-        if (kind == nullptr && m_expected != nullptr) {
-            fail(error, m_expected->name, " is of the wrong type");
+    /// Throws Failure, whose reason has up to three parts, unless `holds`.
+    static void require(bool holds, std::string_view what, std::string_view more = {}, std::string_view most = {}) {
+        if (!holds) {
+            throw notUnderstood(std::string(what).append(more).append(most));
         }
+    }
+    static bool requireText(std::string_view text) {
+        require(std::memchr(text.data(), '\0', text.size()) == nullptr, "a string holds a NUL");
+        return true;
+    }
+    /// Where the value at hand goes, or null if it is passed over. Throws Failure when it has to be of another kind.
+    template <class Kind>
+    const Kind* expected() const {
+        const Kind* kind = m_expected == nullptr ? nullptr : std::get_if<Kind>(&m_expected->kind);
+        require(kind != nullptr || m_expected == nullptr, m_expected == nullptr ? "" : m_expected->name,
+                " is of the wrong type");
         return kind;
     }
-    /// Takes a value of a kind that no known field has.
-    bool other(const char* what, error_code& error) {
-        return m_expected == nullptr || fail(error, m_expected->name, " is ", what);
+    /// Passes over a value of a kind that no known field has.
+    bool other(const char* what) const {
+        require(m_expected == nullptr, m_expected == nullptr ? "" : m_expected->name, " is ", what);
+        return true;
     }
 
-    /// An object or a list has been opened, which counts if it is not `wanted`.
-    bool passes(const void* wanted) {
-        m_skipped += wanted == nullptr ? 1 : 0;
-        return m_problem.empty();
+    void open(const Frame& frame) {
+        assert(m_open + 1 < std::end(m_frames));
+        *++m_open = frame;
     }
     bool leave() {
         if (m_skipped > 0) {
             --m_skipped;
         } else {
+            assert(m_open > m_frames);
             m_expected = (--m_open)->item;  // of an object, the next name tells what is expected
         }
         return true;
     }
 
-    bool isComplete(const Frame& object, error_code& error) {
-        unsigned missing = ((1U << object.fields.size()) - 1) & ~object.seen;
-        if (object.scope == kEnvelope) {
-            if (((missing & kSeenResult) != 0) == ((missing & kSeenError) != 0)) {
-                return fail(error, "it must hold either a result or an error");
-            }
-            missing &= ~(kSeenResult | kSeenError | kSeenClusterId);
+    static void requireFields(const Frame& object) {
+        for (std::size_t index = 0; index < object.fields.size(); ++index) {
+            const auto& [name, kind, isOptional] = object.fields[index];
+            require(isOptional || (object.seen & 1U << index) != 0, "the field ", name, " is missing");
         }
-        return missing == 0 || fail(error, "the field ", object.fields[std::countr_zero(missing)].name, " is missing");
     }
 
     /// Takes the values of an object that is complete for what the object stands for.
-    bool take(Scope scope, error_code& error) {
+    void take(Scope scope) {
         switch (scope) {
             case kEnvelope:
-                m_answer.clusterId = m_values.clusterId;
-                return takeEnvelope(error);
+                takeEnvelope();
+                break;
             case kError:
                 m_answer.errorMessage = m_values.errorMessage;
-                return true;
+                break;
             case kErrorData:
                 m_answer.errorName = m_values.name;
-                return true;
+                break;
             case kRealm: {
                 // Where the names lie is known at the end; they follow each other in the order of the realms.
                 const std::size_t names = std::exchange(m_names, m_answer.replicaSetNames.size());
                 m_answer.realms.append({m_values.name, static_cast<std::int32_t>(m_names - names), nullptr});
-                return true;
+                break;
             }
             case kKey:
                 m_answer.key = {m_values.label, m_values.time, m_values.previousTime};
-                return true;
+                break;
             case kMember:
                 m_answer.members.append({m_values.name, m_values.time});
-                return true;
+                break;
             case kSession:
                 m_answer.sessions.append({m_values.user, m_values.sessionId, m_values.time});
-                return true;
+                break;
             case kClusterResult:
-                return takeCount(m_answer.realms.size(), error);
+                takeCount(m_answer.realms.size());
+                break;
             case kReplicaSetResult:
-                return takeCount(m_answer.members.size(), error);
+                takeCount(m_answer.members.size());
+                break;
             case kSessionsResult:
                 m_answer.total = m_values.total;
-                return takeCount(m_answer.sessions.size(), error) &&
-                       (m_answer.total >= m_answer.count || fail(error, "the field total is wrong"));
+                takeCount(m_answer.sessions.size());
+                require(m_answer.total >= m_answer.count, "the field total is wrong");
+                break;
             case kCountResult:
-                return takeCount(static_cast<std::size_t>(m_values.count), error);
+                takeCount(static_cast<std::size_t>(m_values.count));
+                break;
             case kLevelResult:
                 m_answer.level = m_values.level;
-                return true;
-            default:
-                return true;
+                break;
+            case kKeyResult:
+            case kResult:
+                break;
         }
     }
 
-    bool takeEnvelope(error_code& error) {
-        if (std::strcmp(m_values.version, field::kVersion) != 0) {
-            return fail(error, "it is not JSON-RPC 2.0");
-        }
-        if (m_values.clusterId != nullptr && std::strlen(m_values.clusterId) > kMaxClusterIdBytes) {
-            return fail(error, "the field clusterId is too long");
-        }
-        return m_values.id == m_requestId || fail(error, "it answers another request");
+    void takeEnvelope() {
+        require(std::strcmp(m_values.version, field::kVersion) == 0, "it is not JSON-RPC 2.0");
+        require(m_values.id == m_requestId, "it answers another request");
+        require(m_hasResult != (m_answer.errorName != nullptr), "it must hold either a result or an error");
+        m_answer.clusterId = m_values.clusterId;
+        require(m_values.clusterId == nullptr || std::strlen(m_values.clusterId) <= kMaxClusterIdBytes,
+                "the field clusterId is too long");
     }
 
-    bool takeCount(std::size_t records, error_code& error) {
+    void takeCount(std::size_t records) {
         m_answer.count = m_values.count;
-        return (m_values.count >= 0 && static_cast<std::size_t>(m_values.count) == records) ||
-               fail(error, "the field count is wrong");
+        require(m_values.count >= 0 && static_cast<std::size_t>(m_values.count) == records, "the field count is wrong");
     }
 
     const Scope m_result;
     const std::int32_t m_requestId;
     Answer& m_answer;
-    std::string& m_problem;
+    bool m_hasResult = false;
     const Field* m_expected = &kAnswer;  // where the parse stands; null: anything, to be passed over
     Frame m_frames[8]{};                 // more than an answer has; the outermost is a list of one answer
     Frame* m_open = m_frames;            // the innermost one
@@ -336,44 +334,37 @@ struct AnswerReader::Parser : boost::json::basic_parser<AnswerHandler> {
 AnswerReader::AnswerReader(AnswerShape shape, std::int32_t requestId) {
     boost::json::parse_options options;
     options.max_depth = kMaxDepth;
-    m_parser = std::make_unique<Parser>(options, shape, requestId, m_answer, m_problem);
+    m_parser = std::make_unique<Parser>(options, shape, requestId, m_answer);
 }
 
 AnswerReader::~AnswerReader() = default;
 
-bool AnswerReader::read(std::string_view bytes) {
-    return parse(true, bytes);
+void AnswerReader::read(std::string_view bytes) {
+    parse(true, bytes);
 }
 
-bool AnswerReader::finish() {
+void AnswerReader::finish() {
     if (m_head.empty()) {
-        m_problem = "it is empty";
+        throw notUnderstood("it is empty");
     }
-    if (!parse(false, "")) {
-        return false;
-    }
+    parse(false, "");
     char** names = m_answer.replicaSetNames.data();
     for (olm_dsess_admin_realm_t& realm : m_answer.realms) {
         realm.replica_set_names = realm.replica_set_count == 0 ? nullptr : names;
         names += realm.replica_set_count;
     }
-    return true;
 }
 
-bool AnswerReader::parse(bool more, std::string_view bytes) {
-    if (!m_problem.empty()) {
-        return false;
-    }
+void AnswerReader::parse(bool more, std::string_view bytes) {
     m_head += bytes.substr(0, kHeadBytes - m_head.size());
     error_code error;
     const std::size_t parsed = m_parser->write_some(more, bytes.data(), bytes.size(), error);
     m_bytes += parsed;
-    if (m_problem.empty() && (error || parsed < bytes.size())) {
-        m_problem = error == boost::json::error::too_deep
-                        ? "it is nested too deeply"
-                        : "it is not one whole JSON value (at byte " + std::to_string(m_bytes) + ")";
+    if (error || parsed < bytes.size()) {
+        throw notUnderstood(error == boost::json::error::too_deep
+                                ? "it is nested too deeply"
+                                : "it is not one whole JSON value (at byte " + std::to_string(m_bytes) + ")");
     }
-    return m_problem.empty();
 }
 
 }  // namespace olmdsess

@@ -48,13 +48,11 @@ class AnswerReader {
     AnswerReader(const AnswerReader&) = delete;
     AnswerReader& operator=(const AnswerReader&) = delete;
 
-    /// Takes the next bytes, cut anywhere. False once the answer is refused: then nothing more is taken. Nesting and
-    /// memory are bounded whatever the bytes. Throws std::bad_alloc; the answer is then good for nothing.
-    [[nodiscard]] bool read(std::string_view bytes);
-    /// There are no more bytes. False: what came is no answer. Throws std::bad_alloc.
-    [[nodiscard]] bool finish();
-    /// Why the answer was refused; empty: it was not.
-    const std::string& problem() const { return m_problem; }
+    /// Takes the next bytes, cut anywhere. Nesting and memory are bounded whatever the bytes. Throws Failure when they
+    /// belong to no answer, and std::bad_alloc; the reader then takes nothing more.
+    void read(std::string_view bytes);
+    /// There are no more bytes. Throws Failure when what came is no answer, and std::bad_alloc.
+    void finish();
     /// The first bytes as they came, at most kHeadBytes.
     std::string_view head() const { return m_head; }
     /// What it said, after finish().
@@ -64,10 +62,9 @@ class AnswerReader {
     struct Parser;
 
     /// Gives the parser bytes, the last ones unless there are `more`.
-    bool parse(bool more, std::string_view bytes);
+    void parse(bool more, std::string_view bytes);
 
     Answer m_answer;
-    std::string m_problem;
     std::string m_head;
     std::size_t m_bytes = 0;  // that came so far
     std::unique_ptr<Parser> m_parser;

@@ -21,6 +21,7 @@
 #include <string_view>
 
 #include "admin/client/answer/AnswerHead.h"
+#include "admin/client/base/Failure.h"
 #include "admin/client/request/Connecting.h"
 #include "admin/client/request/Interruption.h"
 #include "admin/client/request/Location.h"
@@ -40,36 +41,26 @@ constexpr char kNoConnection[] = "no connection";
 constexpr char kEnded[] = "the connection ended before an answer";
 constexpr char kEndedPerhapsForTls[] = "the connection ended before an answer, as by a server that expects TLS";
 constexpr char kNoTls[] = "no TLS connection: ";
+constexpr int kHttpOk = 200;
+constexpr int kHttpNotFound = 404;
+constexpr int kHttpUnavailable = 503;
 
-Attempt failed(AttemptFailure failure, std::string cause) {
-    return {failure, std::move(cause)};
-}
-
-Attempt notUnderstood(const std::string& why) {
-    return failed(AttemptFailure::kNotUnderstood, "answer not understood: " + why);
-}
-
-Attempt httpStatusFailure(const AnswerHead& head) {
-    const int status = head.status();
-    const std::string cause = "HTTP status " + std::to_string(status) +
-                              (status == 404 ? ": no session server is there, or not this instance of it" : "");
-    if (status == 404) {
-        return failed(AttemptFailure::kNotServed, cause);
+/// What an HTTP status other than 200 means.
+Failure httpFailure(const AnswerHead& head) {
+    const std::string cause = "HTTP status " + std::to_string(head.status());
+    switch (head.status()) {
+        case kHttpNotFound:
+            return {kStatusInstanceNotServed, cause + ": no session server is there, or not this instance of it"};
+        case kHttpUnavailable:
+            return {kStatusNoLocation, cause + (head.lacksStore() ? ": the server cannot reach its database now"
+                                                                  : ": the server has too much to do now")};
+        default:
+            if (head.status() < 400 || head.status() >= 600) {
+                return notUnderstood(cause);  // a redirection, for one, which no session server sends
+            }
+            return {head.status() < 500 ? kStatusRequestRefused : kStatusNoLocation, cause};
     }
-    if (status == 503) {
-        return failed(AttemptFailure::kBusy, cause + (head.lacksStore() ? ": the server cannot reach its database now"
-                                                                        : ": the server has too much to do now"));
-    }
-    if (status >= 400 && status < 600) {
-        return failed(status < 500 ? AttemptFailure::kRefused : AttemptFailure::kFailed, cause);
-    }
-    return notUnderstood(cause);  // a redirection, for one, which no session server sends
 }
-
-/// Ends an attempt that has failed, whatever it was about to do.
-struct Failed {
-    Attempt attempt;
-};
 
 /// A connection to one location, over TLS where that is asked for. It counts the bytes that leave, so what has been
 /// sent is known, whatever the layers above make of an error. Its address stays, for TLS refers to it.
@@ -253,11 +244,11 @@ class Exchange {
         m_bodyStart = m_windowStart = m_lastByte = Clock::now();
     }
 
-    /// A piece of the body. False when the answer is none; problem() says why.
-    bool onBody(std::string_view piece) {
+    /// A piece of the body. Throws as the reader does.
+    void onBody(std::string_view piece) {
         m_lastByte = Clock::now();
         m_windowBytes += static_cast<long>(piece.size());
-        return m_reader.read(piece);
+        m_reader.read(piece);
     }
 
     /// The time at which the attempt is given up. It moves on while a long answer flows.
@@ -279,7 +270,6 @@ class Exchange {
     }
 
     Clock::duration flowed() const { return m_limits.mayFlow ? m_windowStart - m_bodyStart : Clock::duration(); }
-    const std::string& problem() const { return m_reader.problem(); }
     AnswerReader& reader() { return m_reader; }
 
   private:
@@ -313,10 +303,7 @@ struct AnswerBody {
             error = {};
             std::size_t taken = 0;
             for (const net::const_buffer piece : beast::buffers_range_ref(buffers)) {
-                if (!m_exchange->onBody({static_cast<const char*>(piece.data()), piece.size()})) {
-                    error = http::make_error_code(http::error::bad_value);
-                    break;
-                }
+                m_exchange->onBody({static_cast<const char*>(piece.data()), piece.size()});
                 taken += piece.size();
             }
             return taken;
@@ -377,20 +364,6 @@ std::string timeoutCause(Exchange::Stage stage) {
     return {};
 }
 
-/// Whether the server said that it did nothing.
-bool isRefusal(const Attempt& attempt, Connection* connection) {
-    switch (attempt.failure) {
-        case AttemptFailure::kRefused:
-        case AttemptFailure::kNotServed:
-        case AttemptFailure::kBusy:
-            return true;
-        case AttemptFailure::kTls:
-            return connection != nullptr && connection->report().refusalProven;
-        default:
-            return false;
-    }
-}
-
 /// The request's head and body in one piece: what wipes its memory holds the only copy.
 SecretBuffer requestText(const Location& location, const SecretBuffer& body) {
     std::string head = "POST " + location.path + " HTTP/1.1\r\nHost: " + location.authority +
@@ -432,14 +405,15 @@ class HttpTransport::Wires {
         m_location = &location;
         m_request = requestText(location, body);
         Attempt attempt = run(limits, reader);
-        if (isKept && attempt.failure == AttemptFailure::kUnreachable) {
+        if (isKept && attempt.status == kStatusNoLocation && m_exchange->stage() == Exchange::Stage::kSent) {
             // The server closed the kept connection just when it was to be used again.
             m_sentBefore = hasSent();
             m_connection.reset();
             attempt = run(limits, reader);
         }
         // A refusal speaks for the second sending alone: the first one may have been carried out.
-        attempt.mayHaveActed = isRefusal(attempt, m_connection.get()) ? m_sentBefore : mayHaveSent();
+        attempt.mayHaveActed = isRefused(attempt) ? m_sentBefore : mayHaveSent();
+        attempt.isBusy = m_httpStatus == kHttpUnavailable;
         attempt.flowed = m_exchange->flowed();
         if (!m_isReusable && !isUnfinished()) {
             m_connection.reset();
@@ -454,6 +428,11 @@ class HttpTransport::Wires {
     bool mayHaveSent() const { return m_sentBefore || hasSent(); }
 
   private:
+    /// Whether the server said that it did nothing.
+    bool isRefused(const Attempt& attempt) const {
+        return (m_httpStatus >= 400 && m_httpStatus < 500) || m_httpStatus == kHttpUnavailable ||
+               (attempt.status == kStatusTlsFailure && m_connection != nullptr && m_connection->report().refusalProven);
+    }
     bool hasSent() const { return m_connection != nullptr && m_connection->written() > m_writtenBefore; }
 
     /// In a child process after fork(2): what the loop waits for, and the connection, are the parent's.
@@ -470,6 +449,7 @@ class HttpTransport::Wires {
     Attempt run(const AttemptLimits& limits, AnswerReader& reader) {
         m_exchange.emplace(limits, reader);
         m_isReusable = false;
+        m_httpStatus = 0;
         m_task.emplace(exchange()).start();
         while (isUnfinished()) {
             const auto deadline = m_exchange->deadline();
@@ -477,10 +457,10 @@ class HttpTransport::Wires {
                 watchForInterruption();
             }
             if (m_loop.run_one_until(deadline) == 0 && Clock::now() >= m_exchange->deadline()) {
-                return failed(AttemptFailure::kTimedOut, timeoutCause(m_exchange->stage()));
+                return {kStatusTimedOut, timeoutCause(m_exchange->stage())};
             }
             if (isUnfinished() && interruption::isOn()) {
-                return failed(AttemptFailure::kInterrupted, "interrupted");
+                return {kStatusInterrupted, "interrupted"};
             }
         }
         return m_task->take();
@@ -507,16 +487,17 @@ class HttpTransport::Wires {
             co_await readHead();
             co_await readBody();
             co_return Attempt();
-        } catch (Failed& failure) {
-            co_return std::move(failure.attempt);
+        } catch (const Failure& failure) {
+            co_return Attempt{failure.status, failure.cause};
         } catch (const boost::system::system_error& error) {
-            co_return judge(error.code());
+            const Failure failure = judge(error.code());
+            co_return Attempt{failure.status, failure.cause};
         }
     }
 
     Task<Nothing> connect() {
         if (m_location->secure && !m_policy.trustsAnybody()) {
-            throw Failed{failed(AttemptFailure::kTls, "no TLS connection: there is no key file to say whom to trust")};
+            throw Failure{kStatusTlsFailure, std::string(kNoTls) + "there is no key file to say whom to trust"};
         }
         const std::vector<tcp::endpoint> addresses = co_await lookUp(m_loop, m_location->host, m_location->port);
         m_exchange->enter(Exchange::Stage::kConnecting);
@@ -543,10 +524,10 @@ class HttpTransport::Wires {
         AnswerHead head;
         AnswerHead::State state;
         while ((state = head.read(textOf(m_buffer))) != AnswerHead::State::kFinal) {
-            if (state == AnswerHead::State::kRefused || (state == AnswerHead::State::kInterim && head.size() > left)) {
-                throw Failed{notUnderstood(state == AnswerHead::State::kRefused ? head.problem() : kHeadTooLong)};
-            }
             if (state == AnswerHead::State::kInterim) {
+                if (head.size() > left) {
+                    throw notUnderstood(kHeadTooLong);
+                }
                 left -= head.size();
                 m_buffer.consume(head.size());
                 head = AnswerHead();
@@ -557,8 +538,9 @@ class HttpTransport::Wires {
             }
             m_exchange->enter(Exchange::Stage::kHead);
         }
-        if (head.status() != 200) {
-            throw Failed{httpStatusFailure(head)};
+        m_httpStatus = head.status();
+        if (m_httpStatus != kHttpOk) {
+            throw httpFailure(head);
         }
         co_return Nothing();
     }
@@ -580,20 +562,15 @@ class HttpTransport::Wires {
                 parser.put_eof(error);
             }
             if (error && error != http::error::need_more) {
-                throw Failed{notUnderstood(bodyProblem(error, parser.is_header_done()))};
+                throw notUnderstood(bodyProblem(error, parser.is_header_done()));
             }
         }
-        if (!m_exchange->reader().finish()) {
-            throw Failed{notUnderstood(m_exchange->problem())};
-        }
+        m_exchange->reader().finish();
         m_isReusable = parser.keep_alive() && m_buffer.size() == 0;
         co_return Nothing();
     }
 
-    std::string bodyProblem(const ErrorCode& error, bool isHeaderDone) const {
-        if (!m_exchange->problem().empty()) {
-            return m_exchange->problem();
-        }
+    static std::string bodyProblem(const ErrorCode& error, bool isHeaderDone) {
         if (error == http::error::body_limit) {
             return "it is too long";
         }
@@ -602,27 +579,26 @@ class HttpTransport::Wires {
         return !isDamaged ? kCutShort : isHeaderDone ? "its chunks are not HTTP/1.1" : kNotHttp;
     }
 
-    /// Turns an error of the system or of TLS into a failed attempt, by the stage that the exchange has reached.
-    Attempt judge(const ErrorCode& error) const {
+    /// What an error of the system or of TLS means at the stage that the exchange has reached. Throws std::bad_alloc.
+    Failure judge(const ErrorCode& error) const {
         if (isOutOfMemory(error)) {
-            return failed(AttemptFailure::kNoMemory, "");
+            throw std::bad_alloc();
         }
         switch (m_exchange->stage()) {
             case Exchange::Stage::kLookup:
-                return failed(AttemptFailure::kUnreachable, systemCause(error, kNoLookup));
+                return {kStatusNoLocation, systemCause(error, kNoLookup)};
             case Exchange::Stage::kConnecting:
                 if (!m_location->secure || error != net::error::connection_reset) {
-                    return failed(AttemptFailure::kUnreachable, systemCause(error, kNoConnection));
+                    return {kStatusNoLocation, systemCause(error, kNoConnection)};
                 }
                 [[fallthrough]];  // the same reset, a moment earlier
             case Exchange::Stage::kHandshake:
-                return failed(AttemptFailure::kTls, tlsCause(error));
+                return {kStatusTlsFailure, tlsCause(error)};
             case Exchange::Stage::kSent:
                 if (m_connection->report().certificateAlert != nullptr) {
-                    return failed(AttemptFailure::kTls, tlsCause(error));
+                    return {kStatusTlsFailure, tlsCause(error)};
                 }
-                return failed(AttemptFailure::kUnreachable,
-                              systemCause(error, m_location->secure ? kEnded : kEndedPerhapsForTls));
+                return {kStatusNoLocation, systemCause(error, m_location->secure ? kEnded : kEndedPerhapsForTls)};
             case Exchange::Stage::kHead:
             case Exchange::Stage::kBody:
                 break;
@@ -652,6 +628,7 @@ class HttpTransport::Wires {
     bool m_sentBefore = false;        // of the request, something left through a connection before this one
     std::size_t m_writtenBefore = 0;  // bytes that left the connection before the request
     bool m_isReusable = false;
+    int m_httpStatus = 0;  // of the answer; 0: none has come
     pid_t m_process = getpid();
     bool m_isWatching = false;                                   // for an interruption
     net::io_context m_loop{BOOST_ASIO_CONCURRENCY_HINT_UNSAFE};  // for one thread
@@ -669,7 +646,7 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, co
     try {
         const std::optional<Location> location = parseLocation(url);
         if (!location) {
-            return failed(AttemptFailure::kUnreachable, "this is not a usable URL");
+            return {kStatusNoLocation, "this is not a usable URL"};
         }
         if (m_wires == nullptr) {
             m_wires = std::make_unique<Wires>(m_policy);
@@ -680,9 +657,9 @@ Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, co
         }
         return attempt;
     } catch (const boost::system::system_error& lacking) {  // such as a descriptor
-        return abandon(failed(AttemptFailure::kUnreachable, systemCause(lacking.code(), kNoConnection)));
+        return abandon({kStatusNoLocation, systemCause(lacking.code(), kNoConnection)});
     } catch (const std::exception&) {
-        return abandon({AttemptFailure::kNoMemory});
+        return abandon({kStatusNoMemory});
     }
 }
 

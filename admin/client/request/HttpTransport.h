@@ -13,24 +13,12 @@ namespace olmdsess {
 
 using Clock = std::chrono::steady_clock;
 
-/// Why an attempt failed.
-enum class AttemptFailure {
-    kNone,
-    kUnreachable,    ///< no name, no connection, or one that ended before an answer began
-    kTimedOut,       ///< too slow, at whatever stage
-    kTls,            ///< no secure connection, or our certificate was refused
-    kRefused,        ///< HTTP status 4xx: the server did not take the request
-    kBusy,           ///< HTTP status 503: it did not take it now
-    kNotServed,      ///< HTTP status 404: it is no session server, or has not this instance
-    kFailed,         ///< HTTP status 5xx otherwise: nobody knows how far it came
-    kNotUnderstood,  ///< what came is not an answer
-    kNoMemory,       ///< memory ran out, with no cause in words
-    kInterrupted,    ///< given up because someone asked for it (Interruption.h)
-};
-
+/// What became of an attempt.
 struct Attempt {
-    AttemptFailure failure = AttemptFailure::kNone;
-    std::string cause{};  ///< in words, when it failed
+    std::uint32_t status = 0;  ///< 0: there is an answer
+    std::string cause{};       ///< in words, when it failed; empty if memory ran out
+    /// The server said that it cannot take the request now (HTTP status 503).
+    bool isBusy = false;
     /// Whether a server can have carried the request out. Once a byte of it left, only a server that refuses it by its
     /// HTTP status says that it did not, or one that turns our certificate down in TLS 1.3, which reads none of it.
     bool mayHaveActed = false;

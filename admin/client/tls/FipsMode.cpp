@@ -3,7 +3,7 @@
 #include <openssl/err.h>
 #include <openssl/evp.h>
 
-#include "admin/client/tls/TlsProblem.h"
+#include "admin/client/base/Failure.h"
 #include "catalogue/qel_messages.h"
 #include "runtime/openssl_ptr.h"
 
@@ -14,8 +14,8 @@ namespace {
 [[noreturn]] void fail() {
     const char* reason = ERR_reason_error_string(ERR_peek_error());
     ERR_clear_error();
-    throw TlsProblem{kStatusNoFips, std::string("FIPS mode is asked for, but the provider cannot be used: ") +
-                                        (reason == nullptr ? "it offers no approved algorithm" : reason)};
+    throw Failure{kStatusNoFips, std::string("FIPS mode is asked for, but the provider cannot be used: ") +
+                                     (reason == nullptr ? "it offers no approved algorithm" : reason)};
 }
 
 }  // namespace

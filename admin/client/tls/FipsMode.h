@@ -12,13 +12,13 @@ namespace olmdsess {
 class FipsMode {
   public:
     /// Loads the provider and has it test itself, without changing anything yet: key files are protected by means that
-    /// the provider does not offer. Throws TlsProblem with kStatusNoFips.
+    /// the provider does not offer. Throws Failure with kStatusNoFips.
     FipsMode();
     ~FipsMode();
     FipsMode(const FipsMode&) = delete;
     FipsMode& operator=(const FipsMode&) = delete;
 
-    /// Restricts OpenSSL to approved cryptography. Throws TlsProblem with kStatusNoFips.
+    /// Restricts OpenSSL to approved cryptography. Throws Failure with kStatusNoFips.
     void enable();
 
   private:

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <new>
 
+#include "admin/client/base/Failure.h"
 #include "admin/client/tls/KeyFileContents.h"
-#include "admin/client/tls/TlsProblem.h"
 #include "catalogue/qel_messages.h"
 #include "runtime/DistinguishedName.h"
 #include "runtime/SecretBuffer.h"
@@ -199,7 +199,7 @@ KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) 
         return result;
     } catch (const UnusableFile& file) {
         ERR_clear_error();
-        throw TlsProblem{kStatusKeyFile, called + " " + file.why};
+        throw Failure{kStatusKeyFile, called + " " + file.why};
     }
 }
 

@@ -27,7 +27,7 @@ struct KeyFile {
 ///   is not encrypted, but it may be a link. A key file that no password seals must not be writable for others.
 /// label: of the identity; null: the only one there is.
 ///
-/// Throws TlsProblem with kStatusKeyFile, or std::bad_alloc.
+/// Throws Failure with kStatusKeyFile, or std::bad_alloc.
 KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label);
 
 }  // namespace olmdsess

@@ -8,7 +8,7 @@
 #include <new>
 #include <set>
 
-#include "admin/client/tls/TlsProblem.h"
+#include "admin/client/base/Failure.h"
 #include "catalogue/qel_messages.h"
 
 namespace olmdsess {
@@ -132,8 +132,8 @@ void TlsPolicy::loadServerNames(const olm_dsess_admin_mv_string_t& names) {
     for (std::int32_t index = 0; index < names.count; ++index) {
         const std::string_view text = names.values[index];
         const auto fail = [text](const char* why) {
-            throw TlsProblem{kStatusKeyFile,
-                             "the server name (server-dns) \"" + std::string(text) + "\" cannot be read" + why};
+            throw Failure{kStatusKeyFile,
+                          "the server name (server-dns) \"" + std::string(text) + "\" cannot be read" + why};
         };
         if (text.starts_with(' ') || text.ends_with(' ')) {
             fail(": write no blank before or after it; one that belongs to a name is written \\20");
@@ -178,8 +178,8 @@ void TlsPolicy::makeContext() {
     SSL_CTX_set_cert_cb(context, askedCallback, nullptr);
     SSL_CTX_set1_cert_store(context, makeStore(m_keyFile.trusted).get());
     if (const X509* refused = hasIdentity() ? offerIdentity() : nullptr) {
-        throw TlsProblem{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " +
-                                             m_keyFileName + " cannot be used: " + weaknessText(ERR_get_error())};
+        throw Failure{kStatusKeyFile, "the certificate " + subjectText(refused) + " of the key file " + m_keyFileName +
+                                          " cannot be used: " + weaknessText(ERR_get_error())};
     }
 }
 

@@ -33,7 +33,7 @@ class TlsPolicy {
     /// Tells people about a certificate that ends soon. It must not throw.
     using Notice = std::function<void(const std::string&)>;
 
-    /// Loads what the settings name. Throws TlsProblem, std::bad_alloc.
+    /// Loads what the settings name. Throws Failure, std::bad_alloc.
     TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Notice notice);
 
     /// Whether a key file was given. Without one no server is trusted, and no secure connection can be made.
@@ -54,7 +54,7 @@ class TlsPolicy {
     bool verify(X509_STORE_CTX* chain, TlsReport& report) const;
     void loadServerNames(const olm_dsess_admin_mv_string_t& names);
     void load(const char* keyFile, const char* stash, const char* label);
-    /// Makes the context of all connections. Throws TlsProblem, also when OpenSSL does not take our certificate.
+    /// Makes the context of all connections. Throws Failure, also when OpenSSL does not take our certificate.
     void makeContext();
     /// Gives the context our certificate, its chain and its key. Returns the certificate that OpenSSL does not take.
     const X509* offerIdentity() const;
