@@ -1,6 +1,7 @@
 #include "admin/client/Client.h"
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 #include <optional>
 #include <utility>
@@ -17,22 +18,24 @@ namespace {
 
 constexpr std::size_t kExcerptBytes = AnswerReader::kShownBytes;
 
-// Of the causes that a request failed of, so many are shown at once.
+// So many different causes of a failure are shown at once.
 constexpr std::size_t kShownCauses = 3;
 
-// Of the pauses before locations are asked again: the most that the first and the last ones take, and what is too short
-// to be one.
+// Pauses before locations are asked again. The first one takes at most kFirstPause, each later one at most twice as
+// long as the one before it, and none longer than kLongestPause. When only one below kLeastPause fits into the time
+// that is left, the request is given up.
 constexpr std::chrono::milliseconds kFirstPause{50};
 constexpr std::chrono::milliseconds kLongestPause{1000};
 constexpr std::chrono::milliseconds kLeastPause{10};
-// Less time than this is not divided any more.
+// The least time for an attempt to find out about a change, unless less is left.
 constexpr std::chrono::seconds kLeastShare{1};
 
+/// What an error in an answer means.
 struct ErrorStatus {
     const char* name;
     std::uint32_t status;
-    /// Whether every other time that the same change is sent has the same answer: because a server keeps it under the
-    /// change's identifier, or because it follows from what is sent.
+    /// Whether a change that gets this answer gets it each time that it is sent: because a server keeps the answer
+    /// under the change's identifier, or because it follows from what is sent.
     bool holds;
 };
 
@@ -47,24 +50,19 @@ constexpr ErrorStatus kErrorStatuses[] = {
     {protocol::error::kServerFailure, kStatusServerFailed, false},
 };
 
-/// Null: a name that this client does not know.
-const ErrorStatus* find(std::string_view errorName) {
+/// A name that this client does not know is a refusal.
+ErrorStatus meaningOf(std::string_view errorName) {
     const auto* found = std::find_if(std::begin(kErrorStatuses), std::end(kErrorStatuses),
                                      [errorName](const ErrorStatus& error) { return error.name == errorName; });
-    return found == std::end(kErrorStatuses) ? nullptr : found;
+    return found == std::end(kErrorStatuses) ? ErrorStatus{"", kStatusRequestRefused, false} : *found;
 }
 
 /// Whether an answer tells what became of a change that may have been carried out before.
 bool isFinal(const Answer& answer) {
-    const ErrorStatus* error = answer.errorName == nullptr ? nullptr : find(answer.errorName);
-    return answer.errorName == nullptr || (error != nullptr && error->holds);
+    return answer.errorName == nullptr || meaningOf(answer.errorName).holds;
 }
 
-bool isError(const Answer& answer, std::string_view name) {
-    return answer.errorName != nullptr && answer.errorName == name;
-}
-
-/// What all locations failed of.
+/// What all locations failed of, if that was the same.
 std::uint32_t commonStatus(std::span<const Attempt> failures) {
     const auto isAnother = [&](const Attempt& attempt) { return attempt.status != failures.front().status; };
     return failures.empty() || std::any_of(failures.begin(), failures.end(), isAnother) ? kStatusNoLocation
@@ -81,17 +79,13 @@ bool isTextOrNull(const char* text) {
     return text == nullptr || qel_utf8_is_text(text);
 }
 
-/// What cannot be said in a request is not sent: it would not reach the server as it was meant.
+/// Whether all texts are UTF-8, which JSON consists of. Others would not reach the server as they were meant.
 bool canBeSent(const olm_dsess_admin_sec_info_t& security, std::span<const RequestParameter> parameters) {
     return isTextOrNull(security.user_name) && isTextOrNull(security.password) && isTextOrNull(security.login_id) &&
            std::all_of(parameters.begin(), parameters.end(), [](const RequestParameter& parameter) {
                const auto* text = std::get_if<const char*>(&parameter.value);
                return text == nullptr || isTextOrNull(*text);
            });
-}
-
-std::string_view contents(const SecretBuffer& buffer) {
-    return {buffer.data(), buffer.size()};
 }
 
 }  // namespace
@@ -101,11 +95,11 @@ Client::Client(std::int32_t timeoutSeconds, std::vector<std::string> urls,
     : m_timeout(std::chrono::seconds(timeoutSeconds == 0 ? kDefaultTimeoutSeconds : timeoutSeconds)),
       m_urls(std::move(urls)),
       m_trace(trace),
-      m_tlsPolicy(tlsSettings, [trace](const std::string& text) { trace.line(kTraceFailure, text); }),
+      m_tlsPolicy(tlsSettings, trace),
       m_transport(m_tlsPolicy) {}
 
-std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
-                              std::span<const RequestParameter> parameters, Answer& answer) {
+std::uint32_t Client::carryOut(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
+                               std::span<const RequestParameter> parameters, Answer& answer) {
     if (!canBeSent(security, parameters)) {
         m_trace.line(kTraceAlways, "the request is not valid UTF-8 and was not sent");
         return kStatusInvalidArgument;
@@ -131,7 +125,8 @@ std::uint32_t Client::perform(const Operation& operation, const olm_dsess_admin_
     }
     olm_dsess_admin_sec_info_t shown = security;
     shown.password = security.password == nullptr ? nullptr : "***";
-    m_trace.line(kTraceMessage, "request: " + std::string(contents(writeRequest(id, operation.method, shown, all))));
+    const SecretBuffer shownText = writeRequest(id, operation.method, shown, all);
+    m_trace.line(kTraceMessage, "request: " + std::string(shownText.begin(), shownText.end()));
     try {
         return tryLocations(request, answer);
     } catch (const std::bad_alloc&) {
@@ -217,7 +212,7 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
     }
     if (attempt.status == 0) {
         answer = std::move(reader.answer());
-        if (isError(answer, protocol::error::kOtherCluster)) {
+        if (answer.errorName != nullptr && std::string_view(answer.errorName) == protocol::error::kOtherCluster) {
             request.isOpen = wasOpen;
             attempt.status = kStatusRequestRefused;
             attempt.cause = excerpt(request, answer.errorMessage);
@@ -240,15 +235,23 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
 
 std::uint32_t Client::finish(std::size_t index, const Request& request, const Answer& answer) {
     m_clusterId = answer.clusterId == nullptr ? "" : answer.clusterId;
+    assert(index < m_urls.size());
     const auto first = m_urls.begin();
     const auto answered = first + static_cast<std::ptrdiff_t>(index);
     std::rotate(first, answered, answered + 1);
     if (answer.errorName == nullptr) {
         return 0;
     }
-    const ErrorStatus* error = find(answer.errorName);
-    return explained(error == nullptr ? kStatusRequestRefused : error->status, request,
-                     excerpt(request, answer.errorMessage));
+    const std::uint32_t status = meaningOf(answer.errorName).status;
+    const std::string words = excerpt(request, answer.errorMessage);
+    if (status == kStatusRequestRefused && !words.empty()) {
+        m_trace.line(kTraceAlways, "the server says: " + words);
+    } else if (status == kStatusIdentityRefused || status == kStatusNotPermitted) {
+        const char* user = request.security.user_name;
+        m_trace.line(kTraceAlways, user == nullptr ? "the request was sent without a user name"
+                                                   : "the request was sent as the user " + std::string(user));
+    }
+    return status;
 }
 
 // Locations that failed of the same share a line. Further lines would tell little more.
@@ -274,17 +277,6 @@ void Client::showCauses(const Request& request) const {
     if (groups.size() > kShownCauses) {
         m_trace.line(kTraceAlways, "other locations: other causes");
     }
-}
-
-std::uint32_t Client::explained(std::uint32_t status, const Request& request, const std::string& words) const {
-    if (status == kStatusRequestRefused && !words.empty()) {
-        m_trace.line(kTraceAlways, "the server says: " + words);
-    } else if (status == kStatusIdentityRefused || status == kStatusNotPermitted) {
-        const char* user = request.security.user_name;
-        m_trace.line(kTraceAlways, user == nullptr ? "the request was sent without a user name"
-                                                   : "the request was sent as the user " + std::string(user));
-    }
-    return status;
 }
 
 std::string Client::excerpt(const Request& request, std::string_view text) {

@@ -44,11 +44,11 @@ class Client {
 
     /// Carries an operation out and fills `answer` on success. Returns a status: kStatusOutcomeUnknown when something
     /// may have been changed and there is no answer to tell. Throws std::bad_alloc before anything is sent.
-    std::uint32_t perform(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
-                          std::span<const RequestParameter> parameters, Answer& answer);
+    std::uint32_t carryOut(const Operation& operation, const olm_dsess_admin_sec_info_t& security,
+                           std::span<const RequestParameter> parameters, Answer& answer);
 
   private:
-    /// The request in hand.
+    /// A request, and what has become of it.
     struct Request {
         const Operation& operation;
         const olm_dsess_admin_sec_info_t& security;
@@ -60,20 +60,29 @@ class Client {
     };
 
     std::uint32_t tryLocations(Request& request, Answer& answer);
-    /// Asks until the time is up what became of a change that the location of this index may have carried out.
+    /// Asks until the time is up what became of a change that the location of this index may have carried out:
+    ///
+    ///     change 4f6c…  ->  node1   the connection is reset: was it carried out or not?
+    ///     change 4f6c…  ->  node1   HTTP status 503: not now
+    ///                       a pause
+    ///     change 4f6c…  ->  node2   its result: it has been carried out, once
+    ///
+    /// It is the same request each time. A server that knows the change by its identifier answers as it did then; one
+    /// that does not carries it out now. Other locations than the first are asked only in the cluster that the change
+    /// demands. What ends this is a result, or an error that comes each time (isFinal): another error may be about the
+    /// second sending alone.
     std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
     /// Waits before locations are asked again: at most `longest`, which grows for the next time, and never so long that
     /// the time is up. False when it nearly is, or someone asks for the end.
     bool pause(Clock::time_point end, Clock::duration& longest) const;
     /// One attempt at the location of this index, with its answer read.
     Attempt tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime, Answer& answer);
-    /// Makes the location of this index the first to ask and returns what its answer means.
+    /// Makes the location of this index the first to ask, and returns the status that its answer means. Traces what the
+    /// text of that status does not say: the user's name when the server refused that user, and the server's own words
+    /// for other refusals.
     std::uint32_t finish(std::size_t index, const Request& request, const Answer& answer);
     /// Shows at once what the locations failed of, each cause in a line of its own.
     void showCauses(const Request& request) const;
-    /// Traces what the text of a status does not say: the user's name when the server refused that user, and the
-    /// server's own words for other refusals. Returns the status.
-    std::uint32_t explained(std::uint32_t status, const Request& request, const std::string& words) const;
     /// The head of a server's text, without the password should the server repeat it.
     static std::string excerpt(const Request& request, std::string_view text);
 

@@ -98,11 +98,14 @@ std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
     }
 }
 
-/// Performs an operation. `usable`: whether the caller's further arguments are; nothing is done unless they are.
-/// `take` moves the answer into the caller's storage.
+/// What is taken of an answer that says nothing but that the operation was carried out.
+constexpr auto kNoResult = [](const Answer&) {};
+
+/// Has a server carry out an operation, and returns the status for the caller. `usable`: whether the caller's further
+/// arguments are; nothing is done unless they are. `take` moves the answer into the caller's storage.
 template <class Take>
-std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* security, bool usable,
-                      const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
+std::uint32_t callServer(const void* handle, const olm_dsess_admin_sec_info_t* security, bool usable,
+                         const Operation& operation, std::initializer_list<RequestParameter> parameters, Take take) {
     Client* client = findClient(handle);
     if (client == nullptr) {
         return kStatusNoHandle;
@@ -112,7 +115,7 @@ std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* secu
     }
     return guarded(kStatusNoMemory, [&]() -> std::uint32_t {
         Answer answer;
-        const std::uint32_t status = client->perform(operation, *security, parameters, answer);
+        const std::uint32_t status = client->carryOut(operation, *security, parameters, answer);
         if (status != 0) {
             return status;
         }
@@ -122,12 +125,6 @@ std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* secu
             return 0U;
         });
     });
-}
-
-/// Performs an operation whose answer says nothing but that it was carried out.
-std::uint32_t perform(const void* handle, const olm_dsess_admin_sec_info_t* security, bool usable,
-                      const Operation& operation, std::initializer_list<RequestParameter> parameters) {
-    return perform(handle, security, usable, operation, parameters, [](const Answer&) {});
 }
 
 /// What a query asks for, by its names on the wire. All null when it lacks something, or names no selector.
@@ -161,8 +158,9 @@ Selection selectionOf(const olm_dsess_admin_session_query_t* query) {
 std::uint32_t changeSessions(void* handle, const olm_dsess_admin_sec_info_t* security,
                              const olm_dsess_admin_session_query_t* query, const Operation& operation) {
     const Selection wanted = selectionOf(query);
-    return perform(handle, security, wanted.isUsable(), operation,
-                   {{field::kRealm, wanted.realm}, {field::kSelector, wanted.selector}, {field::kValue, wanted.value}});
+    return callServer(
+        handle, security, wanted.isUsable(), operation,
+        {{field::kRealm, wanted.realm}, {field::kSelector, wanted.selector}, {field::kValue, wanted.value}}, kNoResult);
 }
 
 /// The key outlives the other results of its answer, so its label gets a block of its own. Throws std::bad_alloc.
@@ -256,7 +254,7 @@ std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const olm_dsess_adm
                                                std::int32_t* realm_count, olm_dsess_admin_realm_t** realms,
                                                olm_dsess_admin_cluster_t* cluster) {
     const bool usable = realm_count != nullptr && realms != nullptr && cluster != nullptr;
-    return perform(handle, sec_info, usable, kClusterGet, {}, [&](Answer& answer) {
+    return callServer(handle, sec_info, usable, kClusterGet, {}, [&](Answer& answer) {
         const olm_dsess_admin_cluster_t key = clusterResult(answer);
         *realms = makeResult(OLM_DSESS_ADMIN_FREE_REALMS, answer.realms, answer.texts, answer.replicaSetNames);
         *realm_count = answer.count;
@@ -268,7 +266,7 @@ std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess
                                                    const char* replica_set_name, std::int32_t* count,
                                                    olm_dsess_admin_replica_set_record_t** records) {
     const bool usable = replica_set_name != nullptr && count != nullptr && records != nullptr;
-    return perform(
+    return callServer(
         handle, sec_info, usable, kReplicaSetGet, {{field::kReplicaSet, replica_set_name}}, [&](Answer& answer) {
             *records =
                 makeResult(OLM_DSESS_ADMIN_FREE_REPLICA_SET, answer.members, answer.texts, answer.replicaSetNames);
@@ -278,8 +276,8 @@ std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const olm_dsess
 
 std::uint32_t olm_dsess_admin_generate_new_key(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                                olm_dsess_admin_cluster_t* cluster) {
-    return perform(handle, sec_info, cluster != nullptr, kKeyChange, {},
-                   [&](Answer& answer) { *cluster = clusterResult(answer); });
+    return callServer(handle, sec_info, cluster != nullptr, kKeyChange, {},
+                      [&](Answer& answer) { *cluster = clusterResult(answer); });
 }
 
 std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
@@ -288,17 +286,17 @@ std::uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_
                                             olm_dsess_admin_session_t** sessions) {
     const Selection wanted = selectionOf(query);
     const bool usable = wanted.isUsable() && max >= -1 && total != nullptr && count != nullptr && sessions != nullptr;
-    return perform(handle, sec_info, usable, kSessionList,
-                   {{field::kRealm, wanted.realm},
-                    {field::kSelector, wanted.selector},
-                    {field::kValue, wanted.value},
-                    {field::kMax, max}},
-                   [&](Answer& answer) {
-                       *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.texts,
-                                              answer.replicaSetNames);
-                       *total = answer.total;
-                       *count = answer.count;
-                   });
+    return callServer(handle, sec_info, usable, kSessionList,
+                      {{field::kRealm, wanted.realm},
+                       {field::kSelector, wanted.selector},
+                       {field::kValue, wanted.value},
+                       {field::kMax, max}},
+                      [&](Answer& answer) {
+                          *sessions = makeResult(OLM_DSESS_ADMIN_FREE_SESSIONS, answer.sessions, answer.texts,
+                                                 answer.replicaSetNames);
+                          *total = answer.total;
+                          *count = answer.count;
+                      });
 }
 
 std::uint32_t olm_dsess_admin_terminate_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
@@ -313,12 +311,13 @@ std::uint32_t olm_dsess_admin_refresh_sessions(void* handle, const olm_dsess_adm
 
 std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                               std::int32_t* level) {
-    return perform(handle, sec_info, level != nullptr, kTraceGet, {}, [&](Answer& answer) { *level = answer.level; });
+    return callServer(handle, sec_info, level != nullptr, kTraceGet, {},
+                      [&](Answer& answer) { *level = answer.level; });
 }
 
 std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const olm_dsess_admin_sec_info_t* sec_info,
                                               std::int32_t level) {
-    return perform(handle, sec_info, true, kTraceSet, {{field::kLevel, level}});
+    return callServer(handle, sec_info, true, kTraceSet, {{field::kLevel, level}}, kNoResult);
 }
 
 void olm_dsess_admin_free(const olm_dsess_admin_free_info_t* free_info) {

@@ -9,6 +9,7 @@
 /// those that no session server gives.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -36,7 +37,10 @@ class AnswerHead {
     /// The length of a complete head in bytes, with its empty line.
     std::size_t size() const { return m_line; }
     /// The HTTP status of a complete head.
-    int status() const { return m_status; }
+    int status() const {
+        assert(m_status != 0);
+        return m_status;
+    }
     /// Whether it says that the server lacks its store, beside status 503.
     bool lacksStore() const { return m_lacksStore; }
 

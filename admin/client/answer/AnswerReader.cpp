@@ -23,6 +23,18 @@ using boost::json::error_code;
 constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxClusterIdBytes = 64;
 
+// How an answer is taken apart. The parser reports each brace, name and value to AnswerHandler while the bytes come,
+// and tables say which fields an object has and where each value goes. Of
+//
+//     {"jsonrpc": "2.0", "id": 7, "result": {"count": 1, "records": [{"name": "node1", "time": 5}]}}
+//
+// kEnvelopeFields sends "2.0" to Values::version and has "result" open the object that the request asked for, here
+// kReplicaSetResult. Its kReplicaSetFields send 1 to Values::count, and say that each item of "records" is the object
+// kMember, whose fields go to Values::name and Values::time. When an object closes, all its fields must have come, and
+// AnswerHandler::take moves their values to the Answer. A field that no table has is passed over, whatever is in it.
+//
+// For a new field, add a line to a table and a member to Values; for a new object also a Scope and its case in take.
+
 /// What has been read of the objects that are open. No two that can be open together share a member.
 struct Values {
     char *version, *clusterId, *errorMessage, *name, *replicaSet, *label, *sessionId, *user;

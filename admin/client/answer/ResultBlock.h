@@ -2,6 +2,7 @@
 /// records point to, and is found again from the address of the first record, so that one release frees all.
 #pragma once
 
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -35,6 +36,7 @@ class TextArena {
     }
     /// Ends the text, to which something has been appended, be it nothing but an empty part. Returns where it lies.
     char* finish() {
+        assert(m_at < m_end);
         *m_at = '\0';
         return std::exchange(m_begun, ++m_at);
     }

@@ -9,15 +9,16 @@
 #include <algorithm>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <cassert>
 #include <csignal>
 #include <cstring>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <thread>
 
 #include "runtime/QelFileDescriptor.h"
+#include "runtime/ThreadAnnotations.h"
 
 namespace olmdsess {
 
@@ -46,7 +47,7 @@ class Lookup {
         addrinfo* list = nullptr;
         const int error = getaddrinfo(m_host.c_str(), m_port.c_str(), &wanted, &list);
         {
-            const std::lock_guard lock(m_mutex);
+            const MutexLock lock(m_mutex);
             m_error = error;
             m_list.reset(error == 0 ? list : nullptr);
             m_isAnswered = true;
@@ -58,13 +59,13 @@ class Lookup {
     int descriptor() const { return m_signal.get(); }
 
     bool isAnswered() const {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         return m_isAnswered;
     }
 
     /// The answer. Throws as lookUp() does.
     std::vector<tcp::endpoint> addresses() const {
-        const std::lock_guard lock(m_mutex);
+        const MutexLock lock(m_mutex);
         if (m_error == EAI_MEMORY) {
             throw std::bad_alloc();
         }
@@ -87,10 +88,10 @@ class Lookup {
     const std::string m_host;
     const std::string m_port;
     const QelFileDescriptor m_signal;
-    mutable std::mutex m_mutex;
-    bool m_isAnswered = false;                             // guarded by m_mutex
-    int m_error = 0;                                       // guarded by m_mutex
-    std::unique_ptr<addrinfo, AddressListDeleter> m_list;  // guarded by m_mutex
+    mutable Mutex m_mutex;
+    bool m_isAnswered GUARDED_BY(m_mutex) = false;
+    int m_error GUARDED_BY(m_mutex) = 0;
+    std::unique_ptr<addrinfo, AddressListDeleter> m_list GUARDED_BY(m_mutex);
 };
 
 /// Starts the lookup on a thread that gets no signals: they are for the threads of the program. Throws std::bad_alloc.
@@ -111,6 +112,7 @@ void start(const std::shared_ptr<Lookup>& lookup) {
 /// Sorts addresses so that IPv6 and IPv4 alternate, each kind in the order that the system gave (RFC 8305, section 4).
 /// When a host is reached by one kind only, its first address is then tried soon.
 std::vector<tcp::endpoint> inTurns(const std::vector<tcp::endpoint>& addresses) {
+    assert(!addresses.empty());
     std::vector<tcp::endpoint> result;
     std::vector<tcp::endpoint> others;
     const bool isV6First = addresses.front().address().is_v6();
@@ -187,6 +189,7 @@ Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string
 }
 
 Task<tcp::socket> connectToFirst(net::io_context& loop, std::span<const tcp::endpoint> addresses) {
+    assert(!addresses.empty());
     const auto race = std::make_shared<Race>(loop);
     while (!race->connected) {
         if (!addresses.empty()) {

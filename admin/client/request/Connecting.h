@@ -20,8 +20,9 @@ using ErrorCode = boost::system::error_code;
 /// does the end of the process. Throws boost::system::system_error when there are none, and std::bad_alloc.
 Task<std::vector<tcp::endpoint>> lookUp(net::io_context& loop, const std::string& host, const std::string& port);
 
-/// Connects to the first address that answers (RFC 8305, section 5): the next one is tried too when one has failed, or
-/// has taken 250 ms. Throws boost::system::system_error with what the last one failed of, and std::bad_alloc.
+/// Connects to the first of at least one address that answers (RFC 8305, section 5): the next one is tried too when one
+/// has failed, or has taken 250 ms. Throws boost::system::system_error with what the last one failed of, and
+/// std::bad_alloc.
 Task<tcp::socket> connectToFirst(net::io_context& loop, std::span<const tcp::endpoint> addresses);
 
 }  // namespace olmdsess

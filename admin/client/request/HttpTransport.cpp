@@ -12,6 +12,7 @@
 #include <boost/beast/core/buffers_range.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/parser.hpp>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -90,6 +91,7 @@ class Connection {
 
     /// Has all that follows go over TLS, whose report is report().
     Task<Nothing> shakeHands(ConnectionPtr tls) {
+        assert(m_tls == nullptr);
         m_tls = std::move(tls);
         m_method.reset(BIO_meth_new(BIO_TYPE_SOURCE_SINK, "socket"));
         BIO* const bio = m_method == nullptr ? nullptr : BIO_new(m_method.get());
@@ -229,14 +231,17 @@ class Exchange {
   public:
     enum class Stage { kLookup, kConnecting, kHandshake, kSent, kHead, kBody };
 
-    Exchange(const AttemptLimits& limits, AnswerReader& reader) : m_limits(limits), m_reader(reader) {}
+    Exchange(const AttemptLimits& limits, AnswerReader& reader)
+        : m_limits(limits), m_reader(reader), m_answered(limits.end) {}
 
     Stage stage() const { return m_stage; }
     void enter(Stage stage) { m_stage = stage; }
 
     void onSending() {
         m_stage = Stage::kSent;
-        m_answered = m_limits.leavesTime ? Clock::now() + (m_limits.end - Clock::now()) / 2 : m_limits.end;
+        if (m_limits.leavesTime) {
+            m_answered = Clock::now() + (m_limits.end - Clock::now()) / 2;
+        }
     }
 
     void onBodyBegin() {
@@ -253,9 +258,6 @@ class Exchange {
 
     /// The time at which the attempt is given up. It moves on while a long answer flows.
     Clock::time_point deadline() {
-        if (m_stage < Stage::kSent) {
-            return m_limits.end;
-        }
         if (m_stage != Stage::kBody || !m_limits.mayFlow) {
             return m_answered;
         }
@@ -281,7 +283,7 @@ class Exchange {
     const AttemptLimits m_limits;
     AnswerReader& m_reader;
     Stage m_stage = Stage::kLookup;
-    Clock::time_point m_answered;
+    Clock::time_point m_answered;  // by when an answer must have begun
     Clock::time_point m_bodyStart;
     Clock::time_point m_windowStart;
     Clock::time_point m_lastByte;
@@ -643,6 +645,7 @@ HttpTransport::~HttpTransport() = default;
 
 Attempt HttpTransport::post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits,
                             AnswerReader& reader) noexcept {
+    assert(reader.head().empty());
     try {
         const std::optional<Location> location = parseLocation(url);
         if (!location) {

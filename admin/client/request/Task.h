@@ -4,6 +4,7 @@
 
 #include <boost/asio/async_result.hpp>
 #include <boost/system/system_error.hpp>
+#include <cassert>
 #include <coroutine>
 #include <exception>
 #include <optional>
@@ -32,8 +33,11 @@ class [[nodiscard]] Task {
 
     void start() const { m_frame.resume(); }
     bool isDone() const { return m_frame.done(); }
-    /// What it returned. Throws what has left it.
-    Result take() const { return m_frame.promise().take(); }
+    /// What it returned, once it is done. Throws what has left it.
+    Result take() const {
+        assert(isDone());
+        return m_frame.promise().take();
+    }
 
     bool await_ready() const noexcept { return false; }
     /// Runs the task up to its first wait. If it has ended by then, the caller goes on at once. A loop may therefore

@@ -5,6 +5,7 @@
 #include <openssl/x509_vfy.h>
 
 #include <algorithm>
+#include <cassert>
 #include <new>
 #include <set>
 
@@ -112,7 +113,7 @@ std::string endText(const X509* certificate) {
 
 }  // namespace
 
-TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Notice notice) : m_notice(std::move(notice)) {
+TlsPolicy::TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace) : m_trace(trace) {
     if (settings.fips_enabled != 0) {
         m_fips.emplace();
     }
@@ -200,6 +201,7 @@ const X509* TlsPolicy::offerIdentity() const {
 }
 
 ConnectionPtr TlsPolicy::makeConnection(const std::string& host, TlsReport& report) const {
+    assert(trustsAnybody());
     report = TlsReport();
     ConnectionPtr connection(SSL_new(m_context.get()));
     require(connection != nullptr && SSL_set_ex_data(connection.get(), reportIndex(), &report) == 1);
@@ -233,7 +235,7 @@ void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
     const std::string text = "the certificate " + subjectText(certificate) + " " + whose +
                              (days < 0 || seconds < 0 ? " ended on " : " ends on ") + timeText(end);
     if (mentioned.insert(text).second) {
-        m_notice(text);
+        m_trace.line(kTraceFailure, text);
     }
 }
 

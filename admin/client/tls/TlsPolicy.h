@@ -1,13 +1,13 @@
 /// What a TLS connection has to be like: whom we trust, who we are, who the server may be.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "admin/client-interface/olm_dsess_admin.h"
+#include "admin/client/base/Trace.h"
 #include "admin/client/tls/FipsMode.h"
 #include "admin/client/tls/KeyFile.h"
 #include "runtime/DistinguishedName.h"
@@ -30,11 +30,8 @@ struct TlsReport {
 /// Outlives every connection made with it.
 class TlsPolicy {
   public:
-    /// Tells people about a certificate that ends soon. It must not throw.
-    using Notice = std::function<void(const std::string&)>;
-
-    /// Loads what the settings name. Throws Failure, std::bad_alloc.
-    TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Notice notice);
+    /// Loads what the settings name, and traces which certificates end soon. Throws Failure, std::bad_alloc.
+    TlsPolicy(const olm_dsess_admin_ssl_info_t& settings, Trace trace);
 
     /// Whether a key file was given. Without one no server is trusted, and no secure connection can be made.
     bool trustsAnybody() const { return m_context != nullptr; }
@@ -58,10 +55,10 @@ class TlsPolicy {
     void makeContext();
     /// Gives the context our certificate, its chain and its key. Returns the certificate that OpenSSL does not take.
     const X509* offerIdentity() const;
-    /// Mentions a certificate that ends soon.
+    /// Traces a certificate that ends soon, once.
     void watchExpiry(const char* whose, const X509* certificate) const;
 
-    const Notice m_notice;
+    const Trace m_trace;
     std::optional<FipsMode> m_fips;
     KeyFile m_keyFile;
     std::string m_keyFileName;
