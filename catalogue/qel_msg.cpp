@@ -260,7 +260,7 @@ QelMessageLines::QelMessageLines(std::FILE* stream, std::uint32_t identifier) : 
     Arguments storage;
     const std::span<const Argument> arguments = ellipses(message->kinds, storage);
     m_arguments = arguments.size();
-    const auto add = [this](Piece piece) {
+    const auto add = [this](const Piece& piece) {
         if (m_count < kMaxPieces) {
             m_pieces[m_count] = piece;
         }

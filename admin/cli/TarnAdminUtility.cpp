@@ -128,17 +128,12 @@ std::uint32_t TarnAdminUtility::initialize() {
     shutdown();
     QelString path = qel_get_path(kPathConfiguration);
     path.append(kConfigFileName);
-    std::uint32_t status = showNoMemory(TarnAdminConfig::initialize(path.data(), true));
-    if (status == 0) {
-        status = setDebugLevel();
-    }
-    if (status == 0) {
-        status = registerCommands();
-    }
-    if (status == 0) {
-        status = showNoMemory(m_setInstanceCmd->initialize());
-    }
-    return status;
+    return qel_status_of([&] {
+        qel_require(showNoMemory(TarnAdminConfig::initialize(path.data(), true)));
+        qel_require(setDebugLevel());
+        qel_require(registerCommands());
+        qel_require(showNoMemory(m_setInstanceCmd->initialize()));
+    });
 }
 
 std::uint32_t TarnAdminUtility::shutdown() {

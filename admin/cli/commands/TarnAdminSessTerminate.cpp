@@ -1,20 +1,11 @@
-#include "admin/cli/commands/StatelessCommand.h"
-
-#include "admin/cli/show/SessionQuery.h"
+#include "admin/cli/commands/SessionChange.h"
 
 /// session terminate session: ends one session.
-class TarnAdminSessTerminate : public StatelessCommand<TarnAdminSessTerminate, TarnAdminCmd::Effect::kChanges> {
-    static constexpr std::int32_t kSessionId = 3;
-    static constexpr std::int32_t kRealm = 5;
-
+class TarnAdminSessTerminate
+    : public SessionChange<TarnAdminSessTerminate, SessionSelector::kSession, olm_dsess_admin_terminate_sessions> {
   public:
     static constinit inline const QelString m_cmdFormat{
         QelLiteral("session terminate session <session-id> -realm <realm-name>")};
-
-    void execute(const ServerAccess& server, TarnAdminCmdTokens const& words) const override {
-        const SessionQuery query(SessionSelector::kSession, words[kRealm], words[kSessionId]);
-        qel_require(olm_dsess_admin_terminate_sessions(server.handle, &server.secInfo, query.record()));
-    }
 };
 
 template std::unique_ptr<TarnAdminCmd> createCommand<TarnAdminSessTerminate>();

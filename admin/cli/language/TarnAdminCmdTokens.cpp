@@ -1,35 +1,23 @@
 #include "admin/cli/language/TarnAdminCmdTokens.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 
-TarnAdminCmdTokens::~TarnAdminCmdTokens() {
-    clear();
-}
-
-void TarnAdminCmdTokens::clear() {
-    m_count = 0;
-    if (m_buffer != nullptr) {
-        explicit_bzero(m_buffer, m_length);
-        std::free(m_buffer);
-        m_buffer = nullptr;
-    }
-}
-
 std::uint32_t TarnAdminCmdTokens::set(const char* text) {
-    clear();
-    m_length = std::strlen(text);
-    m_buffer = strdup(text);
-    if (m_buffer == nullptr) {
+    m_count = 0;
+    try {
+        m_text = text;
+    } catch (const std::bad_alloc&) {
+        m_text.wipe();
         qel_fprintf(stderr, kStatusNoMemory);
         return kStatusNoMemory;
     }
     constexpr char kSeparators[] = " \t\n";
-    for (char* word = std::strtok(m_buffer, kSeparators); word != nullptr && m_count < kMaxTokens;
+    for (char* word = std::strtok(m_text.data(), kSeparators); word != nullptr && m_count < kMaxTokens;
          word = std::strtok(nullptr, kSeparators)) {
         m_tokens[m_count++] = word;
     }

@@ -3,8 +3,9 @@
 #pragma once
 
 #include <array>
-#include <cstddef>
 #include <cstdint>
+
+#include "runtime/SecretBuffer.h"
 
 class TarnAdminCmdTokens {
   public:
@@ -14,7 +15,6 @@ class TarnAdminCmdTokens {
     TarnAdminCmdTokens() = default;
     TarnAdminCmdTokens(const TarnAdminCmdTokens&) = delete;
     TarnAdminCmdTokens& operator=(const TarnAdminCmdTokens&) = delete;
-    ~TarnAdminCmdTokens();
 
     /// Replaces the words by those of `text`. Returns 0, or kStatusNoMemory, having written that to standard error;
     /// then there are no words.
@@ -25,11 +25,7 @@ class TarnAdminCmdTokens {
     const char* operator[](std::int32_t index) const;
 
   private:
-    /// Wipes and releases the words: one may be a password.
-    void clear();
-
     std::int32_t m_count = 0;
     std::array<char*, kMaxTokens> m_tokens;
-    char* m_buffer = nullptr;
-    std::size_t m_length = 0;  // of the text in it
+    SecretText m_text;  // a word may be a password; a NUL ends each word
 };
