@@ -25,6 +25,9 @@ struct Operation {
     bool changes;  ///< carried out once, however often it is sent
 };
 
+/// Carries operations out at the first location of an instance that can, and remembers which one that was. It is used
+/// from one thread.
+///
 /// Failover:
 ///  - Locations are tried in order, the one that last answered first. Each has an equal share of what is left of the
 ///    timeout. Time in which an answer arrives counts for none of them.

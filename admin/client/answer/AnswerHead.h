@@ -22,6 +22,7 @@ inline constexpr std::size_t kMaxHeadBytes = std::size_t{64} * 1024;
 inline constexpr char kHeadTooLong[] = "its head is too long";
 inline constexpr char kNotHttp[] = "it is not HTTP/1.1";
 
+/// Reads one head. Whoever receives it keeps its bytes together and hands in all of them each time that more have come.
 class AnswerHead {
   public:
     enum class State {

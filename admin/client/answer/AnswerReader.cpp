@@ -153,25 +153,27 @@ class AnswerHandler {
         return requireText(part);
     }
     bool on_key(std::string_view name, std::size_t length, error_code& error) {
-        requireText(name);
         if (name.size() < length) {
             on_key_part(name, length, error);
             name = m_key;
         }
         if (m_skipped > 0) {
-            return true;
+            return requireText(name);
         }
-        m_expected = nullptr;  // a field that this client does not know
         Frame& object = *m_open;
         for (std::size_t index = 0; index < object.fields.size(); ++index) {
             if (object.fields[index].name == name) {
+                const unsigned bit = 1U << index;
                 m_expected = &object.fields[index];
-                object.seen ^= 1U << index;
-                require((object.seen & 1U << index) != 0, "the field ", name, " comes twice");
-                break;
+                object.seen ^= bit;
+                if ((object.seen & bit) == 0) {
+                    fail("the field ", name, " comes twice");
+                }
+                return true;
             }
         }
-        return true;
+        m_expected = nullptr;  // a field that this client does not know
+        return requireText(name);
     }
 
     bool on_string_part(std::string_view part, std::size_t, error_code&) {
@@ -215,10 +217,14 @@ class AnswerHandler {
         std::span<const Field> fields{};
     };
 
-    /// Throws Failure, whose reason has up to three parts, unless `holds`.
-    static void require(bool holds, std::string_view what, std::string_view more = {}, std::string_view most = {}) {
+    /// Refuses the answer for a reason in up to three parts.
+    [[noreturn, gnu::cold]] static void fail(std::string_view what, std::string_view more = {},
+                                             std::string_view most = {}) {
+        throw notUnderstood(std::string(what).append(more).append(most));
+    }
+    static void require(bool holds, const char* otherwise) {
         if (!holds) {
-            throw notUnderstood(std::string(what).append(more).append(most));
+            fail(otherwise);
         }
     }
     static bool requireText(std::string_view text) {
@@ -229,13 +235,16 @@ class AnswerHandler {
     template <class Kind>
     const Kind* expected() const {
         const Kind* kind = m_expected == nullptr ? nullptr : std::get_if<Kind>(&m_expected->kind);
-        require(kind != nullptr || m_expected == nullptr, m_expected == nullptr ? "" : m_expected->name,
-                " is of the wrong type");
+        if (kind == nullptr && m_expected != nullptr) {
+            fail(m_expected->name, " is of the wrong type");
+        }
         return kind;
     }
     /// Passes over a value of a kind that no known field has.
     bool other(const char* what) const {
-        require(m_expected == nullptr, m_expected == nullptr ? "" : m_expected->name, " is ", what);
+        if (m_expected != nullptr) {
+            fail(m_expected->name, " is ", what);
+        }
         return true;
     }
 
@@ -256,7 +265,9 @@ class AnswerHandler {
     static void requireFields(const Frame& object) {
         for (std::size_t index = 0; index < object.fields.size(); ++index) {
             const auto& [name, kind, isOptional] = object.fields[index];
-            require(isOptional || (object.seen & 1U << index) != 0, "the field ", name, " is missing");
+            if ((object.seen & 1U << index) == 0 && !isOptional) {
+                fail("the field ", name, " is missing");
+            }
         }
     }
 

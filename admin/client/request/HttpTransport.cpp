@@ -185,7 +185,7 @@ class Connection {
     Task<int> untilDone(Step step) {
         for (;;) {
             if (m_tls != nullptr) {
-                ERR_clear_error();  // what SSL_get_error looks at is the step's own then
+                ERR_clear_error();  // SSL_get_error looks at the queue of errors, which may hold older ones
             }
             const int result = step();
             const int state = m_tls == nullptr || result > 0 ? SSL_ERROR_NONE : SSL_get_error(m_tls.get(), result);
@@ -226,7 +226,8 @@ class Connection {
     ConnectionPtr m_tls;  // null: none
 };
 
-/// The progress of one attempt: which stage it has reached, and its present deadline.
+/// The progress of one attempt: which stage it has reached, and when it is given up. Whoever carries the attempt out
+/// reports each step, and asks for the deadline again after each.
 class Exchange {
   public:
     enum class Stage { kLookup, kConnecting, kHandshake, kSent, kHead, kBody };
@@ -593,7 +594,7 @@ class HttpTransport::Wires {
                 if (!m_location->secure || error != net::error::connection_reset) {
                     return {kStatusNoLocation, systemCause(error, kNoConnection)};
                 }
-                [[fallthrough]];  // the same reset, a moment earlier
+                [[fallthrough]];  // the server may reset a connection before or after we begin the handshake
             case Exchange::Stage::kHandshake:
                 return {kStatusTlsFailure, tlsCause(error)};
             case Exchange::Stage::kSent:

@@ -22,7 +22,7 @@ struct Attempt {
     /// Whether a server can have carried the request out. Once a byte of it left, only a server that refuses it by its
     /// HTTP status says that it did not, or one that turns our certificate down in TLS 1.3, which reads none of it.
     bool mayHaveActed = false;
-    Clock::duration flowed{};  ///< how long the answer flowed well, which counts for nobody's waiting
+    Clock::duration flowed{};  ///< how long the answer flowed well; the caller takes it off the time that it waited
 };
 
 /// When to give up.
@@ -38,8 +38,9 @@ struct AttemptLimits {
 
 inline constexpr long kLeastBytesPerSecond = 1024;
 
-/// Sends requests, and keeps the connection of the last answer for the next one. After fork(2) a child process makes
-/// connections of its own.
+/// Sends one request after another, each to the location that its caller names, and keeps the connection of the last
+/// answer for the next one. It waits inside post() alone: between two calls nothing of it runs. After fork(2) a child
+/// process makes connections of its own.
 class HttpTransport {
   public:
     /// The policy is kept. Nothing is made before the first attempt: not every run has one.
@@ -48,8 +49,8 @@ class HttpTransport {
     HttpTransport(const HttpTransport&) = delete;
     HttpTransport& operator=(const HttpTransport&) = delete;
 
-    /// Posts `body` to `url` and has the answer's bytes read by `reader`, which is new, and finished after success. A
-    /// kept connection that turns out to be closed is made anew, and the request sent again.
+    /// Posts `body` to `url` and has the answer's bytes read by `reader`, which must be new. After success the reader
+    /// has the whole answer. A kept connection that turns out to be closed is made anew, and the request sent again.
     Attempt post(const std::string& url, const SecretBuffer& body, const AttemptLimits& limits,
                  AnswerReader& reader) noexcept;
 

@@ -1,4 +1,6 @@
-/// Where one server is asked: the parts of an http or https URL (RFC 9110, section 4.2).
+/// Where one server is asked: the parts of an http or https URL (RFC 9110, section 4.2), such as
+///
+///     https://node1:9443/blue/services/DSessAdminProxy
 #pragma once
 
 #include <optional>
@@ -7,6 +9,7 @@
 
 namespace olmdsess {
 
+/// The parts of a URL that connecting and asking need.
 struct Location {
     bool secure;            ///< https
     std::string authority;  ///< as the URL has it: "host:port" or "[2001:db8::1]:port", the port perhaps missing

@@ -1,4 +1,6 @@
-/// Writes requests (docs/protocol.md, "A request").
+/// Writes requests (docs/protocol.md, "A request"):
+///
+///     {"jsonrpc":"2.0","id":7,"method":"trace.set","params":{"security":{"user":"root",...},"level":4,...}}
 #pragma once
 
 #include <cstdint>

@@ -35,7 +35,7 @@ struct Identity {
     std::string label;
 };
 
-/// Each certificate counts once.
+/// Finds all identities of a file. A certificate that the file holds twice makes one.
 std::vector<Identity> findIdentities(const KeyFileContents& contents) {
     std::vector<Identity> identities;
     for (const auto& [owner, label] : contents.certificates) {
@@ -185,7 +185,7 @@ KeyFile choose(const KeyFileContents& contents, const char* label) {
 }  // namespace
 
 KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) {
-    ERR_clear_error();  // what reads the file looks for its own errors
+    ERR_clear_error();  // what reads the file tells from OpenSSL's queue of errors why it cannot
     std::string called;
     try {
         SecretBuffer password;
@@ -195,7 +195,7 @@ KeyFile loadKeyFile(const char* path, const char* stashPath, const char* label) 
         }
         called = std::string("the key file ") + path;
         KeyFile result = choose(readContents(path, password), label);
-        ERR_clear_error();  // of pairs that do not match
+        ERR_clear_error();  // X509_check_private_key leaves one for each key that is not the certificate's
         return result;
     } catch (const UnusableFile& file) {
         ERR_clear_error();

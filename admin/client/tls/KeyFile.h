@@ -12,6 +12,7 @@
 
 namespace olmdsess {
 
+/// What was chosen from a key file.
 struct KeyFile {
     PrivateKeyPtr key;                    ///< null: no identity
     CertificatePtr certificate;           ///< of the key

@@ -10,6 +10,7 @@
 
 namespace olmdsess {
 
+/// The certificates and keys of a file, in its order, each with its label.
 struct KeyFileContents {
     template <class Owner>
     struct Labelled {

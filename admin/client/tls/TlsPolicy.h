@@ -27,7 +27,8 @@ struct TlsReport {
     bool certificateAsked = false;  ///< the server has asked for our certificate
 };
 
-/// Outlives every connection made with it.
+/// Makes the client's ends of TLS connections as the settings want them, and checks the server's certificate in each
+/// handshake. It must outlive every connection made with it.
 class TlsPolicy {
   public:
     /// Loads what the settings name, and traces which certificates end soon. Throws Failure, std::bad_alloc.
