@@ -39,7 +39,8 @@ constexpr auto kTable = [] {
 
 const char* g_programName = program_invocation_short_name;
 
-/// The locale of the environment, or null while LC_MESSAGES is still that of all.
+/// The locale of the environment. Null until qelmsg_init, or when there was no memory for it: then the program's own
+/// locale has the user's language.
 locale_t g_userLocale = nullptr;
 
 /// While an object lives, the C library speaks the user's language.
@@ -67,11 +68,12 @@ std::array<char, kIdentifierLength + 1> shownIdentifier(std::uint32_t identifier
     return shown;
 }
 
+/// An argument of a message, as text.
 struct Argument {
     char conversion = 's';   // the placeholder that takes it
     bool isForeign = false;  // text from outside, to be made visible
     std::string_view text;
-    std::array<char, 256> made;  // what `text` looks at unless the caller gave it
+    std::array<char, 256> made;  // holds the text if it is made here
 };
 
 using Arguments = std::array<Argument, kMaxArguments>;
@@ -112,7 +114,7 @@ std::span<const Argument> fetch(const char* kinds, std::va_list list, QelLanguag
     return {arguments.data(), count};
 }
 
-/// Hands a text, in the locale's encoding, to `put`, with what could drive a terminal made visible.
+/// Hands a text, which is in the locale's encoding, to `put`. Makes visible what could drive a terminal.
 template <class Put>
 void putVisible(std::string_view text, Put put) {
     for (std::mbstate_t state{}; !text.empty();) {
@@ -200,7 +202,7 @@ void expand(const QelMessage& message, std::span<const Argument> arguments, QelL
     expand(language == QelLanguage::kLocale ? translated(english, arguments) : english, arguments, put);
 }
 
-/// Arguments that stand for those which a status comes without.
+/// Arguments that are shown as "...": a status has none, and its message may have some.
 std::span<const Argument> ellipses(const char* kinds, Arguments& arguments) {
     std::size_t count = 0;
     for (const char kind : std::string_view(kinds).substr(0, arguments.size())) {

@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::string_view kBin = "/" VEXIL_BINDIR "/";
 
-/// The prefix of the running program, read into `buffer`, or the build's.
+/// The prefix of the running program, or that of the build. `buffer` holds the result.
 std::string_view findPrefix(std::array<char, PATH_MAX>& buffer) {
     const ssize_t length = readlink("/proc/self/exe", buffer.data(), buffer.size());
     std::string_view path(buffer.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
@@ -19,7 +19,7 @@ std::string_view findPrefix(std::array<char, PATH_MAX>& buffer) {
     return path.ends_with(kBin) ? path.substr(0, path.size() - kBin.size()) : VEXIL_PREFIX;
 }
 
-/// `directory`, which the build gave, of the installation.
+/// The path of a directory that the build gave, which may begin at the prefix.
 QelString installed(std::string_view directory) {
     std::array<char, PATH_MAX> buffer;
     QelString path;

@@ -11,6 +11,7 @@
 
 namespace {
 
+/// Reads one line with the echo off. The echo is restored when the object goes.
 class Reader {
   public:
     explicit Reader(const std::function<void()>& showPrompt) : m_showPrompt(showPrompt) {
