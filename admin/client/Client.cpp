@@ -182,7 +182,7 @@ std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& 
 
 bool Client::pause(Clock::time_point end, Clock::duration& longest) const {
     const auto now = Clock::now();
-    // What the clock shows below a pause's length is as good as a random number.
+    // The clock's low digits serve as a random number: clients that failed together do not come back together.
     const auto length = std::chrono::floor<std::chrono::milliseconds>(
         std::min(longest - now.time_since_epoch() % (longest / 2), (end - now) / 2));
     if (length < kLeastPause) {

@@ -344,7 +344,7 @@ class AnswerHandler {
     Frame* m_open = m_frames;            // the innermost one
     std::size_t m_skipped = 0;           // levels of a value that is passed over
     std::size_t m_names = 0;             // of replica sets, in the realms that are complete
-    std::string m_key;                   // what came of a field's name that comes in parts, as far as it matters
+    std::string m_key;                   // the parts of a field's name that have come, up to the longest known name
     Values m_values{};
 };
 

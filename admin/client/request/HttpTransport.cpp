@@ -57,7 +57,7 @@ Failure httpFailure(const AnswerHead& head) {
                                                                   : ": the server has too much to do now")};
         default:
             if (head.status() < 400 || head.status() >= 600) {
-                return notUnderstood(cause);  // a redirection, for one, which no session server sends
+                return notUnderstood(cause);  // such as a redirection, which no session server sends
             }
             return {head.status() < 500 ? kStatusRequestRefused : kStatusNoLocation, cause};
     }
@@ -89,7 +89,7 @@ class Connection {
     std::size_t written() const { return m_written; }
     TlsReport& report() { return m_report; }
 
-    /// Has all that follows go over TLS, whose report is report().
+    /// Shakes hands. All that follows goes over TLS, and report() has what it found out.
     Task<Nothing> shakeHands(ConnectionPtr tls) {
         assert(m_tls == nullptr);
         m_tls = std::move(tls);
@@ -628,7 +628,7 @@ class HttpTransport::Wires {
     SecretBuffer m_request;
     std::optional<Exchange> m_exchange;
     beast::flat_buffer m_buffer{kMaxHeadBytes};
-    bool m_sentBefore = false;        // of the request, something left through a connection before this one
+    bool m_sentBefore = false;        // part of the request left through an earlier connection
     std::size_t m_writtenBefore = 0;  // bytes that left the connection before the request
     bool m_isReusable = false;
     int m_httpStatus = 0;  // of the answer; 0: none has come
