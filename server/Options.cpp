@@ -39,6 +39,11 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
         ->required()
         ->type_name("NAME")
         ->check(CLI::Validator(checkInstanceName, ""));
+    serve
+        .add_option("--store-connections", options.storeConnections,
+                    "How many connections to the store there may be; 18 unless given")
+        ->type_name("NUMBER")
+        ->check(CLI::Range(std::size_t{1}, std::size_t{18}));
     serve.add_option("--anonymous", options.anonymous, "What may be done without a login; none unless given")
         ->transform(CLI::Transformer(kAnonymous).description(""))
         ->type_name("none|read");

@@ -19,6 +19,7 @@ struct ServeOptions {
     std::vector<std::string> instances;
     Anonymous anonymous = Anonymous::kNone;
     Membership membership;
+    std::size_t storeConnections = StorePool::kAnyNumber;
     /// Plain HTTP when the certificate is empty.
     TlsFiles tls;
 };

@@ -121,7 +121,9 @@ class Node {
   public:
     /// Throws Failure.
     Node(const ServeOptions& options, Log& log)
-        : m_stores(options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); }),
+        : m_stores(
+              options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); },
+              options.storeConnections),
           service(m_stores, m_authenticator, log, options.anonymous) {
         checkThatItTakesChanges(m_stores);
         m_beat.emplace(m_stores, log, options.membership);

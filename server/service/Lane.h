@@ -35,7 +35,7 @@ inline constexpr std::array<LaneRule, 6> kLanes{{
     {2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {1, 1, std::chrono::seconds(30), std::chrono::minutes(15)},
+    {1, 1, std::chrono::seconds(10), std::chrono::minutes(15)},
 }};
 
 constexpr const LaneRule& ruleOf(Lane lane) {

@@ -47,6 +47,7 @@ SET statement_timeout = '7s';
 SET idle_in_transaction_session_timeout = '5s';
 SET client_min_messages = warning;
 SET client_connection_check_interval = '1s';
+SET tcp_user_timeout = '8s';
 SET tcp_keepalives_idle = 5;
 SET tcp_keepalives_interval = 2;
 SET tcp_keepalives_count = 3;

@@ -1,7 +1,9 @@
 /// The store in a PostgreSQL database: its schema and its statements.
 
 #include <algorithm>
+#include <array>
 #include <chrono>
+#include <memory>
 #include <optional>
 #include <thread>
 #include <type_traits>
@@ -23,6 +25,8 @@ constexpr int kTries = 8;
 constexpr std::chrono::milliseconds kStepAside{20};
 // What was lost is done anew unless it took longer: whoever asks does not wait for ever.
 constexpr std::chrono::seconds kAnewWithin{5};
+// What took longer to fail need not be found out by others too.
+constexpr std::chrono::seconds kLong{1};
 // Rows of a listing that are in memory at a time.
 constexpr char kFetch[] = "FETCH 1000 FROM listing";
 
@@ -145,14 +149,12 @@ Administrator administratorOf(const PostgresRows& rows, int row) {
 class Listing final : public Store::SessionListing {
   public:
     explicit Listing(PostgresConnection& connection)
-        : m_connection(connection), m_transaction(connection, kBeginReading) {
-        connection.run(PostgresConnection::kLetTakeMinutes);
-    }
+        : m_connection(connection), m_transaction(connection, kBeginReading) {}
 
     void start(std::int64_t realm, Selector selector, const std::string& like, std::int32_t max) {
         const std::string where = std::string(" FROM sessions WHERE realm = $1 AND ") +
                                   (selector == Selector::kUser ? "user_name" : "id") + " LIKE $2";
-        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}, kMinutes).integer32(0, 0);
+        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}).integer32(0, 0);
         m_count = max < 0 ? m_total : std::min(m_total, max);
         m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR SELECT id, user_name, time" + where +
                           " ORDER BY user_name, time, id LIMIT " + std::to_string(m_count))
@@ -163,7 +165,7 @@ class Listing final : public Store::SessionListing {
     std::int32_t count() const override { return m_count; }
     bool next(SessionRow& row) override {
         if (m_at == m_rows.size()) {
-            m_rows = m_connection.run(kFetch, {}, kMinutes);
+            m_rows = m_connection.run(kFetch);
             m_at = 0;
         }
         if (m_rows.size() == 0) {
@@ -287,21 +289,52 @@ class Replacing final : public Store::Replacement {
     PostgresTransaction m_transaction;
 };
 
+/// What a connection has waited for in vain, for all connections of a node: requests that come a moment later are told
+/// so at once, and do not wait in their turn for as long.
+class Outage {
+  public:
+    enum Of { kConnecting, kAnything, kChanges };
+
+    void begin(Of what, const std::string& why) {
+        const MutexLock lock(m_mutex);
+        m_known[what] = {std::chrono::steady_clock::now() + kHolds, why};
+    }
+    /// Throws Reason::kUnavailable.
+    void check(Of what) {
+        const MutexLock lock(m_mutex);
+        if (std::chrono::steady_clock::now() < m_known[what].until) {
+            throw Failure(Reason::kUnavailable, m_known[what].why);
+        }
+    }
+
+  private:
+    static constexpr std::chrono::milliseconds kHolds{200};
+    struct Known {
+        std::chrono::steady_clock::time_point until;
+        std::string why;
+    };
+    Mutex m_mutex;
+    std::array<Known, 3> m_known GUARDED_BY(m_mutex);
+};
+
 class PostgresStore final : public Store {
   public:
     /// `clusterId`: of the only cluster that will do; empty: the first that is found.
-    PostgresStore(const std::string& uri, IfMissing ifMissing, Say say, std::string clusterId = {})
+    PostgresStore(const std::string& uri, IfMissing ifMissing, Say say, std::shared_ptr<Outage> outage,
+                  std::string clusterId = {})
         : m_uri(uri),
           m_name(nameOfPostgres(uri)),
           m_say(std::move(say)),
+          m_outage(std::move(outage)),
           m_connection(uri, m_say),
           m_clusterId(std::move(clusterId)) {
         connect(ifMissing);
     }
 
     std::unique_ptr<Store> another() const override {
-        return std::make_unique<PostgresStore>(m_uri, IfMissing::kFail, m_say, m_clusterId);
+        return std::make_unique<PostgresStore>(m_uri, IfMissing::kFail, m_say, m_outage, m_clusterId);
     }
+    void rest() override { m_connection.close(); }
     void beReliable() override {}  // nothing to check: PostgreSQL shows only what is committed
     void tryWriting() override {
         transaction(kBeginChange, [&] { return m_connection.run("UPDATE store SET version = version").changed(); });
@@ -542,7 +575,16 @@ class PostgresStore final : public Store {
 
     /// Connects, and makes the schema if that is wanted; throws unless it is ours and of this version.
     void connect(IfMissing ifMissing) {
-        m_connection.open(m_clusterId.empty());
+        m_outage->check(Outage::kConnecting);
+        const auto start = std::chrono::steady_clock::now();
+        try {
+            m_connection.open(m_clusterId.empty());
+        } catch (const Failure& failure) {
+            if (std::chrono::steady_clock::now() - start > kLong) {
+                m_outage->begin(Outage::kConnecting, failure.what());
+            }
+            throw;
+        }
         try {
             if (m_connection.run("SHOW server_encoding").text(0, 0) != "UTF8") {
                 throw Failure(m_name + " cannot be used: its encoding is not UTF8");
@@ -610,6 +652,7 @@ class PostgresStore final : public Store {
     std::invoke_result_t<const Action&> retrying(const Action& action) {
         const auto start = std::chrono::steady_clock::now();
         bool reconnected = false;
+        m_outage->check(Outage::kAnything);
         for (int attempt = 1;; ++attempt) {
             try {
                 if (!m_connection.isOpen()) {
@@ -619,7 +662,11 @@ class PostgresStore final : public Store {
                 }
                 return action();
             } catch (const PostgresLost& lost) {
-                if (reconnected || std::chrono::steady_clock::now() - start > kAnewWithin) {
+                const bool isLate = std::chrono::steady_clock::now() - start > kAnewWithin;
+                if (isLate) {
+                    m_outage->begin(Outage::kAnything, lost.what());
+                }
+                if (reconnected || isLate) {
                     throw;
                 }
                 m_say(std::string("connection lost: ") + lost.what());
@@ -637,15 +684,30 @@ class PostgresStore final : public Store {
         if (m_inChange) {
             return action();
         }
+        if (begin == kBeginChange) {
+            m_outage->check(Outage::kChanges);
+        }
         return retrying([&] {
             PostgresTransaction transaction(m_connection, begin);
             if (transaction.begun().size() == 1) {
                 checkCluster(transaction.begun().text(0, 0));
             }
             auto result = action();
-            transaction.commit();
+            commit(transaction);
             return result;
         });
+    }
+
+    void commit(PostgresTransaction& transaction) {
+        const auto start = std::chrono::steady_clock::now();
+        try {
+            transaction.commit();
+        } catch (const Failure&) {
+            if (std::chrono::steady_clock::now() - start > kAnewWithin) {
+                m_outage->begin(Outage::kChanges, "the database does not commit a change in time");
+            }
+            throw;
+        }
     }
 
     /// One that only reads.
@@ -706,6 +768,7 @@ class PostgresStore final : public Store {
     const std::string m_uri;
     const std::string m_name;
     const Say m_say;
+    const std::shared_ptr<Outage> m_outage;
     PostgresConnection m_connection;
     ChangeAges m_ages;
     std::string m_clusterId;
@@ -719,7 +782,7 @@ std::string nameOfPostgres(const std::string& uri) {
 }
 
 std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say) {
-    return std::make_unique<PostgresStore>(uri, ifMissing, std::move(say));
+    return std::make_unique<PostgresStore>(uri, ifMissing, std::move(say), std::make_shared<Outage>());
 }
 
 }  // namespace dsessd

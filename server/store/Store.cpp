@@ -20,6 +20,9 @@ namespace {
 
 // Each holds three descriptors and a cache; more are seldom busy at once.
 constexpr std::size_t kIdleStores = 18;
+constexpr std::chrono::minutes kKeepIdle{1};
+constexpr std::chrono::seconds kWaitAtMost{10};
+constexpr std::chrono::milliseconds kBetweenQuestions{10};
 
 }  // namespace
 
@@ -101,26 +104,45 @@ std::string Store::describe(const std::string& data) {
     return isDatabase(data) ? nameOfPostgres(data) : data;
 }
 
-StorePool::StorePool(const std::string& data, Store::Say say)
-    : m_isEmbedded(!Store::isDatabase(data)), m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
+StorePool::StorePool(const std::string& data, Store::Say say, std::size_t most)
+    : m_isEmbedded(!Store::isDatabase(data)),
+      m_most(most),
+      m_first(Store::open(data, Store::IfMissing::kFail, std::move(say))) {
     m_idle.reserve(kIdleStores);  // giving one back must not fail
+    m_first->rest();
 }
 
 StorePool::Lease StorePool::take(std::function<bool()> impatient) {
-    std::unique_ptr<Store> store;
-    {
-        const MutexLock lock(m_mutex);
-        if (!m_idle.empty()) {
-            store = std::move(m_idle.back());
-            m_idle.pop_back();
+    std::unique_ptr<Store> store = takeIdle(impatient);
+    try {
+        if (store == nullptr) {
+            store = m_first->another();
+        }
+        store->endWhen(std::move(impatient));
+        store->beReliable();
+    } catch (...) {
+        giveBack(std::unique_ptr<Store>());
+        throw;
+    }
+    return Lease(store.release(), Returner{this});
+}
+
+/// Counts one as used. Null: there is none yet.
+std::unique_ptr<Store> StorePool::takeIdle(const std::function<bool()>& impatient) {
+    const auto end = std::chrono::steady_clock::now() + kWaitAtMost;
+    MutexLock lock(m_mutex);
+    while (!lock.waitFor(m_returned, kBetweenQuestions, [this]() REQUIRES(m_mutex) { return m_used < m_most; })) {
+        if ((impatient && impatient()) || std::chrono::steady_clock::now() > end) {
+            throw Failure(Reason::kBusy, "all connections to the store are in use");
         }
     }
-    if (store == nullptr) {
-        store = m_first->another();
+    ++m_used;
+    if (m_idle.empty()) {
+        return nullptr;
     }
-    store->endWhen(std::move(impatient));
-    store->beReliable();
-    return Lease(store.release(), Returner{this});
+    std::unique_ptr<Store> store = std::move(m_idle.back().store);
+    m_idle.pop_back();
+    return store;
 }
 
 bool StorePool::isEmbedded() const {
@@ -129,12 +151,26 @@ bool StorePool::isEmbedded() const {
 
 void StorePool::giveBack(Store* store) {
     assert(store != nullptr);
-    std::unique_ptr<Store> owned(store);
-    owned->endWhen({});
-    const MutexLock lock(m_mutex);
-    if (owned->isSound() && m_idle.size() < kIdleStores) {
-        m_idle.push_back(std::move(owned));
+    store->endWhen({});
+    giveBack(std::unique_ptr<Store>(store));
+}
+
+/// Null: it could not be used.
+void StorePool::giveBack(std::unique_ptr<Store> store) {
+    std::unique_ptr<Store> unused;  // goes without the lock, as the other does
+    const auto now = std::chrono::steady_clock::now();
+    {
+        const MutexLock lock(m_mutex);
+        --m_used;
+        if (store != nullptr && store->isSound() && m_idle.size() < kIdleStores) {
+            m_idle.push_back({std::move(store), now});
+        }
+        if (m_idle.size() > 1 && now - m_idle.front().since > kKeepIdle) {
+            unused = std::move(m_idle.front().store);
+            m_idle.erase(m_idle.begin());
+        }
     }
+    m_returned.notify_one();
 }
 
 }  // namespace dsessd

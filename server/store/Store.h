@@ -5,8 +5,11 @@
 /// then on.
 #pragma once
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -132,6 +135,8 @@ class Store {
     /// One more connection to the same file or database: what has come to its place since is refused as unavailable.
     /// Safe to call while another thread uses this one.
     virtual std::unique_ptr<Store> another() const = 0;
+    /// Gives its connection to a database back until it is used again.
+    virtual void rest() {}
     /// Throws Reason::kUnavailable unless what this store shows is sure to last: its file is still there, and no commit
     /// has failed that a crash could bring back.
     virtual void beReliable() = 0;
@@ -215,29 +220,44 @@ class Store {
     virtual std::unique_ptr<Replacement> replace() = 0;
 };
 
-/// Connections to one store, opened as they are needed; those handed back are kept for the next, up to a few.
+/// Connections to one store, opened as they are needed. Those handed back are kept for the next; what nobody has used
+/// for a minute is closed, but for one.
 class StorePool {
   public:
-    /// Opens the first, and keeps it: further ones are to the same file or database. Throws Failure.
-    explicit StorePool(const std::string& data, Store::Say say = {});
+    /// The first is opened here; further ones are to the same file or database. At most `most` are in use at a time.
+    /// Throws Failure.
+    explicit StorePool(const std::string& data, Store::Say say = {}, std::size_t most = kAnyNumber);
+    static constexpr std::size_t kAnyNumber = std::numeric_limits<std::size_t>::max();
 
     struct Returner {
         StorePool* pool;
         void operator()(Store* store) const { pool->giveBack(store); }
     };
     using Lease = std::unique_ptr<Store, Returner>;
-    /// A reliable one. The pool must outlive the lease. Throws Failure. `impatient`: see Store::endWhen().
+    /// A reliable one. The pool must outlive the lease. Waits while all are in use. Throws Failure. `impatient`: see
+    /// Store::endWhen().
     Lease take(std::function<bool()> impatient = {});
     /// Whether the store is a file, which this process reads itself, and not a database server.
     bool isEmbedded() const;
 
   private:
+    struct Idle {
+        std::unique_ptr<Store> store;
+        std::chrono::steady_clock::time_point since;
+    };
+
+    std::unique_ptr<Store> takeIdle(const std::function<bool()>& impatient);
     void giveBack(Store* store);
+    void giveBack(std::unique_ptr<Store> store);
 
     const bool m_isEmbedded;
+    const std::size_t m_most;
     const std::unique_ptr<Store> m_first;
     Mutex m_mutex;
-    std::vector<std::unique_ptr<Store>> m_idle GUARDED_BY(m_mutex);
+    std::condition_variable m_returned;
+    std::size_t m_used GUARDED_BY(m_mutex) = 0;
+    /// Whoever was used last is last.
+    std::vector<Idle> m_idle GUARDED_BY(m_mutex);
 };
 
 }  // namespace dsessd

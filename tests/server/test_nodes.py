@@ -68,6 +68,29 @@ class Nodes(unittest.TestCase):
             self.share_one_cluster(one, other)
 
     @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    def test_hold_nobody_up_for_long(self):
+        change = request_text("key.change", **AS_ROOT)
+        with Postgres() as postgres, concurrent.futures.ThreadPoolExecutor(20) as pool:
+            with unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
+                one, other = self.nodes(store_connections="2")
+            self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {200})
+            ours = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'dsessd'"
+            self.assertLessEqual(int(postgres.sql(ours)), 4)
+            postgres.freeze()
+            start = time.monotonic()
+            self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {503})
+            self.assertLess(time.monotonic() - start, 10)
+            postgres.freeze(signal.SIGCONT)
+            # One node stands still in the middle of a change.
+            while postgres.sql(ours + " AND state = 'idle in transaction'") == "0":
+                one.process.send_signal(signal.SIGCONT)
+                pool.submit(one.post, change)
+                time.sleep(0.02)
+                one.process.send_signal(signal.SIGSTOP)
+            self.assertTrue(soon(lambda: "result" in other.call("key.change", **AS_ROOT), 9))
+            one.process.send_signal(signal.SIGCONT)
+
+    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
     def test_waits_for_its_database_and_tells_the_service_manager(self):
         with contextlib.ExitStack() as stack:
             postgres = stack.enter_context(Postgres())
