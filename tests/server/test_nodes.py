@@ -38,7 +38,7 @@ class Nodes(unittest.TestCase):
         self.assertEqual(one.call("trace.set", **AS_ROOT, level=3)["result"], {"level": 3})
         self.assertIn("result", other.call("cluster.get", **AS_ROOT))
         self.assertTrue(soon(lambda: other.call("trace.get") and "request trace.get" in other.log(), 2.5))
-        one.run("admin", "add", "root", "--data", one.data, input="OTHER\n")
+        one.run("admin", "add", "root", "--data", one.data, input="ANOTHER\n")
         for node in (one, other):
             self.assertEqual(node.call("cluster.get", **AS_ROOT)["error"]["data"]["name"], "identity-refused")
 
