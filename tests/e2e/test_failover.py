@@ -83,14 +83,16 @@ class Failover(Case):
         self.lose(lambda primary, _: primary.freeze())
 
     def test_the_standby_gone_before(self):
+        waiting = "SELECT count(*) FROM pg_stat_activity WHERE wait_event = 'SyncRep'"
+
         def loss(primary, standby):
             standby.stop()
-            time.sleep(1)
-            primary.stop()
-            primary.start()  # with changes that the standby lacks, and that are asked for again
-            time.sleep(3)
-            primary.stop()
-            standby.start()
+            for restart in (primary.start, standby.start):
+                # A change waits for the standby; after the restart, one that only the primary has is asked for again.
+                self.within(20, time.monotonic(), lambda: self.sql(waiting) != "0")
+                time.sleep(2)
+                primary.stop()
+                restart()
 
         self.lose(loss)
 
