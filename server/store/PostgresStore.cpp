@@ -441,6 +441,7 @@ class PostgresStore final : public Store {
         const PostgresRows rows =
             statement("SELECT id, answer FROM changes WHERE id >= $1 AND id < $2 AND user_name = '' ORDER BY number",
                       {kLocalActs.front(), kLocalActs.back()});
+        acts.reserve(static_cast<std::size_t>(rows.size()));
         for (int row = 0; row < rows.size(); ++row) {
             acts.push_back({std::string(rows.text(row, 0)), std::string(rows.text(row, 1))});
         }
