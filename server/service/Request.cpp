@@ -142,7 +142,7 @@ std::string Request::digest() const {
     }
     std::array<unsigned char, EVP_MAX_MD_SIZE> digest;
     unsigned length = 0;
-    std::array<char, 2 * EVP_MAX_MD_SIZE> text;
+    std::array<char, std::size_t{2} * EVP_MAX_MD_SIZE> text;
     if (EVP_Digest(content.data(), content.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1 ||
         qel_base64_std_encode(digest.data(), length, text.data(), text.size()) < 0) {
         throw std::bad_alloc();
