@@ -133,6 +133,36 @@ int dump(const DataOptions& options) {
     return 0;
 }
 
+int backUp(const DataOptions& options) {
+    const auto store = Store::open(options.data, Store::IfMissing::kFail);
+    NewFile file = fileBeside(options);
+    store->backUp(file.temporaryPath());
+    file.place();
+    std::cout << "dsessd: backed up to " << harmless(options.file) << std::endl;
+    return 0;
+}
+
+int restore(const DataOptions& options) {
+    const bool wasDamaged = Store::restore(options.data, options.file);
+    std::cout << "dsessd: restored from " << harmless(options.file);
+    if (wasDamaged) {
+        std::cout << "; what was there, and cannot be used, is " << harmless(options.data) << ".damaged now";
+    }
+    std::cout << std::endl;
+    return 0;
+}
+
+int upgrade(const DataOptions& options) {
+    const StoreVersions versions = Store::upgrade(options.data);
+    std::cout << "dsessd: " << Store::describe(options.data);
+    if (versions.before == versions.now) {
+        std::cout << " has schema version " << versions.now << " already" << std::endl;
+    } else {
+        std::cout << " raised from schema version " << versions.before << " to " << versions.now << std::endl;
+    }
+    return 0;
+}
+
 }  // namespace
 
 int moveData(const DataOptions& options) {
@@ -141,6 +171,12 @@ int moveData(const DataOptions& options) {
             return load(options);
         case DataOptions::Action::kDump:
             return dump(options);
+        case DataOptions::Action::kBackUp:
+            return backUp(options);
+        case DataOptions::Action::kRestore:
+            return restore(options);
+        case DataOptions::Action::kUpgrade:
+            return upgrade(options);
     }
     return 1;
 }

@@ -88,7 +88,9 @@ void describeData(CLI::App& app, DataOptions& options) {
     const auto add = [&](DataOptions::Action action, const char* word, const char* text, const char* file) {
         CLI::App* command = app.add_subcommand(word, text);
         addData(*command, options.data);
-        command->add_option("file", options.file, file)->required()->type_name("FILE");
+        if (file != nullptr) {
+            command->add_option("file", options.file, file)->required()->type_name("FILE");
+        }
         command->callback([&options, action] { options.action = action; });
         return command;
     };
@@ -99,6 +101,12 @@ void describeData(CLI::App& app, DataOptions& options) {
             "stay unless the file has them, as a dump does.");
     add(DataOptions::Action::kDump, "dump", "Write all that the store holds to a JSON file, which load reads",
         "The file; - is standard output");
+    add(DataOptions::Action::kBackUp, "backup", "Copy a data file while it is in use", "The copy")
+        ->footer("A database has tools of its own for that, such as pg_dump.");
+    add(DataOptions::Action::kRestore, "restore", "Put a backup in the place of a data file", "The backup")
+        ->footer("No dsessd may have the data file open.");
+    add(DataOptions::Action::kUpgrade, "upgrade", "Raise a store of an older dsessd to this version", nullptr)
+        ->footer("No dsessd may use the store. dsessd(8) has the order of an upgrade.");
 }
 
 void describeAdmin(CLI::App& admin, AdminOptions& options) {

@@ -24,12 +24,12 @@ struct ServeOptions {
     TlsFiles tls;
 };
 
-/// What goes from a file to the store, or the other way.
+/// What is done to a store as a whole.
 struct DataOptions {
-    enum class Action { kLoad, kDump };
+    enum class Action { kLoad, kDump, kBackUp, kRestore, kUpgrade };
     Action action = Action::kLoad;
     std::string data;
-    /// `-`: standard input or output.
+    /// `-`: standard input of a load, or output of a dump. Empty: an upgrade needs none.
     std::string file;
 };
 

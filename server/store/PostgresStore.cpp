@@ -78,6 +78,8 @@ CREATE TABLE administrators (
     password_hash text NOT NULL,
     role text NOT NULL CHECK (role IN ('read', 'change'))
 );
+)";
+constexpr char kChangesTable[] = R"(
 CREATE TABLE changes (
     id text COLLATE "C" PRIMARY KEY,
     user_name text NOT NULL,
@@ -86,7 +88,17 @@ CREATE TABLE changes (
     number bigint GENERATED ALWAYS AS IDENTITY UNIQUE
 );
 )";
+// Of version 1, where records of changes were ordered by the time of day, which is set now and then.
+constexpr char kKeepChanges1[] = "CREATE TEMP TABLE kept ON COMMIT DROP AS SELECT * FROM changes; DROP TABLE changes";
+constexpr char kPutChanges1[] =
+    "INSERT INTO changes (id, user_name, digest, answer) SELECT id, user_name, digest, answer FROM pg_temp.kept "
+    "ORDER BY time, id; UPDATE store SET version = 2";
+// A node has this name, unless its URI says otherwise.
+constexpr char kOtherNodes[] =
+    "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND application_name = 'dsessd' "
+    "AND pid <> pg_backend_pid()";
 
+constexpr char kCluster[] = "SELECT cluster_id, version FROM store";
 constexpr char kTraceLevel[] = "SELECT value FROM settings WHERE name = 'trace level'";
 constexpr char kPutTraceLevel[] =
     "INSERT INTO settings (name, value) VALUES ('trace level', $1) "
@@ -96,7 +108,7 @@ constexpr char kBeginReading[] = "BEGIN ISOLATION LEVEL REPEATABLE READ READ ONL
 // A change and a load wait for each other: after a load, the number of a realm may mean another realm.
 constexpr char kBeginChange[] =
     "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN ROW EXCLUSIVE MODE; "
-    "SELECT cluster_id FROM store";
+    "SELECT cluster_id, version FROM store";
 constexpr char kBeginLoad[] = "BEGIN ISOLATION LEVEL READ COMMITTED READ WRITE; LOCK TABLE realms IN EXCLUSIVE MODE";
 
 /// A pattern of `*` and `?` as LIKE takes it.
@@ -113,6 +125,26 @@ std::string likeOf(std::string_view pattern) {
         }
     }
     return like;
+}
+
+bool has(PostgresConnection& connection, const std::string& expression) {
+    return connection.run(("SELECT " + expression + " IS NOT NULL").c_str()).text(0, 0) == "t";
+}
+
+/// This one or an older. Throws where it is neither.
+int versionOf(PostgresConnection& connection, const std::string& name) {
+    if (!has(connection, "to_regnamespace('dsessd')")) {
+        throw Failure("there is no cluster in " + name + "; 'dsessd load' makes one");
+    }
+    if (!has(connection, "to_regclass('dsessd.store')")) {
+        throw Failure("the schema dsessd in " + name + " is not one of dsessd");
+    }
+    const PostgresRows rows = connection.run("SELECT version FROM store");
+    const std::int64_t version = rows.size() == 1 ? rows.integer(0, 0) : 0;
+    if (version < 1 || version > kSchemaVersion) {
+        failForVersion(name, version, kSchemaVersion);
+    }
+    return static_cast<int>(version);
 }
 
 /// Elements of an array as PostgreSQL writes one.
@@ -527,6 +559,8 @@ class PostgresStore final : public Store {
         }
     }
 
+    void backUp(const std::string&) override { failForOtherTools(m_name); }
+
   private:
     /// A row at a time, of which few are in memory. Inside a transaction.
     template <typename Action>
@@ -603,9 +637,7 @@ class PostgresStore final : public Store {
         }
     }
 
-    bool has(const char* expression) {
-        return m_connection.run(("SELECT " + std::string(expression) + " IS NOT NULL").c_str()).text(0, 0) == "t";
-    }
+    bool has(const char* expression) { return dsessd::has(m_connection, expression); }
 
     void createSchema() {
         if (has("to_regnamespace('dsessd')")) {
@@ -615,6 +647,7 @@ class PostgresStore final : public Store {
         m_connection.run("SELECT pg_advisory_xact_lock(1146312531)");  // "DSES"
         if (!has("to_regnamespace('dsessd')")) {                       // another process may have been faster
             m_connection.run(kSchema);
+            m_connection.run(kChangesTable);
             m_connection.run("INSERT INTO store (version, cluster_id) VALUES ($1, $2)", {kSchemaVersion, newUuid()});
             insertKey(m_connection, presentTime());
         }
@@ -622,22 +655,19 @@ class PostgresStore final : public Store {
     }
 
     void checkSchema() {
-        if (!has("to_regnamespace('dsessd')")) {
-            throw Failure("there is no cluster in " + m_name + "; 'dsessd load' makes one");
+        if (const int version = versionOf(m_connection, m_name); version != kSchemaVersion) {
+            failForVersion(m_name, version, kSchemaVersion);
         }
-        if (!has("to_regclass('dsessd.store')")) {
-            throw Failure("the schema dsessd in " + m_name + " is not one of dsessd");
-        }
-        const PostgresRows rows = m_connection.run("SELECT version, cluster_id FROM store");
-        if (rows.size() != 1 || rows.integer(0, 0) != kSchemaVersion) {
-            throw Failure(m_name + " has schema version " + (rows.size() == 1 ? std::string(rows.text(0, 0)) : "none") +
-                          "; this dsessd knows version " + std::to_string(kSchemaVersion));
-        }
-        checkCluster(rows.text(0, 1));
+        checkCluster(m_connection.run(kCluster));
     }
 
     /// What a host leads to may change while a node runs, and so may what a database holds.
-    void checkCluster(std::string_view found) {
+    void checkCluster(const PostgresRows& rows) {
+        const std::string_view found = rows.text(0, 0);
+        if (rows.integer(0, 1) != kSchemaVersion) {
+            m_connection.close();
+            throw Failure(Reason::kUnavailable, m_name + " was raised to another schema version");
+        }
         if (m_clusterId.empty()) {
             m_clusterId = found;
         } else if (found != m_clusterId) {
@@ -691,7 +721,7 @@ class PostgresStore final : public Store {
         return retrying([&] {
             PostgresTransaction transaction(m_connection, begin);
             if (transaction.begun().size() == 1) {
-                checkCluster(transaction.begun().text(0, 0));
+                checkCluster(transaction.begun());
             }
             auto result = action();
             commit(transaction);
@@ -780,6 +810,34 @@ class PostgresStore final : public Store {
 
 std::string nameOfPostgres(const std::string& uri) {
     return PostgresConnection::nameOf(uri);
+}
+
+StoreVersions upgradePostgresStore(const std::string& uri, Store::Say say) {
+    const std::string name = nameOfPostgres(uri);
+    PostgresConnection connection(uri, std::move(say));
+    connection.open(true);
+    try {
+        StoreVersions versions{versionOf(connection, name), kSchemaVersion};
+        if (versions.before != kSchemaVersion) {
+            PostgresTransaction transaction(connection, "BEGIN");
+            connection.run(PostgresConnection::kLetTakeMinutes);
+            // Whoever comes from now on waits, and finds the new version.
+            connection.run("LOCK TABLE store IN ACCESS EXCLUSIVE MODE");
+            if (connection.run(kOtherNodes).integer(0, 0) != 0) {
+                throw Failure(Reason::kBusy, name + " is in use; stop each dsessd that uses it, and try again");
+            }
+            versions.before = versionOf(connection, name);
+            if (versions.before == 1) {
+                connection.run(kKeepChanges1, {}, kMinutes);
+                connection.run(kChangesTable);
+                connection.run(kPutChanges1, {}, kMinutes);
+            }
+            transaction.commit();
+        }
+        return versions;
+    } catch (const PostgresError& error) {
+        throw Failure(name + " cannot be used: " + error.what());
+    }
 }
 
 std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say) {

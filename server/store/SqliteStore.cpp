@@ -12,15 +12,16 @@
 #include <utility>
 
 #include "runtime/QelFileDescriptor.h"
-#include "server/store/SqliteFiles.h"
+#include "server/store/SqliteConnection.h"
+#include "server/store/SqliteSchema.h"
 #include "server/store/StoreEngines.h"
 
 namespace dsessd {
 
+using namespace embedded;
+
 namespace {
 
-constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
-constexpr int kSchemaVersion = 3;
 // How long to wait for another process that writes: a load, or a change of an administrator.
 constexpr int kBusyMilliseconds = 10'000;
 constexpr int kBusyPause = 5;
@@ -33,153 +34,6 @@ constexpr int kStepsBetweenChecks = 100;
 constexpr int kMovePages = 1'000;
 constexpr int kRestartPages = 8'000;
 constexpr std::chrono::seconds kWaitForReaders{1};
-
-// References are checked when a transaction ends, so that a load may store the parts before the whole.
-constexpr char kSchema[] = R"(
-CREATE TABLE cluster (
-    id TEXT PRIMARY KEY
-) STRICT, WITHOUT ROWID;
-CREATE TABLE changes (
-    id TEXT PRIMARY KEY,
-    user TEXT NOT NULL,
-    digest TEXT NOT NULL,
-    answer TEXT NOT NULL,
-    number INTEGER NOT NULL UNIQUE
-) STRICT, WITHOUT ROWID;
-CREATE TABLE realms (
-    number INTEGER PRIMARY KEY,
-    name TEXT NOT NULL UNIQUE
-) STRICT;
-CREATE TABLE replica_sets (
-    number INTEGER PRIMARY KEY,
-    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
-    name TEXT NOT NULL UNIQUE
-) STRICT;
-CREATE INDEX replica_sets_by_realm ON replica_sets (realm, number);
-CREATE TABLE members (
-    number INTEGER PRIMARY KEY,
-    replica_set INTEGER NOT NULL REFERENCES replica_sets DEFERRABLE INITIALLY DEFERRED,
-    name TEXT NOT NULL,
-    last_contact INTEGER NOT NULL,
-    UNIQUE (replica_set, name)
-) STRICT;
-CREATE TABLE sessions (
-    realm INTEGER NOT NULL REFERENCES realms DEFERRABLE INITIALLY DEFERRED,
-    id TEXT NOT NULL,
-    user TEXT NOT NULL,
-    time INTEGER NOT NULL,
-    PRIMARY KEY (realm, id)
-) STRICT, WITHOUT ROWID;
-CREATE INDEX sessions_by_user ON sessions (realm, user, time, id);
-CREATE TABLE keys (
-    number INTEGER PRIMARY KEY,
-    label TEXT NOT NULL UNIQUE,
-    time INTEGER NOT NULL
-) STRICT;
-CREATE TABLE settings (
-    name TEXT PRIMARY KEY,
-    value INTEGER NOT NULL
-) STRICT, WITHOUT ROWID;
-CREATE TABLE administrators (
-    name TEXT PRIMARY KEY,
-    password_hash TEXT NOT NULL,
-    role TEXT NOT NULL CHECK (role IN ('read', 'change'))
-) STRICT, WITHOUT ROWID;
-)";
-
-/// What SQLite says, with its primary result code (https://sqlite.org/rescode.html).
-class SqliteError : public Failure {
-  public:
-    explicit SqliteError(const SQLite::Exception& error) : Failure(error.what()), m_code(error.getErrorCode()) {}
-    int code() const { return m_code & 0xFF; }
-
-  private:
-    int m_code;
-};
-
-/// Every call of the library goes through here, so that its own kind of failure is seen nowhere else.
-template <typename Action>
-auto sqlite(const Action& action) {
-    try {
-        return action();
-    } catch (const SQLite::Exception& error) {
-        switch (error.getErrorCode() & 0xFF) {
-            case SQLITE_BUSY:
-                throw Failure(Reason::kBusy, error.what());
-            case SQLITE_INTERRUPT:
-                throw Failure(Reason::kInterrupted, error.what());
-            case SQLITE_NOMEM:
-            case SQLITE_IOERR:
-            case SQLITE_FULL:
-            case SQLITE_READONLY:
-            case SQLITE_CANTOPEN:
-            case SQLITE_PROTOCOL:
-                throw Failure(Reason::kUnavailable, error.what());
-            default:
-                throw SqliteError(error);
-        }
-    }
-}
-
-void execute(SQLite::Database& database, const char* sql) {
-    sqlite([&] { database.exec(sql); });
-}
-
-std::int64_t queryInteger(SQLite::Database& database, const char* sql) {
-    return sqlite([&] { return database.execAndGet(sql).getInt64(); });
-}
-
-/// One run of a statement: parameters in order, then step() for each row. The statement is reset when the run goes,
-/// since one that is left in the middle holds the transaction open.
-class Query {
-  public:
-    template <typename... Parameters>
-    explicit Query(SQLite::Statement& statement, const Parameters&... parameters) : m_statement(statement) {
-        int index = 0;
-        sqlite([&] { (statement.bind(++index, bindable(parameters)), ...); });
-    }
-    Query(const Query&) = delete;
-    Query& operator=(const Query&) = delete;
-    ~Query() { m_statement.tryReset(); }
-
-    /// False: no more rows. Not to be called again then.
-    bool step() {
-        return sqlite([&] { return m_statement.executeStep(); });
-    }
-    /// False: the insertion would break a rule of uniqueness.
-    bool insert() {
-        try {
-            step();
-            return true;
-        } catch (const SqliteError& error) {
-            if (error.code() == SQLITE_CONSTRAINT) {
-                return false;
-            }
-            throw;
-        }
-    }
-    /// Valid until the next step.
-    std::string_view text(int column) const {
-        const SQLite::Column value = m_statement.getColumn(column);
-        const char* bytes = value.getText();
-        return {bytes, static_cast<std::size_t>(value.getBytes())};
-    }
-    std::int64_t integer(int column) const { return m_statement.getColumn(column).getInt64(); }
-    std::int32_t integer32(int column) const { return m_statement.getColumn(column).getInt(); }
-
-  private:
-    static std::string bindable(std::string_view text) { return std::string(text); }
-    static std::int64_t bindable(std::int64_t number) { return number; }
-
-    SQLite::Statement& m_statement;
-};
-
-struct Connection {
-    SQLite::Database database;
-    std::shared_ptr<SqliteFiles> files;
-    /// Whether every commit has succeeded.
-    bool isSound = true;
-};
 
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
 /// for every one of its neighbours.
@@ -197,98 +51,6 @@ class LargeCache {
   private:
     SQLite::Database& m_database;
 };
-
-/// A transaction, undone unless committed. Inside another transaction it is part of that one. A transaction that writes
-/// takes the lock when it begins: a reader that begins to write fails if another has written meanwhile.
-class Transaction {
-  public:
-    enum class Kind { kRead, kWrite };
-    Transaction(Connection& connection, Kind kind) : m_connection(connection), m_open(!isInside()) {
-        if (m_open && kind == Kind::kWrite) {
-            connection.files->check(connection.database.getHandle());
-            execute(connection.database, "BEGIN IMMEDIATE");
-        } else if (m_open) {
-            execute(connection.database, "BEGIN");
-        }
-    }
-    Transaction(const Transaction&) = delete;
-    Transaction& operator=(const Transaction&) = delete;
-    ~Transaction() {
-        if (m_open) {
-            m_connection.database.tryExec("ROLLBACK");
-        }
-    }
-    /// Throws Reason::kUncertain too.
-    void commit() {
-        if (!m_open) {
-            return;
-        }
-        try {
-            execute(m_connection.database, "COMMIT");
-            m_open = false;
-            m_connection.files->check(m_connection.database.getHandle());
-        } catch (const std::exception& error) {
-            // If SQLite still has the transaction open, COMMIT wrote nothing. If the disk was full, the last page is
-            // missing, and SQLite ignores the others. After any other failure the whole transaction may be in the
-            // write-ahead log and come back after a crash.
-            const int code = sqlite3_errcode(m_connection.database.getHandle()) & 0xFF;
-            if (m_open && (isInside() || code == SQLITE_FULL)) {
-                throw;
-            }
-            m_connection.isSound = false;
-            m_connection.files->doubt();
-            throw Failure(Reason::kUncertain,
-                          std::string("it is not known whether the change was made: ") + error.what());
-        }
-    }
-
-  private:
-    bool isInside() const { return sqlite3_get_autocommit(m_connection.database.getHandle()) == 0; }
-
-    Connection& m_connection;
-    /// Whether this object began the transaction, and so ends it.
-    bool m_open;
-};
-
-/// Prepares its own statement: it runs before all tables exist that the prepared ones need.
-void insertKey(SQLite::Database& database, Seconds now) {
-    SQLite::Statement statement =
-        sqlite([&] { return SQLite::Statement(database, "INSERT INTO keys (label, time) VALUES (?, ?)"); });
-    Query(statement, newKeyLabel(now), now).step();
-}
-
-void createSchema(SQLite::Database& database) {
-    execute(database, kSchema);
-    insertKey(database, presentTime());
-    execute(database, ("INSERT INTO cluster (id) VALUES ('" + newUuid() + "')").c_str());
-    execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
-    execute(database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
-}
-
-/// Makes the schema in a new file; throws unless the file is ours and of this version.
-void establishSchema(Connection& connection) {
-    SQLite::Database& database = connection.database;
-    const std::string& path = connection.files->path();
-    const auto isEmpty = [&] {
-        return queryInteger(database, "PRAGMA application_id") == 0 &&
-               queryInteger(database, "SELECT count(*) FROM sqlite_schema") == 0;
-    };
-    if (isEmpty()) {
-        Transaction transaction(connection, Transaction::Kind::kWrite);
-        if (isEmpty()) {  // another process may have been faster
-            createSchema(database);
-        }
-        transaction.commit();
-    }
-    if (queryInteger(database, "PRAGMA application_id") != kApplicationId) {
-        throw Failure(path + " is not a data file of dsessd");
-    }
-    const std::int64_t version = queryInteger(database, "PRAGMA user_version");
-    if (version != kSchemaVersion) {
-        throw Failure(path + " has schema version " + std::to_string(version) + "; this dsessd knows version " +
-                      std::to_string(kSchemaVersion));
-    }
-}
 
 /// SQLite would make a file that others may read.
 void createPrivateFile(const std::string& path) {
@@ -533,7 +295,7 @@ class SqliteStore final : public Store {
     void tryWriting() override {
         const std::uint64_t doubts = m_connection.files->doubts();
         Transaction transaction(m_connection, Transaction::Kind::kWrite);
-        execute(m_database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());
+        setVersion(m_database);
         transaction.commit();
         m_connection.files->settle(doubts);
     }
@@ -692,6 +454,8 @@ class SqliteStore final : public Store {
     }
 
     std::unique_ptr<Replacement> replace() override { return std::make_unique<Replacing>(m_connection, m_statements); }
+
+    void backUp(const std::string& path) override { copySqliteFile(m_database, path); }
 
     void giveTo(ClusterTaker& taker) override {
         Transaction transaction(m_connection, Transaction::Kind::kRead);

@@ -24,6 +24,10 @@ constexpr std::chrono::minutes kKeepIdle{1};
 constexpr std::chrono::seconds kWaitAtMost{10};
 constexpr std::chrono::milliseconds kBetweenQuestions{10};
 
+void toStandardError(const std::string& line) {
+    std::cerr << line + '\n';
+}
+
 }  // namespace
 
 Seconds presentTime() {
@@ -79,6 +83,18 @@ void SessionBatches::flush() {
     m_sessions.clear();
 }
 
+void failForVersion(const std::string& store, std::int64_t found, int known) {
+    throw Failure(
+        store + " has schema version " + std::to_string(found) +
+        (found > known
+             ? " of a newer dsessd, which is needed to use it; this one knows version " + std::to_string(known)
+             : " of an older dsessd; 'dsessd upgrade' raises it to version " + std::to_string(known)));
+}
+
+void failForOtherTools(const std::string& store) {
+    throw Failure(store + " is backed up and restored by PostgreSQL's own pg_dump and pg_restore; dsessd(8) shows how");
+}
+
 std::int64_t ChangeAges::oldUpTo(std::int64_t newest) {
     const auto now = std::chrono::steady_clock::now();
     if (!m_seen || now - m_seenAt > kKeepChanges) {
@@ -92,8 +108,18 @@ std::unique_ptr<Store> Store::open(const std::string& data, IfMissing ifMissing,
     if (!isDatabase(data)) {
         return openSqliteStore(data, ifMissing);
     }
-    return openPostgresStore(
-        data, ifMissing, say ? std::move(say) : [](const std::string& line) { std::cerr << line + '\n'; });
+    return openPostgresStore(data, ifMissing, say ? std::move(say) : toStandardError);
+}
+
+bool Store::restore(const std::string& data, const std::string& file) {
+    if (isDatabase(data)) {
+        failForOtherTools(nameOfPostgres(data));
+    }
+    return restoreSqliteStore(data, file);
+}
+
+StoreVersions Store::upgrade(const std::string& data) {
+    return isDatabase(data) ? upgradePostgresStore(data, toStandardError) : upgradeSqliteStore(data);
 }
 
 bool Store::isDatabase(const std::string& data) {

@@ -107,6 +107,12 @@ class ClusterTaker {
     virtual std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) = 0;
 };
 
+/// Of the tables and what they mean.
+struct StoreVersions {
+    int before = 0;
+    int now = 0;
+};
+
 /// One connection to the file or database. Used by one thread at a time. Whatever fails throws a Failure, and
 /// nothing is changed then, unless it is Reason::kUncertain. A connection that was lost is made anew at its next use.
 class Store {
@@ -118,6 +124,11 @@ class Store {
     /// `data`: the path of a file, or a URI that begins with `postgresql://` or `postgres://`. `say` empty: standard
     /// error takes the lines.
     static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing, Say say = {});
+    /// Puts a file that backUp() made in the place of a data file, which nobody may have open, once it is found whole.
+    /// One that was damaged, or no data file, is then beside it as `.damaged`, and true is returned.
+    static bool restore(const std::string& data, const std::string& file);
+    /// Raises what an older version has left, in one transaction. Refused with Reason::kBusy while it is in use.
+    static StoreVersions upgrade(const std::string& data);
     /// What messages call it, without a password.
     static std::string describe(const std::string& data);
     /// Whether the data are in a database server, and not in a file, which this process reads itself.
@@ -208,6 +219,9 @@ class Store {
     /// administrators first, then keys and changes from the oldest on, then each realm with its parts. Nothing changes
     /// that for as long as it takes, so `taker` should not wait for anybody slow.
     virtual void giveTo(ClusterTaker& taker) = 0;
+
+    /// Copies a data file, as it is at one moment, to `path`, an empty file. Throws a Failure for a database.
+    virtual void backUp(const std::string& path) = 0;
 
     /// New contents of the cluster, all in one transaction, undone unless committed.
     class Replacement : public ClusterTaker {

@@ -11,6 +11,10 @@
 
 #include "server/store/Store.h"
 
+namespace SQLite {
+class Database;
+}
+
 namespace dsessd {
 
 inline constexpr int kDefaultTraceLevel = 1;
@@ -20,8 +24,13 @@ inline constexpr std::chrono::minutes kKeepChanges{70};
 inline constexpr int kForgetAtOnce = 100;
 
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
+/// See Store::backUp(), restore() and upgrade().
+void copySqliteFile(SQLite::Database& from, const std::string& path);
+bool restoreSqliteStore(const std::string& path, const std::string& file);
+StoreVersions upgradeSqliteStore(const std::string& path);
 
 std::unique_ptr<Store> openPostgresStore(const std::string& uri, Store::IfMissing ifMissing, Store::Say say);
+StoreVersions upgradePostgresStore(const std::string& uri, Store::Say say);
 std::string nameOfPostgres(const std::string& uri);
 
 /// Gives sessions on by the hundred.
@@ -55,6 +64,10 @@ class ChangeAges {
 std::string_view sought(std::string_view name);
 std::string newKeyLabel(Seconds now);
 std::string newUuid();
+/// Throws a Failure that says what a store of another schema version needs.
+[[noreturn]] void failForVersion(const std::string& store, std::int64_t found, int known);
+/// A database is none of ours to copy.
+[[noreturn]] void failForOtherTools(const std::string& store);
 
 /// Between these lie the identifiers of local acts in the record of changes. No client's change counts as one, since
 /// its user has a name.

@@ -38,6 +38,7 @@ class Packages(Case):
         user = re.search("^User=(.*)", unit, re.M)[1]
         self.assertIn(f"u {user} ", self.read("dsessd/usr/lib/sysusers.d/dsessd.conf"))
         self.assertRegex(self.read("dsessd/DEBIAN/postinst"), r"systemd-sysusers (?:.*\n)*.*systemd-tmpfiles ")
+        self.assertRegex(self.read("dsessd/DEBIAN/postinst"), r"dsessd upgrade (?:.*\n)*.*deb-systemd-invoke")
         self.assertIn("stop 'dsessd.service'", self.read("dsessd/DEBIAN/prerm"))
         where = re.search(r"--listen 127.0.0.1(:\d+) --instance (\S+)\"", unit).groups()
         client = self.read("vexiladmin/etc/vexiladmin/vexilclicfg.conf")
