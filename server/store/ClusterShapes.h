@@ -10,6 +10,7 @@
 namespace dsessd {
 
 enum Object : unsigned char { kCluster, kAdministrator, kKey, kChange, kRealm, kReplicaSet, kMember, kSession };
+/// A long text may also be empty.
 enum class Kind : unsigned char { kText, kLongText, kInteger, kList };
 
 struct FieldRule {
@@ -32,8 +33,8 @@ inline constexpr FieldRule kAdministratorFields[] = {
 inline constexpr FieldRule kKeyFields[] = {
     {"label", Kind::kText, true}, {"time", Kind::kInteger, false}, {"age", Kind::kInteger, false}};
 inline constexpr FieldRule kChangeFields[] = {{"id", Kind::kText, true},
-                                              {"user", Kind::kText, true},
-                                              {"digest", Kind::kText, true},
+                                              {"user", Kind::kLongText, true},
+                                              {"digest", Kind::kLongText, true},
                                               {"answer", Kind::kLongText, true}};
 inline constexpr FieldRule kRealmFields[] = {{"name", Kind::kText, true},
                                              {"replicaSets", Kind::kList, false, kReplicaSet},

@@ -109,7 +109,7 @@ class ClusterHandler {
         if (!expects(longest() == kMaxNameBytes ? Kind::kText : Kind::kLongText)) {
             return false;
         }
-        if (value.empty() || !qel_utf8_is_text(value)) {
+        if ((value.empty() && longest() == kMaxNameBytes) || !qel_utf8_is_text(value)) {
             return failForText();
         }
         m_open.back().texts[m_open.back().field] = value;
