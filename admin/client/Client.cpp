@@ -163,7 +163,8 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
 
 std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer) {
     Clock::duration longest = kFirstPause;
-    for (bool isTime = Clock::now() < end && !interruption::isOn(); isTime; isTime = pause(end, longest)) {
+    for (bool isTime = m_keepsRecords && Clock::now() < end && !interruption::isOn(); isTime;
+         isTime = pause(end, longest)) {
         const auto now = Clock::now();
         const auto share = std::min(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
         m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
@@ -234,7 +235,8 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
 }
 
 std::uint32_t Client::finish(std::size_t index, const Request& request, const Answer& answer) {
-    m_clusterId = answer.clusterId == nullptr ? "" : answer.clusterId;
+    m_keepsRecords = answer.clusterId != nullptr;
+    m_clusterId = m_keepsRecords ? answer.clusterId : "";
     assert(index < m_urls.size());
     const auto first = m_urls.begin();
     const auto answered = first + static_cast<std::ptrdiff_t>(index);

@@ -149,6 +149,17 @@ TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster
     EXPECT_EQ(std::pair(counts[2].changes, counts[3].requests), std::pair(1L, 0L));
 }
 
+TEST(Transport, AServerThatKeepsNoRecordOfChangesIsSentNoneTwice) {
+    constexpr char kOld[] = R"({"jsonrpc":"2.0","id":@ID@,"result":{"count":0,"realms":[],"key":)"
+                            R"({"label":"k","time":1,"previousTime":0}}})";
+    FaultServers servers({"answer=" + answerFile(kOld)});
+    Library library({servers.urls[0]}, 1);
+    EXPECT_EQ(library.read(), 0U);
+    answerFile("lost");
+    EXPECT_EQ(library.change(), kStatusOutcomeUnknown);
+    EXPECT_EQ(servers.counts()[0].requests, 2);
+}
+
 TEST(Transport, OnlyAnAnswerThatHoldsForEveryTimeEndsAChangeOfUnknownFate) {
     for (const auto& [name, alone, afterwards, next] :
          {std::tuple("no-matching-session", kStatusNoMatchingSession, kStatusNoMatchingSession, 0L),
