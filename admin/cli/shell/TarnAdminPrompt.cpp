@@ -134,6 +134,7 @@ bool TarnAdminPrompt::isEdited() const {
 }
 
 bool TarnAdminPrompt::read(SecretText& line) {
+    line.wipe();  // it may hold a password, and the next line may be long in coming
     for (;;) {
         qel_flush_output();
         QelTerminalSignals signals;
@@ -154,7 +155,6 @@ bool TarnAdminPrompt::read(SecretText& line) {
             drawEnd("");
         }
         m_signals = nullptr;
-        line.wipe();
         if (std::exchange(m_lacksMemory, false)) {
             throw std::bad_alloc();
         }
