@@ -1,4 +1,4 @@
-// The reader of answers alone: what it takes and what it refuses, however the bytes are cut.
+// The reader of answers alone: what it takes and what it refuses, however the bytes are cut. And the reader of URLs.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -6,6 +6,7 @@
 
 #include "admin/client/answer/AnswerReader.h"
 #include "admin/client/base/Failure.h"
+#include "admin/client/request/Location.h"
 
 using namespace olmdsess;
 
@@ -178,6 +179,24 @@ TEST(AnswerReader, RefusesAnAnswerThatEndsEarly) {
                 read(shape, text.substr(0, size), size / 2, false).starts_with("! answer not understood: it is "))
                 << size << text;
         }
+    }
+}
+
+TEST(Location, IsWhatAUrlSaysOrNone) {
+    const std::pair<const char*, const char*> table[] = {
+        {"http://a", "0 a a 80 /"},
+        {"HTTPS://a?x", "1 a a 443 /?x"},
+        {"http://[::1]:9/b#c", "0 [::1]:9 ::1 9 /b"},
+        {"http://a:65535/", "0 a:65535 a 65535 /"},
+    };
+    for (const auto& [url, parts] : table) {
+        const auto [secure, authority, host, port, path] = parseLocation(url).value();
+        EXPECT_EQ(std::to_string(secure).append(" " + authority + " " + host + " " + port + " " + path), parts);
+    }
+    for (const char* bad :
+         {"a", "ftp://a", "http://", "http://:1", "http://a:", "http://a:65536", "http://a:000080", "http://a:1x",
+          "http://a b", "http://a\x7F", "http://a/\n", "http://b@a/", "http://[a", "http://a]"}) {
+        EXPECT_FALSE(parseLocation(bad)) << bad;
     }
 }
 

@@ -1,9 +1,11 @@
 // The functions: what they take, give and release. What they get across is tried on the real server.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/wait.h>
 
+#include <ctime>
 #include <thread>
 
 #include "catalogue/qel_messages.h"
@@ -13,7 +15,7 @@ namespace {
 
 TEST(Api, ResultsAreReleasedByTheirKindAndRequestsTracedWithoutThePassword) {
     FaultServers servers({"good"});
-    Library library(servers.urls);
+    Library library(servers.urls, 0);  // as long as is usual
     std::int32_t count = 0;
     olm_dsess_admin_realm_t* realms = nullptr;
     olm_dsess_admin_cluster_t cluster{};
@@ -30,10 +32,13 @@ TEST(Api, ResultsAreReleasedByTheirKindAndRequestsTracedWithoutThePassword) {
 
     const olm_dsess_admin_sec_info_t nobody{};
     const auto query = allSessions();
+    const olm_dsess_admin_sec_info_t odd{"\"\\\t\x1B", nullptr, nullptr, nullptr};
     EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &nobody, 4), 0U);
+    EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &odd, 4), 0U);
     EXPECT_EQ(olm_dsess_admin_refresh_sessions(library.handle, &kRoot, &query), 0U);
     for (const char* fragment : {R"("user":null,"password":null,"loginId":null},"level":4,"changeId":")",
-                                 R"("user":"root","password":"***","loginId":"login-1"})", R"("clusterId":"c)"}) {
+                                 R"("user":"root","password":"***","loginId":"login-1"})", R"("clusterId":"c)",
+                                 R"("user":"\"\\\u0009\u001b",)"}) {
         EXPECT_TRUE(wasTraced(fragment)) << fragment;
     }
     EXPECT_FALSE(wasTraced("SECRET"));
@@ -53,15 +58,19 @@ TEST(Api, EmptyResultsAreNullAndErrorsHaveStatusesAndAreNotTriedElsewhere) {
     release(OLM_DSESS_ADMIN_FREE_CLUSTER, 1, &cluster);
     for (const auto& [name, status] : {std::pair<std::string, std::uint32_t>("not-permitted", kStatusNotPermitted),
                                        {"of-a-later-version", kStatusRequestRefused}}) {
-        // A server that repeats the password is not repeated by the trace; nor is its text a format.
-        answerFile(R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":-32000,"message":"%n no SECRET","data":{"name":")" +
-                   name + R"("}}})");
+        // A server that repeats the password is not repeated by the trace, wherever that cuts; nor is its text a
+        // format.
+        const std::string message = "%n no " + std::string(2039, 'x');
+        answerFile(R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":-32000,"message":")" + message +
+                   R"(SECRET, SECRET","data":{"name":")" + name + R"("}}})");
         EXPECT_EQ(library.read(), status) << name;
         EXPECT_EQ(library.change(), status) << name;
-        EXPECT_TRUE(wasTraced("1 " + servers.urls[0] + ": " + name + ": %n no ***\n"));
-        EXPECT_EQ(wasTraced("0 the server says: %n no ***\n"), status == kStatusRequestRefused) << name;
+        EXPECT_TRUE(wasTraced("1 " + servers.urls[0] + ": " + name + ": " + message + "***\n"));
+        EXPECT_EQ(wasTraced("0 the server says: " + message + "***\n"), status == kStatusRequestRefused) << name;
         EXPECT_EQ(wasTraced("0 the request was sent as the user root\n"), status == kStatusNotPermitted);
         traced.clear();
+        const olm_dsess_admin_sec_info_t nobody{};
+        EXPECT_EQ(olm_dsess_admin_set_trace_level(library.handle, &nobody, 4), status);
     }
     EXPECT_EQ(servers.counts()[1].requests, 0);
 }
@@ -81,6 +90,11 @@ TEST(Api, MissingAndInvalidArgumentsGetAStatus) {
         change(changed);
         return olm_dsess_admin_refresh_sessions(handle, &kRoot, &changed);
     };
+    char* none[] = {nullptr};
+    const olm_dsess_admin_sec_info_t badUser{"\xFF", nullptr, nullptr, nullptr};
+    const olm_dsess_admin_sec_info_t badPassword{"a", nullptr, nullptr, "\xFF"};
+    const olm_dsess_admin_mv_string_t urls{};
+    const olm_dsess_admin_ssl_info_t tls{};
     EXPECT_EQ(olm_dsess_admin_refresh_sessions(nullptr, &kRoot, nullptr), kStatusNoHandle);
     EXPECT_EQ(olm_dsess_admin_set_trace_level(&number, &kRoot, 1), kStatusNoHandle);
     const std::uint32_t results[] = {
@@ -100,6 +114,10 @@ TEST(Api, MissingAndInvalidArgumentsGetAStatus) {
         refresh([](auto& changed) { changed.realm = nullptr; }),
         refresh([](auto& changed) { changed.value_list.count = 2; }),
         refresh([](auto& changed) { changed.value_list.values = nullptr; }),
+        refresh([&](auto& changed) { changed.value_list.values = none; }),
+        olm_dsess_admin_set_trace_level(handle, &badUser, 1),
+        olm_dsess_admin_set_trace_level(handle, &badPassword, 1),
+        olm_dsess_admin_initialize(1, &urls, &tls, nullptr, nullptr),
     };
     EXPECT_THAT(results, testing::Each(kStatusInvalidArgument));
     olm_dsess_admin_free(nullptr);
@@ -111,11 +129,12 @@ TEST(Api, ContextsAreCheckedMadeAndMadeAgain) {
     char url[] = "http://127.0.0.1:1/";
     char* urls[] = {url, nullptr};
     const olm_dsess_admin_mv_string_t good{1, urls}, withNull{2, urls}, negative{-1, urls}, none{};
-    const olm_dsess_admin_ssl_info_t tls{};
+    const olm_dsess_admin_ssl_info_t tls{}, badTls{withNull, nullptr, nullptr, nullptr, 0};
     void* context = url;
     void* handle = url;
     const std::tuple<std::int32_t, const olm_dsess_admin_mv_string_t*, const olm_dsess_admin_ssl_info_t*> refused[] = {
-        {-1, &good, &tls}, {1, nullptr, &tls}, {1, &withNull, &tls}, {1, &negative, &tls}, {1, &good, nullptr}};
+        {-1, &good, &tls},    {1, nullptr, &tls},  {1, &withNull, &tls},
+        {1, &negative, &tls}, {1, &good, nullptr}, {1, &good, &badTls}};
     for (const auto& [timeout, list, settings] : refused) {
         context = url;
         EXPECT_EQ(olm_dsess_admin_initialize(timeout, list, settings, nullptr, &context), kStatusInvalidArgument);
@@ -172,15 +191,24 @@ TEST(Api, WhatTheCallerDoesMeanwhileChangesNoStatus) {
     if (child == 0) {
         const bool reads = library.read() == 0;
         olm_dsess_admin_interrupt(1);
-        const bool isInterrupted = library.read() == kStatusInterrupted;
+        const bool isInterrupted = library.change() == kStatusInterrupted && library.read() == kStatusInterrupted;
+        olm_dsess_admin_interrupt(0);
+        const std::clock_t before = std::clock();
+        const bool rests = slow.read() == 0 && std::clock() - before < CLOCKS_PER_SEC / 10;
         library.~Library();
-        _exit(reads && isInterrupted ? 0 : 1);
+        _exit(reads && isInterrupted && rests ? 0 : 1);
     }
     int ended = -1;
     waitpid(child, &ended, 0);
     EXPECT_EQ(ended, 0);
     EXPECT_EQ(library.read(), 0U);
     EXPECT_EQ(servers.counts()[2].connections, 2);
+    // Programs that it starts inherit no connection.
+    for (int descriptor = 3; descriptor < 100; ++descriptor) {
+        struct stat info {};
+        EXPECT_TRUE(fstat(descriptor, &info) != 0 || !S_ISSOCK(info.st_mode) ||
+                    fcntl(descriptor, F_GETFD) == FD_CLOEXEC);
+    }
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ const std::string kNode1 = "/C=DE/O=Example/CN=node1";
 const std::string kRefused = "our certificate was refused: ";
 
 TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
-    const std::string comma = R"(/C=DE/O=Example\2C Inc./OU=a\/b\+c/CN=comma)";
+    const std::string comma = R"(/C=DE/O=Example\2C Inc./OU=\20a\/b\+c\1B/CN=comma)";
     const std::string noName = ": this name is not on the list (server-dns)";
     const struct {
         std::string server, keyFile;
@@ -60,7 +60,10 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         {"node1", "deep.p12", {}, "", true},                    // below two CAs that the server does not have
         {"under", "mid-ca.pem", {}, ""},                        // trusted without the CA above it
         {"solo", "solo.pem", {"/C=DE/O=Example/CN=solo"}, ""},  // a certificate whose key is in the file too
-        {"posing", "clients-ca.pem", {}, "certificate purpose"},
+        {"posing", "clients-ca.pem", {}, "CN=clients-ca: unsuitable certificate purpose"},
+        {"late", "ca.pem", {}, "CN=late, which ended on "},
+        {"node1", "expired.p12", {}, kRefused + "certificate expired (/C=DE/O=Example/CN=expired of ", true},
+        {"node1", "expired.p12", {}, "/expired.p12, which ended on ", true},
         {"far", "ca.pem", {}, "CN=far: its subjectAltName does not bear"},
         {"common", "ca.pem", {}, "CN=localhost: its subjectAltName does not bear"},
         // A list of names takes the place of the host name, and of nothing else.
@@ -150,7 +153,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     shell(
         R"(printf 'stash word\r\nsecond line\n' >crlf; echo other word >wrong; >empty; mkfifo fifo; ln -s stash link
         cp stash world; chmod 604 world; cp stash theirs; chown 65534 theirs || rm theirs
-        cat alice.crt alice.key >alice; cat alice ca.pem >open.pem; cat open.pem alice >twice.pem; chmod 604 open.pem
+        cat alice.crt alice.key >alice; cat alice ca.pem >open.pem; (echo 0; cat open.pem alice) >twice.pem; chmod 604 open.pem
         head -c 2000000 /dev/zero >big.pem; cat alice node1.key >two-keys.pem; cat alice.key ca.pem >no-certificate.pem
         cp ca.pem written.pem; chmod 662 written.pem; cat alice.p12 ca.pem >tail.p12
         rename() { openssl x509 -in $1 -outform DER | LC_ALL=C sed $2 | openssl x509 -inform DER; }
@@ -158,9 +161,16 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         openssl x509 -in ca.pem -trustout >trusted.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
         sed 1s/-// ca.pem | cat - alice >dash.pem; sed '1d;$d' ca.pem | cat - alice >bare.pem
         sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem
-        (openssl x509 -text -in ca.pem; openssl ecparam -name P-256
-         openssl pkcs12 -nodes -in alice.p12 -passin file:stash) | sed 's/$/\r/' >text.pem
+        (printf '\357\273\277'; openssl x509 -text -in ca.pem | sed 's/CERT/X509 &/'; openssl ecparam -name P-256
+         openssl ec -in alice.key; openssl pkcs12 -nodes -nokeys -in alice.p12 -passin file:stash) | sed 's/$/\r/' >text.pem
         openssl req -x509 -newkey rsa:1024 -days 99 -nodes -subj /CN=weak -keyout - 2>&1 >weak.pem
+        openssl pkcs12 -export -in alice.crt -inkey alice.key -certfile ca.pem -keypbe NONE -passout file:stash \
+          -out clear.p12; openssl pkcs12 -export -in alice.crt -inkey alice.key -certfile ca.pem -passout pass: \
+          -out blank.p12; cp blank.p12 seen.p12; cp expired.p12 over.p12; (cat alice.crt ca.pem; openssl pkcs8 -topk8 -in alice.key \
+          -passout pass:) >void.pem; openssl req -x509 -newkey rsa:2048 -days 99 -nodes -subj /CN=r -keyout r.key 2>&1 >r.pem
+        (cat r.pem; openssl rsa -traditional -in r.key) >rsa.pem; head -c 2000 /dev/zero | tr '\\0' a >long
+        (cat r.pem; openssl rsa -traditional -in r.key -aes128 -passout file:stash) >old.pem
+        chmod 644 clear.p12 seen.p12 void.pem old.pem; sed '$d' open.pem >cut.pem
         echo secret >secret; tail -c +2 ")" VEXIL_TESTS_SUPPORT
         R"(/../fuzz/corpus/fuzz_keyfile/pkcs12-identities" >three.p12
         chmod 666 alice.p12; openssl pkcs12 -export -in alice.crt -inkey alice.key -certpbe NONE -passout file:stash |
@@ -176,6 +186,9 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice.p12", "crlf", ""},
         {"twice.pem", "", ""},
         {"text.pem", "", ""},
+        {"rsa.pem", "", ""},
+        {"old.pem", "stash", ""},
+        {"blank.p12", "empty", ""},
         {"three.p12", "secret", "", japanese},
         {"three.p12", "secret", "no label (ssl-keyfile-label) chooses one of them: " + japanese + ", me, me"},
         {"three.p12", "secret", "holds no identity labelled c; labels in it: " + japanese + ", me, me", "c"},
@@ -184,6 +197,11 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "world", others},
         {"open.pem", "", others + ", and its private key is not encrypted"},
+        {"clear.p12", "stash", others + ", and its private key is not encrypted"},
+        {"seen.p12", "empty", others + ", and its private key is not encrypted"},
+        {"void.pem", "empty", others + ", and its private key is not encrypted"},
+        {"alice-pem.pem", "long", wrong},
+        {"cut.pem", "", "is damaged: the end is missing of what begins (line "},
         {"written.pem", "", others + ", and could put in whom to trust"},
         {"trusted.pem", "", notUnderstood + ": TRUSTED CERTIFICATE (line 1)"},
         {"dash.pem", "", notUnderstood + " (line 1)"},
@@ -216,9 +234,15 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         EXPECT_FALSE(wasTraced("stash word"));
     }
     // A certificate that ends soon is mentioned once a run.
+    FaultServers servers({"tls:good"}, as("ends"));
     for (const bool first : {true, false}) {
-        Library library({}, 2, with("soon.p12"));
-        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=soon of the key file " + at("soon.p12")), first);
+        Library over({}, 2, with("over.p12"));
+        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=expired of the key file " + at("over.p12 ended on ")),
+                  first);
+        Library soon(servers.urls, 5, with("soon.p12"));
+        EXPECT_EQ(wasTraced("CN=soon of the key file " + at("soon.p12 ends on ")), first);
+        EXPECT_EQ(soon.read(), 0U);
+        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=ends of the server ends on "), first);
     }
 }
 
