@@ -1,6 +1,7 @@
 """A pseudo-terminal with a small shell on it, which runs one program in the foreground and takes the terminal back when
 it stops."""
 
+import codecs
 import os
 import resource
 import select
@@ -18,6 +19,7 @@ class Terminal:
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
         self.shown, self.events = "", []
+        self.decode = codecs.getincrementaldecoder("utf-8")("replace").decode
         self.settings = termios.tcgetattr(self.slave)
         self.shell = os.fork()
         if self.shell == 0:
@@ -92,7 +94,7 @@ class Terminal:
     def _read(self, seconds):
         if not select.select([self.master], [], [], seconds)[0]:
             return False
-        self.shown += os.read(self.master, 65536).decode(errors="replace")
+        self.shown += self.decode(os.read(self.master, 65536))
         return True
 
     def asks(self, prompt=PROMPT):

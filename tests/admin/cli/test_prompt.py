@@ -1,6 +1,7 @@
-"""The prompt while its window changes, and keys that the user has given other meanings.
+"""The line at the prompt, on a screen of any width that changes meanwhile, and on one that only goes back to the first
+column.
 
-RESIZE_TURNS is the number of changes of size, RESIZE_SEED what they are drawn from; VALGRIND=1 looks at every access."""
+RESIZE_TURNS is the number of lines, RESIZE_SEED what they are drawn from; VALGRIND=1 looks at every access."""
 
 import fcntl
 import os
@@ -9,10 +10,10 @@ import re
 import struct
 import termios
 
+from terminal import PROMPT
 from vexil import VEXILADMIN, Case
 
-TURNS, SEED = int(os.environ.get("RESIZE_TURNS", 60)), int(os.environ.get("RESIZE_SEED", 1))
-CONTROLS = re.compile(r"\x1b\[\d*[A-DJ]|[\r\n\b\a]")
+TURNS, SEED = int(os.environ.get("RESIZE_TURNS", 150)), int(os.environ.get("RESIZE_SEED", 1))
 # What the keys do to a line, of which the cursor is before the character number `at`.
 KEYS = {
     "\x01": lambda line, at: (line, 0),
@@ -22,44 +23,122 @@ KEYS = {
     "\x7f": lambda line, at: (line[: max(at - 1, 0)] + line[at:], max(at - 1, 0)),
     "\x0b": lambda line, at: (line[:at], at),
 }
+MARK = "\u0301"
+TEXTS = ["x", "東", "é", "e" + MARK, "b" * 20, "set ", "\u202e"]
+
+
+class Screen:
+    """A terminal that arranges its text anew when its width changes."""
+
+    def __init__(self, columns, height=400):
+        self.columns, self.height, self.row, self.column = columns, height, 0, 0
+        self.rows, self.part = [[]], ""
+
+    def put(self, character):
+        width = {MARK: 0, "東": 2}.get(character, 1)
+        if self.column + width > self.columns:
+            self.row, self.column = self.row + 1, 0
+        assert self.row < self.height, "what stands above would go"
+        self.rows += [[]] * (self.row + 1 - len(self.rows))
+        cells = self.rows[self.row] = self.rows[self.row] + [" "] * (self.column + width - len(self.rows[self.row]))
+        if width:
+            cells[self.column : self.column + width] = [character, ""][:width]
+        else:
+            cells[self.column - (1 if cells[self.column - 1] else 2)] += character
+        self.column += width
+        return width
+
+    def write(self, text):
+        """Returns all that is shown but blanks, with | before the character at the cursor."""
+        text, self.part = re.fullmatch(r"(.*?)(\x1b[^A-Z]*)?", self.part + text, re.DOTALL).groups("")
+        for count, command, other in re.findall(r"\x1b\[(\d*)(.)|([^\x1b])", text):
+            count = int(count or 1)
+            if command == "J":
+                assert self.column < self.columns, "would take the last character too"
+                self.rows[self.row :] = [self.rows[self.row][: self.column]]
+            elif command:
+                self.row += {"A": -count, "B": count}.get(command, 0)
+                self.column += count if command == "C" else 0
+                assert 0 <= self.row < len(self.rows) and self.column <= self.columns, "no such place"
+            elif other == "\b":
+                assert 0 < self.column < self.columns, "from the margin, terminals differ"
+                self.column -= 1
+            elif other == "\r":
+                self.column = 0
+            elif other != "\a":
+                self.put(other)
+        shown = ""
+        for row, cells in enumerate(self.rows):
+            at = self.column if row == self.row else 999
+            shown += "".join(cells[:at]) + "|" * (at < 999) + "".join(cells[at:])
+        return shown.replace(" ", "")
+
+    def resize(self, columns):
+        new, cursor = Screen(columns), None
+        for row, cells in enumerate(self.rows):
+            for column, character in enumerate(cells):
+                for one in character:
+                    width = new.put(one)
+                    if (row, column) == (self.row, self.column) and width:
+                        cursor = new.row, new.column - width
+        new.row, new.column = cursor or (new.row, new.column)
+        self.__dict__ = new.__dict__
 
 
 class Prompt(Case):
-    def resize(self, terminal, columns, rows):
-        fcntl.ioctl(terminal.master, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
+    def resize(self, columns, rows=400):
+        self.screen.resize(columns)
+        self.screen.height = rows
+        fcntl.ioctl(self.tty.master, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
 
-    def test_the_line_is_what_was_typed_and_is_shown_whole_however_the_window_changed(self):
+    def check_shown(self, line, at):
+        """Waits until the line is shown with its cursor, or in a low window part of it."""
+        while line[at : at + 1] == MARK:
+            at += 1
+        expected = (PROMPT + line[:at] + "|" + line[at:]).replace(" ", "").replace("\u202e", "\\u{202E}")
+
+        def is_shown():
+            text, self.tty.shown = self.tty.shown, ""
+            self.seen = self.screen.write(text)
+            return self.seen == expected or (self.screen.height < 9 and "|" in self.seen and self.seen in expected)
+
+        try:
+            self.tty.until(is_shown, repr(expected))
+        except AssertionError as problem:
+            self.fail(f"{problem}; {self.seen!r} in {self.screen.columns} columns, {self.screen.height} rows")
+
+    def test_the_line_is_shown_with_its_cursor_at_any_width_and_run_as_it_was_typed(self):
         chance = random.Random(SEED)
-        program = ["valgrind", "-q", "--error-exitcode=99"] if os.environ.get("VALGRIND") else []
-        arguments = [*program, VEXILADMIN][1:]
-        terminal = self.terminal(*arguments, program=[*program, VEXILADMIN][0], TERM="xterm")
-        line, at = "", 0
-        for turn in range(1, TURNS + 1):
-            self.resize(terminal, chance.choice((1, 2, 3, 10, 40, 80, chance.randint(1, 200))), chance.randint(1, 50))
-            for _ in range(chance.randint(0, 4)):
-                if chance.random() < 0.3:
-                    key = chance.choice([*KEYS])
-                    line, at = KEYS[key](line, at)
-                else:
-                    key = chance.choice(["x", "東", "é", "e\u0301", "b" * 20, "set "])
-                    line, at = line[:at] + key + line[at:], at + len(key)
-                terminal.type(key)
-                terminal._read(0)
-            if turn % 10 == 0 or turn == TURNS:
-                with self.subTest(turn=turn):
-                    terminal.type("\x05")
-                    self.resize(terminal, 300, 100)
-                    while terminal._read(0.3):
-                        terminal.shown = ""
-                    self.resize(terminal, 1000, 100)  # where it is one row
-                    whole = "vexiladmin> " + line
-                    terminal.until(lambda: CONTROLS.sub("", terminal.shown) == whole, f"whole line {line!r}")
-                    terminal.shown = ""
-                    shown = terminal.answer("")
-                    self.assertEqual(
-                        shown.splitlines()[:1], [f"Not run: {' '.join(line.split())} "] if line.split() else []
-                    )
-                    line, at = "", 0
-        terminal.type("\x04")
-        status, rest = terminal.ended()
-        self.assertEqual((status, rest[-1:], terminal.restored()), (0, "\n", True))
+        program, *arguments = (["valgrind", "-q", "--error-exitcode=99"] if os.environ.get("VALGRIND") else []) + [
+            VEXILADMIN
+        ]
+        for name in ("xterm", "dumb"):
+            self.tty = self.terminal(*arguments, program=program, TERM=name)
+            self.screen = Screen(80)
+            for turn in range(TURNS):
+                line, at, rows = "", 0, 1 if name == "dumb" else chance.choice((1, 3, 400, 400))
+                self.screen.write(PROMPT)
+                self.resize(chance.randint(14, 90), rows)
+                for step in range(12):
+                    resizes = step == 0 or (rows == 400 and chance.random() < 0.3)
+                    if resizes and step > 0:
+                        self.resize(chance.randint(2, 90))
+                    # After a change of size one that shows: what is shown is of that size then.
+                    key = chance.choice(TEXTS if resizes else [*KEYS, *TEXTS])
+                    line, at = KEYS[key](line, at) if key in KEYS else (line[:at] + key + line[at:], at + len(key))
+                    self.tty.type(key)
+                    self.check_shown(line, at)
+                self.tty.type("\x05")
+                self.check_shown(line, len(line))
+                self.resize(80)
+                if name == "xterm":
+                    self.check_shown(line, len(line))
+                self.tty.type("\n")
+                self.tty.until(lambda: "\r\n" + PROMPT in self.tty.shown, "prompt")
+                shown, self.tty.shown = self.tty.shown.split("\r\n", 1)[1], ""
+                words = " ".join(line.split()).replace("\u202e", "\\u{202E}")
+                self.assertEqual(shown.splitlines()[0], f"Not run: {words} " if words else PROMPT)
+                self.screen = Screen(80)
+            self.tty.type("\x04")
+            status, rest = self.tty.ended()
+            self.assertEqual((status, rest[-1:], self.tty.restored()), (0, "\n", True))
