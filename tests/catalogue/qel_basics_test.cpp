@@ -60,6 +60,7 @@ TEST(QelString, ConvertsFromAndToTheLocalesEncodingAndShowsNothingThatDrivesATer
     } cases[] = {
         {kShown, "UTF-8", "a \\\t~\nb\n\n", "a \\\t~\\x0Ab\\x0A\n"},
         {kShown, "UTF-8", "\x1B[2J\r\x7F\0"sv, "\\x1B[2J\\x0D\\x7F\\x00"},
+        {kShown, "UTF-8", "12345678 bc\x7Fxyz 12345\x1Bmnop", "12345678 bc\\x7Fxyz 12345\\x1Bmnop"},
         {kShown, kC, "Zoë 東京 \U0001F600\x1B", "Zoë 東京 \U0001F600\\x1B"},
         {kShown, "UTF-8", "\u0080\u009F\u00A0", "\\u{0080}\\u{009F}\u00A0"},
         {kShown, "UTF-8", "\u061C\u200D\u200E\u200F\u2027", "\\u{061C}\u200D\\u{200E}\\u{200F}\u2027"},

@@ -2,15 +2,20 @@
 
 import ast
 import collections
+import datetime
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import tempfile
 import unittest
 import urllib.parse
 
 from terminal import PROMPT, Terminal
+
+for number in (signal.SIGINT, signal.SIGHUP, signal.SIGQUIT):  # nohup ignores them, and what is run here would too
+    signal.signal(number, signal.default_int_handler)
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 VEXILADMIN = os.environ["VEXILADMIN"]
@@ -127,8 +132,11 @@ class Case(unittest.TestCase):
         result = self.run_utility(*arguments, **kwargs)
         expected = [*calls] if whole else [*start(), *calls, *end()]
         self.assertEqual(result[:4], (out, err, status & 0xFF, expected), arguments)
-        entries = [re.fullmatch(r"\S+ vexiladmin\[\d+\] (\w+) \w+\.cpp:\d+ (.*)", line) for line in result.log]
-        self.assertEqual([entry and entry.groups() for entry in entries], [*log], arguments)
+        entries = [re.fullmatch(r"(\S+) vexiladmin\[\d+\] (\w+) \w+\.cpp:\d+ (.*)", line) for line in result.log]
+        self.assertEqual([entry and entry.groups()[1:] for entry in entries], [*log], arguments)
+        for entry in entries:
+            time = datetime.datetime.fromisoformat(entry[1])  # of UTC, whatever the zone
+            self.assertLess(abs(time - datetime.datetime.now(datetime.UTC)), datetime.timedelta(minutes=5))
 
     def check_table(self, table, run):
         """Runs each row of a table as a subtest."""

@@ -83,7 +83,7 @@ class Commands(Case):
     def test_sessions(self):
         zoe, adam = line(0x38C5213D, "s2", EPOCH, SHOWN), line(0x38C5213D, "s1", "2001-09-09-01:46:40 UTC", "adam")
         rows = [
-            ("10", 10, f"session={HOSTILE},s2,0 session=adam,s1,1000000000 total=77", [77, 2], zoe + adam, 2),
+            ("10", 10, f"session=adam,s1,1000000000 session={HOSTILE},s2,0 total=77", [77, 2], adam + zoe, 2),
             ("0", -1, "", [0, 0], NO_SESSIONS, None),
             ("+1", 1, "total=5", [5, 0], NO_SESSIONS, None),
             ("2147483647", 2147483647, "session=s,u,0 count=-4 total=-1", [-1, -4], "", -4),

@@ -4,6 +4,7 @@ import errno
 import fcntl
 import os
 import re
+import resource
 import socket
 import subprocess
 
@@ -135,10 +136,16 @@ class Shell(Case):
             ("\t", "    " + PATTERNS[-1]),
             ("set ins\tb\t", "    blue      b\\x1B[2J"),
             ("lue\x01re s\t", "    show  set"),
+            ("\x0b\x15realm show \t", "    <realm-name>"),
         ]:
             prompt.type(typed)
             prompt.until(lambda: row + "\r\n" in prompt.shown, repr(row))
             prompt.asks()
+        prompt.type("\x1a")
+        prompt.stop()
+        self.assertTrue(prompt.restored())
+        prompt.foreground()
+        prompt.asks("vexiladmin> realm show ")
         prompt.type("\x05\x15tr\ts\t5\n")
         prompt.asks()
         for typed, out in [("rea l", "east\n"), ("realm s e\t", "    r1\n"), ("rep s s r\t", line(0x38C52135))]:
@@ -216,6 +223,10 @@ class Shell(Case):
             self.check(*REALMS * 2, redirect=">&-", **lost, **seen)
             self.check(*REALMS * 2, streams={"stdout": left, "stderr": subprocess.PIPE}, **seen)
         os.close(left)
+        with open(self.dir / "out", "wb") as full:
+            limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+            streams = {"stdout": full, "stderr": subprocess.PIPE, "preexec_fn": limit}
+            self.check(*REALMS, streams=streams, script=CLUSTER, whole=True, **lost)
 
     def test_nothing_takes_the_place_of_a_closed_stream(self):
         self.check(redirect="<&-", out="\n")

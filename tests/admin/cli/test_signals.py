@@ -12,7 +12,9 @@ import socket
 import subprocess
 import termios
 import time
+import unittest.mock
 
+from fault_server import RESULTS, FaultServer
 from terminal import PATIENCE
 from vexil import ANON, CONFIG, VEXILADMIN, Case, commands, line, msg
 
@@ -139,7 +141,9 @@ class OfARun(Case):
         ]:
             environment = self.environment(script="generate_new_key label=k")
             pipes = {name: subprocess.PIPE for name in ("stdin", "stdout", "stderr")}
-            with subprocess.Popen([VEXILADMIN], env=environment, **pipes) as process:
+            ignored = signal.SIGINT if number == signal.SIGHUP else signal.SIGHUP
+            ignore = lambda: signal.signal(ignored, signal.SIG_IGN)
+            with subprocess.Popen([VEXILADMIN], env=environment, preexec_fn=ignore, **pipes) as process:
                 process.stdin.write(b"key change\nkey change\n")
                 process.stdin.flush()
                 deadline = time.monotonic() + PATIENCE
@@ -149,6 +153,7 @@ class OfARun(Case):
                     or self.recorded("calls").count(change) < 2
                 ):
                     self.assertLess(time.monotonic(), deadline)
+                process.send_signal(ignored)
                 process.send_signal(number)
                 seen = [stream.read().decode() for stream in (process.stdout, process.stderr)]
             self.assertEqual((seen, process.returncode), ([shown, told], -number))
@@ -162,7 +167,7 @@ class OfACommand(Case):
         self.server = self.enterContext(socket.create_server(("127.0.0.1", 0)))
         self.server.settimeout(PATIENCE)
         location = f"127.0.0.1:{self.server.getsockname()[1]}"
-        self.silent = {"config": CONFIG.replace("node1:9080", location), "LD_LIBRARY_PATH": ""}
+        self.silent = {"config": CONFIG.replace("node1:9080", location).replace("= 5", "= 99"), "LD_LIBRARY_PATH": ""}
 
     def interrupt(self, terminal, command):
         """Types a command, and interrupts it while it waits. Returns what is shown for it."""
@@ -183,6 +188,23 @@ class OfACommand(Case):
             self.assertEqual(self.interrupt(terminal, "realm list"), INTERRUPTED)
             self.assertEqual(self.interrupt(terminal, "key change"), line(0x38C54013))
         self.assertEqual(terminal.answer("instances list"), "blue\ngreen\n")
+        terminal.type("realm list\n")
+        self.await_request()
+        os.kill(terminal.pid, signal.SIGTERM)
+        self.assertEqual(terminal.ended()[0], -signal.SIGTERM)
+
+    def test_ctrl_c_ends_the_print_of_a_long_listing(self):
+        sessions = [{"id": "s", "user": "u", "time": 0}] * 50000
+        self.enterContext(
+            unittest.mock.patch.dict(RESULTS, {"session.list": {"total": 50000, "count": 50000, "sessions": sessions}})
+        )
+        location = f"127.0.0.1:{FaultServer('good').port}"
+        terminal = self.terminal(config=CONFIG.replace("node1:9080", location), LD_LIBRARY_PATH="")
+        terminal.type("session list -realm e * 0\n")
+        terminal.until(lambda: "UTC" in terminal.shown, "listing")
+        os.kill(terminal.pid, signal.SIGINT)
+        shown = terminal.asks()
+        self.assertTrue(shown.count("UTC") < 50000 and shown.endswith("\n" + INTERRUPTED))
 
     def test_ctrl_c_in_the_moment_before_a_password_is_read_is_heard(self):
         terminal = self.terminal(**self.silent)
@@ -200,7 +222,7 @@ class OfACommand(Case):
     def test_a_signal_ends_a_run_after_saying_what_became_of_the_command(self):
         (self.dir / "cmds").write_text("key change\ninstances list\n")
         for arguments, number, told in [
-            (commands("realm list", "instances list"), signal.SIGINT, "\n" + line(0x38C54023)),
+            (commands("set instance blue", "realm list"), signal.SIGINT, "\n" + line(0x38C54023)),
             (["-file", str(self.dir / "cmds")], signal.SIGINT, "\n" + line(0x38C54013)),
             (["-file", str(self.dir / "cmds")], signal.SIGTERM, line(0x38C54013)),
         ]:
