@@ -1,14 +1,13 @@
 /// An admin client library that talks to no server: it records every call and plays a script.
 ///
-/// RECORDING_LOG names the file that each call is appended to, one a line: the operation and what it was given,
-/// contexts and handles by name, null as ~. RECORDING_SCRIPT names a file of answers, one a line: an operation, then
-/// fields name=value. The answers to an operation are given in turn, the last one again and again; without any it
-/// succeeds and finds nothing. In that file the bytes 1D, 1E and 1F stand for line feed, blank and comma. Fields:
-///   status=HEX            fails; out-parameters become garbage that must not be looked at
-///   made=1                initialize, create_handle: leaves a context or handle although it fails
-///   trace=LEVEL,TEXT      calls the trace function first; repeatable
+/// RECORDING_LOG: the file that each call is appended to, one a line: the operation and what it was given, contexts and
+/// handles by name, null as ~. RECORDING_SCRIPT: a file of answers, one a line: an operation, then fields name=value.
+/// Those to an operation are given in turn, the last one again and again; without any it succeeds and finds nothing. In
+/// that file the bytes 1D, 1E and 1F stand for line feed, blank and comma. Fields, of which some may be repeated:
+///   status=HEX, made=1    fails, with garbage in the out-parameters; leaves a context or handle all the same
+///   trace=LEVEL,TEXT      calls the trace function first
 ///   realm=NAME,SET,SET    NAME,? claims a set but has no array
-///   member=NAME,TIME   session=FIRST,SECOND,TIME   one record; repeatable
+///   member=NAME,TIME   session=FIRST,SECOND,TIME
 ///   label= time= second=  the cluster record
 ///   count= total= level=  numbers; count is the number of records unless given
 #include <fcntl.h>
@@ -34,6 +33,8 @@ using SecInfo = olm_dsess_admin_sec_info_t;
 using Session = olm_dsess_admin_session_t;
 using StringList = olm_dsess_admin_mv_string_t;
 using Texts = std::vector<std::string>;
+using Status = std::uint32_t;
+using Count = std::int32_t;
 
 /// Of a text, a context or a handle; the latter two are their names.
 std::string shown(const void* text) {
@@ -42,7 +43,7 @@ std::string shown(const void* text) {
 
 std::string shown(const StringList& list) {
     std::string out;
-    for (std::int32_t i = 0; i < list.count; ++i) {
+    for (Count i = 0; i < list.count; ++i) {
         out += (i > 0 ? "," : "") + shown(list.values[i]);
     }
     return "[" + out + "]";
@@ -79,10 +80,8 @@ struct Answer {
     std::string text(const std::string& name, const std::string& absent) {
         return fields[name].empty() ? absent : fields[name].back()[0];
     }
-    std::int32_t number(const std::string& name, std::int32_t absent = 0) {
-        return std::stoi(text(name, std::to_string(absent)));
-    }
-    std::uint32_t status() { return static_cast<std::uint32_t>(std::stoul(text("status", "0"), nullptr, 16)); }
+    Count number(const std::string& name, Count absent = 0) { return std::stoi(text(name, std::to_string(absent))); }
+    Status status() { return static_cast<Status>(std::stoul(text("status", "0"), nullptr, 16)); }
 };
 
 Answer nextAnswer(const std::string& operation) {
@@ -121,7 +120,7 @@ Answer play(const std::string& call, Out*... out) {
 }
 
 /// The same for a call that makes a context or a handle.
-std::uint32_t make(const std::string& call, const char* kind, void** pointer) {
+Status make(const std::string& call, const char* kind, void** pointer) {
     Answer answer = play(call + " " + kind + "=" + shown(*pointer));
     if (answer.status() == 0 || answer.number("made") != 0) {
         static std::deque<std::string> names;
@@ -130,7 +129,7 @@ std::uint32_t make(const std::string& call, const char* kind, void** pointer) {
     return answer.status();
 }
 
-/// A result that the utility holds, and the memory that it lies in.
+/// A result that the utility holds, with its memory.
 struct Result {
     const void* address = nullptr;  // of the out-parameter
     std::deque<std::string> blocks;
@@ -146,21 +145,21 @@ struct Result {
     }
     void set(Realm& realm, const Texts& fields) {
         const std::size_t count = fields.size() - 1, given = count > 0 && fields[1] == "?" ? 0 : count;
-        realm = {text(fields[0]), static_cast<std::int32_t>(count), take<char*>(given)};
+        realm = {text(fields[0]), static_cast<Count>(count), take<char*>(given)};
         for (std::size_t i = 0; i < given; ++i) {
             realm.replica_set_names[i] = text(fields[i + 1]);
         }
     }
 };
-std::map<std::int32_t, Result> g_results;  // by the kind of their release
+std::map<Count, Result> g_results;  // by the kind of their release
 
 /// Gives the records of a success, to be released as `kind`. Returns the status.
 template <class Record>
-std::uint32_t give(Answer answer, const char* name, std::int32_t kind, std::int32_t* count, Record** records) {
+Status give(Answer answer, const char* name, Count kind, Count* count, Record** records) {
     if (answer.status() == 0) {
         const std::vector<Texts>& items = answer.fields[name];
         Result& result = g_results[kind] = {records, {}};
-        *count = answer.number("count", static_cast<std::int32_t>(items.size()));
+        *count = answer.number("count", static_cast<Count>(items.size()));
         *records = result.take<Record>(items.size());
         for (std::size_t i = 0; i < items.size(); ++i) {
             result.set((*records)[i], items[i]);
@@ -169,7 +168,7 @@ std::uint32_t give(Answer answer, const char* name, std::int32_t kind, std::int3
     return answer.status();
 }
 
-std::uint32_t give(Answer answer, Cluster* cluster) {
+Status give(Answer answer, Cluster* cluster) {
     if (answer.status() == 0) {
         Result& result = g_results[OLM_DSESS_ADMIN_FREE_CLUSTER] = {cluster, {}};
         *cluster = {result.text(answer.text("label", "key")), answer.number("time"), answer.number("second")};
@@ -179,9 +178,8 @@ std::uint32_t give(Answer answer, Cluster* cluster) {
 
 }  // namespace
 
-std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const StringList* urls,
-                                         const olm_dsess_admin_ssl_info_t* ssl, olm_dsess_admin_trace_fn trace,
-                                         void** context) {
+Status olm_dsess_admin_initialize(Count timeout, const StringList* urls, const olm_dsess_admin_ssl_info_t* ssl,
+                                  olm_dsess_admin_trace_fn trace, void** context) {
     ++g_selections;
     g_trace = trace;
     return make("initialize timeout=" + std::to_string(timeout) + " urls=" + shown(*urls) + " dns=" +
@@ -190,7 +188,7 @@ std::uint32_t olm_dsess_admin_initialize(std::int32_t timeout, const StringList*
                 "context", context);
 }
 
-std::uint32_t olm_dsess_admin_create_handle(void* context, void** handle) {
+Status olm_dsess_admin_create_handle(void* context, void** handle) {
     return make("create_handle " + shown(context), "handle", handle);
 }
 
@@ -202,25 +200,25 @@ void olm_dsess_admin_shutdown(void** context) {
     play("shutdown " + shown(*context));
 }
 
-std::uint32_t olm_dsess_admin_get_cluster_info(void* handle, const SecInfo* sec, std::int32_t* count, Realm** realms,
-                                               Cluster* cluster) {
+Status olm_dsess_admin_get_cluster_info(void* handle, const SecInfo* sec, Count* count, Realm** realms,
+                                        Cluster* cluster) {
     const Answer answer = play("get_cluster_info" + shown(handle, sec), count, realms, cluster);
     give(answer, cluster);
     return give(answer, "realm", OLM_DSESS_ADMIN_FREE_REALMS, count, realms);
 }
 
-std::uint32_t olm_dsess_admin_get_replica_set_info(void* handle, const SecInfo* sec, const char* name,
-                                                   std::int32_t* count, Member** members) {
+Status olm_dsess_admin_get_replica_set_info(void* handle, const SecInfo* sec, const char* name, Count* count,
+                                            Member** members) {
     return give(play("get_replica_set_info" + shown(handle, sec) + " " + shown(name), count, members), "member",
                 OLM_DSESS_ADMIN_FREE_REPLICA_SET, count, members);
 }
 
-std::uint32_t olm_dsess_admin_generate_new_key(void* handle, const SecInfo* sec, Cluster* cluster) {
+Status olm_dsess_admin_generate_new_key(void* handle, const SecInfo* sec, Cluster* cluster) {
     return give(play("generate_new_key" + shown(handle, sec), cluster), cluster);
 }
 
-std::uint32_t olm_dsess_admin_list_sessions(void* handle, const SecInfo* sec, const Query* query, std::int32_t max,
-                                            std::int32_t* total, std::int32_t* count, Session** sessions) {
+Status olm_dsess_admin_list_sessions(void* handle, const SecInfo* sec, const Query* query, Count max, Count* total,
+                                     Count* count, Session** sessions) {
     const std::string call = "list_sessions" + shown(handle, sec, query) + " max=" + std::to_string(max);
     Answer answer = play(call, total, count, sessions);
     give(answer, "session", OLM_DSESS_ADMIN_FREE_SESSIONS, count, sessions);
@@ -228,21 +226,21 @@ std::uint32_t olm_dsess_admin_list_sessions(void* handle, const SecInfo* sec, co
     return answer.status();
 }
 
-std::uint32_t olm_dsess_admin_terminate_sessions(void* handle, const SecInfo* sec, const Query* query) {
+Status olm_dsess_admin_terminate_sessions(void* handle, const SecInfo* sec, const Query* query) {
     return play("terminate_sessions" + shown(handle, sec, query)).status();
 }
 
-std::uint32_t olm_dsess_admin_refresh_sessions(void* handle, const SecInfo* sec, const Query* query) {
+Status olm_dsess_admin_refresh_sessions(void* handle, const SecInfo* sec, const Query* query) {
     return play("refresh_sessions" + shown(handle, sec, query)).status();
 }
 
-std::uint32_t olm_dsess_admin_get_trace_level(void* handle, const SecInfo* sec, std::int32_t* level) {
+Status olm_dsess_admin_get_trace_level(void* handle, const SecInfo* sec, Count* level) {
     Answer answer = play("get_trace_level" + shown(handle, sec), level);
     *level = answer.number("level", *level);
     return answer.status();
 }
 
-std::uint32_t olm_dsess_admin_set_trace_level(void* handle, const SecInfo* sec, std::int32_t level) {
+Status olm_dsess_admin_set_trace_level(void* handle, const SecInfo* sec, Count level) {
     return play("set_trace_level" + shown(handle, sec) + " " + std::to_string(level)).status();
 }
 

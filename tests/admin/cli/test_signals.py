@@ -222,12 +222,15 @@ class OfACommand(Case):
     def test_a_signal_ends_a_run_after_saying_what_became_of_the_command(self):
         (self.dir / "cmds").write_text("key change\ninstances list\n")
         for arguments, number, told in [
-            (commands("set instance blue", "realm list"), signal.SIGINT, "\n" + line(0x38C54023)),
+            (commands("instances list", "realm list"), signal.SIGINT, "\n" + line(0x38C54023)),
             (["-file", str(self.dir / "cmds")], signal.SIGINT, "\n" + line(0x38C54013)),
             (["-file", str(self.dir / "cmds")], signal.SIGTERM, line(0x38C54013)),
         ]:
             terminal = self.terminal(*arguments, prompt=None, **self.silent)
             self.await_request()
+            if "instances list" in arguments:
+                terminal.until(lambda: terminal.shown == "blue\r\ngreen\r\n", "list")  # before the next command is done
+                terminal.shown = ""
             os.kill(terminal.pid, number)
             self.assertEqual(terminal.ended(), (-number, told.replace("\n", "\r\n")))
 

@@ -156,25 +156,25 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         cat alice.crt alice.key >alice; cat alice ca.pem >open.pem; (echo 0; cat open.pem alice) >twice.pem; chmod 604 open.pem
         head -c 2000000 /dev/zero >big.pem; cat alice node1.key >two-keys.pem; cat alice.key ca.pem >no-certificate.pem
         cp ca.pem written.pem; chmod 662 written.pem; cat alice.p12 ca.pem >tail.p12
+        request() { openssl req -x509 -nodes -days $1 -subj /CN=$2 -newkey $3 -keyout $2.key 2>noise; }
         rename() { openssl x509 -in $1 -outform DER | LC_ALL=C sed $2 | openssl x509 -inform DER; }
         rename solo.pem s/Example/Sample_/g >renamed.pem; (rename mid-ca.pem s/mid-/low-/; cat ca.pem) >below.pem
         openssl x509 -in ca.pem -trustout >trusted.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
         sed 1s/-// ca.pem | cat - alice >dash.pem; sed '1d;$d' ca.pem | cat - alice >bare.pem
         sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem
-        (printf '\357\273\277'; openssl x509 -text -in ca.pem | sed 's/CERT/X509 &/'; openssl ecparam -name P-256
+        (openssl x509 -text -in ca.pem | sed 's/CERT/X509 &/'; openssl ecparam -name P-256
          openssl ec -in alice.key; openssl pkcs12 -nodes -nokeys -in alice.p12 -passin file:stash) | sed 's/$/\r/' >text.pem
-        openssl req -x509 -newkey rsa:1024 -days 99 -nodes -subj /CN=weak -keyout - 2>&1 >weak.pem
-        openssl pkcs12 -export -in alice.crt -inkey alice.key -certfile ca.pem -keypbe NONE -passout file:stash \
-          -out clear.p12; openssl pkcs12 -export -in alice.crt -inkey alice.key -certfile ca.pem -passout pass: \
-          -out blank.p12; cp blank.p12 seen.p12; cp expired.p12 over.p12; (cat alice.crt ca.pem; openssl pkcs8 -topk8 -in alice.key \
-          -passout pass:) >void.pem; openssl req -x509 -newkey rsa:2048 -days 99 -nodes -subj /CN=r -keyout r.key 2>&1 >r.pem
-        (cat r.pem; openssl rsa -traditional -in r.key) >rsa.pem; head -c 2000 /dev/zero | tr '\\0' a >long
+        (request 99 weak rsa:1024; cat weak.key) >weak.pem
+        seal() { openssl pkcs12 -export -in alice.crt -inkey alice.key -certfile ca.pem -passout "$@"; }
+        seal file:stash -keypbe NONE >clear.p12; seal pass: >blank.p12; cp blank.p12 seen.p12
+        request 99 r rsa:2048 >r.pem; (cat expired.crt expired.key; request 9 brief rsa:2048) >over.pem
+        (cat alice.crt ca.pem; openssl pkcs8 -topk8 -in alice.key -passout pass:) >void.pem
+        (printf '\357\273\277'; cat r.pem; openssl rsa -traditional -in r.key) >rsa.pem; head -c 2000 /dev/zero | tr '\0' a >long
         (cat r.pem; openssl rsa -traditional -in r.key -aes128 -passout file:stash) >old.pem
         chmod 644 clear.p12 seen.p12 void.pem old.pem; sed '$d' open.pem >cut.pem
-        echo secret >secret; tail -c +2 ")" VEXIL_TESTS_SUPPORT
-        R"(/../fuzz/corpus/fuzz_keyfile/pkcs12-identities" >three.p12
-        chmod 666 alice.p12; openssl pkcs12 -export -in alice.crt -inkey alice.key -certpbe NONE -passout file:stash |
-        LC_ALL=C sed s/Example/Sample_/ >damaged.p12)");
+        echo secret >secret; for it in identities null secret no-certificate; do tail -c +2 \
+          ")" VEXIL_TESTS_SUPPORT R"(/../fuzz/corpus/fuzz_keyfile/pkcs12-$it" >$it.p12; done
+        chmod 666 alice.p12; seal file:stash -certpbe NONE | LC_ALL=C sed s/Example/Sample_/ >damaged.p12)");
     const std::string japanese = "\u65E5\u672C\u8A9E";
     struct Case {
         std::string keyFile, stash, reason, label = {};  // no reason: usable
@@ -189,10 +189,11 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"rsa.pem", "", ""},
         {"old.pem", "stash", ""},
         {"blank.p12", "empty", ""},
-        {"three.p12", "secret", "", japanese},
-        {"three.p12", "secret", "no label (ssl-keyfile-label) chooses one of them: " + japanese + ", me, me"},
-        {"three.p12", "secret", "holds no identity labelled c; labels in it: " + japanese + ", me, me", "c"},
-        {"three.p12", "secret", "holds several identities labelled me", "me"},
+        {"null.p12", "empty", ""},
+        {"identities.p12", "secret", "", japanese},
+        {"identities.p12", "secret", "no label (ssl-keyfile-label) chooses one of them: " + japanese + ", me, me"},
+        {"identities.p12", "secret", "holds no identity labelled c; labels in it: " + japanese + ", me, me", "c"},
+        {"identities.p12", "secret", "holds several identities labelled me", "me"},
         {"alice.p12", "wrong", "cannot be decrypted: " + wrong},
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "world", others},
@@ -212,6 +213,8 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"damaged.pem", "", "holds a private key that is damaged (line 1"},
         {"weak.pem", "", "the certificate /CN=weak of the key file"},
         {"tail.p12", "stash", "something follows its end, from byte"},
+        {"secret.p12", "empty", notUnderstood + " (bag 2)"},
+        {"no-certificate.p12", "empty", "holds a certificate or private key that cannot be read (bag 2)"},
         {"damaged.p12", "stash", "is damaged: the password opens it"},
         {"alice.p12", "link", "cannot be opened: it is a symbolic link"},
         {"alice.p12", "fifo", "cannot be used: it is not a regular file"},
@@ -236,8 +239,9 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     // A certificate that ends soon is mentioned once a run.
     FaultServers servers({"tls:good"}, as("ends"));
     for (const bool first : {true, false}) {
-        Library over({}, 2, with("over.p12"));
-        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=expired of the key file " + at("over.p12 ended on ")),
+        Library over({}, 2, with("over.pem"));
+        EXPECT_EQ(wasTraced("CN=brief of the key file " + at("over.pem ends on ")), first);
+        EXPECT_EQ(wasTraced("1 the certificate /C=DE/O=Example/CN=expired of the key file " + at("over.pem ended on ")),
                   first);
         Library soon(servers.urls, 5, with("soon.p12"));
         EXPECT_EQ(wasTraced("CN=soon of the key file " + at("soon.p12 ends on ")), first);

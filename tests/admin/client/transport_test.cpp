@@ -287,7 +287,6 @@ TEST(Transport, TheFormOfAnAnswerIsTakenAsHttpHasItOrRefusedInWords) {
         {ok + "\nX: y" + whole, "a line of its head ends without a carriage return"},
         {ok + "\r\nX: y\r\n z" + whole, "a line of its head is folded"},
         {ok + "\r\nX: y\r\n\tz" + whole, "a line of its head is folded"},
-        {"HTTP/1.7" + ok.substr(8) + whole, "it is not HTTP/1.1"},
         {interims, "its head is too long"},
         {ok + "\r\nContent-Length: \r\n\r\n" + json, "its length is no number"},
         {ok + chunked + "Transfer-Encoding: chunked\r\n" + pieces("") + "\r\n", "other than chunked: chunked"},
