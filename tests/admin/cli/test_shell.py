@@ -129,23 +129,42 @@ class Shell(Case):
         )
 
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
-        config = CONFIG.replace("blue,", "blue,b\x1b[2J,")
+        config = CONFIG.replace("blue,", "blue,b\x1b[2J,b c,nün,näu,a\x1b,")
         (self.dir / "editrc").write_text("bind ^H ed-delete-prev-word\n")
         prompt = self.terminal(config=config, script=CLUSTER, TERM="vt100", EDITRC=str(self.dir / "editrc"))
         for typed, row in [
-            ("\t", "    " + PATTERNS[-1]),
-            ("set ins\tb\t", "    blue      b\\x1B[2J"),
-            ("lue\x01re s\t", "    show  set"),
-            ("\x0b\x15realm show \t", "    <realm-name>"),
+            ("", PATTERNS[-1]),
+            ("re", "realm    replica"),
+            ("r s ", "show          list          <realm-name>"),
+            ("login bob ", "[password]"),
+            ("rep s list ", "[-realm <realm>]"),
+            ("rep s list -r ", "<realm>"),
+            ("set i b", "blue      b c       b\\x1B[2J"),
+            ("set i n", "nün  näu"),
+            ("set i a", "a\\x1B"),
+            ("set i n\x01re s", "show  set"),
+            ("realm show ", "<realm-name>"),
         ]:
-            prompt.type(typed)
-            prompt.until(lambda: row + "\r\n" in prompt.shown, repr(row))
+            prompt.type("\x05\x15" + typed + "\t")
+            prompt.until(lambda: f"\n    {row}\r\n" in prompt.shown, repr(row))
             prompt.asks()
+        for typed, shown in [
+            (" tr xyz\x08\x7f", " trace "),
+            ("trace", "trace "),
+            ("rep s list -", " -realm "),
+            ("set i bl", " blue "),
+        ]:
+            prompt.type("\x05\x15" + typed + "\t")
+            prompt.until(lambda: shown in prompt.shown, repr(shown))
+        prompt.type("\x05\x15realm show x \t")
+        prompt.until(lambda: "\a" in prompt.shown, "bell")
+        prompt.type("\x02")
+        prompt.shown = ""
         prompt.type("\x1a")
         prompt.stop()
         self.assertTrue(prompt.restored())
         prompt.foreground()
-        prompt.asks("vexiladmin> realm show ")
+        prompt.asks("vexiladmin> realm show x")
         prompt.type("\x05\x15tr\ts\t5\n")
         prompt.asks()
         for typed, out in [("rea l", "east\n"), ("realm s e\t", "    r1\n"), ("rep s s r\t", line(0x38C52135))]:
