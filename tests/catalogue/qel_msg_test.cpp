@@ -175,9 +175,13 @@ TEST_F(Files, TheLogIsSyslogWithoutAFileThatTakesIt) {
     report("%s%d", kSvcError, kMsgFileOpen, "%s\n", EACCES);
     setenv("QEL_SVC_LOG", "/dev/full", 1);
     report("", kSvcErrorExit, kStatusCommandFile);
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    setenv("QEL_SVC_LOG", path.c_str(), 1);  // whose reader nobody waits for
+    report("", kSvcError, kStatusCommandFile);
     EXPECT_EQ(g_syslog,
               "3 client a.cpp:1 38C54042 The file %s\\x0A cannot be opened: Permission denied (13).\n"
-              "2 client a.cpp:1 38C520A8 The command file was not run.\n");
+              "2 client a.cpp:1 38C520A8 The command file was not run.\n"
+              "3 client a.cpp:1 38C520A8 The command file was not run.\n");
 }
 
 TEST_F(Files, TheLogIsTheUsersWithoutSyslogAndAtLastStandardError) {

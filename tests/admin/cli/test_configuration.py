@@ -100,12 +100,12 @@ class Configuration(Case):
 
 class Instances(Case):
     def test_they_are_listed_in_bucket_order_and_the_latest_first_within_a_bucket(self):
-        listing = "\n".join(["blue", "blue", "rose", "red", "grün", "black", "coral", "green", ""])
+        listing = "\n".join(["blue", "blue", "rose", "red", "grün", "black", "coral", "green", "violet", ""])
         self.check(
             stdin="instances list\nset instance nowhere\nset instance blue\ni l\n",
             redirect="2>&1",
             whole=True,
-            config=conf(instances="red,blue,green,rose,coral,blue,black,grün"),
+            config=conf(instances="red,blue,violet,green,rose,coral,blue,black,grün"),
             calls=start("red") + end() + start("blue", 2) + end(2),
             out=listing + UNKNOWN + listing + "\n",
         )
@@ -146,3 +146,5 @@ class Instances(Case):
         terminal = self.terminal(prompt=None, config=None, QEL_SVC_LOG="", XDG_STATE_HOME=str(self.dir))
         missing = msg(0x38C54042, self.dir / "vexilclicfg.conf", error(errno.ENOENT))
         self.assertEqual(terminal.ended(), (65, missing.replace("\n", "\r\n")))
+        terminal = self.terminal(prompt=None, config=None, QEL_SVC_LOG="/dev/stderr")
+        self.assertEqual(terminal.ended()[1].count(missing.strip()), 1)

@@ -22,6 +22,7 @@ KEYS = {
     "\x1b[C": lambda line, at: (line, min(at + 1, len(line))),
     "\x7f": lambda line, at: (line[: max(at - 1, 0)] + line[at:], max(at - 1, 0)),
     "\x0b": lambda line, at: (line[:at], at),
+    "\x0c": lambda line, at: (line, at),
 }
 MARK = "\u0301"
 TEXTS = ["x", "東", "é", "e" + MARK, "b" * 20, "set ", "\u202e"]
@@ -53,7 +54,9 @@ class Screen:
         text, self.part = re.fullmatch(r"(.*?)(\x1b[^A-Z]*)?", self.part + text, re.DOTALL).groups("")
         for count, command, other in re.findall(r"\x1b\[(\d*)(.)|([^\x1b])", text):
             count = int(count or 1)
-            if command == "J":
+            if command == "H":
+                self.row = self.column = 0
+            elif command == "J":
                 assert self.column < self.columns, "would take the last character too"
                 self.rows[self.row :] = [self.rows[self.row][: self.column]]
             elif command:
@@ -89,7 +92,8 @@ class Prompt(Case):
     def resize(self, columns, rows=400):
         self.screen.resize(columns)
         self.screen.height = rows
-        fcntl.ioctl(self.tty.master, termios.TIOCSWINSZ, struct.pack("4H", rows, columns, 0, 0))
+        spare = self.name == "dumb"  # its last column is not used
+        fcntl.ioctl(self.tty.master, termios.TIOCSWINSZ, struct.pack("4H", rows, columns + spare, 0, 0))
 
     def check_shown(self, line, at):
         """Waits until the line is shown with its cursor, or in a low window part of it."""
@@ -112,11 +116,11 @@ class Prompt(Case):
         program, *arguments = (["valgrind", "-q", "--error-exitcode=99"] if os.environ.get("VALGRIND") else []) + [
             VEXILADMIN
         ]
-        for name in ("xterm", "dumb"):
-            self.tty = self.terminal(*arguments, program=program, TERM=name)
+        for self.name in ("xterm", "dumb"):
+            self.tty = self.terminal(*arguments, program=program, TERM=self.name)
             self.screen = Screen(80)
             for turn in range(TURNS):
-                line, at, rows = "", 0, 1 if name == "dumb" else chance.choice((1, 3, 400, 400))
+                line, at, rows = "", 0, 1 if self.name == "dumb" else chance.choice((1, 3, 400, 400))
                 self.screen.write(PROMPT)
                 self.resize(chance.randint(14, 90), rows)
                 for step in range(12):
@@ -131,7 +135,7 @@ class Prompt(Case):
                 self.tty.type("\x05")
                 self.check_shown(line, len(line))
                 self.resize(80)
-                if name == "xterm":
+                if self.name == "xterm":
                     self.check_shown(line, len(line))
                 self.tty.type("\n")
                 self.tty.until(lambda: "\r\n" + PROMPT in self.tty.shown, "prompt")

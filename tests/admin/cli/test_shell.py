@@ -8,6 +8,7 @@ import resource
 import socket
 import subprocess
 
+from terminal import PROMPT
 from vexil import ANON, CONFIG, PATTERNS, VERSION, Case, commands, end, error, line, msg, refused, start
 
 
@@ -80,11 +81,11 @@ class Shell(Case):
 
     def test_at_the_prompt_failures_do_not_end_the_input(self):
         self.check(
-            stdin="foo\n# c\n\nkey show\nrealm list\ntrace set x",
+            stdin="foo\n# c\n\nkey show\nrealm list\ns l -r e * x",
             redirect="2>&1",
             calls=FETCH[:1] + FETCH,
             script=f"get_cluster_info status=38C54015\n{CLUSTER}",
-            out=listing("foo") + line(0x38C54015) + "east\n" + refused("level")["err"] + "\n",
+            out=listing("foo") + line(0x38C54015) + "east\n" + refused("max")["err"] + "\n",
         )
         self.check(stdin="QUIT\r\nkey show\n")
 
@@ -100,6 +101,12 @@ class Shell(Case):
         told, pointed = line(0x38C54011), f"{msg(0x38C54011)} {msg(0x38C54058)}\n"
         self.check(*commands("trace get"), script=cause, out="why\n", err=told, **failed)
         self.check(*commands("trace get"), script=cause, redirect="2>&1", out="why\n" + pointed, **failed)
+        twice = {
+            "calls": GET * 2,
+            "script": f"{cause}\nget_trace_level status=38C54011",
+            "out": "why\n" + pointed + told + "\n",
+        }
+        self.check(stdin="trace get\ntrace get\n", redirect="2>&1", **twice)
         for other in (cause.replace("trace=0", "trace=1"), cause + " trace=3,more%0A"):
             result = self.run_utility(*commands("trace get"), script=other, redirect="2>&1", VEXILADMIN_DEBUG="3")
             self.assertTrue(result.out.endswith("\n" + told), result.out)
@@ -165,7 +172,7 @@ class Shell(Case):
         self.assertTrue(prompt.restored())
         prompt.foreground()
         prompt.asks("vexiladmin> realm show x")
-        prompt.type("\x05\x15tr\ts\t5\n")
+        os.write(prompt.master, b"\x05\x15\xc3tr\ts\t5\n")  # of a broken character the rest counts
         prompt.asks()
         for typed, out in [("rea l", "east\n"), ("realm s e\t", "    r1\n"), ("rep s s r\t", line(0x38C52135))]:
             self.assertEqual(prompt.answer(typed), out)
@@ -175,6 +182,9 @@ class Shell(Case):
             self.recorded("calls"),
             [*start(), f"set_trace_level {ANON} 5", *FETCH * 2, f"get_replica_set_info {ANON} r1", *end()],
         )
+        (self.dir / "editrc").write_text("edit off\n")
+        prompt = self.terminal(prompt=None, EDITRC=str(self.dir / "editrc"))
+        prompt.until(lambda: prompt.shown == PROMPT, "prompt")
 
     def test_the_completion_of_shells_knows_every_command_and_its_abbreviations(self):
         script = ". $0; compopt() { :; }; COMP_CWORD=1 COMP_WORDS=('' \"$2$1\"); "

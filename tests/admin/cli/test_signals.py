@@ -166,7 +166,7 @@ class OfACommand(Case):
         super().setUp()
         self.server = self.enterContext(socket.create_server(("127.0.0.1", 0)))
         self.server.settimeout(PATIENCE)
-        location = f"127.0.0.1:{self.server.getsockname()[1]}"
+        location = f"localhost:{self.server.getsockname()[1]}"
         self.silent = {"config": CONFIG.replace("node1:9080", location).replace("= 5", "= 99"), "LD_LIBRARY_PATH": ""}
 
     def interrupt(self, terminal, command):
