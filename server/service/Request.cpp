@@ -70,10 +70,25 @@ bool isInRange(const FieldRule& rule, const Parameters& parameters) {
            (rule.kind != Kind::kSelector || text == protocol::selector::kUser || text == protocol::selector::kSession);
 }
 
+/// What isInRange() asks for, as a sentence.
+std::string rangeText(const FieldRule& rule) {
+    const std::string name = std::string("The ") + rule.name;
+    switch (rule.kind) {
+        case Kind::kInteger:
+            return name + " is a number from " + std::to_string(rule.least) + " to " + std::to_string(rule.most) + ".";
+        case Kind::kSelector:
+            return name + " is " + protocol::selector::kUser + " or " + protocol::selector::kSession + ".";
+        case Kind::kText:
+        case Kind::kOptionalText:
+            break;
+    }
+    return name + " has at most " + std::to_string(rule.longest) + " bytes.";
+}
+
 void checkRanges(std::span<const FieldRule> rules, const Parameters& parameters) {
     for (const FieldRule& rule : rules) {
         if (!isInRange(rule, parameters)) {
-            throw Failure(Reason::kInvalidValue, std::string("This is no value that ") + rule.name + " can have.");
+            throw Failure(Reason::kInvalidValue, rangeText(rule));
         }
     }
 }

@@ -43,7 +43,7 @@ TRANSCRIPT = [  # what is typed, what is shown for it, and the status of a failu
     ("SECRET", ""),
     ("trace set 3", ""),
     ("trace get", line(0x38C5213A, 3)),
-    ("trace set 10", f"the server says: A trace level is a number from 0 to 9.\n{CAUSED}\n"),
+    ("trace set 10", f"the server says: The level is a number from 0 to 9.\n{CAUSED}\n"),
     ("key change", key_report("LABEL", FRESH, T)),
     ("key show", key_report("LABEL", FRESH, T)),
     ("session terminate session s-3 -realm east", ""),
