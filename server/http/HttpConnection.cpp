@@ -130,7 +130,8 @@ HttpConnection::HttpConnection(HttpSetting& setting, Context& context, QelFileDe
     m_peer.address = remote.address().to_string() + ":" + std::to_string(remote.port());
     m_peer.host = hostOf(remote.address());
     if (m_setting.tls != nullptr) {
-        m_tls.emplace(m_socket, m_setting.tls->get()->makeConnection(m_certificateProblem).release());
+        m_tlsContext = m_setting.tls->get();
+        m_tls.emplace(m_socket, m_tlsContext->makeConnection(m_certificateProblem).release());
     }
 }
 

@@ -132,6 +132,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Socket m_socket;
     /// Why the client's certificate is not taken, if so.
     std::string m_certificateProblem;
+    /// Of its start: a reload does not take it away from a handshake that has begun.
+    std::shared_ptr<const TlsContext> m_tlsContext;
     std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
     /// Never expires: pause() waits for it until wake() ends that.
     Timer m_pause;

@@ -219,7 +219,7 @@ void TlsContext::askForCertificates(const TlsFiles& files) {
                 kAuthorities, files.clientAuthorities);
         watch(authority.get(), files.clientAuthorities);
     }
-    X509_STORE_set_flags(trusted, X509_V_FLAG_PARTIAL_CHAIN);
+    require(X509_STORE_set_flags(trusted, X509_V_FLAG_PARTIAL_CHAIN) == 1, kAuthorities, files.clientAuthorities);
     for (const std::string& file : files.revocationLists) {
         constexpr const char* kList = "the revocation list";
         for (const ListPtr& list : readAll<ListPtr>(kList, file, PEM_read_bio_X509_CRL)) {
@@ -228,7 +228,7 @@ void TlsContext::askForCertificates(const TlsFiles& files) {
             m_endings.push_back(
                 {"the revocation list of " + nameText(X509_CRL_get_issuer(list.get())) + " in " + file, end, end});
         }
-        X509_STORE_set_flags(trusted, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL);
+        require(X509_STORE_set_flags(trusted, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL) == 1, kList, file);
     }
     for (const std::string& text : files.clientNames) {
         const std::optional<DistinguishedName> name = parseDistinguishedName(text);

@@ -40,8 +40,8 @@ class TlsContext {
     TlsContext(const TlsContext&) = delete;
     TlsContext& operator=(const TlsContext&) = delete;
 
-    /// The server's end of a connection. `problem` has to outlive its handshake, and gets what is wrong with the
-    /// client's certificate, if anything. Throws std::bad_alloc.
+    /// The server's end of a connection. This object and `problem` have to outlive its handshake; `problem` gets what
+    /// is wrong with the client's certificate, if anything. Throws std::bad_alloc.
     ConnectionPtr makeConnection(std::string& problem) const;
 
     /// When a certificate or a revocation list ends.

@@ -101,12 +101,13 @@ class Tls(unittest.TestCase):
             self.assertRegex(server.log(), rf"changed: key is .*{whose}")
 
     def test_a_reload_takes_what_is_new_and_an_unusable_file_leaves_the_old_in_force(self):
-        for name in ("mid-ca.pem", "node1.pem", "node1.key"):
+        for name in ("node1.pem", "node1.key"):
             shutil.copy(self.path / name, self.path / f"new-{name}")
         self.revoke()
         new = {"tls_cert": self.path / "new-node1.pem", "tls_key": self.path / "new-node1.key"}
         with Dsessd(client_ca=self.path / "ca.pem", client_crl=self.path / "ca.crl", **new) as server:
             self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
+            early = self.enterContext(socket.create_connection((server.host, server.port)))
             self.revoke("soon")
             shutil.copy(self.path / "solo.pem", new["tls_cert"])
             self.hang_up(
@@ -115,6 +116,9 @@ class Tls(unittest.TestCase):
             self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
             shutil.copy(self.path / "solo.key", new["tls_key"])
             self.hang_up(server, "the certificates were read anew")
+            with self.context(identity="alice").wrap_socket(early, server_hostname="localhost") as client:
+                client.sendall(b"GET / HTTP/1.1\r\n\r\n")
+                self.assertIn(b" 400 ", client.recv(100), "who came before the reload goes on as it was then")
             trusting = self.context(identity="alice")
             trusting.load_verify_locations(self.path / "solo.crt")
             self.assertIsNotNone(self.session(server, trusting), "the new certificate")
