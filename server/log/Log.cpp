@@ -1,10 +1,14 @@
 #include "server/log/Log.h"
 
+#include <sys/stat.h>
+#include <syslog.h>
+
 #include <array>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <utility>
 
@@ -19,22 +23,24 @@ namespace {
 struct TopicTraits {
     const char* name;
     int level;
+    /// Of syslog(3), for the journal.
+    int priority;
 };
 
 TopicTraits traitsOf(Topic topic) {
     switch (topic) {
         case Topic::kFailure:
-            return {"failure", 0};
+            return {"failure", 0, LOG_ERR};
         case Topic::kNotice:
-            return {"notice", 0};
+            return {"notice", 0, LOG_NOTICE};
         case Topic::kAudit:
-            return {"audit", 1};
+            return {"audit", 1, LOG_NOTICE};
         case Topic::kRequest:
-            return {"request", 2};
+            return {"request", 2, LOG_INFO};
         case Topic::kDetail:
-            return {"detail", 3};
+            return {"detail", 3, LOG_DEBUG};
     }
-    return {"", 0};
+    return {"", 0, LOG_INFO};
 }
 
 using Stamp = std::array<char, 80>;
@@ -49,6 +55,14 @@ Stamp timestamp() {
     return text;
 }
 
+/// Whether a descriptor leads to the journal, which says so in JOURNAL_STREAM (systemd.exec(5)).
+bool isJournal(int fd) {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat status {};
+    return stream != nullptr && ::fstat(fd, &status) == 0 &&
+           stream == std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino);
+}
+
 constexpr std::size_t kQueueBytes = 262'144;
 /// A line that takes longer does not flow.
 constexpr std::chrono::milliseconds kFlowsWithin{20};
@@ -60,9 +74,22 @@ constexpr std::chrono::seconds kWaitInTheEnd{1};
 /// The lines on their way, in memory that is there from the start: neither adding nor writing needs more.
 class Log::Queue {
   public:
-    explicit Queue(int fd) : m_fd(fd) {
+    explicit Queue(int fd) : m_fd(fd), m_isJournal(isJournal(fd)) {
         m_pending.reserve(kQueueBytes);
         m_writing.reserve(kQueueBytes);
+    }
+
+    /// What a line begins with: the time and the topic. The journal has a time of its own, and takes a priority
+    /// (sd-daemon(3)).
+    Stamp opening(Topic topic) const {
+        const TopicTraits traits = traitsOf(topic);
+        Stamp text{};
+        if (m_isJournal) {
+            std::snprintf(text.data(), text.size(), "<%d>%s ", traits.priority, traits.name);
+        } else {
+            std::snprintf(text.data(), text.size(), "%.40s %s ", timestamp().data(), traits.name);
+        }
+        return text;
     }
 
     void add(std::string_view line) {
@@ -124,13 +151,13 @@ class Log::Queue {
 
     bool tellDropped(std::uint64_t count) const {
         std::array<char, 200> line{};
-        const int size =
-            std::snprintf(line.data(), line.size(), "%s %s lines that could not be written: %llu\n", timestamp().data(),
-                          traitsOf(Topic::kFailure).name, static_cast<unsigned long long>(count));
+        const int size = std::snprintf(line.data(), line.size(), "%slines that could not be written: %llu\n",
+                                       opening(Topic::kFailure).data(), static_cast<unsigned long long>(count));
         return qel_write(m_fd, {line.data(), static_cast<std::size_t>(size)});
     }
 
     const int m_fd;
+    const bool m_isJournal;
     Mutex m_mutex;
     std::condition_variable m_changed;
     std::string m_pending GUARDED_BY(m_mutex);
@@ -160,8 +187,8 @@ bool Log::wants(Topic topic) const {
 
 void Log::write(Topic topic, std::string_view text) {
     if (wants(topic)) {
-        std::string line = timestamp().data();
-        m_queue->add(line.append(" ").append(traitsOf(topic).name).append(" ").append(text).append("\n"));
+        std::string line = m_queue->opening(topic).data();
+        m_queue->add(line.append(text).append("\n"));
     }
 }
 

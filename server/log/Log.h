@@ -1,5 +1,6 @@
 /// The server's log: standard error, one line an entry, such as
-/// `2026-11-24T12:00:00.123Z audit changed: key.change by root from 127.0.0.1:50312`.
+/// `2026-11-24T12:00:00.123Z audit changed: key.change by root from 127.0.0.1:50312`. In the journal the priority
+/// stands in the place of the time: `<5>audit changed: ...`.
 #pragma once
 
 #include <atomic>

@@ -119,6 +119,17 @@ class Serving(unittest.TestCase):
             self.assertGreater(seen, 500, "the pipe, and a queue")
             self.assertEqual(seen + dropped, 2 * 1500)
 
+    def test_gives_the_journal_priorities_and_no_second_time(self):
+        with Dsessd(administrators=ROOT) as server:
+            server.stop()
+            log = os.stat(server.directory / "log")
+            server.environment = {**os.environ, "JOURNAL_STREAM": f"{log.st_dev}:{log.st_ino}"}
+            before = len(server.log())
+            server.start().call("key.change", **AS_ROOT)
+            self.assertEqual(
+                re.findall(r"(?m)^(<\d>\w+) \w+", server.log()[before:]), ["<5>notice", "<5>audit", "<5>audit"]
+            )
+
     def test_keeps_no_request_in_its_memory(self):
         secret = os.urandom(16).hex()
         with Dsessd(administrators=[("root", secret, "change")]) as server:
