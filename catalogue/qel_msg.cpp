@@ -232,7 +232,7 @@ void qelmsg_init(const char* programPath, int /*flags*/) {
     try {
         bindtextdomain(kTextDomain, qel_get_path(kPathTranslations).data());
     } catch (const std::bad_alloc&) {
-        // English it is.
+        // Without memory for the folder's name, messages stay English.
     }
     if (programPath != nullptr) {
         const char* slash = std::strrchr(programPath, '/');
