@@ -11,57 +11,57 @@ namespace dsessd {
 
 enum Object : unsigned char { kCluster, kAdministrator, kKey, kChange, kRealm, kReplicaSet, kMember, kSession };
 /// A long text may also be empty.
-enum class Kind : unsigned char { kText, kLongText, kInteger, kList };
+enum class FieldKind : unsigned char { kText, kLongText, kInteger, kList };
 
-struct FieldRule {
+struct FieldShape {
     std::string_view name;
-    Kind kind;
+    FieldKind kind;
     bool required;
     /// The kind of a list's elements.
     Object element{};
 };
 
 // Lists come after all other fields, "time" and "age" at the end.
-inline constexpr FieldRule kClusterFields[] = {{"id", Kind::kText, false},
-                                               {"traceLevel", Kind::kInteger, false},
-                                               {"administrators", Kind::kList, false, kAdministrator},
-                                               {"keys", Kind::kList, false, kKey},
-                                               {"changes", Kind::kList, false, kChange},
-                                               {"realms", Kind::kList, true, kRealm}};
-inline constexpr FieldRule kAdministratorFields[] = {
-    {"name", Kind::kText, true}, {"passwordHash", Kind::kText, true}, {"role", Kind::kText, true}};
-inline constexpr FieldRule kKeyFields[] = {
-    {"label", Kind::kText, true}, {"time", Kind::kInteger, false}, {"age", Kind::kInteger, false}};
-inline constexpr FieldRule kChangeFields[] = {{"id", Kind::kText, true},
-                                              {"user", Kind::kLongText, true},
-                                              {"digest", Kind::kLongText, true},
-                                              {"answer", Kind::kLongText, true}};
-inline constexpr FieldRule kRealmFields[] = {{"name", Kind::kText, true},
-                                             {"replicaSets", Kind::kList, false, kReplicaSet},
-                                             {"sessions", Kind::kList, false, kSession}};
-inline constexpr FieldRule kReplicaSetFields[] = {{"name", Kind::kText, true},
-                                                  {"members", Kind::kList, false, kMember}};
-inline constexpr FieldRule kMemberFields[] = {
-    {"name", Kind::kText, true}, {"time", Kind::kInteger, false}, {"age", Kind::kInteger, false}};
-inline constexpr FieldRule kSessionFields[] = {{"id", Kind::kText, true},
-                                               {"user", Kind::kText, true},
-                                               {"time", Kind::kInteger, false},
-                                               {"age", Kind::kInteger, false}};
+inline constexpr FieldShape kClusterFields[] = {{"id", FieldKind::kText, false},
+                                                {"traceLevel", FieldKind::kInteger, false},
+                                                {"administrators", FieldKind::kList, false, kAdministrator},
+                                                {"keys", FieldKind::kList, false, kKey},
+                                                {"changes", FieldKind::kList, false, kChange},
+                                                {"realms", FieldKind::kList, true, kRealm}};
+inline constexpr FieldShape kAdministratorFields[] = {
+    {"name", FieldKind::kText, true}, {"passwordHash", FieldKind::kText, true}, {"role", FieldKind::kText, true}};
+inline constexpr FieldShape kKeyFields[] = {
+    {"label", FieldKind::kText, true}, {"time", FieldKind::kInteger, false}, {"age", FieldKind::kInteger, false}};
+inline constexpr FieldShape kChangeFields[] = {{"id", FieldKind::kText, true},
+                                               {"user", FieldKind::kLongText, true},
+                                               {"digest", FieldKind::kLongText, true},
+                                               {"answer", FieldKind::kLongText, true}};
+inline constexpr FieldShape kRealmFields[] = {{"name", FieldKind::kText, true},
+                                              {"replicaSets", FieldKind::kList, false, kReplicaSet},
+                                              {"sessions", FieldKind::kList, false, kSession}};
+inline constexpr FieldShape kReplicaSetFields[] = {{"name", FieldKind::kText, true},
+                                                   {"members", FieldKind::kList, false, kMember}};
+inline constexpr FieldShape kMemberFields[] = {
+    {"name", FieldKind::kText, true}, {"time", FieldKind::kInteger, false}, {"age", FieldKind::kInteger, false}};
+inline constexpr FieldShape kSessionFields[] = {{"id", FieldKind::kText, true},
+                                                {"user", FieldKind::kText, true},
+                                                {"time", FieldKind::kInteger, false},
+                                                {"age", FieldKind::kInteger, false}};
 
-struct ObjectRule {
+struct ObjectShape {
     std::string_view name;
-    std::span<const FieldRule> fields;
+    std::span<const FieldShape> fields;
     bool timed;
 };
 
-inline constexpr std::array<ObjectRule, 8> kObjects{{{"a cluster", kClusterFields, false},
-                                                     {"an administrator", kAdministratorFields, false},
-                                                     {"a key", kKeyFields, true},
-                                                     {"a change", kChangeFields, false},
-                                                     {"a realm", kRealmFields, false},
-                                                     {"a replica set", kReplicaSetFields, false},
-                                                     {"a member", kMemberFields, true},
-                                                     {"a session", kSessionFields, true}}};
+inline constexpr std::array<ObjectShape, 8> kObjects{{{"a cluster", kClusterFields, false},
+                                                      {"an administrator", kAdministratorFields, false},
+                                                      {"a key", kKeyFields, true},
+                                                      {"a change", kChangeFields, false},
+                                                      {"a realm", kRealmFields, false},
+                                                      {"a replica set", kReplicaSetFields, false},
+                                                      {"a member", kMemberFields, true},
+                                                      {"a session", kSessionFields, true}}};
 
 inline constexpr std::size_t kMaxFields = 6;
 /// The longest answer that is recorded fits by far.

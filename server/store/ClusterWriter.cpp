@@ -10,10 +10,10 @@ namespace {
 constexpr std::size_t kPieceBytes = 65'536;
 
 /// The field that is a list of these. Null: an object of this kind has none.
-const FieldRule* listOf(Object kind, Object element) {
+const FieldShape* listOf(Object kind, Object element) {
     const auto fields = kObjects[kind].fields;
-    const auto found = std::find_if(fields.begin(), fields.end(), [element](const FieldRule& field) {
-        return field.kind == Kind::kList && field.element == element;
+    const auto found = std::find_if(fields.begin(), fields.end(), [element](const FieldShape& field) {
+        return field.kind == FieldKind::kList && field.element == element;
     });
     return found == fields.end() ? nullptr : &*found;
 }
@@ -84,7 +84,7 @@ bool ClusterWriter::open(Object kind, std::initializer_list<Value> values) {
         m_sink(m_text);
         m_text.clear();
     }
-    const FieldRule* field = kObjects[kind].fields.data();
+    const FieldShape* field = kObjects[kind].fields.data();
     for (const Value& value : values) {
         m_text.append(&value == values.begin() ? "{\"" : ",\"").append(field->name).append("\":");
         m_text += std::visit(Written{}, value);
@@ -96,7 +96,7 @@ bool ClusterWriter::open(Object kind, std::initializer_list<Value> values) {
 
 /// Ends what such an element cannot be a part of.
 void ClusterWriter::openList(Object element) {
-    const FieldRule* list = nullptr;
+    const FieldShape* list = nullptr;
     while ((list = listOf(m_open.back().kind, element)) == nullptr) {
         close();
     }

@@ -40,7 +40,7 @@ struct OpenObject {
     std::size_t field = kMaxFields;
     std::optional<std::size_t> element{};
 
-    const ObjectRule& rule() const { return kObjects[kind]; }
+    const ObjectShape& rule() const { return kObjects[kind]; }
 };
 
 /// Walks through kObjects with the parser's events (basic_parser.hpp has their list) and stores each object at its end,
@@ -106,7 +106,7 @@ class ClusterHandler {
 
     bool text() {
         const std::string value = std::exchange(m_text, {});
-        if (!expects(longest() == kMaxNameBytes ? Kind::kText : Kind::kLongText)) {
+        if (!expects(longest() == kMaxNameBytes ? FieldKind::kText : FieldKind::kLongText)) {
             return false;
         }
         if ((value.empty() && longest() == kMaxNameBytes) || !qel_utf8_is_text(value)) {
@@ -131,7 +131,7 @@ class ClusterHandler {
     }
 
     bool beginList() {
-        if (!expects(Kind::kList)) {
+        if (!expects(FieldKind::kList)) {
             return false;
         }
         m_open.back().element = 0;
@@ -172,14 +172,14 @@ class ClusterHandler {
     }
 
     /// The field whose value is being read, if any.
-    const FieldRule* fieldNow() const {
+    const FieldShape* fieldNow() const {
         const bool isAny = !m_open.empty() && m_open.back().field != kMaxFields;
         return isAny ? &m_open.back().rule().fields[m_open.back().field] : nullptr;
     }
 
     std::size_t longest() const {
-        const FieldRule* field = fieldNow();
-        return field != nullptr && field->kind == Kind::kLongText ? kMaxLongTextBytes : kMaxNameBytes;
+        const FieldShape* field = fieldNow();
+        return field != nullptr && field->kind == FieldKind::kLongText ? kMaxLongTextBytes : kMaxNameBytes;
     }
 
     bool failForText() {
@@ -206,7 +206,7 @@ class ClusterHandler {
         return path.empty() ? "the cluster" : path;
     }
 
-    bool expects(Kind kind) {
+    bool expects(FieldKind kind) {
         if (m_open.empty()) {
             return fail("is not an object");
         }
@@ -218,7 +218,7 @@ class ClusterHandler {
     }
 
     bool integer(std::int64_t value) {
-        if (!expects(Kind::kInteger)) {
+        if (!expects(FieldKind::kInteger)) {
             return false;
         }
         m_open.back().integers[m_open.back().field] = value;
@@ -233,7 +233,7 @@ class ClusterHandler {
     bool isComplete() {
         const OpenObject& object = m_open.back();
         for (std::size_t i = 0; i < object.rule().fields.size(); ++i) {
-            const FieldRule& field = object.rule().fields[i];
+            const FieldShape& field = object.rule().fields[i];
             if (field.required && !object.seen[i]) {
                 return fail("lacks the field \"" + std::string(field.name) + "\"");
             }

@@ -91,9 +91,9 @@ class Task<Result>::promise_type {
 
 /// An operation of Asio that a task awaits. `Begin` begins it with the handler that it is given.
 template <class Begin, class... Results>
-class Operation {
+class AsioOperation {
   public:
-    explicit Operation(Begin begin) : m_begin(std::move(begin)) {}
+    explicit AsioOperation(Begin begin) : m_begin(std::move(begin)) {}
 
     bool await_ready() const noexcept { return false; }
     void await_suspend(std::coroutine_handle<> task) {
@@ -131,6 +131,6 @@ class boost::asio::async_result<olmdsess::Awaited, void(Results...)> {
         auto begin = [initiation = std::move(initiation), ... arguments = std::move(arguments)](auto handler) mutable {
             initiation(std::move(handler), std::move(arguments)...);
         };
-        return olmdsess::Operation<decltype(begin), std::decay_t<Results>...>(std::move(begin));
+        return olmdsess::AsioOperation<decltype(begin), std::decay_t<Results>...>(std::move(begin));
     }
 };
