@@ -28,12 +28,9 @@ void parseListing(benchmark::State& state) {
     for (auto _ : state) {
         olmdsess::AnswerReader reader(olmdsess::AnswerShape::kSessions, 1);
         for (std::size_t at = 0; at < text.size(); at += kPieceBytes) {
-            static_cast<void>(reader.read(std::string_view(text).substr(at, kPieceBytes)));
+            reader.read(std::string_view(text).substr(at, kPieceBytes));
         }
-        if (!reader.finish()) {
-            state.SkipWithError("the answer was refused");
-            break;
-        }
+        reader.finish();  // what it refuses is an exception
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(text.size()) * state.iterations());
 }
