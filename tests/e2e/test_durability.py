@@ -22,12 +22,11 @@ CLUSTER = {"realms": [{"name": "east", "sessions": [{"id": name, "user": "m", "t
 
 
 class Durability(Case):
-    def start(self, worker, config):
+    def start(self, worker, env):
         """A run of vexiladmin with two changes for each of its sessions, and the file of what it shows."""
         texts = [f"session terminate session {name} -realm east\nkey change" for name in SESSIONS if name[0] == worker]
         file = self.dir / f"run-{worker}"
         file.write_text("\n".join([ROOT_LOGIN, *texts]))
-        env = self.environment(config=config, VEXILADMIN_DEBUG="1")
         shown = file.with_suffix(".out")
         with open(shown, "wb") as out:
             run = subprocess.Popen([VEXILADMIN, "-file", file], env=env, stdout=out, stderr=out)
@@ -56,7 +55,8 @@ class Durability(Case):
             nodes = [stack.enter_context(Dsessd(CLUSTER, ADMINISTRATORS))]
             self.data = nodes[0].data
             nodes += [stack.enter_context(nodes[0].another()) for _ in range(2)]
-            runs = [self.start(worker, configuration(*nodes)) for worker in "01"]
+            env = self.environment(config=configuration(*nodes), VEXILADMIN_DEBUG="1")
+            runs = [self.start(worker, env) for worker in "01"]
             deaths = 0
             while any(run.poll() is None for run, _ in runs):
                 time.sleep(chance.uniform(0, 0.5))
