@@ -84,7 +84,7 @@ class Sweep(Dsessd):
     def records(self):
         """The answers to changes, as labels by identifier, and all labels."""
         with contextlib.closing(sqlite3.connect(self.data)) as store:
-            rows = store.execute("SELECT id, answer FROM changes").fetchall()
+            rows = store.execute("SELECT id, answer FROM changes WHERE user <> ''").fetchall()
             made = {name: json.loads("{" + answer + "}")["result"]["key"]["label"] for name, answer in rows}
             return made, {label for (label,) in store.execute("SELECT label FROM keys")}
 
