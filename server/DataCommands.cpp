@@ -13,10 +13,10 @@
 #include "runtime/qel_io.h"
 #include "server/Commands.h"
 #include "server/log/Text.h"
+#include "server/scheduling/Spool.h"
 #include "server/store/ClusterWriter.h"
 #include "server/store/Loader.h"
 #include "server/store/NewFile.h"
-#include "server/work/Spool.h"
 
 namespace dsessd {
 

@@ -21,8 +21,8 @@
 #include "server/http/HttpLimits.h"
 #include "server/http/TlsInForce.h"
 #include "server/log/Log.h"
+#include "server/scheduling/Lanes.h"
 #include "server/service/Repeats.h"
-#include "server/work/Lanes.h"
 
 namespace dsessd {
 

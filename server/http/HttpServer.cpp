@@ -22,7 +22,7 @@
 
 #include "protocol/protocol.h"
 #include "server/http/HttpConnection.h"
-#include "server/work/Lanes.h"
+#include "server/scheduling/Lanes.h"
 
 namespace dsessd {
 

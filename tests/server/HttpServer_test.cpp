@@ -6,8 +6,8 @@
 
 #include <future>
 
-#include "server/work/FairPool.h"
-#include "server/work/Spool.h"
+#include "server/scheduling/FairPool.h"
+#include "server/scheduling/Spool.h"
 #include "tests/catalogue/Support.h"
 
 using namespace dsessd;

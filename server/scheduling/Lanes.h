@@ -6,9 +6,9 @@
 #include <functional>
 #include <memory>
 
+#include "server/scheduling/FairPool.h"
+#include "server/scheduling/Spool.h"
 #include "server/service/Service.h"
-#include "server/work/FairPool.h"
-#include "server/work/Spool.h"
 
 namespace dsessd {
 

@@ -1,4 +1,4 @@
-#include "server/work/FairPool.h"
+#include "server/scheduling/FairPool.h"
 
 #include <algorithm>
 

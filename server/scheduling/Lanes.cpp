@@ -1,4 +1,4 @@
-#include "server/work/Lanes.h"
+#include "server/scheduling/Lanes.h"
 
 #include <exception>
 #include <utility>

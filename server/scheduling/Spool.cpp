@@ -1,4 +1,4 @@
-#include "server/work/Spool.h"
+#include "server/scheduling/Spool.h"
 
 #include <fcntl.h>
 #include <unistd.h>
