@@ -12,7 +12,7 @@
 
 #include "runtime/qel_io.h"
 
-/// One message of the table in qel_messages.def.
+/// A row of qel_messages.def: a text for people, and what it takes as arguments.
 struct QelMessage {
     std::uint32_t identifier;
     const char* name;   ///< its constant in qel_messages.h

@@ -1,4 +1,4 @@
-/// Where the program's files lie.
+/// Tells in which directories the program finds its configuration and its translations.
 #pragma once
 
 #include "catalogue/QelString.h"

@@ -1,4 +1,4 @@
-/// Numbers from text.
+/// Reads whole numbers from text.
 #pragma once
 
 #include <cstdint>

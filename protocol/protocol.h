@@ -13,8 +13,8 @@ inline constexpr char kProxyServicePath[] = "/services/DSessAdminProxy";
 
 inline constexpr char kContentType[] = "application/json";
 
-/// A field in the head of an answer with status 503, and its value when the server's store cannot do it now. Without
-/// the field the server itself cannot.
+/// The header field `DSess-Unavailable: store`. An answer of status 503 has it when the server's store is the cause;
+/// without it the server is busy.
 inline constexpr char kUnavailable[] = "DSess-Unavailable";
 inline constexpr char kStore[] = "store";
 

@@ -16,9 +16,9 @@
 #define THREAD_ANNOTATION(x)
 #endif
 
-/// Read and written only by who holds the mutex.
+/// Before a variable's initial value: only a thread that holds the mutex may read or write the variable.
 #define GUARDED_BY(mutex) THREAD_ANNOTATION(guarded_by(mutex))
-/// The same for what a pointer points to.
+/// The same for the object that a pointer points to.
 #define PT_GUARDED_BY(mutex) THREAD_ANNOTATION(pt_guarded_by(mutex))
 /// The caller holds the mutex.
 #define REQUIRES(...) THREAD_ANNOTATION(requires_capability(__VA_ARGS__))

@@ -1,4 +1,4 @@
-/// Base64.
+/// Encodes bytes as base64 text.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-/// Random bytes.
+/// Takes random bytes from the system.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-/// UUIDs.
+/// Makes random UUIDs as text.
 #pragma once
 
 #include <array>

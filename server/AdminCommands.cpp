@@ -43,7 +43,8 @@ void carryOut(Store& store, const std::function<std::string()>& act) {
     std::cout << "dsessd: " << done << std::endl;
 }
 
-/// An administrator who is known keeps what is not given.
+/// Adds an administrator, or gives an existing one a new password. An existing one keeps the role unless the options
+/// name another.
 void putAdministrator(Store& store, const AdminOptions& options) {
     const std::string hash = hashOfNewPassword(options.name);
     carryOut(store, [&] {

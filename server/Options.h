@@ -1,4 +1,4 @@
-/// The command line.
+/// The command line of dsessd, taken apart.
 #pragma once
 
 #include <optional>

@@ -45,7 +45,7 @@ constinit const QelString TarnAdminUtility::m_debugEnvName(QelLiteral("VEXILADMI
 namespace {
 
 constexpr char kConfigFileName[] = "vexilclicfg.conf";
-/// Of a command file, in bytes. A longer line is taken in pieces, each as a line of its own.
+/// The longest line that a command file may have, in bytes. What is longer is cut, and each piece is run as a line.
 constexpr std::size_t kLongestFileLine = 4095;
 
 /// Hands a command over to the registry. Throws QelFailure.

@@ -63,7 +63,8 @@ class Client {
     };
 
     std::uint32_t tryLocations(Request& request, Answer& answer);
-    /// Asks until the time is up what became of a change that the location of this index may have carried out:
+    /// Finds out whether a change was carried out that the location of this index has not answered. Sends it again
+    /// until an answer tells, or the time is up. For instance:
     ///
     ///     change 4f6c…  ->  node1   the connection is reset: was it carried out or not?
     ///     change 4f6c…  ->  node1   HTTP status 503: not now
@@ -72,11 +73,11 @@ class Client {
     ///
     /// It is the same request each time. A server that knows the change by its identifier answers as it did then; one
     /// that does not carries it out now. Other locations than the first are asked only in the cluster that the change
-    /// demands. What ends this is a result, or an error that comes each time (isFinal): another error may be about the
-    /// second sending alone.
+    /// demands. It ends with a result, or with an error that every sending would get (isFinal). Any other error may be
+    /// about the second sending alone, and says nothing of the first.
     std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
-    /// Waits before locations are asked again: at most `longest`, which grows for the next time, and never so long that
-    /// the time is up. False when it nearly is, or someone asks for the end.
+    /// Waits before locations are asked again: at most `longest`, which is doubled for the next pause, and always less
+    /// than the time that is left. False: too little time is left, or somebody has interrupted the request.
     bool pause(Clock::time_point end, Clock::duration& longest) const;
     /// One attempt at the location of this index, with its answer read.
     Attempt tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime, Answer& answer);

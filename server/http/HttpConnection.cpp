@@ -360,7 +360,7 @@ HttpConnection::Awaitable<void> HttpConnection::send(std::string_view bytes) {
     }
 }
 
-/// Waits until wake(). It may also return without cause, so the caller checks what it waits for.
+/// Waits for a call of wake(). It may also return early, so the caller has to check its own condition and call again.
 HttpConnection::Awaitable<void> HttpConnection::pause() {
     Error ignored;
     co_await m_pause.async_wait(tellingIn(ignored));

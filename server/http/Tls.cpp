@@ -150,7 +150,7 @@ std::string tlsError(unsigned long code) {
 
 TlsContext::TlsContext(const TlsFiles& files) : m_context(SSL_CTX_new(TLS_server_method())) {
     SSL_CTX* raw = m_context.get();
-    // What the system's configuration of OpenSSL asks for is not lowered.
+    // OpenSSL's configuration file may demand a newer version than 1.2 (MinProtocol); then that one holds.
     if (raw == nullptr || SSL_CTX_set_ex_data(raw, contextIndex(), this) != 1 ||
         SSL_CTX_set_min_proto_version(
             raw, std::max(TLS1_2_VERSION, static_cast<int>(SSL_CTX_get_min_proto_version(raw)))) != 1 ||

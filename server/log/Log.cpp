@@ -23,7 +23,7 @@ namespace {
 struct TopicTraits {
     const char* name;
     int level;
-    /// Of syslog(3), for the journal.
+    /// How urgent the journal says that an entry is: a level of syslog(3), such as LOG_ERR.
     int priority;
 };
 

@@ -17,11 +17,13 @@ inline constexpr char kAnonymousUser[] = "anonymous";
 
 /// The other end of a connection.
 struct Peer {
-    /// Its address without the port; of an IPv6 address the network. Those who share it take turns.
+    /// The client's address without its port, or for IPv6 the /64 network of the address. Requests of different hosts
+    /// take turns.
     std::string host;
     /// For the log: address and port, such as `127.0.0.1:50312`.
     std::string address;
-    /// Subject of the client's certificate, such as `C=DE,O=Example,CN=desk`; empty: there is none.
+    /// Subject, issuer and serial number of the client's certificate, as the log shows them; empty when it has shown
+    /// none.
     std::string certificate;
 };
 

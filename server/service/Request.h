@@ -60,12 +60,12 @@ class Request {
     /// was read until then stays, so that the refusal has the request's id.
     void read();
     bool isRead() const { return m_method != nullptr; }
-    /// As JSON: it comes back as it came.
+    /// The request's id as JSON text, which the answer repeats.
     const std::string& id() const { return m_id; }
-    /// Null: it is not read, or asks for nothing that there is.
+    /// The method that the request names. Null before read(), and when there is no such method.
     const Method* method() const { return m_method; }
     const Parameters& parameters() const { return m_parameters; }
-    /// For values that go with the request.
+    /// Memory that lives as long as the request and is wiped afterwards.
     boost::json::storage_ptr storage() const { return m_memory.storage(); }
 
     // These want a request that was read without a failure.

@@ -94,7 +94,8 @@ bool ClusterWriter::open(Object kind, std::initializer_list<Value> values) {
     return true;
 }
 
-/// Ends what such an element cannot be a part of.
+/// Opens the list that elements of this kind stand in, such as "sessions" in a realm. Closes first whatever is open and
+/// has no such list.
 void ClusterWriter::openList(Object element) {
     const FieldShape* list = nullptr;
     while ((list = listOf(m_open.back().kind, element)) == nullptr) {

@@ -93,7 +93,8 @@ constexpr char kKeepChanges1[] = "CREATE TEMP TABLE kept ON COMMIT DROP AS SELEC
 constexpr char kPutChanges1[] =
     "INSERT INTO changes (id, user_name, digest, answer) SELECT id, user_name, digest, answer FROM pg_temp.kept "
     "ORDER BY time, id; UPDATE store SET version = 2";
-// A node has this name, unless its URI says otherwise.
+// Connections of dsessd are known by the name that they give themselves. A node whose URI sets another
+// application_name is not counted.
 constexpr char kOtherNodes[] =
     "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND application_name = 'dsessd' "
     "AND pid <> pg_backend_pid()";

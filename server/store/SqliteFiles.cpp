@@ -41,8 +41,9 @@ std::int64_t leastDataBytes(sqlite3* connection) {
     return number(kPageCountAt, 4) * (pageSize == 1 ? 65'536 : pageSize);
 }
 
-/// Whether the number at this place of the log is 0. It is when the log was cut and then written behind its old end:
-/// what is between is a hole.
+/// Whether the 32-bit number at this offset of the write-ahead log is 0, as nothing that SQLite writes there is.
+/// Somebody has then cut the file short while it was in use, and SQLite has written behind the old end: between lies a
+/// hole.
 bool isHoleAt(std::int64_t offset, sqlite3* connection) {
     sqlite3_file* file = nullptr;
     std::array<char, 4> number{};

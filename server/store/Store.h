@@ -102,8 +102,8 @@ class ClusterTaker {
     virtual bool addKey(std::string_view label, Seconds time) = 0;
     /// The newest comes last. One that is known already stays as it is.
     virtual void addChange(const ChangeRecord& change, std::string_view answer) = 0;
-    /// Best called with kSessionsAtOnce. Gives the place of the first whose identifier its realm has already, if any;
-    /// nothing more may be added then.
+    /// Adds sessions, best kSessionsAtOnce of them in a call. When a realm has a session of the same identifier
+    /// already, gives the index of the first such session in `sessions`; the taker must not be used any more then.
     virtual std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) = 0;
 };
 

@@ -59,8 +59,8 @@ class ChangeAges {
     std::int64_t m_old = 0;
 };
 
-/// What to look for, given a name or a pattern: an empty name, which is never found, for one that is not text. Names
-/// that are stored are text, and the engines disagree on NUL and malformed characters.
+/// Gives a name or pattern as the engines may look for it: itself when it is text (UTF-8 without NUL), else an empty
+/// name, which nothing bears. The engines would disagree on other bytes.
 std::string_view sought(std::string_view name);
 std::string newKeyLabel(Seconds now);
 std::string newUuid();

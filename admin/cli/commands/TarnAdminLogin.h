@@ -9,8 +9,8 @@ class TarnAdminLogin : public TarnAdminCmd {
   public:
     TarnAdminLogin();
 
-    /// Replaces the identity, then has the server verify it. An identity that the server refuses stays in force. A
-    /// login that fails before, such as at the password prompt, keeps the former identity.
+    /// Takes over the new identity and then asks the server whether it is right. The new identity stays even when the
+    /// server refuses it. A login that ends before that, such as at the password prompt, keeps the former one.
     std::uint32_t executeCmd(void* const& handle, olm_dsess_admin_sec_info_t const& secInfo,
                              TarnAdminCmdTokens const& tokens) override;
 

@@ -14,7 +14,7 @@ bool abbreviates(const char* word, std::string_view keyword) {
     return word != nullptr && *word != '\0' && keyword.starts_with(word);
 }
 
-/// A word of a pattern without the bracket that opens the optional tail.
+/// Gives `-realm` for `[-realm`: a bracket before a word of a pattern only says that the rest may be left out.
 std::string_view withoutBracket(std::string_view word) {
     return word.substr(word.starts_with('[') ? 1 : 0);
 }

@@ -33,7 +33,7 @@ class TarnAdminInterrupt {
         bool m_before;
     };
 
-    /// Whether a signal came since the last `forget`.
+    /// Whether Ctrl-C was pressed since the last call of forget().
     static bool came();
     /// Does what the signal's handler would do for a Ctrl-C that the caller noticed itself.
     static void note();

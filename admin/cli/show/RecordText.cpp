@@ -25,7 +25,7 @@ RecordText::RecordText(const char* text) : m_shown(text == nullptr ? "" : text) 
 }
 
 void TimeText::set(std::int32_t seconds) {
-    // Where the parts of "yyyy-mm-dd-hh:mm:ss UTC" begin.
+    // The index of each part in a text such as "2026-11-25-21:29:00 UTC".
     enum : std::size_t { kCentury = 0, kYear = 2, kMonth = 5, kDay = 8, kHour = 11, kMinute = 14, kSecond = 17 };
     const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
     const auto day = std::chrono::floor<std::chrono::days>(time);

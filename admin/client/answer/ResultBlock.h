@@ -81,7 +81,7 @@ class ReallocArray {
 
   private:
     bool tryReallocate(std::size_t capacity) noexcept {
-        // Never ask for 0 bytes: realloc may then return null although it succeeded.
+        // One byte more than needed: asked for 0 bytes, realloc(3) may return null without having failed.
         void* block = std::realloc(m_block.get(), headerBytes + capacity * sizeof(Element) + 1);
         if (block == nullptr) {
             return false;

@@ -38,9 +38,9 @@ struct AttemptLimits {
 
 inline constexpr long kLeastBytesPerSecond = 1024;
 
-/// Sends one request after another, each to the location that its caller names, and keeps the connection of the last
-/// answer for the next one. It waits inside post() alone: between two calls nothing of it runs. After fork(2) a child
-/// process makes connections of its own.
+/// Posts requests to locations over HTTP(S). The connection that the last answer came from is kept, and used again when
+/// the next request goes to the same location. All its work is done inside post(); nothing runs between two calls. In a
+/// child process, after fork(2), it makes new connections.
 class HttpTransport {
   public:
     /// The policy is kept. Nothing is made before the first attempt: not every run has one.

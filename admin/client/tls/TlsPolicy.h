@@ -56,7 +56,7 @@ class TlsPolicy {
     void makeContext();
     /// Gives the context our certificate, its chain and its key. Returns the certificate that OpenSSL does not take.
     const X509* offerIdentity() const;
-    /// Traces a certificate that ends soon, once.
+    /// Writes a trace line when a certificate ends soon or has ended. Each certificate is mentioned only once.
     void watchExpiry(const char* whose, const X509* certificate) const;
 
     const Trace m_trace;
