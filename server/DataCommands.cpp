@@ -115,7 +115,7 @@ int load(const DataOptions& options) {
 int dump(const DataOptions& options) {
     const auto store = Store::open(options.data, Store::IfMissing::kFail);
     if (options.file == "-") {
-        // However slowly it is taken, the store is read at once.
+        // A slow reader of standard output must not keep a transaction open, so the whole dump goes into a spool first.
         Spool spool([] {});
         writeCluster(*store, [&spool](std::string_view text) { spool.append(std::string(text)); });
         spool.end(true);

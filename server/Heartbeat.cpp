@@ -82,7 +82,8 @@ void Heartbeat::look(bool contacts, bool isLast) {
     }
 }
 
-/// Those that were there at the start were told by the nodes that ran then.
+/// Logs the acts that were not known at the last look. What was recorded before this node started, the nodes that ran
+/// then have logged.
 void Heartbeat::tellOfLocalActs(Store& store) {
     std::set<std::string> present;
     for (const Store::LocalAct& act : store.localActs()) {

@@ -29,7 +29,7 @@ struct DataOptions {
     enum class Action { kLoad, kDump, kBackUp, kRestore, kUpgrade };
     Action action = Action::kLoad;
     std::string data;
-    /// `-`: standard input of a load, or output of a dump. Empty: an upgrade needs none.
+    /// The file to read or write. `-` stands for standard input (load) or output (dump). Empty for an upgrade.
     std::string file;
 };
 
@@ -38,7 +38,7 @@ struct AdminOptions {
     Action action = Action::kList;
     std::string data;
     std::string name;
-    /// Nothing: an administrator who is known keeps the role, a new one may change.
+    /// Nothing when --role is not given: an existing administrator keeps the role, a new one gets kChange.
     std::optional<Role> role;
 };
 

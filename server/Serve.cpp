@@ -52,11 +52,12 @@ QelFileDescriptor takeOverSignals() {
     return fd;
 }
 
-// Those of the store and the server itself, and some connections.
+// The server's own files and the store's need some descriptors; the rest is for connections.
 constexpr rlim_t kLeastDescriptors = 256;
 constexpr std::size_t kOtherDescriptors = 128;
 
-/// Gives how many there may be. A connection may need two: its own and that of a file with what it has not taken yet.
+/// Raises the limit of descriptors as far as it goes, and gives it. A connection may need two: its socket, and a file
+/// for what its client has not taken yet.
 std::size_t allowManyDescriptors() {
     rlimit limit{};
     const rlim_t before = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 0;
@@ -140,7 +141,8 @@ class Node {
     std::optional<Heartbeat> m_beat;
 };
 
-/// Waits for a database that cannot be used yet: it may come later than the server. What is wrong with a file stays so.
+/// Opens the store. A database may start later than the server, so this waits for one that cannot be used yet. A file
+/// does not mend itself, so that its failure is thrown at once.
 std::unique_ptr<Node> makeNode(const ServeOptions& options, Log& log) {
     std::string said;
     Clock::time_point nextSay;
@@ -209,7 +211,7 @@ int serve(const ServeOptions& options) {
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
     const auto tls = options.tls.certificate.empty() ? nullptr : std::make_unique<TlsInForce>(options.tls, log);
-    // Whose node waits is refused a connection, and goes on to another at once.
+    // Nothing listens while the node waits for its store: clients are refused and try another node at once.
     Listener listener(options.listen);
     const std::unique_ptr<Node> node = awaitNode(options, log, signals.get());
     HttpServer server(node->service, log, options.instances, tls.get(), limits);

@@ -30,7 +30,7 @@ namespace {
 
 namespace net = boost::asio;
 
-/// So much of what a client still sends is read before its connection is closed on it.
+/// Bytes that a client may still send after its connection is to be closed. They are read and dropped.
 constexpr std::size_t kDiscardAtMost = 1'000'000;
 /// What is written at a time, so that its deadline follows.
 constexpr std::size_t kWriteAtMost = 65'536;

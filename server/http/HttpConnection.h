@@ -61,7 +61,7 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     /// To be called every now and then: ends what takes too long.
     void tick(Clock::time_point now);
 
-    /// Whose it is: see Peer::host.
+    /// The client's host, as in Peer::host.
     const std::string& host() const { return m_peer.host; }
     /// Whether it waits for its client to shake hands, or for a request to arrive.
     bool awaitsRequest() const;
@@ -130,9 +130,9 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Context& m_context;
     OperationMemory m_operation;
     Socket m_socket;
-    /// Why the client's certificate is not taken, if so.
+    /// Says why the client's certificate was refused. Empty when it was not.
     std::string m_certificateProblem;
-    /// Of its start: a reload does not take it away from a handshake that has begun.
+    /// The certificates in force when the connection began. Its handshake uses them to the end, even after a reload.
     std::shared_ptr<const TlsContext> m_tlsContext;
     std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
     /// Never expires: pause() waits for it until wake() ends that.

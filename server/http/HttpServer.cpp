@@ -49,7 +49,7 @@ class Loop {
     long load() const { return m_place.use_count(); }
     /// For any thread.
     bool isRunning() const { return m_running; }
-    /// For any thread: whether it does not hang.
+    /// Whether the thread still turns, and does not hang. May be called by any thread.
     bool turns() const { return Clock::now() - m_turned.load() < kHangsAfter; }
     /// Waits until it serves connections. Throws what keeps it from that.
     void awaitStart() { m_started.get_future().get(); }

@@ -109,7 +109,7 @@ int contextIndex() {
     return index;
 }
 
-/// What opens a private key, and whether that was asked for.
+/// The password of a private key, and whether OpenSSL has asked for it.
 struct KeyPassword {
     SecretBuffer text;
     bool isGiven = false;

@@ -23,13 +23,13 @@ struct TlsFiles {
     /// When given, a client has to show a certificate that leads to one of these. They may be issuing authorities
     /// alone.
     std::string clientAuthorities;
-    /// When given, each client's certificate needs the list of its issuer.
+    /// Revocation lists. When there are any, a client is refused unless its issuer has a list that is still valid.
     std::vector<std::string> revocationLists;
     /// Subjects, in the text form of DistinguishedName.h, that may connect. Empty: all that the authorities vouch for.
     std::vector<std::string> clientNames;
 };
 
-/// One reading of the files. It never changes, so any number of threads may use it.
+/// The certificates, key and rules, as read from the files once. It never changes, so any number of threads may use it.
 ///
 /// TLS 1.2 or newer, with forward secrecy. Sessions are never resumed, so that every connection shows its certificate
 /// anew.
@@ -48,7 +48,7 @@ class TlsContext {
     struct Ending {
         std::string what;
         std::time_t time;
-        /// From when on people are to be told.
+        /// The log mentions it from this time on.
         std::time_t warnFrom;
     };
     const std::vector<Ending>& endings() const { return m_endings; }
@@ -70,7 +70,7 @@ class TlsContext {
 /// shown none.
 std::string peerText(const SSL* connection);
 
-/// What an error of OpenSSL was about; 0: there was none, the other side just said nothing more.
+/// The text of an error code of OpenSSL. A code of 0 means that the other side ended the connection without a word.
 std::string tlsError(unsigned long code);
 
 }  // namespace dsessd

@@ -30,7 +30,7 @@ class TlsInForce {
     Log& m_log;
     mutable Mutex m_mutex;
     std::shared_ptr<const TlsContext> m_context GUARDED_BY(m_mutex);
-    /// When the log is told the next time of what ends. Belongs to the thread that calls tick() and reload().
+    /// The next time that the log mentions what ends. Used only by the thread that calls tick() and reload().
     Clock::time_point m_sayAgain = Clock::time_point::min();
 };
 

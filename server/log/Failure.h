@@ -7,10 +7,10 @@
 
 namespace dsessd {
 
-/// Why. `server/service/Answer.cpp` has what a client is told for each of them.
+/// The reason of a failure. `server/service/Answer.cpp` says what a client is told for each reason.
 enum class Reason {
     // The store:
-    kFailed,       ///< it cannot be used, or does what nobody expects
+    kFailed,       ///< it cannot be used, or has failed in another way
     kBusy,         ///< somebody else is at work, and was waited for
     kUnavailable,  ///< it cannot do it now: out of reach, a full or failing disk, another file than the one opened
     kReplaced,     ///< the database holds another cluster than the one that was opened
@@ -33,7 +33,7 @@ enum class Reason {
     kNotNow,  ///< there is no memory, or whatever else may be there later
 };
 
-/// Thrown by whatever finds out. Nothing was changed, unless the reason is kUncertain.
+/// The exception of the server: something was not done. Nothing was changed, unless the reason is kUncertain.
 class Failure : public std::runtime_error {
   public:
     /// `text`: one line for people.
@@ -47,7 +47,7 @@ class Failure : public std::runtime_error {
     }
 
     Reason reason() const { return m_reason; }
-    /// Of the cluster that has come in the place of ours; empty: none has.
+    /// The identifier of another cluster that the store now holds in place of ours. Empty: it holds ours.
     const std::string& clusterId() const { return m_clusterId; }
 
   private:

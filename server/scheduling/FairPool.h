@@ -36,7 +36,8 @@ class FairPool {
     /// Takes back a task that has waited since before a moment. Empty: there is none.
     Task takeBack(Clock::time_point before);
 
-    /// False: all threads have been at work for so long without beginning or ending a task.
+    /// Whether the pool still works: false when all its threads have been busy for longer than `within` and none has
+    /// begun or ended a task in that time.
     bool turns(Clock::duration within);
 
   private:

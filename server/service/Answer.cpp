@@ -19,7 +19,7 @@ namespace field = protocol::field;
 
 // Large enough that a chunk's own cost does not count, small enough to have one for each connection.
 constexpr std::size_t kPieceBytes = 65'536;
-/// Most rows are shorter.
+/// Room for a row of a listing; most rows are shorter.
 constexpr std::size_t kRowBytes = 1'024;
 
 /// What a client is told.

@@ -37,7 +37,7 @@ class ListingAnswer {
 
 struct Answer {
     int httpStatus = 200;
-    /// With status 503: it is the store that cannot do it now.
+    /// Whether a status of 503 is the store's doing and not the server's (protocol::kUnavailable).
     bool lacksStore = false;
     /// The body, or its first piece.
     std::string text;
@@ -48,7 +48,7 @@ struct Answer {
     /// For the log: `done`, `done before`, `busy` or the name of an error.
     const char* outcome = "done";
 
-    /// Makes it the answer to a request that is not done.
+    /// Turns this into the answer for a request that has failed.
     void refuse(std::string_view id, std::string_view clusterId, const Failure& failure);
 };
 
@@ -60,7 +60,7 @@ std::string errorText(const Failure& failure);
 
 /// The name of the error that a client is told.
 const char* errorName(Reason reason);
-/// Whether it is for the log too: a client is told no more than that.
+/// Whether the log gets the failure's text. The client is then told only that the server failed.
 bool isForTheLog(Reason reason);
 
 }  // namespace dsessd

@@ -40,10 +40,10 @@ struct Credentials {
 struct Caller {
     Peer peer;
     Credentials credentials;
-    /// Nothing: nobody has logged in, or it is not known yet.
+    /// What the user may do. Nothing as long as nobody is identified.
     std::optional<Role> role;
 
-    /// For the log, such as `root from 127.0.0.1:50312 with certificate CN=desk`.
+    /// For the log, such as `root from 127.0.0.1:50312 with certificate /CN=desk, issued by /CN=ca, serial number 1F`.
     std::string description() const;
 };
 

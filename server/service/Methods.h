@@ -30,9 +30,10 @@ struct MethodResult {
 struct Method {
     const char* name;
     Lane lane;
-    /// Its parameters. What changes something takes a changeId and a clusterId besides.
+    /// Its parameters. A method that changes something takes a changeId and a clusterId besides.
     std::span<const FieldRule> takes;
-    /// Throws a Failure that says why it is not done. It may be called again then, or when the store asks for it.
+    /// Carries the method out. Throws a Failure that says why it could not. May be called again afterwards; the store
+    /// does so when a transaction has to be repeated.
     MethodResult (*run)(const Request& request, Store& store);
 
     bool changes() const { return lane == Lane::kChange; }

@@ -70,7 +70,7 @@ bool isInRange(const FieldRule& rule, const Parameters& parameters) {
            (rule.kind != Kind::kSelector || text == protocol::selector::kUser || text == protocol::selector::kSession);
 }
 
-/// What isInRange() asks for, as a sentence.
+/// Says in a sentence which values a field may have.
 std::string rangeText(const FieldRule& rule) {
     const std::string name = std::string("The ") + rule.name;
     switch (rule.kind) {

@@ -68,7 +68,7 @@ class Request {
     /// Memory that lives as long as the request and is wiped afterwards.
     boost::json::storage_ptr storage() const { return m_memory.storage(); }
 
-    // These want a request that was read without a failure.
+    // The functions below may be called only after read() has returned without a failure.
     /// Throws a Failure when a value is out of the range that the table of methods gives it.
     void checkValues() const;
 

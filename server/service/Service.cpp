@@ -19,7 +19,8 @@ Lane laneOf(const Call& call) {
     return lane == Lane::kListing && !call.caller.role ? Lane::kAnonymousListing : lane;
 }
 
-/// Whether a refusal of a change is kept under the change's identifier: it depends on what the store holds.
+/// Whether the refusal of a change is recorded under the change's identifier, so that the change is refused again when
+/// it is repeated. Needed where the store's contents decide, since they may differ by then.
 bool isKept(Reason reason) {
     return reason == Reason::kUnknownRealm || reason == Reason::kNoMatchingSession;
 }
@@ -95,7 +96,7 @@ Lane Service::takeStep(Call& call, Lane lane) {
     return Lane::kDone;
 }
 
-/// False: it takes a hash, which is another lane's.
+/// False: a password has to be hashed first, which is done in another lane.
 bool Service::identify(Call& call, Store& store, Lane lane) {
     const Credentials& credentials = call.caller.credentials;
     if (call.caller.role || credentials.areAnonymous()) {

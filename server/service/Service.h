@@ -30,7 +30,7 @@ struct Call {
     Answer answer;
 
     const std::shared_ptr<const RequestDeadlines> deadlines;
-    /// When it came, and when the step that is due now was put off.
+    /// When the request came, and when its next step began to wait for a thread.
     const Clock::time_point start = Clock::now();
     Clock::time_point queued = start;
     /// Whether a change may have been made.
@@ -47,7 +47,7 @@ class Service {
     /// Does the step of this lane, any but Lane::kDone, and gives the lane of the next; Lane::kDone: the answer is
     /// there. What fails is logged and answered. Throws when memory is exhausted while a change may have been made.
     Lane advance(Call& call, Lane lane);
-    /// Whether steps of Lane::kAtOnce are worth a try: not if each waits for another machine.
+    /// Whether a step may be tried at once on the loop's thread. Not with a database: each step would wait for it.
     bool answersAtOnce() const { return m_stores.isEmbedded(); }
 
   private:

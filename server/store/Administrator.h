@@ -1,4 +1,4 @@
-/// Who may ask the server for something, and for what.
+/// An administrator of the cluster: name, password and role.
 #pragma once
 
 #include <string>

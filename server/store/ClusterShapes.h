@@ -64,7 +64,7 @@ inline constexpr std::array<ObjectShape, 8> kObjects{{{"a cluster", kClusterFiel
                                                       {"a session", kSessionFields, true}}};
 
 inline constexpr std::size_t kMaxFields = 6;
-/// The longest answer that is recorded fits by far.
+/// The longest text of a recorded change. The longest answer that a server records is much shorter.
 inline constexpr std::size_t kMaxLongTextBytes = 65'536;
 inline constexpr std::size_t kMaxClusterIdBytes = 64;
 inline constexpr int kMaxTraceLevel = 9;

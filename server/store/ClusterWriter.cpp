@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::size_t kPieceBytes = 65'536;
 
-/// The field that is a list of these. Null: an object of this kind has none.
+/// The field of an object that lists elements of this kind. Null: the object has no such list.
 const FieldShape* listOf(Object kind, Object element) {
     const auto fields = kObjects[kind].fields;
     const auto found = std::find_if(fields.begin(), fields.end(), [element](const FieldShape& field) {

@@ -18,7 +18,7 @@ struct LoadCounts {
     std::int64_t members = 0;
     std::int64_t sessions = 0;
     std::int64_t keys = 0;
-    /// Nothing: the text does not say who they are.
+    /// The number of administrators loaded. Nothing when the text does not list administrators.
     std::optional<std::int64_t> administrators;
 };
 

@@ -25,7 +25,7 @@ constexpr int kTries = 8;
 constexpr std::chrono::milliseconds kStepAside{20};
 // What was lost is done anew unless it took longer: whoever asks does not wait for ever.
 constexpr std::chrono::seconds kAnewWithin{5};
-// What took longer to fail need not be found out by others too.
+// A failure that took longer than this is remembered for the other connections (Outage).
 constexpr std::chrono::seconds kLong{1};
 // Rows of a listing that are in memory at a time.
 constexpr char kFetch[] = "FETCH 1000 FROM listing";
@@ -132,7 +132,7 @@ bool has(PostgresConnection& connection, const std::string& expression) {
     return connection.run(("SELECT " + expression + " IS NOT NULL").c_str()).text(0, 0) == "t";
 }
 
-/// This one or an older. Throws where it is neither.
+/// The version of the store in the database, which is this one or an older one. Throws when it is neither.
 int versionOf(PostgresConnection& connection, const std::string& name) {
     if (!has(connection, "to_regnamespace('dsessd')")) {
         throw Failure("there is no cluster in " + name + "; 'dsessd load' makes one");
@@ -538,7 +538,7 @@ class PostgresStore final : public Store {
         return retrying([&] { return std::make_unique<Replacing>(m_connection); });
     }
 
-    /// Not tried anew when the connection is lost: `taker` has some of it by then.
+    /// When the connection is lost in the middle, this fails and is not repeated: `taker` has a part already.
     void giveTo(ClusterTaker& taker) override {
         const AnyTime anyTime(m_connection);
         PostgresTransaction transaction(m_connection, kBeginReading);
@@ -563,7 +563,7 @@ class PostgresStore final : public Store {
     void backUp(const std::string&) override { failForOtherTools(m_name); }
 
   private:
-    /// A row at a time, of which few are in memory. Inside a transaction.
+    /// Reads rows one after the other with only a few in memory. To be called inside a transaction.
     template <typename Action>
     void each(const std::string& sql, std::initializer_list<Value> values, const Action& action) {
         m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR " + sql).c_str(), values);
@@ -822,7 +822,7 @@ StoreVersions upgradePostgresStore(const std::string& uri, Store::Say say) {
         if (versions.before != kSchemaVersion) {
             PostgresTransaction transaction(connection, "BEGIN");
             connection.run(PostgresConnection::kLetTakeMinutes);
-            // Whoever comes from now on waits, and finds the new version.
+            // From here on other connections wait for the lock. When they get it they find the new version and refuse.
             connection.run("LOCK TABLE store IN ACCESS EXCLUSIVE MODE");
             if (connection.run(kOtherNodes).integer(0, 0) != 0) {
                 throw Failure(Reason::kBusy, name + " is in use; stop each dsessd that uses it, and try again");

@@ -27,7 +27,7 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &found) == 0;
 }
 
-/// Also where the file is damaged, so that SQLite itself does not come to look.
+/// Works on damaged files too, which SQLite itself would not open far enough to take its locks.
 bool isOpenElsewhere(const std::string& path) {
     const QelFileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock {};
@@ -41,7 +41,7 @@ bool isOpenElsewhere(const std::string& path) {
     return lock.l_type != F_UNLCK;
 }
 
-/// Names the file in what is said of it.
+/// Runs `action`, and puts the file's name before the text of a failure.
 template <typename Action>
 auto naming(const std::string& path, const Action& action) {
     try {
@@ -75,7 +75,7 @@ void check(SQLite::Database& copy, const std::string& path) {
     });
 }
 
-/// Whatever a damaged file may be good for stays, with its log; beside the new file that would count.
+/// Keeps a damaged file and its log under other names. Left where it is, the old log would be applied to the new file.
 bool setAside(const std::string& path) {
     bool any = false;
     for (const char* end : {"", "-wal", "-journal", "-shm"}) {
@@ -88,8 +88,7 @@ bool setAside(const std::string& path) {
     return any;
 }
 
-/// Keeps others off the file that is to be replaced, with nothing left beside it. Nothing: it is damaged, or none
-/// of ours.
+/// Locks the file that is to be replaced, after its log was moved into it. Nothing: it is damaged, or no store.
 std::optional<SQLite::Database> openReplaced(const std::string& path) {
     if (!exists(path)) {
         return std::nullopt;
@@ -115,7 +114,7 @@ void copySqliteFile(SQLite::Database& from, const std::string& path) {
         SQLite::Database to = openOther(path, SQLITE_OPEN_READWRITE);
         {
             SQLite::Backup copying(to, from);
-            // In one step: it would begin anew with each change that is made meanwhile.
+            // All pages in one step: between steps a change would make the copy start again.
             if (copying.executeStep(-1) != SQLITE_DONE) {
                 throw Failure(Reason::kBusy, "the data file is locked");
             }

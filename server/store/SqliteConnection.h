@@ -1,4 +1,4 @@
-/// A connection to an SQLite file, over SQLiteCpp. For what works on such files alone.
+/// Statements and transactions on an SQLite file, over SQLiteCpp. Only the SQLite store uses this.
 #pragma once
 
 #include <SQLiteCpp/SQLiteCpp.h>
@@ -14,7 +14,7 @@
 
 namespace dsessd::embedded {
 
-/// What SQLite says, with its primary result code (https://sqlite.org/rescode.html).
+/// An error of SQLite, with its primary result code (https://sqlite.org/rescode.html).
 class SqliteError : public Failure {
   public:
     explicit SqliteError(const SQLite::Exception& error) : Failure(error.what()), m_code(error.getErrorCode()) {}

@@ -7,7 +7,7 @@ namespace dsessd::embedded {
 namespace {
 
 constexpr int kApplicationId = 0x44534553;  // "DSES", tells our files from other SQLite files
-// A process that is about to end has time for that.
+// How long another process that holds the file is waited for: one that is about to end gets its time.
 constexpr int kWaitToBeAlone = 1'000;
 
 constexpr char kClusterTable[] = R"(
