@@ -21,16 +21,12 @@ struct QelMessage {
     const char* text;   ///< English, with the identifier in front for a failure
 };
 
-/// Prepares the catalogue. Call it once, before anything else here. It
-/// - takes the locale from the environment; LC_CTYPE becomes C.UTF-8 where it would be C, and LC_MESSAGES stays C for
-/// all
-///   but messages;
-/// - finds the translations;
-/// - keeps the last component of `programPath` as the program's name. The path may be null; otherwise it must outlive
-/// the
-///   program's last message.
+/// Prepares the catalogue: sets the locale, finds the translations, and notes the program's name. Call it once, before
+/// anything else here.
 ///
-/// `flags` is 0.
+/// The locale comes from the environment. LC_CTYPE becomes C.UTF-8 where it would be C, and only messages follow
+/// LC_MESSAGES. The name is the last component of `programPath`, which may be null and otherwise must outlive the last
+/// message. `flags` is 0.
 void qelmsg_init(const char* programPath, int flags);
 
 /// Writes a message, translated and filled with its arguments. Adds no line feed. A text argument is in the locale's

@@ -12,7 +12,7 @@
 
 namespace {
 
-/// The signals after which the program goes on. They are blocked but during `wait`.
+/// The signals that do not end the program. They are blocked except while `wait` waits.
 constexpr std::array kDeferred = {SIGINT, SIGTSTP, SIGCONT, SIGWINCH};
 /// Signals that get no handler. The first two cannot have one, and the others neither end the program nor need the
 /// settings restored: SIGTTIN and SIGTTOU stop a program that has no terminal to restore.

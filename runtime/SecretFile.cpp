@@ -16,7 +16,7 @@ constexpr off_t kMaxFileBytes = off_t{1024} * 1024;
 }  // namespace
 
 SecretFile::SecretFile(const char* path, int moreFlags) {
-    // A FIFO must not hang the open, so that it never waits.
+    // O_NONBLOCK: opening a FIFO would otherwise wait for somebody who writes to it.
     const QelFileDescriptor descriptor(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | moreFlags));
     if (!descriptor.isOpen()) {
         throw UnusableFile{std::string("cannot be opened: ") +

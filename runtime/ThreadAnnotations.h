@@ -57,7 +57,7 @@ class SCOPED_CAPABILITY MutexLock {
     void wait(std::condition_variable& changed, Predicate isTrue) UNCHECKED {
         changed.wait(m_lock, isTrue);
     }
-    /// False: the time is up, and it is not true.
+    /// Waits at most `longest`. Gives whether the predicate is true in the end.
     template <class Predicate>
     bool waitFor(std::condition_variable& changed, std::chrono::nanoseconds longest, Predicate isTrue) UNCHECKED {
         return changed.wait_for(m_lock, longest, isTrue);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t kExcerptBytes = AnswerReader::kShownBytes;
 
-// So many different causes of a failure are shown at once.
+// The most causes that are shown for one failed request.
 constexpr std::size_t kShownCauses = 3;
 
 // Pauses before locations are asked again. The first one takes at most kFirstPause, each later one at most twice as
@@ -62,7 +62,7 @@ bool isFinal(const Answer& answer) {
     return answer.errorName == nullptr || meaningOf(answer.errorName).holds;
 }
 
-/// What all locations failed of, if that was the same.
+/// The cause of failure that all locations had in common, if there was one.
 std::uint32_t commonStatus(std::span<const Attempt> failures) {
     const auto isAnother = [&](const Attempt& attempt) { return attempt.status != failures.front().status; };
     return failures.empty() || std::any_of(failures.begin(), failures.end(), isAnother) ? kStatusNoLocation

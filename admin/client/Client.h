@@ -97,7 +97,8 @@ class Client {
     HttpTransport m_transport;
     std::int32_t m_lastId = 0;
     std::string m_clusterId;  // of the last answer; empty: not told
-    // Whoever has not told is dsessd 1.0.0 or like it, and would carry out a change once more that is sent again.
+    // A server whose answers name no cluster keeps no record of changes, as dsessd 1.0.0. Sent again, the change would
+    // be carried out twice.
     bool m_keepsRecords = true;
 };
 

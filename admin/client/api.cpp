@@ -98,7 +98,7 @@ std::uint32_t guarded(std::uint32_t otherwise, Body body) noexcept {
     }
 }
 
-/// What is taken of an answer that says nothing but that the operation was carried out.
+/// For operations whose answer holds no records: takes nothing from it.
 constexpr auto kNoResult = [](const Answer&) {};
 
 /// Has a server carry out an operation, and returns the status for the caller. `usable`: whether the caller's further

@@ -1,9 +1,8 @@
 /// The base of every command: a pattern, how well a line fits it, and what to do for a line that fits.
 ///
 /// A pattern is a line of words, such as `replica set list [-realm <realm>]`. A word that contains `<` stands for any
-/// one word. Otherwise a word that contains `[` opens the optional tail: a value (`[password]`), or a keyword with its
-/// value
-/// (`[-realm <realm>]`). Any other word is a keyword, and a line may hold any beginning of it.
+/// one word. Another word that contains `[` begins what may be left out: a value (`[password]`), or a keyword with its
+/// value (`[-realm <realm>]`). All other words are keywords; a line may give just the beginning of one.
 #pragma once
 
 #include <cstdint>

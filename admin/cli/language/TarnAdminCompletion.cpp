@@ -22,7 +22,7 @@ void addOnce(std::vector<std::string>& list, std::string_view text) {
     }
 }
 
-/// Whether the value is one word, and the utility would read the shown text as that value.
+/// Whether a value can be inserted: it is one word, and typed as it is shown it would be read as that value again.
 bool canBeTyped(const QelString& shown, std::string_view value) {
     return value.find_first_of(kBlanks) == std::string_view::npos &&
            QelString(shown.view(), QelString::kFromLocale).view() == value;

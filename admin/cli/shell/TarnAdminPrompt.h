@@ -32,7 +32,7 @@ class TarnAdminPrompt {
     /// Reads a line, without its line feed. Returns false at the end of the input. Ctrl-C gives the line up and begins
     /// a new one. Throws std::bad_alloc.
     bool read(SecretText& line);
-    /// What matters of a line for the history.
+    /// What the history has to know of a line.
     enum class Kind { kOther, kLogin, kLoginWithPassword };
     /// Puts the line that was read last into the history. If it is a login, replaces the password of the login before
     /// it, which is that line's last word, by asterisks.

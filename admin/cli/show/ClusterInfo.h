@@ -42,11 +42,13 @@ class ClusterInfo {
     std::span<const olm_dsess_admin_realm_t> realms() const;
     const olm_dsess_admin_cluster_t& cluster() const { return m_cluster; }
 
-    /// From now on each fetch replaces the names in `names`, unless that is null, by some of those that it brings.
+    /// Has each later fetch put the names that it brings, up to a limit, into `names` in place of those before. Null:
+    /// no names are kept.
     static void keepNamesIn(ClusterNames* names) { m_names = names; }
 
   private:
-    /// Fetches without looking at what came. When it throws there is nothing to release, and afterwards there is.
+    /// Fetches the records without checking them. When it returns they have to be released; when it throws there are
+    /// none.
     ClusterInfo(void* handle, const olm_dsess_admin_sec_info_t& secInfo);
     /// Whether every array that has a count is there.
     bool isWhole() const;

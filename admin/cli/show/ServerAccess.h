@@ -1,4 +1,4 @@
-/// Whom a command asks, and as whom.
+/// Which server a command asks, and under which identity.
 #pragma once
 
 #include "admin/client-interface/olm_dsess_admin.h"

@@ -42,7 +42,7 @@ class AnswerHead {
         assert(m_status != 0);
         return m_status;
     }
-    /// Whether it says that the server lacks its store, beside status 503.
+    /// Whether a head with status 503 says that the server cannot reach its store (protocol::kUnavailable).
     bool lacksStore() const { return m_lacksStore; }
 
   private:

@@ -13,7 +13,7 @@ namespace olmdsess {
 
 using Clock = std::chrono::steady_clock;
 
-/// What became of an attempt.
+/// How an attempt to post a request ended.
 struct Attempt {
     std::uint32_t status = 0;  ///< 0: there is an answer
     std::string cause{};       ///< in words, when it failed; empty if memory ran out

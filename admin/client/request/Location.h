@@ -1,4 +1,4 @@
-/// Where one server is asked: the parts of an http or https URL (RFC 9110, section 4.2), such as
+/// A server's address: the parts of an http or https URL (RFC 9110, section 4.2), such as
 ///
 ///     https://node1:9443/blue/services/DSessAdminProxy
 #pragma once

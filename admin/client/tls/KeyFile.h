@@ -12,7 +12,7 @@
 
 namespace olmdsess {
 
-/// What was chosen from a key file.
+/// The identity and the trusted certificates that were taken from a key file.
 struct KeyFile {
     PrivateKeyPtr key;                    ///< null: no identity
     CertificatePtr certificate;           ///< of the key
