@@ -81,7 +81,8 @@ class Postgres:
     def freeze(self, how=signal.SIGSTOP):
         """Stops the server and all its processes where they are, or lets them go on by SIGCONT."""
         for process in [self.process.pid, *children(self.process.pid)]:
-            os.kill(process, how)
+            with contextlib.suppress(ProcessLookupError):  # a connection that has just ended
+                os.kill(process, how)
 
     def __exit__(self, *_):
         self.stop()
