@@ -81,12 +81,16 @@ class Nodes(unittest.TestCase):
             self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {503})
             self.assertLess(time.monotonic() - start, 10)
             postgres.freeze(signal.SIGCONT)
-            # One node stands still in the middle of a change.
-            while postgres.sql(ours + " AND state = 'idle in transaction'") == "0":
-                one.process.send_signal(signal.SIGCONT)
-                pool.submit(one.post, change)
-                time.sleep(0.02)
-                one.process.send_signal(signal.SIGSTOP)
+            self.assertTrue(soon(lambda: one.post(change)[0] == 200, 9))
+            # One node stands still in the middle of a change: it waits for a lock that is let go once it stands.
+            database = one.data.split("/")[3].split("?")[0]
+            lock = pool.submit(postgres.sql, "BEGIN", "LOCK TABLE keys", "SELECT pg_sleep(3)", database=database)
+            waiting = "SELECT count(*) FROM pg_stat_activity WHERE wait_event = "
+            self.assertTrue(soon(lambda: postgres.sql(waiting + "'PgSleep'") == "1", 9))
+            pool.submit(one.post, change)
+            self.assertTrue(soon(lambda: postgres.sql(waiting + "'relation'") == "1", 2))
+            one.process.send_signal(signal.SIGSTOP)
+            lock.result()
             self.assertTrue(soon(lambda: "result" in other.call("key.change", **AS_ROOT), 9))
             one.process.send_signal(signal.SIGCONT)
 
