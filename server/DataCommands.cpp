@@ -134,6 +134,9 @@ int dump(const DataOptions& options) {
 }
 
 int backUp(const DataOptions& options) {
+    if (options.file == "-") {
+        throw std::runtime_error("a backup needs a file; dump writes to standard output");
+    }
     const auto store = Store::open(options.data, Store::IfMissing::kFail);
     NewFile file = fileBeside(options);
     store->backUp(file.temporaryPath());

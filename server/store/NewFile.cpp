@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -13,6 +14,31 @@
 #include "runtime/qel_io.h"
 
 namespace dsessd {
+
+namespace {
+
+/// The path of a file that is not whole yet. A signal that ends the process removes it: it may be large and is secret.
+const char* volatile unfinished = nullptr;
+
+extern "C" void removeUnfinished(int signal) {
+    if (unfinished != nullptr) {
+        ::unlink(unfinished);
+    }
+    std::raise(signal);  // the default action by now, taken when this returns
+}
+
+void removeAtSignals() {
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        struct sigaction action {};
+        if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_DFL) {
+            action.sa_handler = removeUnfinished;
+            action.sa_flags = static_cast<int>(SA_RESETHAND);
+            ::sigaction(signal, &action, nullptr);
+        }
+    }
+}
+
+}  // namespace
 
 NewFile::NewFile(const std::string& path) : m_path(path) {
     struct stat old {};
@@ -28,6 +54,8 @@ NewFile::NewFile(const std::string& path) : m_path(path) {
     if (!m_file.isOpen()) {
         fail();
     }
+    unfinished = m_temporaryPath.c_str();
+    removeAtSignals();
     if (replaces && old.st_uid != ::geteuid() && ::fchown(m_file.get(), old.st_uid, old.st_gid) != 0) {
         const int error = errno;
         ::unlink(m_temporaryPath.c_str());
@@ -37,6 +65,7 @@ NewFile::NewFile(const std::string& path) : m_path(path) {
 }
 
 NewFile::~NewFile() {
+    unfinished = nullptr;
     if (!m_temporaryPath.empty()) {
         ::unlink(m_temporaryPath.c_str());
     }
@@ -52,6 +81,7 @@ void NewFile::place() {
     if (::fsync(m_file.get()) != 0 || std::rename(m_temporaryPath.c_str(), m_path.c_str()) != 0) {
         fail();
     }
+    unfinished = nullptr;
     m_temporaryPath.clear();
     const std::filesystem::path folder = std::filesystem::absolute(m_path).parent_path();
     const QelFileDescriptor directory(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -13,7 +13,7 @@ import threading
 import unittest
 import unittest.mock
 
-from dsessd import AS_ROOT, ROOT, Dsessd
+from dsessd import AS_ROOT, BINARY, ROOT, Dsessd
 from postgres import PROGRAMS, Postgres, new_database
 
 COUNT = 4000
@@ -113,9 +113,9 @@ class Dumping(Data):
     def test_leaves_nothing_half_and_no_file_that_it_cannot_replace(self):
         data, folder = self.server.data, self.path("folder")
         os.mkdir(folder)
-        before = os.listdir(self.server.directory)
+        dumped, before = f"{folder}/dump", os.listdir(self.server.directory)
         for file, limit, problem in [
-            (f"{folder}/dump", "ulimit -f 20", "File too large"),
+            (dumped, "ulimit -f 20", "File too large"),
             (folder, "true", "is not a file"),
             (data, "true", "the store itself"),
             ("-", "exec >/dev/full", "could not be written in full"),
@@ -123,6 +123,15 @@ class Dumping(Data):
             shell = ["sh", "-c", f'{limit}; "$DSESSD" dump --data {data} {file}']
             done = subprocess.run(shell, capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stdout, problem in done.stderr), (1, "", True), done.stderr)
+        ended = None
+        while ended is None or ended.returncode == 0:  # too late
+            with subprocess.Popen([BINARY, "dump", "--data", data, dumped], stdout=subprocess.DEVNULL) as ended:
+                while ended.poll() is None and not os.listdir(folder):
+                    pass
+                ended.terminate()
+            if os.path.exists(dumped):
+                os.unlink(dumped)
+        self.assertEqual(ended.returncode, -signal.SIGTERM)
         self.assertEqual((os.listdir(folder), os.listdir(self.server.directory)), ([], before))
 
 
@@ -188,6 +197,7 @@ class BackingUp(Data):
             self.refused(problem, "restore", "--data", data, backup)
         self.refused("cannot be used", "restore", "--data", data, self.path("none"))
         self.refused("is the store itself", "backup", "--data", data, data)
+        self.refused("needs a file", "backup", "--data", data, "-")
         self.assertEqual(self.bytes_of(data), was)
         for command in ("backup", "restore"):
             self.refused(
