@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <map>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -19,7 +20,7 @@ namespace {
 using Value = PostgresConnection::Value;
 constexpr auto kMinutes = PostgresConnection::Takes::kMinutes;
 
-constexpr int kSchemaVersion = 2;
+constexpr int kSchemaVersion = 3;
 // How often a transaction is tried that stands in another's way, and for how long it steps aside in between.
 constexpr int kTries = 8;
 constexpr std::chrono::milliseconds kStepAside{20};
@@ -88,17 +89,33 @@ CREATE TABLE changes (
     number bigint GENERATED ALWAYS AS IDENTITY UNIQUE
 );
 )";
+// How many sessions a realm has, as the sum of its slots: to count them takes long where there are millions. Changes
+// that are made at a time seldom have the same slot, or each would wait for the commit of the one before.
+constexpr char kCountsTable[] = R"(
+CREATE TABLE session_counts (
+    realm bigint REFERENCES realms,
+    slot integer,
+    sessions bigint NOT NULL,
+    PRIMARY KEY (realm, slot)
+);
+)";
+constexpr char kAddToCount[] =
+    "INSERT INTO session_counts VALUES ($1, pg_backend_pid() % 64, $2) "
+    "ON CONFLICT (realm, slot) DO UPDATE SET sessions = session_counts.sessions + excluded.sessions";
 // Of version 1, where records of changes were ordered by the time of day, which is set now and then.
 constexpr char kKeepChanges1[] = "CREATE TEMP TABLE kept ON COMMIT DROP AS SELECT * FROM changes; DROP TABLE changes";
 constexpr char kPutChanges1[] =
     "INSERT INTO changes (id, user_name, digest, answer) SELECT id, user_name, digest, answer FROM pg_temp.kept "
-    "ORDER BY time, id; UPDATE store SET version = 2";
+    "ORDER BY time, id";
+constexpr char kRaise[] =
+    "INSERT INTO session_counts SELECT realm, 0, count(*) FROM sessions GROUP BY realm; UPDATE store SET version = 3";
 // Connections of dsessd are known by the name that they give themselves. A node whose URI sets another
 // application_name is not counted.
 constexpr char kOtherNodes[] =
     "SELECT count(*) FROM pg_stat_activity WHERE datname = current_database() AND application_name = 'dsessd' "
     "AND pid <> pg_backend_pid()";
 
+constexpr char kTotal[] = "SELECT coalesce(sum(sessions), 0) FROM session_counts WHERE realm = $1";
 constexpr char kCluster[] = "SELECT cluster_id, version FROM store";
 constexpr char kTraceLevel[] = "SELECT value FROM settings WHERE name = 'trace level'";
 constexpr char kPutTraceLevel[] =
@@ -187,7 +204,9 @@ class Listing final : public Store::SessionListing {
     void start(std::int64_t realm, Selector selector, const std::string& like, std::int32_t max) {
         const std::string where = std::string(" FROM sessions WHERE realm = $1 AND ") +
                                   (selector == Selector::kUser ? "user_name" : "id") + " LIKE $2";
-        m_total = m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}).integer32(0, 0);
+        m_total = (like == "%" ? m_connection.run(kTotal, {realm})
+                               : m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}))
+                      .integer32(0, 0);
         m_count = max < 0 ? m_total : std::min(m_total, max);
         m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR SELECT id, user_name, time" + where +
                           " ORDER BY user_name, time, id LIMIT " + std::to_string(m_count))
@@ -236,8 +255,8 @@ class Replacing final : public Store::Replacement {
         : m_connection(connection), m_anyTime(connection), m_transaction(connection, kBeginLoad) {
         connection.run(PostgresConnection::kLetTakeAnyTime);
         connection.run(
-            "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
-            "DELETE FROM keys");
+            "DELETE FROM session_counts; DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; "
+            "DELETE FROM realms; DELETE FROM keys");
     }
 
     void setCluster(std::string_view id, std::optional<int> traceLevel) override {
@@ -274,6 +293,9 @@ class Replacing final : public Store::Replacement {
         m_connection.run("SAVEPOINT sessions");
         if (insert(sessions.data(), sessions.size())) {
             m_connection.run("RELEASE sessions");
+            for (const NewSession& session : sessions) {
+                ++m_counts[session.realm];
+            }
             return std::nullopt;
         }
         m_connection.run("ROLLBACK TO sessions");
@@ -289,6 +311,9 @@ class Replacing final : public Store::Replacement {
     void commit() override {
         if (m_connection.run("SELECT count(*) FROM keys").integer(0, 0) == 0) {
             insertKey(m_connection, presentTime());
+        }
+        for (const auto& [realm, count] : m_counts) {
+            m_connection.run(kAddToCount, {realm, count});
         }
         m_connection.run("SET CONSTRAINTS ALL IMMEDIATE");  // checks now: a commit must neither take long nor fail
         m_transaction.commit();
@@ -320,6 +345,8 @@ class Replacing final : public Store::Replacement {
     PostgresConnection& m_connection;
     AnyTime m_anyTime;
     PostgresTransaction m_transaction;
+    /// How many sessions each realm has got.
+    std::map<std::int64_t, std::int64_t> m_counts;
 };
 
 /// What a connection has waited for in vain, for all connections of a node: requests that come a moment later are told
@@ -427,14 +454,14 @@ class PostgresStore final : public Store {
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
         return changeSessions(selector == Selector::kUser ? "DELETE FROM sessions WHERE realm = $1 AND user_name = $2"
                                                           : "DELETE FROM sessions WHERE realm = $1 AND id = $2",
-                              realm, value);
+                              realm, value, true);
     }
 
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                        Seconds now) override {
         const std::string sql = "UPDATE sessions SET time = " + std::to_string(now) + " WHERE realm = $1 AND ";
         return changeSessions((sql + (selector == Selector::kUser ? "user_name = $2" : "id = $2")).c_str(), realm,
-                              value);
+                              value, false);
     }
 
     Key changeKey(Seconds now) override {
@@ -649,6 +676,7 @@ class PostgresStore final : public Store {
         if (!has("to_regnamespace('dsessd')")) {                       // another process may have been faster
             m_connection.run(kSchema);
             m_connection.run(kChangesTable);
+            m_connection.run(kCountsTable);
             m_connection.run("INSERT INTO store (version, cluster_id) VALUES ($1, $2)", {kSchemaVersion, newUuid()});
             insertKey(m_connection, presentTime());
         }
@@ -747,14 +775,19 @@ class PostgresStore final : public Store {
         return m_inChange ? m_connection.run(sql, values) : retrying([&] { return m_connection.run(sql, values); });
     }
 
-    std::optional<int> changeSessions(const char* sql, std::string_view realm, std::string_view value) {
+    /// `ends`: whether those that it changes are no more.
+    std::optional<int> changeSessions(const char* sql, std::string_view realm, std::string_view value, bool ends) {
         return transaction(kBeginChange, [&]() -> std::optional<int> {
             const auto number = realmNumber(m_connection, realm);
             if (!number) {
                 return std::nullopt;
             }
             m_connection.run(PostgresConnection::kLetTakeMinutes);
-            return m_connection.run(sql, {*number, sought(value)}, kMinutes).changed();
+            const int count = m_connection.run(sql, {*number, sought(value)}, kMinutes).changed();
+            if (ends && count != 0) {
+                m_connection.run(kAddToCount, {*number, -count});
+            }
+            return count;
         });
     }
 
@@ -833,6 +866,8 @@ StoreVersions upgradePostgresStore(const std::string& uri, Store::Say say) {
                 connection.run(kChangesTable);
                 connection.run(kPutChanges1, {}, kMinutes);
             }
+            connection.run(kCountsTable);
+            connection.run(kRaise, {}, kMinutes);
             transaction.commit();
         }
         return versions;

@@ -10,7 +10,7 @@
 
 namespace dsessd::embedded {
 
-inline constexpr int kSchemaVersion = 3;
+inline constexpr int kSchemaVersion = 4;
 
 /// Writes the schema's version into the file, unless it stands there already.
 void setVersion(SQLite::Database& database);

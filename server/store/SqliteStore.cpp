@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <map>
 #include <utility>
 
 #include "runtime/QelFileDescriptor.h"
@@ -82,6 +83,9 @@ struct Statements {
           replicaSet(db, "SELECT number FROM replica_sets WHERE name = ?"),
           members(db, "SELECT name, last_contact FROM members WHERE replica_set = ? ORDER BY number"),
           keys(db, "SELECT label, time FROM keys ORDER BY number DESC LIMIT 2"),
+          countAll(db, "SELECT sessions FROM realms WHERE number = ?"),
+          addToCount(db, "UPDATE realms SET sessions = sessions + ? WHERE name = ?"),
+          setCount(db, "UPDATE realms SET sessions = ? WHERE number = ?"),
           countByUser(db, "SELECT count(*) FROM sessions WHERE realm = ? AND user GLOB ?"),
           countById(db, "SELECT count(*) FROM sessions WHERE realm = ? AND id GLOB ?"),
           listByUser(db,
@@ -127,7 +131,7 @@ struct Statements {
           allSessions(db, "SELECT id, user, time FROM sessions WHERE realm = ? ORDER BY id") {}
 
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
-    SQLite::Statement countByUser, countById, listByUser, listById;
+    SQLite::Statement countAll, addToCount, setCount, countByUser, countById, listByUser, listById;
     SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
     SQLite::Statement clusterId, change, newestChange, localActs, recordChange, forgetChanges, contact, setting,
         putSetting;
@@ -167,9 +171,8 @@ class Listing final : public Store::SessionListing {
     void start(Statements& statements, std::int64_t realm, Selector selector, const std::string& glob,
                std::int32_t max) {
         const bool byUser = selector == Selector::kUser;
-        Query counting(byUser ? statements.countByUser : statements.countById, realm, glob);
-        counting.step();
-        m_total = counting.integer32(0);
+        m_total = glob == "*" ? total(Query(statements.countAll, realm))
+                              : total(Query(byUser ? statements.countByUser : statements.countById, realm, glob));
         m_count = max < 0 ? m_total : std::min(m_total, max);
         m_rows.emplace(byUser ? statements.listByUser : statements.listById, realm, glob, m_count);
     }
@@ -184,6 +187,11 @@ class Listing final : public Store::SessionListing {
     }
 
   private:
+    static std::int32_t total(Query counting) {
+        counting.step();
+        return counting.integer32(0);
+    }
+
     Transaction m_transaction;
     std::int32_t m_total = 0;
     std::int32_t m_count = 0;
@@ -235,6 +243,7 @@ class Replacing final : public Store::Replacement {
             if (!Query(m_statements.addSession, session.realm, session.id, session.user, session.time).insert()) {
                 return &session - sessions.data();
             }
+            ++m_counts[session.realm];
         }
         return std::nullopt;
     }
@@ -245,6 +254,9 @@ class Replacing final : public Store::Replacement {
         if (queryInteger(m_database, "SELECT count(*) FROM keys") == 0) {
             insertKey(m_database, presentTime());
         }
+        for (const auto& [realm, count] : m_counts) {
+            Query(m_statements.setCount, count, realm).step();
+        }
         m_transaction.commit();
     }
 
@@ -252,6 +264,8 @@ class Replacing final : public Store::Replacement {
     SQLite::Database& m_database;
     Statements& m_statements;
     Transaction m_transaction;
+    /// How many sessions each realm has got.
+    std::map<std::int64_t, std::int64_t> m_counts;
 };
 
 /// `clusterId`: of the only cluster that will do; empty: whichever it is.
@@ -354,9 +368,15 @@ class SqliteStore final : public Store {
     }
 
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
-        return changeSessions(selector,
-                              selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById,
-                              realm, value);
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        const auto count = changeSessions(
+            selector, selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, realm,
+            value);
+        if (count.value_or(0) != 0) {
+            Query(m_statements.addToCount, -*count, realm).step();
+        }
+        transaction.commit();
+        return count;
     }
 
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,

@@ -96,6 +96,8 @@ TEST_P(Stores, CarryOutAChangeOnce) {
     const auto refused = [&]() -> std::string { throw std::invalid_argument(terminate(*store, "1")); };
     EXPECT_THROW(store->once({"3", "root", "x"}, refused), std::invalid_argument);
     EXPECT_EQ(other->once({"3", "root", "x"}, [&] { return terminate(*other, "1"); }), "1") << "it was undone";
+    EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "-a"), 1);
+    EXPECT_EQ(users("*"), "3 _ a%_\\[ \xC3\xA9") << "no session is counted for the total";
 }
 
 TEST_P(Stores, CarryOutAChangeOnceWhenItIsAskedForAtSeveralNodesAtATime) {

@@ -216,7 +216,7 @@ PRAGMA user_version=2;
 """
 FIRST_DATABASE = """
 SET search_path = dsessd;
-DROP TABLE changes;
+DROP TABLE changes, session_counts;
 CREATE TABLE changes (id text COLLATE "C" PRIMARY KEY, user_name text NOT NULL, digest text NOT NULL,
     answer text NOT NULL, time timestamptz NOT NULL DEFAULT now());
 CREATE INDEX changes_by_time ON changes (time);
@@ -246,13 +246,14 @@ class Upgrading(Data):
                 self.upgrade(data, "is in use")
             done = self.run("dump", "--data", data, "-", check=False)
             self.assertIn("of an older dsessd; 'dsessd upgrade'", done.stderr)
-            self.assertIn(f"from schema version {version} to 3", self.upgrade(data))
+            self.assertIn(f"from schema version {version} to 4", self.upgrade(data))
             self.assertIn("already", self.upgrade(data))
             texts.append(self.bytes_of(data))
             tables = []
-            for each in (data, self.server.data):
+            for each, count in ((data, 1), (self.server.data, COUNT)):
                 with contextlib.closing(sqlite3.connect(each)) as database:
                     tables.append(database.execute("SELECT * FROM sqlite_schema").fetchall())
+                    self.assertEqual(database.execute("SELECT sum(sessions) FROM realms").fetchall(), [(count,)])
             self.assertEqual(*(sorted(re.sub(r"\s", "", f"{row[:3]}{row[4]}") for row in each) for each in tables))
         first, second = map(json.loads, texts)
         sets = [{"name": "set", "members": [{"name": "m", "time": 5}]}]
@@ -274,10 +275,12 @@ class Upgrading(Data):
             self.upgrade(server.data, "is in use")
             self.assertIn("error", end_session(server, 0))
             server.stop()
-            self.assertIn("from schema version 1 to 2", self.upgrade(server.data))
+            self.assertIn("from schema version 1 to 3", self.upgrade(server.data))
             self.assertEqual(postgres.sql(TABLES, database=database), tables)
             server.start()
             self.assertIn("key", server.call("key.change", changeId="c", **AS_ROOT)["result"])
             self.assertEqual(self.changes_in(self.bytes_of(server.data)), ["b", "a", "c"])
-            postgres.sql("UPDATE dsessd.store SET version = 3", database=database)
+            counted = "SELECT count(*) - (SELECT sum(sessions) FROM dsessd.session_counts) FROM dsessd.sessions"
+            self.assertEqual(postgres.sql(counted, database=database), "0")
+            postgres.sql("UPDATE dsessd.store SET version = 4", database=database)
             self.upgrade(server.data, "of a newer dsessd")
