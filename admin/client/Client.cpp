@@ -30,6 +30,9 @@ constexpr std::chrono::milliseconds kLeastPause{10};
 // The least time for an attempt to find out about a change, unless less is left.
 constexpr std::chrono::seconds kLeastShare{1};
 
+// Any answer to it, a refusal too, tells whether the server keeps records of changes.
+constexpr Operation kQuestion{protocol::method::kTraceGet, AnswerShape::kLevel, false};
+
 /// What an error in an answer means.
 struct ErrorStatus {
     const char* name;
@@ -112,8 +115,8 @@ std::uint32_t Client::carryOut(const Operation& operation, const olm_dsess_admin
             return kStatusNoChangeId;
         }
         all.push_back({protocol::field::kChangeId, changeId->data()});
-        if (!m_clusterId.empty()) {
-            all.push_back({protocol::field::kClusterId, m_clusterId.c_str()});
+        if (m_clusterId && !m_clusterId->empty()) {
+            all.push_back({protocol::field::kClusterId, m_clusterId->c_str()});
         }
     }
     const std::int32_t id = m_lastId = m_lastId % 1'000'000'000 + 1;
@@ -162,18 +165,29 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
 }
 
 std::uint32_t Client::settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer) {
+    const olm_dsess_admin_sec_info_t& security = request.security;
+    Request question{kQuestion, security, request.id, writeRequest(request.id, kQuestion.method, security, {}),
+                     std::vector<Attempt>(m_urls.size())};
+    const bool demandsCluster = m_clusterId && !m_clusterId->empty();
     Clock::duration longest = kFirstPause;
-    for (bool isTime = m_keepsRecords && Clock::now() < end && !interruption::isOn(); isTime;
+    for (bool isTime = Clock::now() < end && !interruption::isOn(); isTime && m_clusterId != "";
          isTime = pause(end, longest)) {
         const auto now = Clock::now();
         const auto share = std::min(end - now, std::max<Clock::duration>((end - now) / 2, kLeastShare));
+        if (!m_clusterId) {
+            const Attempt attempt = tryLocation(index, question, now + share, false, answer);
+            if (attempt.status == 0) {
+                learnCluster(answer);
+            }
+            continue;
+        }
         m_trace.line(kTraceFailure, m_urls[index] + ": asked again what became of the change");
         const Attempt attempt = tryLocation(index, request, now + share, false, answer);
         if (attempt.status == 0 && isFinal(answer)) {
             return finish(index, request, answer);
         }
         end += attempt.flowed;
-        if (!m_clusterId.empty()) {
+        if (demandsCluster) {
             index = (index + 1) % m_urls.size();
         }
     }
@@ -235,8 +249,7 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
 }
 
 std::uint32_t Client::finish(std::size_t index, const Request& request, const Answer& answer) {
-    m_keepsRecords = answer.clusterId != nullptr;
-    m_clusterId = m_keepsRecords ? answer.clusterId : "";
+    learnCluster(answer);
     assert(index < m_urls.size());
     const auto first = m_urls.begin();
     const auto answered = first + static_cast<std::ptrdiff_t>(index);

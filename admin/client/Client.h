@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -74,13 +75,16 @@ class Client {
     /// It is the same request each time. A server that knows the change by its identifier answers as it did then; one
     /// that does not carries it out now. Other locations than the first are asked only in the cluster that the change
     /// demands. It ends with a result, or with an error that every sending would get (isFinal). Any other error may be
-    /// about the second sending alone, and says nothing of the first.
+    /// about the second sending alone, and says nothing of the first. Before any answer has told whether the server
+    /// keeps records of changes, a request that changes nothing asks for one.
     std::uint32_t settle(std::size_t index, Clock::time_point end, Request& request, Answer& answer);
     /// Waits before locations are asked again: at most `longest`, which is doubled for the next pause, and always less
     /// than the time that is left. False: too little time is left, or somebody has interrupted the request.
     bool pause(Clock::time_point end, Clock::duration& longest) const;
     /// One attempt at the location of this index, with its answer read.
     Attempt tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime, Answer& answer);
+    /// What any answer tells about its server.
+    void learnCluster(const Answer& answer) { m_clusterId = answer.clusterId == nullptr ? "" : answer.clusterId; }
     /// Makes the location of this index the first to ask, and returns the status that its answer means. Traces what the
     /// text of that status does not say: the user's name when the server refused that user, and the server's own words
     /// for other refusals.
@@ -96,10 +100,9 @@ class Client {
     TlsPolicy m_tlsPolicy;
     HttpTransport m_transport;
     std::int32_t m_lastId = 0;
-    std::string m_clusterId;  // of the last answer; empty: not told
-    // A server whose answers name no cluster keeps no record of changes, as dsessd 1.0.0. Sent again, the change would
-    // be carried out twice.
-    bool m_keepsRecords = true;
+    // Of the last answer. A server whose answers name no cluster (it is empty) keeps no record of changes, as dsessd
+    // 1.0.0. Sent again, a change would be carried out twice.
+    std::optional<std::string> m_clusterId;
 };
 
 }  // namespace olmdsess

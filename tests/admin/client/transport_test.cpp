@@ -155,9 +155,13 @@ TEST(Transport, AChangeWhoseAnswerIsLostGoesToOtherLocationsOnlyOfTheSameCluster
 }
 
 TEST(Transport, AServerThatKeepsNoRecordOfChangesIsSentNoneTwice) {
-    constexpr char kOld[] = R"({"jsonrpc":"2.0","id":@ID@,"result":{"count":0,"realms":[],"key":)"
+    constexpr char kOld[] = R"({"jsonrpc":"2.0","id":@ID@,"result":{"level":1,"count":0,"realms":[],"key":)"
                             R"({"label":"k","time":1,"previousTime":0}}})";
-    FaultServers servers({"answer=" + answerFile(kOld)});
+    const std::string old = "answer=" + answerFile(kOld);
+    FaultServers servers({old, "reset=request," + old});
+    Library asking({servers.urls[1]}, 1);
+    EXPECT_EQ(asking.change(), kStatusOutcomeUnknown);
+    EXPECT_TRUE(servers.counts()[1].requests == 2 && asking.seconds < 0.5) << asking.seconds;
     Library library({servers.urls[0]}, 1);
     EXPECT_EQ(library.read(), 0U);
     answerFile("lost");
@@ -175,7 +179,8 @@ TEST(Transport, OnlyAnAnswerThatHoldsForEveryTimeEndsAChangeOfUnknownFate) {
           {"identity-refused", kStatusIdentityRefused, kStatusOutcomeUnknown, 0L},
           {"other-cluster", 0U, kStatusOutcomeUnknown, 1L}}) {
         SCOPED_TRACE(name);
-        const std::string error = R"({"jsonrpc":"2.0","id":@ID@,"error":{"code":1,"message":"m","data":{"name":")";
+        const std::string error =
+            R"({"jsonrpc":"2.0","id":@ID@,"clusterId":"c","error":{"code":1,"message":"m","data":{"name":")";
         const std::string file = "answer=" + answerFile(error + name + "\"}}}");
         FaultServers servers({file, "close=request," + file, "good"});
         Library first({servers.urls[0], servers.urls[2]}, 1);
