@@ -50,12 +50,12 @@ NewFile::NewFile(const std::string& path) : m_path(path) {
         throw std::runtime_error(path + " is not a file");
     }
     m_temporaryPath = m_path + ".XXXXXX";
+    unfinished = m_temporaryPath.c_str();  // in which the name is made
+    removeAtSignals();
     m_file.reset(::mkostemp(m_temporaryPath.data(), O_CLOEXEC));
     if (!m_file.isOpen()) {
         fail();
     }
-    unfinished = m_temporaryPath.c_str();
-    removeAtSignals();
     if (replaces && old.st_uid != ::geteuid() && ::fchown(m_file.get(), old.st_uid, old.st_gid) != 0) {
         const int error = errno;
         ::unlink(m_temporaryPath.c_str());
@@ -91,6 +91,7 @@ void NewFile::place() {
 }
 
 void NewFile::fail() const {
+    unfinished = nullptr;  // the destructor, if there will be one, removes it
     throw std::runtime_error(m_path + " cannot be written: " + std::strerror(errno));
 }
 
