@@ -14,11 +14,20 @@ constexpr int kLooksForContact = 5;
 /// Longer than the store waits for another process by itself, which is no failure.
 constexpr std::chrono::seconds kWaitAtMost{15};
 constexpr std::chrono::seconds kWaitAtMostInTheEnd{1};
+/// A store that takes longer to be read does not answer. One that is written to may wait for whoever else writes.
+constexpr std::chrono::seconds kReadsWithin{3};
+constexpr std::chrono::seconds kWritesWithin{20};
+/// More are not shown: a monitoring system keeps a record for each.
+constexpr std::size_t kMostMembers = 1000;
 
 }  // namespace
 
-Heartbeat::Heartbeat(StorePool& stores, Log& log, Membership membership)
-    : m_stores(stores), m_log(log), m_membership(std::move(membership)) {
+Heartbeat::Heartbeat(StorePool& stores, Log& log, Metrics& metrics, Membership membership, bool isMonitored)
+    : m_stores(stores),
+      m_log(log),
+      m_metrics(metrics),
+      m_membership(std::move(membership)),
+      m_isMonitored(isMonitored) {
     const StorePool::Lease store = stores.take();
     log.setLevel(store->traceLevel());
     tellOfLocalActs(*store);
@@ -26,6 +35,10 @@ Heartbeat::Heartbeat(StorePool& stores, Log& log, Membership membership)
     if (!own.member.empty() && !store->contact(own.replicaSet, {own.member, presentTime()})) {
         throw std::runtime_error("there is no replica set " + harmless(own.replicaSet) + " to be a member of");
     }
+    if (isMonitored) {
+        tellOfMembers(*store);
+    }
+    m_metrics.health.storeIs(Health::State::kOk);
     m_thread = std::thread([this] { run(); });
 }
 
@@ -57,28 +70,61 @@ void Heartbeat::beat(bool contacts, bool isLast) noexcept {
 }
 
 void Heartbeat::look(bool contacts, bool isLast) {
+    Health& health = m_metrics.health;
+    bool isLeased = false;
     try {
         const auto end = std::chrono::steady_clock::now() + (isLast ? kWaitAtMostInTheEnd : kWaitAtMost);
-        const auto store = m_stores.take(
-            [this, end, isLast] { return std::chrono::steady_clock::now() > end || (m_stopping && !isLast); });
+        health.storeAsked(kReadsWithin);
+        const auto store = m_stores.take([this, end, isLast, &isLeased] {
+            if (!isLeased) {  // to wait for a connection that somebody uses tells nothing of the store
+                m_metrics.health.storeAsked(kReadsWithin);
+            }
+            return std::chrono::steady_clock::now() > end || (m_stopping && !isLast);
+        });
+        isLeased = true;
         m_log.setLevel(store->traceLevel());
         tellOfLocalActs(*store);
-        const Membership& own = m_membership;
-        const bool known =
-            !contacts || own.member.empty() || store->contact(own.replicaSet, {own.member, presentTime()});
-        if (!known) {
-            report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
-        } else if (contacts) {
-            m_problem.clear();
+        if (m_isMonitored && contacts) {
+            tellOfMembers(*store);
+        }
+        health.storeIs(m_isReadOnly ? Health::State::kReadOnly : Health::State::kOk);
+        if (contacts) {
+            write(*store);
         }
     } catch (const Failure& failure) {
-        if (failure.reason() == Reason::kInterrupted) {
-            if (!m_stopping) {
-                report("the store does not answer");
-            }
-        } else if (failure.reason() != Reason::kBusy) {  // with a load, which ends
-            report(std::string("the store failed: ") + failure.what());
+        if (failure.reason() == Reason::kBusy) {  // with a load, which ends
+            health.storeMayRest();
+        } else if (failure.reason() == Reason::kInterrupted && m_stopping) {
+            health.storeMayRest();
+        } else {
+            health.storeIs(Health::State::kNoStore);
+            m_metrics.count(failure);
+            report(failure.reason() == Reason::kInterrupted ? "the store does not answer"
+                                                            : std::string("the store failed: ") + failure.what());
         }
+    }
+}
+
+/// Notes the last contact. A node that is no member, but monitored, only tries whether the store takes changes.
+void Heartbeat::write(Store& store) {
+    const Membership& own = m_membership;
+    try {
+        m_metrics.health.storeAsked(kWritesWithin);
+        if (!own.member.empty()) {
+            if (!store.contact(own.replicaSet, {own.member, presentTime()})) {
+                report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
+                return;
+            }
+        } else if (m_isMonitored) {
+            store.tryWriting();
+        }
+        m_isReadOnly = false;
+        m_problem.clear();
+        m_metrics.health.storeIs(Health::State::kOk);
+    } catch (const Failure& failure) {
+        // Whether it can be read at least, the next look tells.
+        m_isReadOnly = m_isReadOnly || (failure.reason() != Reason::kBusy && failure.reason() != Reason::kInterrupted);
+        throw;
     }
 }
 
@@ -93,6 +139,22 @@ void Heartbeat::tellOfLocalActs(Store& store) {
         present.insert(act.id);
     }
     m_knownActs = std::move(present);
+}
+
+void Heartbeat::tellOfMembers(Store& store) {
+    std::vector<Metrics::Contact> contacts;
+    for (const Realm& realm : store.cluster().realms) {
+        for (const std::string& set : realm.replicaSets) {
+            for (Member& member : store.members(set).value_or(std::vector<Member>())) {
+                contacts.push_back({set, std::move(member.name), member.lastContact});
+            }
+            if (contacts.size() > kMostMembers) {
+                m_metrics.setContacts({});
+                return;
+            }
+        }
+    }
+    m_metrics.setContacts(std::move(contacts));
 }
 
 void Heartbeat::report(const std::string& problem) {

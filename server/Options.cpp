@@ -57,6 +57,10 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
             "Be this member of this replica set, and say now and then that it is there")
         ->type_name("REPLICA-SET/NAME")
         ->check(CLI::Validator(checkMember, ""));
+    serve
+        .add_option("--monitor", options.monitor,
+                    "Where to answer a monitoring system, over plain HTTP: /healthz and /metrics")
+        ->type_name("HOST:PORT");
     auto* certificate =
         serve.add_option("--tls-cert", options.tls.certificate, "The server's certificate and chain (PEM)")
             ->type_name("FILE");

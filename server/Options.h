@@ -19,6 +19,8 @@ struct ServeOptions {
     std::vector<std::string> instances;
     Anonymous anonymous = Anonymous::kNone;
     Membership membership;
+    /// Where the monitoring system is answered. Empty: nowhere.
+    std::string monitor;
     std::size_t storeConnections = StorePool::kAnyNumber;
     /// Plain HTTP when the certificate is empty.
     TlsFiles tls;

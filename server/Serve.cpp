@@ -22,8 +22,10 @@
 #include "server/Commands.h"
 #include "server/Heartbeat.h"
 #include "server/http/HttpServer.h"
+#include "server/http/Monitor.h"
 #include "server/log/Log.h"
 #include "server/log/Text.h"
+#include "server/metrics/Metrics.h"
 #include "server/service/Authenticator.h"
 
 namespace dsessd {
@@ -121,13 +123,19 @@ void checkThatItTakesChanges(StorePool& stores) {
 class Node {
   public:
     /// Throws Failure.
-    Node(const ServeOptions& options, Log& log)
+    Node(const ServeOptions& options, Log& log, Metrics& metrics)
         : m_stores(
-              options.data, [&log](const std::string& line) { log.write(Topic::kNotice, harmless(line)); },
+              options.data,
+              [&log, &metrics](Store::Event event, const std::string& line) {
+                  log.write(Topic::kNotice, harmless(line));
+                  if (event == Store::Event::kMadeAnew) {
+                      metrics.storeReconnects.Increment();
+                  }
+              },
               options.storeConnections),
-          service(m_stores, m_authenticator, log, options.anonymous) {
+          service(m_stores, m_authenticator, log, metrics, options.anonymous) {
         checkThatItTakesChanges(m_stores);
-        m_beat.emplace(m_stores, log, options.membership);
+        m_beat.emplace(m_stores, log, metrics, options.membership, !options.monitor.empty());
     }
 
   private:
@@ -143,13 +151,14 @@ class Node {
 
 /// Opens the store. A database may start later than the server, so this waits for one that cannot be used yet. A file
 /// does not mend itself, so that its failure is thrown at once.
-std::unique_ptr<Node> makeNode(const ServeOptions& options, Log& log) {
+std::unique_ptr<Node> makeNode(const ServeOptions& options, Log& log, Metrics& metrics) {
     std::string said;
     Clock::time_point nextSay;
     for (;; std::this_thread::sleep_for(kTryEvery)) {
         try {
-            return std::make_unique<Node>(options, log);
+            return std::make_unique<Node>(options, log, metrics);
         } catch (const Failure& failure) {
+            metrics.count(failure);
             const bool mayPass = failure.reason() == Reason::kUnavailable || failure.reason() == Reason::kBusy;
             if (!mayPass || !Store::isDatabase(options.data)) {
                 throw;
@@ -167,8 +176,8 @@ std::unique_ptr<Node> makeNode(const ServeOptions& options, Log& log) {
 }
 
 /// Nothing has begun while a node waits for its store, so a signal ends the process at once.
-std::unique_ptr<Node> awaitNode(const ServeOptions& options, Log& log, int signals) {
-    auto node = std::async(std::launch::async, makeNode, std::cref(options), std::ref(log));
+std::unique_ptr<Node> awaitNode(const ServeOptions& options, Log& log, Metrics& metrics, int signals) {
+    auto node = std::async(std::launch::async, makeNode, std::cref(options), std::ref(log), std::ref(metrics));
     while (node.wait_for(kLookEvery) != std::future_status::ready) {
         signalfd_siginfo signal{};
         if (::read(signals, &signal, sizeof signal) == sizeof signal && signal.ssi_signo != SIGHUP) {
@@ -210,11 +219,18 @@ int serve(const ServeOptions& options) {
     limits.connections = std::min(limits.connections, (allowManyDescriptors() - kOtherDescriptors) / 2);
     Log log(STDERR_FILENO);
     LastResort lastResort(log);
-    const auto tls = options.tls.certificate.empty() ? nullptr : std::make_unique<TlsInForce>(options.tls, log);
+    Metrics metrics(log);
+    std::optional<Monitor> monitor;
+    if (!options.monitor.empty()) {
+        monitor.emplace(Listener(options.monitor), metrics, log);
+        log.write(Topic::kNotice, "monitored at http://" + monitor->address() + "/healthz and /metrics");
+    }
+    const auto tls =
+        options.tls.certificate.empty() ? nullptr : std::make_unique<TlsInForce>(options.tls, log, metrics);
     // Nothing listens while the node waits for its store: clients are refused and try another node at once.
     Listener listener(options.listen);
-    const std::unique_ptr<Node> node = awaitNode(options, log, signals.get());
-    HttpServer server(node->service, log, options.instances, tls.get(), limits);
+    const std::unique_ptr<Node> node = awaitNode(options, log, metrics, signals.get());
+    HttpServer server(node->service, log, metrics, options.instances, tls.get(), limits);
     const auto sayReady = [&, ready = readyLine(options, listener)] {
         const std::string text = ready.substr(ready.find("listening"));
         log.write(Topic::kNotice, text);
@@ -223,6 +239,7 @@ int serve(const ServeOptions& options) {
     };
     const auto sayStopping = [&] {
         lastResort.startClock();
+        metrics.health.stop();
         sd_notify(0, "STOPPING=1\nSTATUS=finishing the requests in progress");
     };
     listener.open();

@@ -133,9 +133,12 @@ HttpConnection::HttpConnection(HttpSetting& setting, Context& context, QelFileDe
         m_tlsContext = m_setting.tls->get();
         m_tls.emplace(m_socket, m_tlsContext->makeConnection(m_certificateProblem).release());
     }
+    m_setting.metrics.acceptedConnections.Increment();
+    m_setting.metrics.connections.Increment();
 }
 
 HttpConnection::~HttpConnection() {
+    m_setting.metrics.connections.Decrement();
     OPENSSL_cleanse(m_buffer.data(), m_buffer.size());
 }
 
@@ -180,6 +183,7 @@ HttpConnection::Awaitable<bool> HttpConnection::shakeHands() {
     if (m_ended && !isLate) {
         co_return false;
     }
+    m_setting.metrics.failedHandshakes.Increment();
     if (const Repeats::Reaction reaction = m_setting.failedHandshakes.count(m_peer.host); reaction.say) {
         const bool isOfTls = error.category() == net::error::get_ssl_category();
         const std::string why = isLate ? "it took too long"
@@ -294,6 +298,7 @@ HttpConnection::Awaitable<void> HttpConnection::sendRest(Spool& rest, bool chunk
 }
 
 HttpConnection::Awaitable<void> HttpConnection::refuse(int status) {
+    m_setting.metrics.httpRefusals(status).Increment();
     m_close = true;
     beginWriting();
     const std::string head = headOf(status, 0, false);

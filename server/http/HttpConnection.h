@@ -21,6 +21,7 @@
 #include "server/http/HttpLimits.h"
 #include "server/http/TlsInForce.h"
 #include "server/log/Log.h"
+#include "server/metrics/Metrics.h"
 #include "server/scheduling/Lanes.h"
 #include "server/service/Repeats.h"
 
@@ -32,6 +33,7 @@ class HttpRequest;
 struct HttpSetting {
     Lanes& lanes;
     Log& log;
+    Metrics& metrics;
     const HttpLimits limits;
     /// What may be posted to.
     std::vector<std::string> paths;

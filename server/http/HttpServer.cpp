@@ -83,6 +83,9 @@ class Loop {
             [this, place](HttpConnection& ended) { m_connections.erase(ended.shared_from_this()); });
         const bool stopping = m_setting.stop.load() != Clock::time_point::max();
         const bool refused = stopping || (m_connections.size() >= m_most && !makeRoomFor(*connection));
+        if (refused && !stopping) {
+            m_setting.metrics.refusedConnections.Increment();
+        }
         if (refused && !stopping && Clock::now() > m_saidBusy + kSayBusyEvery) {
             m_saidBusy = Clock::now();
             m_setting.log.write(Topic::kFailure,
@@ -188,10 +191,11 @@ std::vector<std::string> pathsOf(const std::vector<std::string>& instances) {
 class HttpServer::Running {
   public:
     Running(HttpServer& server, Listener listener, int signals)
-        : m_setting{m_lanes, server.m_log, server.m_limits, server.m_paths, server.m_tls},
+        : m_setting{m_lanes, server.m_log, server.m_metrics, server.m_limits, server.m_paths, server.m_tls},
           m_signals(signals),
           m_listener(std::move(listener)),
-          m_lanes(server.m_service, server.m_log) {
+          m_lanes(server.m_service, server.m_log, server.m_metrics) {
+        server.m_metrics.mostConnections.Set(static_cast<double>(server.m_limits.connections));
         const std::size_t threads = std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
         for (std::size_t i = 0; i < threads; ++i) {
             m_loops.push_back(std::make_unique<Loop>(m_setting, server.m_limits.connections / threads));
@@ -292,9 +296,9 @@ class HttpServer::Running {
     Lanes m_lanes;  // goes first, since its threads post to the loops
 };
 
-HttpServer::HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, TlsInForce* tls,
-                       const HttpLimits& limits)
-    : m_service(service), m_log(log), m_paths(pathsOf(instances)), m_tls(tls), m_limits(limits) {}
+HttpServer::HttpServer(Service& service, Log& log, Metrics& metrics, const std::vector<std::string>& instances,
+                       TlsInForce* tls, const HttpLimits& limits)
+    : m_service(service), m_log(log), m_metrics(metrics), m_paths(pathsOf(instances)), m_tls(tls), m_limits(limits) {}
 
 HttpServer::~HttpServer() = default;
 

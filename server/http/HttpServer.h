@@ -10,6 +10,7 @@
 #include "server/http/Listener.h"
 #include "server/http/TlsInForce.h"
 #include "server/log/Log.h"
+#include "server/metrics/Metrics.h"
 #include "server/service/Service.h"
 
 namespace dsessd {
@@ -18,7 +19,7 @@ namespace dsessd {
 class HttpServer {
   public:
     /// `tls`: null for plain HTTP. All that is referred to must outlive the server.
-    HttpServer(Service& service, Log& log, const std::vector<std::string>& instances, TlsInForce* tls,
+    HttpServer(Service& service, Log& log, Metrics& metrics, const std::vector<std::string>& instances, TlsInForce* tls,
                const HttpLimits& limits);
     ~HttpServer();
 
@@ -33,6 +34,7 @@ class HttpServer {
     class Running;
     Service& m_service;
     Log& m_log;
+    Metrics& m_metrics;
     std::vector<std::string> m_paths;
     TlsInForce* const m_tls;
     const HttpLimits m_limits;

@@ -31,7 +31,7 @@ HostAndPort split(std::string_view text) {
     const auto parsed = std::from_chars(port.data(), port.data() + port.size(), number);
     const bool isNumber = !port.empty() && parsed.ec == std::errc() && parsed.ptr == port.data() + port.size();
     if (!isNumber || host.empty() || (!bracketed && host.find(':') != std::string_view::npos)) {
-        throw std::runtime_error("--listen takes HOST:PORT, such as 127.0.0.1:8080 or [::1]:8080, not " +
+        throw std::runtime_error("an address to listen on is HOST:PORT, such as 127.0.0.1:8080 or [::1]:8080, not " +
                                  std::string(text));
     }
     return {std::string(host), std::string(port)};

@@ -225,8 +225,8 @@ void TlsContext::askForCertificates(const TlsFiles& files) {
         for (const ListPtr& list : readAll<ListPtr>(kList, file, PEM_read_bio_X509_CRL)) {
             require(X509_STORE_add_crl(trusted, list.get()) == 1, kList, file);
             const std::time_t end = timeOf(X509_CRL_get0_nextUpdate(list.get()));
-            m_endings.push_back(
-                {"the revocation list of " + nameText(X509_CRL_get_issuer(list.get())) + " in " + file, end, end});
+            m_endings.push_back({"the revocation list of " + nameText(X509_CRL_get_issuer(list.get())) + " in " + file,
+                                 file, end, end});
         }
         require(X509_STORE_set_flags(trusted, X509_V_FLAG_CRL_CHECK | X509_V_FLAG_CRL_CHECK_ALL) == 1, kList, file);
     }
@@ -242,7 +242,7 @@ void TlsContext::askForCertificates(const TlsFiles& files) {
 
 void TlsContext::watch(const X509* certificate, const std::string& file) {
     const std::time_t end = timeOf(X509_get0_notAfter(certificate));
-    m_endings.push_back({"the certificate " + subjectText(certificate) + " in " + file, end, end - kWarnBefore});
+    m_endings.push_back({"the certificate " + subjectText(certificate) + " in " + file, file, end, end - kWarnBefore});
 }
 
 ConnectionPtr TlsContext::makeConnection(std::string& problem) const {

@@ -47,6 +47,7 @@ class TlsContext {
     /// When a certificate or a revocation list ends.
     struct Ending {
         std::string what;
+        std::string file;
         std::time_t time;
         /// The log mentions it from this time on.
         std::time_t warnFrom;

@@ -1,6 +1,8 @@
 #include "server/http/TlsInForce.h"
 
+#include <algorithm>
 #include <exception>
+#include <map>
 #include <utility>
 
 #include "runtime/QelTimeText.h"
@@ -8,8 +10,23 @@
 
 namespace dsessd {
 
-TlsInForce::TlsInForce(TlsFiles files, Log& log)
-    : m_files(std::move(files)), m_log(log), m_context(std::make_shared<TlsContext>(m_files)) {}
+TlsInForce::TlsInForce(TlsFiles files, Log& log, Metrics& metrics)
+    : m_files(std::move(files)), m_log(log), m_metrics(metrics), m_context(std::make_shared<TlsContext>(m_files)) {
+    tellMetrics();
+}
+
+void TlsInForce::tellMetrics() {
+    std::map<std::string, std::time_t> first;
+    for (const TlsContext::Ending& ending : get()->endings()) {
+        const auto [known, isNew] = first.emplace(ending.file, ending.time);
+        known->second = std::min(known->second, ending.time);
+    }
+    std::vector<Metrics::Ending> endings;
+    for (const auto& [file, time] : first) {
+        endings.push_back({harmless(file, 1024), time});
+    }
+    m_metrics.setEndings(std::move(endings));
+}
 
 std::shared_ptr<const TlsContext> TlsInForce::get() const {
     const MutexLock lock(m_mutex);
@@ -23,6 +40,7 @@ void TlsInForce::reload() {
             const MutexLock lock(m_mutex);
             m_context.swap(context);
         }
+        tellMetrics();
         m_log.write(Topic::kNotice, "the certificates were read anew; new connections use them");
         m_sayAgain = Clock::time_point::min();
         tick();

@@ -7,14 +7,15 @@
 #include "runtime/ThreadAnnotations.h"
 #include "server/http/Tls.h"
 #include "server/log/Log.h"
+#include "server/metrics/Metrics.h"
 
 namespace dsessd {
 
-/// The log must outlive it.
+/// The log and the metrics must outlive it.
 class TlsInForce {
   public:
     /// Throws std::runtime_error with one line that names the file at fault.
-    TlsInForce(TlsFiles files, Log& log);
+    TlsInForce(TlsFiles files, Log& log, Metrics& metrics);
 
     /// Safe to call from any thread, also while another one reloads.
     std::shared_ptr<const TlsContext> get() const;
@@ -24,10 +25,13 @@ class TlsInForce {
     void tick();
 
   private:
+    void tellMetrics();
+
     using Clock = std::chrono::steady_clock;
 
     const TlsFiles m_files;
     Log& m_log;
+    Metrics& m_metrics;
     mutable Mutex m_mutex;
     std::shared_ptr<const TlsContext> m_context GUARDED_BY(m_mutex);
     /// The next time that the log mentions what ends. Used only by the thread that calls tick() and reload().

@@ -96,6 +96,7 @@ class Log::Queue {
         MutexLock lock(m_mutex);
         if (m_pending.size() + line.size() > kQueueBytes) {
             ++m_dropped;
+            ++m_droppedSoFar;
             return;
         }
         m_pending += line;
@@ -115,7 +116,9 @@ class Log::Queue {
             const std::uint64_t taken = m_added;
             const std::uint64_t dropped = std::exchange(m_dropped, 0);
             lock.unlock();
-            const std::uint64_t lost = writeLines() + (dropped == 0 || tellDropped(dropped) ? 0 : dropped);
+            const std::uint64_t unwritten = writeLines();
+            m_droppedSoFar += unwritten;
+            const std::uint64_t lost = unwritten + (dropped == 0 || tellDropped(dropped) ? 0 : dropped);
             lock.lock();
             m_written = taken;
             m_dropped += lost;
@@ -127,6 +130,8 @@ class Log::Queue {
             m_changed.notify_all();
         }
     }
+
+    std::uint64_t dropped() const { return m_droppedSoFar; }
 
     /// False: lines do not flow, and the thread may never come back.
     bool end() {
@@ -165,7 +170,9 @@ class Log::Queue {
     std::string m_writing;
     std::uint64_t m_added GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_written GUARDED_BY(m_mutex) = 0;
+    /// Those that no line has told of yet.
     std::uint64_t m_dropped GUARDED_BY(m_mutex) = 0;
+    std::atomic<std::uint64_t> m_droppedSoFar = 0;
     bool m_flows GUARDED_BY(m_mutex) = true;
     bool m_ended GUARDED_BY(m_mutex) = false;
     bool m_done GUARDED_BY(m_mutex) = false;
@@ -179,6 +186,10 @@ Log::~Log() {
     } else {
         m_thread.detach();
     }
+}
+
+std::uint64_t Log::dropped() const {
+    return m_queue->dropped();
 }
 
 bool Log::wants(Topic topic) const {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <exception>
 #include <memory>
 #include <string_view>
@@ -35,6 +36,8 @@ class Log {
     Log& operator=(const Log&) = delete;
 
     void setLevel(int level) { m_level = level; }
+    /// How many lines were dropped so far.
+    std::uint64_t dropped() const;
     bool wants(Topic topic) const;
     /// `text` is one line: callers pass what came from outside through harmless() first.
     void write(Topic topic, std::string_view text);

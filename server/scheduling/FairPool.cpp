@@ -57,6 +57,15 @@ FairPool::Task FairPool::takeBack(Clock::time_point before) {
     return {};
 }
 
+FairPool::Load FairPool::load() {
+    const MutexLock lock(m_mutex);
+    Load load{0, m_working};
+    for (const Line& line : m_lines) {
+        load.waiting += line.tasks.size();
+    }
+    return load;
+}
+
 bool FairPool::turns(Clock::duration within) {
     const MutexLock lock(m_mutex);
     return m_working < m_threads.size() || m_working == 0 || Clock::now() - m_turned < within;

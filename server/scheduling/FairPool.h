@@ -36,6 +36,12 @@ class FairPool {
     /// Takes back a task that has waited since before a moment. Empty: there is none.
     Task takeBack(Clock::time_point before);
 
+    struct Load {
+        std::size_t waiting = 0;  ///< tasks that have not begun
+        std::size_t working = 0;  ///< threads that are at work
+    };
+    Load load();
+
     /// Whether the pool still works: false when all its threads have been busy for longer than `within` and none has
     /// begun or ended a task in that time.
     bool turns(Clock::duration within);

@@ -5,7 +5,9 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <vector>
 
+#include "server/metrics/Metrics.h"
 #include "server/scheduling/FairPool.h"
 #include "server/scheduling/Spool.h"
 #include "server/service/Service.h"
@@ -31,8 +33,8 @@ class Lanes {
         std::atomic<bool> m_done = false;
     };
 
-    /// Starts the threads of all lanes. Keeps references to the service and the log.
-    Lanes(Service& service, Log& log);
+    /// Starts the threads of all lanes. Keeps references to all three.
+    Lanes(Service& service, Log& log, Metrics& metrics);
     ~Lanes();
     Lanes(const Lanes&) = delete;
     Lanes& operator=(const Lanes&) = delete;
@@ -43,7 +45,8 @@ class Lanes {
     std::shared_ptr<Job> submit(SecretBuffer request, const Peer& peer, std::shared_ptr<RequestDeadlines> deadlines,
                                 std::function<void()> wake);
 
-    /// To be called every now and then: tells those who have waited too long for their turn.
+    /// To be called every now and then: tells those who have waited too long for their turn, and the metrics how many
+    /// wait.
     void tick();
     /// False: a lane hangs, since all its threads have been at work for twice as long as a step may take.
     bool turn();
@@ -60,6 +63,12 @@ class Lanes {
     /// What was to be done at once took too long: until then nothing is.
     std::atomic<Clock::time_point> m_notAtOnceUntil;
     std::deque<FairPool> m_pools;
+    struct Gauges {
+        prometheus::Gauge& waiting;
+        prometheus::Gauge& busyThreads;
+    };
+    /// In the order of the lanes, as the pools.
+    std::vector<Gauges> m_gauges;
 };
 
 }  // namespace dsessd

@@ -19,6 +19,8 @@ enum class Lane {
 
 /// A lane has threads of its own, so that no kind of work waits for a slower one.
 struct LaneRule {
+    /// As metrics call it.
+    const char* name;
     /// How many steps are done at a time, and how many of them for one host. Hosts take turns.
     unsigned threads;
     unsigned mostForOne;
@@ -30,12 +32,12 @@ struct LaneRule {
 
 /// A row for each lane, in the order of the enumeration. A change may be one of a million sessions.
 inline constexpr std::array<LaneRule, 6> kLanes{{
-    {0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20)},
-    {8, 8, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {1, 1, std::chrono::seconds(10), std::chrono::minutes(15)},
+    {"at-once", 0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20)},
+    {"quick", 8, 8, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"login", 2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"anonymous-listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"change", 1, 1, std::chrono::seconds(10), std::chrono::minutes(15)},
 }};
 
 constexpr const LaneRule& ruleOf(Lane lane) {

@@ -140,6 +140,10 @@ constexpr Method kMethods[] = {
 
 }  // namespace
 
+std::span<const Method> allMethods() {
+    return kMethods;
+}
+
 const Method* findMethod(std::string_view name) {
     for (const Method& method : kMethods) {
         if (name == method.name) {

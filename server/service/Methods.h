@@ -39,6 +39,7 @@ struct Method {
     bool changes() const { return lane == Lane::kChange; }
 };
 
+std::span<const Method> allMethods();
 /// Null: there is no such method.
 const Method* findMethod(std::string_view name);
 

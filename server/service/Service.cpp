@@ -34,10 +34,12 @@ std::string millisecondsSince(Call::Clock::time_point start) {
 
 }  // namespace
 
-Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous)
+Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Metrics& metrics, Anonymous anonymous)
     : m_stores(stores),
       m_authenticator(authenticator),
       m_log(log),
+      m_metrics(metrics),
+      m_counts(metrics),
       m_anonymous(anonymous),
       m_clusterId(stores.take()->clusterId()) {}
 
@@ -63,6 +65,7 @@ Lane Service::advance(Call& call, Lane lane) {
         refuse(call, Failure(Reason::kNotNow, failure.what()));
     }
     if (next == Lane::kDone) {
+        m_counts.add(call.request.method(), call.answer.outcome, Call::Clock::now() - call.start);
         logRequest(call);
     }
     call.queued = Call::Clock::now();
@@ -111,6 +114,7 @@ bool Service::identify(Call& call, Store& store, Lane lane) {
         case Authenticator::Outcome::kRefused:
             refuseIdentity(call);
         case Authenticator::Outcome::kVerified:
+            m_metrics.verifiedLogins.Increment();
             m_log.write(Topic::kAudit, "login of " + call.caller.description());
             break;
         case Authenticator::Outcome::kRemembered:
@@ -121,6 +125,7 @@ bool Service::identify(Call& call, Store& store, Lane lane) {
 }
 
 void Service::refuseIdentity(Call& call) {
+    m_metrics.refusedLogins.Increment();
     const Repeats::Reaction reaction = m_guesses.count(call.caller.peer.host);
     call.answer.delay = reaction.delay;
     if (reaction.say) {
@@ -187,6 +192,7 @@ void Service::change(Call& call, Store& store) {
 }
 
 void Service::refuse(Call& call, const Failure& failure) {
+    m_metrics.count(failure);
     if (isForTheLog(failure.reason())) {
         const bool isOfStore = failure.reason() != Reason::kNotNow;
         const std::string text =

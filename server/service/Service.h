@@ -6,12 +6,14 @@
 #include <utility>
 
 #include "server/log/Log.h"
+#include "server/metrics/Metrics.h"
 #include "server/service/Answer.h"
 #include "server/service/Authenticator.h"
 #include "server/service/Caller.h"
 #include "server/service/Lane.h"
 #include "server/service/Repeats.h"
 #include "server/service/Request.h"
+#include "server/service/RequestCounts.h"
 #include "server/service/RequestDeadlines.h"
 #include "server/store/Store.h"
 
@@ -41,8 +43,8 @@ struct Call {
 /// a time.
 class Service {
   public:
-    /// Keeps references to all three.
-    Service(StorePool& stores, Authenticator& authenticator, Log& log, Anonymous anonymous);
+    /// Keeps references to all but the last.
+    Service(StorePool& stores, Authenticator& authenticator, Log& log, Metrics& metrics, Anonymous anonymous);
 
     /// Does the step of this lane, any but Lane::kDone, and gives the lane of the next; Lane::kDone: the answer is
     /// there. What fails is logged and answered. Throws when memory is exhausted while a change may have been made.
@@ -63,6 +65,8 @@ class Service {
     StorePool& m_stores;
     Authenticator& m_authenticator;
     Log& m_log;
+    Metrics& m_metrics;
+    RequestCounts m_counts;
     const Anonymous m_anonymous;
     const std::string m_clusterId;
     /// Wrong passwords by host, and failures by what they are.

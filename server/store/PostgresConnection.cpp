@@ -168,7 +168,7 @@ void PostgresConnection::takeNotice(void* self, const PGresult* notice) {
         connection.m_isWarned = connection.m_isWarned || warns;
         const std::string detail = field(PG_DIAG_MESSAGE_DETAIL);
         const std::string text = field(PG_DIAG_MESSAGE_PRIMARY) + (detail.empty() ? "" : "; " + detail);
-        connection.m_say("the database says: " + text);
+        connection.m_say(Store::Event::kNotice, "the database says: " + text);
         if (warns) {
             connection.m_warning = text;
         }

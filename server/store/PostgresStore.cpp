@@ -718,7 +718,7 @@ class PostgresStore final : public Store {
                 if (!m_connection.isOpen()) {
                     reconnected = true;
                     connect(IfMissing::kFail);
-                    m_say("connected to the database at " + m_connection.place() + " again");
+                    m_say(Event::kMadeAnew, "connected to the database at " + m_connection.place() + " again");
                 }
                 return action();
             } catch (const PostgresLost& lost) {
@@ -729,7 +729,7 @@ class PostgresStore final : public Store {
                 if (reconnected || isLate) {
                     throw;
                 }
-                m_say(std::string("connection lost: ") + lost.what());
+                m_say(Event::kLost, std::string("connection lost: ") + lost.what());
             } catch (const PostgresConflict& conflict) {
                 if (attempt == kTries) {
                     throw Failure(Reason::kBusy, conflict.what());

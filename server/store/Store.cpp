@@ -24,7 +24,7 @@ constexpr std::chrono::minutes kKeepIdle{1};
 constexpr std::chrono::seconds kWaitAtMost{10};
 constexpr std::chrono::milliseconds kBetweenQuestions{10};
 
-void toStandardError(const std::string& line) {
+void toStandardError(Store::Event, const std::string& line) {
     std::cerr << line + '\n';
 }
 

@@ -119,8 +119,10 @@ class Store {
   public:
     /// What open() does when there is no such file, or no cluster in the database.
     enum class IfMissing { kFail, kCreate };
-    /// Takes one line for people about what happens to a connection. Called by the thread that uses the store.
-    using Say = std::function<void(const std::string& line)>;
+    /// What happens to a connection.
+    enum class Event { kLost, kMadeAnew, kNotice };
+    /// Takes such an event with one line for people about it. Called by the thread that uses the store.
+    using Say = std::function<void(Event event, const std::string& line)>;
     /// `data`: the path of a file, or a URI that begins with `postgresql://` or `postgres://`. `say` empty: standard
     /// error takes the lines.
     static std::unique_ptr<Store> open(const std::string& data, IfMissing ifMissing, Say say = {});

@@ -24,7 +24,8 @@ struct Server {
     dsessd::StorePool pool{path};
     dsessd::Authenticator authenticator;
     dsessd::Log log{open("/dev/null", O_WRONLY)};
-    dsessd::Service service{pool, authenticator, log, dsessd::Anonymous::kRead};
+    dsessd::Metrics metrics{log};
+    dsessd::Service service{pool, authenticator, log, metrics, dsessd::Anonymous::kRead};
 
     Server() {
         std::istringstream cluster(R"({"keys":[{"label":"k","time":9}],"realms":[{"name":"east","replicaSets":[)"

@@ -41,7 +41,7 @@ struct HttpServing : testing::Test {
         listener.open();
         port = static_cast<std::uint16_t>(std::stoi(listener.address().substr(10)));
         thread = std::thread([this, limits, moved = std::move(listener)]() mutable {
-            HttpServer(service, log, {"blue"}, nullptr, limits)
+            HttpServer(service, log, metrics, {"blue"}, nullptr, limits)
                 .run(
                     std::move(moved), stop[0], [] {}, [] {}, [] {});
         });
@@ -74,7 +74,8 @@ struct HttpServing : testing::Test {
     StorePool stores{folder / "cluster.db"};
     Authenticator authenticator;
     Log log{STDERR_FILENO};
-    Service service{stores, authenticator, log, Anonymous::kRead};
+    Metrics metrics{log};
+    Service service{stores, authenticator, log, metrics, Anonymous::kRead};
     std::array<int, 2> stop{-1, -1};
     std::uint16_t port = 0;
     std::thread thread;

@@ -46,7 +46,7 @@ class Serving(unittest.TestCase):
                     database.execute(change)
             for listen, data, problem in [
                 (f"127.0.0.1:{server.port}", None, "cannot listen on .*: Address already in use"),
-                *((listen, None, "--listen takes") for listen in ("127.0.0.1", "::1:80", "[::1]:99999", "[::1]:8x")),
+                *((listen, None, "an address to listen on is") for listen in ("127.0.0.1", "::1:80", "[::1]:99999", "[::1]:8x")),
                 ("no.such.host.invalid:80", None, "no address for no.such.host.invalid"),
                 *(("127.0.0.1:0", name, "is not a data file of dsessd") for name in ("text", "foreign")),
                 ("127.0.0.1:0", "newer", "has schema version 9"),
