@@ -106,7 +106,7 @@ class Monitor::Peer {
     /// Empty: there is no whole head yet.
     std::string answer(const Metrics& metrics) const {
         http::request_parser<http::empty_body> parser;
-        parser.header_limit(kMaxHeadBytes);
+        parser.header_limit(kMaxHeadBytes + 1);  // so that it does not say what is too long
         boost::beast::error_code error;
         parser.put(boost::asio::buffer(m_head.data(), m_bytes), error);
         if (parser.is_header_done()) {

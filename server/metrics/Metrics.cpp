@@ -2,6 +2,7 @@
 
 #include <prometheus/text_serializer.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -170,7 +171,7 @@ std::string Metrics::text() const {
     {
         const MutexLock lock(m_mutex);
         for (const Contact& contact : m_contacts) {
-            contacts.metric.push_back(sample({{"replica_set", contact.replicaSet}, {"member", contact.member}},
+            contacts.metric.push_back(sample({{"member", contact.member}, {"replica_set", contact.replicaSet}},
                                              now - static_cast<double>(contact.time)));
         }
         for (const Ending& ending : m_endings) {
@@ -179,6 +180,10 @@ std::string Metrics::text() const {
     }
     families.push_back(std::move(contacts));
     families.push_back(std::move(endings));
+    for (MetricFamily& one : families) {  // for people: the registry has them in no order
+        std::sort(one.metric.begin(), one.metric.end(),
+                  [](const ClientMetric& left, const ClientMetric& right) { return left.label < right.label; });
+    }
     return prometheus::TextSerializer().Serialize(families);
 }
 

@@ -112,9 +112,13 @@ struct Connection {
 /// takes the lock when it begins: a reader that begins to write fails if another has written meanwhile.
 class Transaction {
   public:
-    enum class Kind { kRead, kWrite };
-    Transaction(Connection& connection, Kind kind) : m_connection(connection), m_open(!isInside()) {
-        if (m_open && kind == Kind::kWrite) {
+    enum class Kind {
+        kRead,
+        kWrite,
+        kTrial,  ///< writes what is there already
+    };
+    Transaction(Connection& connection, Kind kind) : m_connection(connection), m_kind(kind), m_open(!isInside()) {
+        if (m_open && kind != Kind::kRead) {
             connection.files->check(connection.database.getHandle());
             execute(connection.database, "BEGIN IMMEDIATE");
         } else if (m_open) {
@@ -128,7 +132,7 @@ class Transaction {
             m_connection.database.tryExec("ROLLBACK");
         }
     }
-    /// Throws Reason::kUncertain too.
+    /// Throws Reason::kUncertain too; a trial Reason::kUnavailable in its place.
     void commit() {
         if (!m_open) {
             return;
@@ -140,12 +144,15 @@ class Transaction {
         } catch (const std::exception& error) {
             // If SQLite still has the transaction open, COMMIT wrote nothing. If the disk was full, the last page is
             // missing, and SQLite ignores the others. After any other failure the whole transaction may be in the
-            // write-ahead log and come back after a crash.
+            // write-ahead log and come back after a crash. Nobody would see it of a trial.
             const int code = sqlite3_errcode(m_connection.database.getHandle()) & 0xFF;
             if (m_open && (isInside() || code == SQLITE_FULL)) {
                 throw;
             }
             m_connection.isSound = false;
+            if (m_kind == Kind::kTrial) {
+                throw Failure(Reason::kUnavailable, error.what());
+            }
             m_connection.files->doubt();
             throw Failure(Reason::kUncertain,
                           std::string("it is not known whether the change was made: ") + error.what());
@@ -156,6 +163,7 @@ class Transaction {
     bool isInside() const { return sqlite3_get_autocommit(m_connection.database.getHandle()) == 0; }
 
     Connection& m_connection;
+    const Kind m_kind;
     /// Whether this object began the transaction, and so ends it.
     bool m_open;
 };

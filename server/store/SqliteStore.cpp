@@ -298,17 +298,14 @@ class SqliteStore final : public Store {
         try {
             tryWriting();
         } catch (const Failure& failure) {
-            if (failure.reason() != Reason::kUncertain) {
-                throw;
-            }
-            throw Failure(Reason::kUnavailable,
+            throw Failure(failure.reason(),
                           std::string("a change before has failed, and so does another one: ") + failure.what());
         }
     }
 
     void tryWriting() override {
         const std::uint64_t doubts = m_connection.files->doubts();
-        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Transaction transaction(m_connection, Transaction::Kind::kTrial);
         setVersion(m_database);
         transaction.commit();
         m_connection.files->settle(doubts);
