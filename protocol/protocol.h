@@ -102,7 +102,5 @@ inline constexpr int kServiceError = -32000;
 
 /// A server reads no request longer than this.
 inline constexpr std::size_t kMaxRequestBytes = std::size_t{64} * 1024;
-/// A client reads no answer longer than this.
-inline constexpr std::size_t kMaxAnswerBytes = std::size_t{256} * 1024 * 1024;
 
 }  // namespace protocol

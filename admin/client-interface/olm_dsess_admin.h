@@ -96,6 +96,8 @@
 #define OLM_DSESS_ADMIN_STATUS_INTERRUPTED UINT32_C(0x38C54023)
 /** The system gave no random bytes to name a change by; nothing was sent. */
 #define OLM_DSESS_ADMIN_STATUS_NO_CHANGE_ID UINT32_C(0x38C54024)
+/** There are more sessions than the library keeps of a listing; the library traces the numbers at level 0. */
+#define OLM_DSESS_ADMIN_STATUS_LISTING_TOO_LONG UINT32_C(0x38C54025)
 
 /** The texts that name a selector: sessions by their user, and by their identifier. Never translated. */
 #define OLM_DSESS_ADMIN_USER_SELECTOR1 "user"
@@ -266,7 +268,8 @@ OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_generate_new_key(void* handle, cons
 /**
  * Lists sessions (release: OLM_DSESS_ADMIN_FREE_SESSIONS unless the array is null).
  *
- * max: the most records wanted, -1 for all.
+ * max: the most records wanted, -1 for all. What is kept is limited, in this library to 2 GiB or half of the machine's
+ * memory, whichever is less: OLM_DSESS_ADMIN_STATUS_LISTING_TOO_LONG. A session takes 26 bytes and its texts.
  * total: receives how many sessions match; count: how many of them the array holds.
  */
 OLM_DSESS_ADMIN_API uint32_t olm_dsess_admin_list_sessions(void* handle, const olm_dsess_admin_sec_info_t* sec_info,

@@ -155,6 +155,10 @@ std::uint32_t Client::tryLocations(Request& request, Answer& answer) {
             if (attempt.status == kStatusInterrupted) {
                 return kStatusInterrupted;
             }
+            if (attempt.status == kStatusListingTooLong) {  // it is as long elsewhere
+                showCauses(request);
+                return kStatusListingTooLong;
+            }
         }
     } while (request.wasBusy && pause(end, longest));
     if (interruption::isOn()) {

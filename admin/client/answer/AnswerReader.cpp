@@ -1,5 +1,7 @@
 #include "admin/client/answer/AnswerReader.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <boost/json/basic_parser_impl.hpp>
 #include <cassert>
@@ -22,6 +24,17 @@ using boost::json::error_code;
 /// Deeper than any answer with fields that this client does not know is likely to be.
 constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxClusterIdBytes = 64;
+constexpr std::size_t kMostKeptBytes = std::size_t{2} << 30;
+/// What of an answer may be passed over, beside so many times what is kept of it. A session takes less even where each
+/// character of its texts is escaped.
+constexpr std::uint64_t kPassedOver = std::uint64_t{256} << 20;
+constexpr std::uint64_t kPassedOverPerKept = 8;
+
+Failure listingTooLong(const std::string& what, std::size_t mostKept) {
+    return {kStatusListingTooLong, what + ", and there is room for " +
+                                       std::to_string(mostKept / AnswerReader::kSessionBytes) + " in " +
+                                       std::to_string(mostKept >> 20) + " MiB"};
+}
 
 // How an answer is taken apart. The parser reports each brace, name and value to AnswerHandler while the bytes come,
 // and tables say which fields an object has and where each value goes. Of
@@ -110,8 +123,8 @@ class AnswerHandler {
   public:
     static constexpr std::size_t max_array_size = -1, max_object_size = -1, max_string_size = -1, max_key_size = -1;
 
-    AnswerHandler(AnswerShape shape, std::int32_t requestId, Answer& answer)
-        : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_answer(answer) {}
+    AnswerHandler(AnswerShape shape, std::int32_t requestId, std::size_t mostKept, Answer& answer)
+        : m_result(static_cast<Scope>(shape)), m_requestId(requestId), m_mostKept(mostKept), m_answer(answer) {}
 
     bool on_document_begin(error_code&) { return true; }
     bool on_document_end(error_code&) { return true; }
@@ -132,6 +145,9 @@ class AnswerHandler {
     bool on_array_begin(error_code&) {
         if (const auto* wanted = expected<const Field*>()) {
             m_expected = *wanted;
+            if (m_expected == &kSessionItem) {
+                limitCount();
+            }
             open({m_expected, kResult, 0, {}});
         } else {
             ++m_skipped;
@@ -248,6 +264,14 @@ class AnswerHandler {
         return true;
     }
 
+    /// Of a list of sessions that begins; the count may stand behind it.
+    void limitCount() const {
+        const auto count = static_cast<std::size_t>(std::max(m_values.count, 0));
+        if (count > m_mostKept / AnswerReader::kSessionBytes) {
+            throw listingTooLong("the listing has " + std::to_string(count) + " sessions", m_mostKept);
+        }
+    }
+
     void open(const Frame& frame) {
         assert(m_open + 1 < std::end(m_frames));
         *++m_open = frame;
@@ -337,6 +361,7 @@ class AnswerHandler {
 
     const Scope m_result;
     const std::int32_t m_requestId;
+    const std::size_t m_mostKept;
     Answer& m_answer;
     bool m_hasResult = false;
     const Field* m_expected = &kAnswer;  // where the parse stands; null: anything, to be passed over
@@ -354,16 +379,39 @@ struct AnswerReader::Parser : boost::json::basic_parser<AnswerHandler> {
     using basic_parser::basic_parser;
 };
 
-AnswerReader::AnswerReader(AnswerShape shape, std::int32_t requestId) {
+std::size_t mostKeptBytes() {
+    const auto pages = static_cast<std::uint64_t>(std::max(sysconf(_SC_PHYS_PAGES), 0L));
+    const std::uint64_t half = pages * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE)) / 2;
+    return half == 0 ? kMostKeptBytes : static_cast<std::size_t>(std::min<std::uint64_t>(half, kMostKeptBytes));
+}
+
+AnswerReader::AnswerReader(AnswerShape shape, std::int32_t requestId, std::size_t mostKept)
+    : m_shape(shape), m_mostKept(mostKept) {
     boost::json::parse_options options;
     options.max_depth = kMaxDepth;
-    m_parser = std::make_unique<Parser>(options, shape, requestId, m_answer);
+    m_parser = std::make_unique<Parser>(options, shape, requestId, mostKept, m_answer);
 }
 
 AnswerReader::~AnswerReader() = default;
 
 void AnswerReader::read(std::string_view bytes) {
     parse(true, bytes);
+    limitLength();
+}
+
+std::uint64_t AnswerReader::mostBytes() const {
+    return kPassedOver + kPassedOverPerKept * m_mostKept;
+}
+
+void AnswerReader::limitLength() const {
+    const std::size_t kept = m_answer.keptBytes();
+    if (kept > m_mostKept && m_shape == AnswerShape::kSessions) {
+        throw listingTooLong("the first " + std::to_string(m_answer.sessions.size()) + " sessions take too much",
+                             m_mostKept);
+    }
+    if (kept > m_mostKept || m_bytes > kPassedOver + kPassedOverPerKept * kept) {
+        throw notUnderstood(kTooLong);
+    }
 }
 
 void AnswerReader::finish() {

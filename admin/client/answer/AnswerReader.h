@@ -32,9 +32,21 @@ struct Answer {
     const char* clusterId = nullptr;  ///< of the cluster that answered, of at most 64 bytes; null: not told
     const char* errorName = nullptr;  ///< null: the answer holds a result
     const char* errorMessage = nullptr;
+
+    /// The bytes of all records and texts.
+    std::size_t keptBytes() const {
+        return texts.bytes() + realms.bytes() + replicaSetNames.bytes() + members.bytes() + sessions.bytes();
+    }
 };
 
-/// Reads one answer while its bytes come. Of its text it keeps the head and the fields that are wanted.
+/// The most bytes of records and texts that are kept of an answer: 2 GiB, or half of the machine's memory where that is
+/// less.
+std::size_t mostKeptBytes();
+
+inline constexpr char kTooLong[] = "it is too long";
+
+/// Reads one answer while its bytes come. Of its text it keeps the head and the fields that are wanted. So what is
+/// limited is what it keeps, and with it how much may be passed over.
 class AnswerReader {
   public:
     /// How many bytes of the head may be shown, and how many are kept. More are kept, so that a password which begins
@@ -42,15 +54,21 @@ class AnswerReader {
     static constexpr std::size_t kShownBytes = 2048;
     static constexpr std::size_t kHeadBytes = kShownBytes + protocol::kMaxRequestBytes;
 
+    /// What is expected of a session, with an identifier of 32 bytes and a short name: 24 bytes of the record and the
+    /// texts. So many times the count of a listing have to fit into `mostKept`, or it is refused before it comes.
+    static constexpr std::size_t kSessionBytes = 64;
+
     /// Throws std::bad_alloc.
-    AnswerReader(AnswerShape shape, std::int32_t requestId);
+    AnswerReader(AnswerShape shape, std::int32_t requestId, std::size_t mostKept = mostKeptBytes());
     ~AnswerReader();
     AnswerReader(const AnswerReader&) = delete;
     AnswerReader& operator=(const AnswerReader&) = delete;
 
     /// Takes the next bytes, cut anywhere. Nesting and memory are bounded whatever the bytes. Throws Failure when they
-    /// belong to no answer, and std::bad_alloc; the reader then takes nothing more.
+    /// belong to no answer, or to a listing that is too long, and std::bad_alloc; the reader then takes nothing more.
     void read(std::string_view bytes);
+    /// No answer is longer than this, whatever it has.
+    std::uint64_t mostBytes() const;
     /// There are no more bytes. Throws Failure when what came is no answer, and std::bad_alloc.
     void finish();
     /// The first bytes as they came, at most kHeadBytes.
@@ -63,10 +81,13 @@ class AnswerReader {
 
     /// Gives the parser bytes, the last ones unless there are `more`.
     void parse(bool more, std::string_view bytes);
+    void limitLength() const;
 
+    const AnswerShape m_shape;
+    const std::size_t m_mostKept;
     Answer m_answer;
     std::string m_head;
-    std::size_t m_bytes = 0;  // that came so far
+    std::uint64_t m_bytes = 0;  // that came so far
     std::unique_ptr<Parser> m_parser;
 };
 

@@ -36,8 +36,11 @@ void TextArena::grow(std::size_t more) {
         char* const page = grown + (-reinterpret_cast<std::uintptr_t>(grown) & (kPage - 1));
         madvise(page, bytes - kPage, MADV_HUGEPAGE);  // whether or not the system has any
     }
+    m_bytes += bytes;
     if (block.release() == nullptr) {
         std::copy_n(m_begun, begun, grown);
+    } else {
+        m_bytes -= m_end - m_begun;
     }
     block.reset(grown);
     m_begun = grown;

@@ -43,11 +43,14 @@ class TextArena {
 
     /// The blocks, for whoever owns the texts from now on. The arena may only be destroyed or assigned to then.
     std::vector<MallocPtr> release() { return std::move(m_blocks); }
+    /// Of all blocks.
+    std::size_t bytes() const { return m_bytes; }
 
   private:
     void grow(std::size_t more);
 
     std::vector<MallocPtr> m_blocks;
+    std::size_t m_bytes = 0;
     char* m_begun = nullptr;  // the text in hand
     char* m_at = nullptr;     // where it goes on
     char* m_end = nullptr;    // of the last block
@@ -70,6 +73,8 @@ class ReallocArray {
     }
 
     std::size_t size() const { return m_size; }
+    /// Of the elements; what growing takes in advance is not touched, and so takes no memory.
+    std::size_t bytes() const { return m_size * sizeof(Element); }
     Element* begin() { return m_size == 0 ? nullptr : data(); }
     Element* end() { return begin() + m_size; }
     Element* data() { return reinterpret_cast<Element*>(m_block.get() + headerBytes); }

@@ -46,6 +46,10 @@ constexpr int kHttpOk = 200;
 constexpr int kHttpNotFound = 404;
 constexpr int kHttpUnavailable = 503;
 
+Failure interrupted() {
+    return {kStatusInterrupted, "interrupted"};
+}
+
 /// What an HTTP status other than 200 means.
 Failure httpFailure(const AnswerHead& head) {
     const std::string cause = "HTTP status " + std::to_string(head.status());
@@ -250,8 +254,12 @@ class Exchange {
         m_bodyStart = m_windowStart = m_lastByte = Clock::now();
     }
 
-    /// A piece of the body. Throws as the reader does.
+    /// A piece of the body. Throws as the reader does, and Failure at an interrupt: while the pieces come faster than
+    /// they are read, nobody else gets to look.
     void onBody(std::string_view piece) {
+        if (interruption::isOn()) {
+            throw interrupted();
+        }
         m_lastByte = Clock::now();
         m_windowBytes += static_cast<long>(piece.size());
         m_reader.read(piece);
@@ -463,7 +471,8 @@ class HttpTransport::Wires {
                 return {kStatusTimedOut, timeoutCause(m_exchange->stage())};
             }
             if (isUnfinished() && interruption::isOn()) {
-                return {kStatusInterrupted, "interrupted"};
+                const Failure failure = interrupted();
+                return {failure.status, failure.cause};
             }
         }
         return m_task->take();
@@ -551,7 +560,7 @@ class HttpTransport::Wires {
     Task<Nothing> readBody() {
         AnswerParser parser;
         parser.header_limit(kMaxHeadBytes);
-        parser.body_limit(protocol::kMaxAnswerBytes);
+        parser.body_limit(m_exchange->reader().mostBytes());
         parser.eager(true);
         parser.get().body() = &*m_exchange;
         m_exchange->onBodyBegin();
@@ -575,7 +584,7 @@ class HttpTransport::Wires {
 
     static std::string bodyProblem(const ErrorCode& error, bool isHeaderDone) {
         if (error == http::error::body_limit) {
-            return "it is too long";
+            return kTooLong;
         }
         const bool isDamaged = error.category() == http::make_error_code(http::error::bad_value).category() &&
                                error != http::error::partial_message;

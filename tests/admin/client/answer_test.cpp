@@ -182,6 +182,29 @@ TEST(AnswerReader, RefusesAnAnswerThatEndsEarly) {
     }
 }
 
+TEST(AnswerReader, RefusesAListingThatIsTooLongAsSoonAsThatShows) {
+    const std::string few = R"([{"user":"u","id":"i","time":1},)";
+    const std::string large = few + R"({"user":"u","time":1,"id":")" + std::string(5000, 'x') + "\"},";
+    const std::pair<std::string, std::string> table[] = {
+        {R"("total":900,"count":100,"sessions":)" + few, ""},
+        {R"("total":900,"count":101,"sessions":[)", "the listing has 101 sessions, and there is room for 100 in 0 MiB"},
+        {R"("total":900,"count":100,"sessions":)" + large,
+         "the first 2 sessions take too much, and there is room for 100 in 0 MiB"},
+        {R"("sessions":)" + large, "the first 2 sessions take too much, and there is room for 100 in 0 MiB"},
+    };
+    for (const auto& [begun, cause] : table) {
+        AnswerReader reader(AnswerShape::kSessions, 7, 100 * AnswerReader::kSessionBytes);
+        Failure failure{};
+        try {
+            reader.read(R"({"jsonrpc":"2.0","id":7,"result":{)" + begun);
+        } catch (const Failure& thrown) {
+            failure = thrown;
+        }
+        EXPECT_EQ(failure.status, cause.empty() ? 0 : kStatusListingTooLong);
+        EXPECT_EQ(failure.cause, cause);
+    }
+}
+
 TEST(Location, IsWhatAUrlSaysOrNone) {
     const std::pair<const char*, const char*> table[] = {
         {"http://a", "0 a a 80 /"},
