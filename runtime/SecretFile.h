@@ -1,4 +1,4 @@
-/// Files that hold a private key or a password, and who else may have had them.
+/// Reads files that hold a private key or a password, and refuses those that others may read or write.
 #pragma once
 
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-/// Owners of OpenSSL's objects, and what its error queue says.
+/// Smart pointers that own OpenSSL's objects and free them.
 #pragma once
 
 #include <openssl/bio.h>

@@ -1,4 +1,4 @@
-/// Which characters may not reach a terminal as they are, and what is shown in their place.
+/// Tells which characters must not reach a terminal as they are, and gives what is shown in their place.
 #pragma once
 
 #include <array>

@@ -1,5 +1,12 @@
 /// An answer on its way from the thread that makes it to the one that sends it. However slowly it is taken, whoever
-/// makes it is done in time: what does not fit into a little memory goes to a file without a name.
+/// makes it is done in time: what does not fit into a little memory goes to a file.
+///
+/// The file lies in /var/tmp and has no name, so that it is gone with the process. It holds the bytes of the later
+/// pieces one behind the other and nothing else; where a piece ends is not kept. Of seven pieces of 64 KiB, the first
+/// of which has been taken:
+///
+///     memory  22222 33333 44444 55555  256 KiB, taken first
+///     file    6666677777               m_written bytes, of which m_read have been taken
 #pragma once
 
 #include <atomic>

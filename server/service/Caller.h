@@ -1,4 +1,4 @@
-/// Who a request comes from.
+/// Describes who a request comes from: the connection, the name and password in the request, and what that user may do.
 #pragma once
 
 #include <optional>

@@ -1,4 +1,4 @@
-/// What comes again and again, such as wrong passwords of one host.
+/// Counts what comes again and again, such as wrong passwords of one host, and tells when to answer and to log it.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,15 @@
 /// The engines behind Store::open(), and what they share.
+///
+/// Both have their record of changes in the table `changes`, with a row for each change of the last hour:
+///
+///     id      4f6c2a9e-...  by the client; "local-..." for what `dsessd admin` did
+///     user    root          who asked, in PostgreSQL `user_name`; empty for a local act
+///     digest  qL1x...       of what was asked for (Request::digest)
+///     answer  "result":{"count":2}
+///                           the end of what was answered; of a local act, its line for the log
+///     number  1742          counts up; the oldest rows have the lowest
+///
+/// Whoever asks for the change of a row again gets the row's answer, and nothing is done.
 #pragma once
 
 #include <array>

@@ -1,4 +1,4 @@
-/// What a command without a state is made of.
+/// The base class of the commands that keep nothing between two lines. Each source file of such a command includes it.
 #pragma once
 
 #include "admin/cli/commands/StatelessCommands.h"
