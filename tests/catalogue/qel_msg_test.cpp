@@ -30,6 +30,9 @@ extern "C" char* dgettext(const char* domain, const char* text) noexcept {
     EXPECT_STREQ(domain, "vexiladmin");
     return const_cast<char*>(text == g_translated.first ? g_translated.second : text);
 }
+extern "C" char* strerror_r(int error, char* /*buffer*/, std::size_t /*size*/) noexcept {
+    return const_cast<char*>(g_translated.second == nullptr ? strerrordesc_np(error) : "Fehler");
+}
 extern "C" int connect(int /*socket*/, const sockaddr* /*address*/, socklen_t /*length*/) {
     return g_isSyslogThere ? 0 : -1;
 }
@@ -82,7 +85,7 @@ TEST(Messages, AreTranslatedUnlessTheTranslationDoesNotFit) {
         return text == english ? "English" : text;
     };
     EXPECT_EQ(translated(kMsgInvalidValue, "100%% ungültig: %1$s", "max"), "38C5213E 100% ungültig: max");
-    EXPECT_EQ(translated(kMsgFileRead, "%2$s: %1$s\n", "a", EISDIR), "38C54044 Is a directory (21): a\n");
+    EXPECT_EQ(translated(kMsgFileRead, "%2$s: %1$s\n", "a", EISDIR), "38C54044 Fehler (21): a\n");
     EXPECT_EQ(translated(kMsgKey, "%s, %3$s", "k", "now"), "English");
     EXPECT_EQ(translated(kMsgNoRealms, "%s%s%s%s%s%s%s%s%s%s"), "English");
     EXPECT_EQ(translated(kMsgReplicaSetRecord, "%2$s", "a", "b"), "English");

@@ -12,7 +12,7 @@ them the first is that of the first connection and so on; the last is that of al
 
     good               answers every method
     one-answer         the same, and resets the connection once it is used again
-    slow=S, flow=S, flow-stall=S  S seconds late; with a body that flows for S seconds; and stops there
+    slow=S, flow=S, flow-drip=S  S seconds late; with a body that flows for S seconds; and drips for 20 more
     answer=FILE        answers with the file's bytes, read each time; @ID@ in it becomes the request's id. They are the
                        head too where they begin with "HTTP/"
     status=N           HTTP status N, empty, with another place to go to
@@ -115,7 +115,7 @@ class Peer:
                 pass
 
     def _end(self, connection):
-        time.sleep(3600 if self.behaviour.endswith("stall") else 0)
+        time.sleep(3600 if self.behaviour == "stall" else 0)
         if self.behaviour == "reset":
             reset(connection)
 
@@ -157,7 +157,7 @@ class Peer:
                 body = file.read().replace(b"@ID@", str(json.loads(request)["id"]).encode())
         for piece in self._pieces(body):
             connection.sendall(piece)
-            time.sleep(0.02 if self.behaviour in ("drip", "flow", "flow-stall") else 0)
+            time.sleep(0.02 if self.behaviour in ("drip", "flow", "flow-drip") else 0)
         if self.behaviour == "one-answer" and connection.recv(65536):
             reset(connection)
         return self.behaviour in ("good", "answer", "slow") or self._end(connection)
@@ -173,9 +173,10 @@ class Peer:
             case "drip", _:
                 yield good[:cut]
                 yield from (bytes([byte]) for byte in good[cut:])
-            case "flow" | "flow-stall", seconds:
+            case "flow" | "flow-drip", seconds:
                 yield head() + body
                 yield from [b" " * 1024] * int(float(seconds) / 0.02)
+                yield from [b" "] * (1000 if self.behaviour == "flow-drip" else 0)
             case "endless", what:
                 start, piece = (b"HTTP/1.1 200 OK\r\n", b"X: x\r\n") if what == "head" else (head() + body[:-1], b" ")
                 yield from itertools.chain([start], itertools.repeat(piece * 99999))

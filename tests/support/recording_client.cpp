@@ -5,6 +5,7 @@
 /// Those to an operation are given in turn, the last one again and again; without any it succeeds and finds nothing. In
 /// that file the bytes 1D, 1E and 1F stand for line feed, blank and comma. Fields, of which some may be repeated:
 ///   status=HEX, made=1    fails, with garbage in the out-parameters; leaves a context or handle all the same
+///   throws=1              memory is exhausted
 ///   trace=LEVEL,TEXT      calls the trace function first
 ///   realm=NAME,SET,SET    NAME,? claims a set but has no array
 ///   member=NAME,TIME   session=FIRST,SECOND,TIME
@@ -17,6 +18,7 @@
 #include <deque>
 #include <fstream>
 #include <map>
+#include <new>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -112,6 +114,9 @@ Answer play(const std::string& call, Out*... out) {
     Answer answer = nextAnswer(call.substr(0, call.find(' ')));
     for (const Texts& trace : answer.fields["trace"]) {
         g_trace(std::stoi(trace[0]), "%s", trace[1].c_str());
+    }
+    if (answer.number("throws") != 0) {
+        throw std::bad_alloc();
     }
     if (answer.status() != 0) {
         (std::memset(static_cast<void*>(out), 0x5D, sizeof(Out)), ...);

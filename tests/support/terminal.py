@@ -15,7 +15,7 @@ PROMPT = "vexiladmin> "
 
 
 class Terminal:
-    def __init__(self, arguments, env, job_control=True):
+    def __init__(self, arguments, env, job_control="foreground"):
         self.master, self.slave = os.openpty()
         self.report, report = os.pipe()
         self.shown, self.events = "", []
@@ -34,6 +34,7 @@ class Terminal:
         def claim():
             if job_control:
                 os.setpgid(0, 0)
+            if job_control == "foreground":
                 os.tcsetpgrp(0, os.getpid())
             for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
                 signal.signal(number, signal.SIG_DFL)

@@ -118,7 +118,7 @@ class Case(unittest.TestCase):
         out, err = ((text or b"").decode(encoding, "surrogateescape") for text in (process.stdout, process.stderr))
         return Result(out, err, process.returncode, self.recorded("calls"), self.recorded("service.log"))
 
-    def terminal(self, *arguments, program=VEXILADMIN, prompt=PROMPT, job_control=True, **kwargs):
+    def terminal(self, *arguments, program=VEXILADMIN, prompt=PROMPT, job_control="foreground", **kwargs):
         """Runs it on a terminal, and waits for a prompt unless it is null."""
         terminal = Terminal([program, *arguments], self.environment(**kwargs), job_control)
         self.addCleanup(terminal.close)

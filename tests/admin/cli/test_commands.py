@@ -126,6 +126,7 @@ class Commands(Case):
         ]
         self.check_prints(
             *((command, "status=38C54013", "", calls, 0x38C54013) for command, calls in failed),
+            *((command, "throws=1", "", calls, 0x38C52097) for command, calls in failed),
             *((command, fields, "", calls, 0x38C5401A) for command, fields, calls in without_array),
         )
 

@@ -136,9 +136,10 @@ class Shell(Case):
         )
 
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
-        config = CONFIG.replace("blue,", "blue,b\x1b[2J,b c,nün,näu,a\x1b,")
+        config = CONFIG.replace("blue,", "blue,b\x1b[2J,b c,nü東,näuxy,a\x1b,")
         (self.dir / "editrc").write_text("bind ^H ed-delete-prev-word\n")
-        prompt = self.terminal(config=config, script=CLUSTER, TERM="vt100", EDITRC=str(self.dir / "editrc"))
+        script = f"get_cluster_info realm=elder\n{CLUSTER}"
+        prompt = self.terminal(config=config, script=script, TERM="vt100", EDITRC=str(self.dir / "editrc"))
         for typed, row in [
             ("", PATTERNS[-1]),
             ("re", "realm    replica"),
@@ -147,7 +148,7 @@ class Shell(Case):
             ("rep s list ", "[-realm <realm>]"),
             ("rep s list -r ", "<realm>"),
             ("set i b", "blue      b c       b\\x1B[2J"),
-            ("set i n", "nün  näu"),
+            ("set i n", "nü東   näuxy"),
             ("set i a", "a\\x1B"),
             ("set i n\x01re s", "show  set"),
             ("realm show ", "<realm-name>"),
@@ -174,13 +175,18 @@ class Shell(Case):
         prompt.asks("vexiladmin> realm show x")
         os.write(prompt.master, b"\x05\x15\xc3tr\ts\t5\n")  # of a broken character the rest counts
         prompt.asks()
-        for typed, out in [("rea l", "east\n"), ("realm s e\t", "    r1\n"), ("rep s s r\t", line(0x38C52135))]:
+        for typed, out in [
+            ("rea l", "elder\n"),
+            ("rea l", "east\n"),
+            ("realm s e\t", "    r1\n"),
+            ("rep s s r\t", line(0x38C52135)),
+        ]:
             self.assertEqual(prompt.answer(typed), out)
         prompt.type("exit\n")
         self.assertEqual((prompt.ended()[0], prompt.restored()), (0, True))
         self.assertEqual(
             self.recorded("calls"),
-            [*start(), f"set_trace_level {ANON} 5", *FETCH * 2, f"get_replica_set_info {ANON} r1", *end()],
+            [*start(), f"set_trace_level {ANON} 5", *FETCH * 3, f"get_replica_set_info {ANON} r1", *end()],
         )
         (self.dir / "editrc").write_text("edit off\n")
         prompt = self.terminal(prompt=None, EDITRC=str(self.dir / "editrc"))

@@ -43,7 +43,7 @@ class AtThePassword(Case):
             terminal.type(ending.join(("login bob", "pass word", "realm show x", "exit", "")))
             self.assertEqual(terminal.ended()[0], 0)
             self.check_requests("bob pass word", "bob pass word")
-        terminal = self.terminal()
+        terminal = self.terminal("-c", f"exec {VEXILADMIN} 2>err", program="sh")
         terminal.type("login bob\nahead")
         terminal.asks(PASSWORD)
         terminal.type("\x16\r\n")
@@ -69,6 +69,17 @@ class AtThePassword(Case):
             self.assertEqual((terminal.ended(), terminal.restored()), ((-number, shown), True))
 
     def test_a_stop_gives_the_terminal_back_until_the_program_has_it_again(self):
+        def go_on():
+            terminal.stop()
+            terminal.settings[3] &= ~termios.ECHOK
+            termios.tcsetattr(terminal.master, termios.TCSANOW, terminal.settings)
+            terminal.foreground()
+            terminal.asks(PASSWORD)
+
+        terminal = self.terminal("-command", "login bob", prompt=None, job_control="background")
+        go_on()
+        terminal.asks(PASSWORD)  # as after any stop
+        self.check_login(terminal)
         terminal = self.at_password()
         for continued in (2, 0):
             terminal.type("\x1a")
@@ -76,11 +87,7 @@ class AtThePassword(Case):
                 terminal.stop()
                 self.assertTrue(terminal.echoes())
                 os.kill(terminal.pid, signal.SIGCONT)  # in the background it stops again and leaves the echo alone
-            terminal.stop()
-            terminal.settings[3] &= ~termios.ECHOK
-            termios.tcsetattr(terminal.master, termios.TCSANOW, terminal.settings)
-            terminal.foreground()
-            terminal.asks(PASSWORD)
+            go_on()
         os.kill(terminal.pid, signal.SIGSTOP)
         terminal.stop()
         terminal.foreground()

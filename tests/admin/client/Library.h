@@ -16,7 +16,7 @@
 #include "admin/client-interface/olm_dsess_admin.h"
 
 #if !defined(__SANITIZE_ADDRESS__)
-inline constexpr double kLateness = 0.2;  ///< with which a deadline may be met, in seconds
+inline constexpr double kLateness = 0.4;  ///< with which a deadline may be met, in seconds
 #else
 inline constexpr double kLateness = 1.0;  // the sanitizers slow everything down
 #endif

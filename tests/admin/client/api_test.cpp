@@ -6,10 +6,25 @@
 #include <sys/wait.h>
 
 #include <ctime>
+#include <new>
 #include <thread>
 
 #include "catalogue/qel_messages.h"
 #include "tests/admin/client/Library.h"
+
+static bool isMemoryRefused = false;
+
+// Stand in for the C++ library's, also in the client library.
+void* operator new(std::size_t size) {
+    void* const block = isMemoryRefused ? nullptr : std::malloc(size);
+    return block == nullptr ? throw std::bad_alloc() : block;
+}
+void operator delete(void* block) noexcept {
+    std::free(block);
+}
+void operator delete(void* block, std::size_t /*size*/) noexcept {
+    std::free(block);
+}
 
 namespace {
 
@@ -164,17 +179,27 @@ void throwing(std::int32_t /*level*/, const char* /*format*/, ...) {
     throw 1;
 }
 
+/// Memory is exhausted once the answer has come.
+void exhausting(std::int32_t level, const char* /*format*/, ...) {
+    static bool hasAsked = false;
+    isMemoryRefused = level == 3 && std::exchange(hasAsked, !hasAsked);
+}
+
 TEST(Api, WhatTheCallerDoesMeanwhileChangesNoStatus) {
-    FaultServers servers({"reset=request", "slow=0.3", "good"});
-    char* url = servers.urls[0].data();
-    const olm_dsess_admin_mv_string_t list{1, &url};
+    FaultServers servers({"reset=request", "slow=0.3", "good", "good"});
     const olm_dsess_admin_ssl_info_t plain{};
-    void* context = nullptr;
-    void* handle = nullptr;
-    ASSERT_EQ(olm_dsess_admin_initialize(1, &list, &plain, throwing, &context), 0U);
-    ASSERT_EQ(olm_dsess_admin_create_handle(context, &handle), 0U);
-    EXPECT_EQ(olm_dsess_admin_set_trace_level(handle, &kRoot, 1), kStatusOutcomeUnknown);
-    olm_dsess_admin_shutdown(&context);
+    for (const auto& [index, trace] : {std::pair(0, &throwing), {3, &exhausting}}) {
+        char* url = servers.urls[index].data();
+        const olm_dsess_admin_mv_string_t list{1, &url};
+        void* context = nullptr;
+        void* handle = nullptr;
+        ASSERT_EQ(olm_dsess_admin_initialize(1, &list, &plain, trace, &context), 0U);
+        ASSERT_EQ(olm_dsess_admin_create_handle(context, &handle), 0U);
+        const std::uint32_t status = olm_dsess_admin_set_trace_level(handle, &kRoot, 1);
+        isMemoryRefused = false;
+        EXPECT_EQ(status, kStatusOutcomeUnknown);
+        olm_dsess_admin_shutdown(&context);
+    }
     Library slow({servers.urls[1]});
     std::uint32_t status = 1;
     std::thread thread([&] {

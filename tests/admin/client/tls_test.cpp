@@ -57,7 +57,7 @@ TEST_F(Tls, AConnectionComesAboutOnlyWithTheRightPartners) {
         bool wantsClients = false;
     } cases[] = {
         {"node1", "ca.pem", {}, kRefused + "a certificate is required, and the key file", true},
-        {"node1", "deep.p12", {}, "", true},                    // below two CAs that the server does not have
+        {"node1", "deep.p12", {}, "", true},                    // below CAs that the server lacks, one of them renewed
         {"under", "mid-ca.pem", {}, ""},                        // trusted without the CA above it
         {"solo", "solo.pem", {"/C=DE/O=Example/CN=solo"}, ""},  // a certificate whose key is in the file too
         {"posing", "clients-ca.pem", {}, "CN=clients-ca: unsuitable certificate purpose"},
@@ -100,7 +100,7 @@ TEST_F(Tls, AnAlertThatNobodyVouchesForDecidesNothing) {
                           "tls+1503030002022a:reset=request", "tls1.2+15030300020274:reset=request", "tls:good"},
                          as("node1", true));
     for (std::size_t index = 0; index < 4; ++index) {
-        Library library({servers.urls[index], servers.urls[4]}, 1, with("alice.p12"));
+        Library library({servers.urls[index], servers.urls[4]}, 2, with("alice.p12"));
         const bool ended = index >= 2;  // by a fatal one, before anything was sent
         EXPECT_EQ(library.change(), ended ? 0 : kStatusOutcomeUnknown) << index;
         EXPECT_FALSE(wasTraced(kRefused)) << traced.back();
@@ -159,6 +159,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         request() { openssl req -x509 -nodes -days $1 -subj /CN=$2 -newkey $3 -keyout $2.key 2>noise; }
         rename() { openssl x509 -in $1 -outform DER | LC_ALL=C sed $2 | openssl x509 -inform DER; }
         rename solo.pem s/Example/Sample_/g >renamed.pem; (rename mid-ca.pem s/mid-/low-/; cat ca.pem) >below.pem
+        (rename mid-ca.pem s/Example/Sample_/; cat ca.pem) >unnamed.pem
         openssl x509 -in ca.pem -trustout >trusted.pem; sed 2s/..../AAAA/ ca.pem >bad.pem
         sed 1s/-// ca.pem | cat - alice >dash.pem; sed '1d;$d' ca.pem | cat - alice >bare.pem
         sed '2s/..../AAAA/' alice.key | cat alice.crt - >damaged.pem
@@ -210,6 +211,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice", "", "holds no CA certificate to trust; add"},
         {"renamed.pem", "", "has not signed: /C=DE/O=Sample_/CN=solo; it is damaged"},
         {"below.pem", "", "has not signed: /C=DE/O=Example/CN=low-ca; it is damaged"},
+        {"unnamed.pem", "", "has not signed: /C=DE/O=Sample_/CN=mid-ca; it is damaged"},
         {"damaged.pem", "", "holds a private key that is damaged (line 1"},
         {"weak.pem", "", "the certificate /CN=weak of the key file"},
         {"tail.p12", "stash", "something follows its end, from byte"},
