@@ -48,14 +48,14 @@ class Commands(Case):
                 self.check("-command", command, script=script, out=out, calls=calls, **failure)
 
     def test_realms_and_their_replica_sets(self):
-        two, of_b = "realm=B,r3,r1 realm=A realm=B,r2", "    r3\n    r1\n    r2\n"
+        four, of_b = "realm=B,r3,r1 realm=A realm=BA,x realm=B,r2", "    r3\n    r1\n    r2\n"
         self.check_prints(
             ("realm list", "", NO_REALMS, cluster(0)),
             ("realm list", "realm=A count=-3", "", cluster(-3)),
-            ("replica set list", two, "B:\n    r3\n    r1\nA:\nB:\n    r2\n", cluster(3)),
+            ("replica set list", four, "B:\n    r3\n    r1\nA:\nBA:\n    x\nB:\n    r2\n", cluster(4)),
             ("replica set list", "", "", cluster(0)),
             *(
-                (f"{command} {name}", two, out, cluster(3))
+                (f"{command} {name}", four, out, cluster(4))
                 for command in ("realm show", "replica set list -realm")
                 for name, out in (("B", of_b), ("A", ""), ("a", UNKNOWN_REALM), ("BB", UNKNOWN_REALM))
             ),

@@ -5,7 +5,7 @@ import re
 from vexil import Case, commands, end, line, msg, start
 
 PROMPT, UNKNOWN = msg(0x38C52145) + "\n", line(0x38C52136)
-LOGIN_ID = r"[A-Za-z0-9+/]{86}==[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
+LOGIN_ID = r"((?!\S*AAAAAAAA)[A-Za-z0-9+/]{86}==)[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"
 
 
 def fetch(identity, handle="handle1"):
@@ -16,7 +16,7 @@ class Login(Case):
     def run_utility(self, *arguments, **kwargs):
         """Gives the login identifiers names in order of their appearance: id1, id2, ..."""
         result, names = super().run_utility(*arguments, **kwargs), {}
-        named = lambda text: re.sub(LOGIN_ID, lambda found: names.setdefault(found[0], f"id{len(names) + 1}"), text)
+        named = lambda text: re.sub(LOGIN_ID, lambda found: names.setdefault(found[1], f"id{len(names) + 1}"), text)
         return result._replace(out=named(result.out), calls=[named(call) for call in result.calls])
 
     def test_an_identity_stays_until_the_next_login_and_is_new_each_time(self):

@@ -136,7 +136,7 @@ class Shell(Case):
         )
 
     def test_tab_completes_the_line_at_the_cursor_and_asks_no_server(self):
-        config = CONFIG.replace("blue,", "blue,b\x1b[2J,b c,nü東,näuxy,a\x1b,")
+        config = CONFIG.replace("blue,", "blue,b\x1b[2J,b c,c d,nü東,näuxy,a\x1b,")
         (self.dir / "editrc").write_text("bind ^H ed-delete-prev-word\n")
         script = f"get_cluster_info realm=elder\n{CLUSTER}"
         prompt = self.terminal(config=config, script=script, TERM="vt100", EDITRC=str(self.dir / "editrc"))
@@ -150,6 +150,7 @@ class Shell(Case):
             ("set i b", "blue      b c       b\\x1B[2J"),
             ("set i n", "nü東   näuxy"),
             ("set i a", "a\\x1B"),
+            ("set i c", "c d"),
             ("set i n\x01re s", "show  set"),
             ("realm show ", "<realm-name>"),
         ]:

@@ -166,6 +166,18 @@ class OfARun(Case):
             self.assertEqual((seen, process.returncode), ([shown, told], -number))
 
 
+    def test_ctrl_c_ends_the_program_where_the_library_cannot_be_interrupted(self):
+        script = "list_sessions " + " ".join(["session=" + "x" * 99 + ",y,0"] * 2000)
+        arguments = [VEXILADMIN, *commands("session list -realm e * 0")]
+        pipes = {"stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL}
+        with subprocess.Popen(arguments, env=self.environment(script=script), **pipes) as process:
+            while not any(call.startswith("list_sessions") for call in self.recorded("calls")):
+                self.assertIsNone(process.poll())
+            process.send_signal(signal.SIGINT)  # while it waits for somebody who reads the listing
+            process.stdout.read()
+        self.assertEqual(process.returncode, -signal.SIGINT)
+
+
 class OfACommand(Case):
     """Commands that wait for a server which takes connections and never answers, through the real client library."""
 
