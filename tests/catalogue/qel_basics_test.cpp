@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <thread>
 
 #include "catalogue/QelString.h"
 #include "catalogue/QelStringIter.h"
@@ -119,7 +120,7 @@ TEST(Path, IsThatOfTheInstallationUnlessAnotherIsNamed) {
 
 int g_pipe[2];
 
-TEST(Read, GoesOnAfterAnInterruption) {
+TEST(Io, GoesOnAfterAnInterruptionAndWherePartWasDone) {
     ASSERT_EQ(pipe(g_pipe), 0);
     struct sigaction action {};  // not restarting what it interrupts
     action.sa_handler = [](int) { EXPECT_EQ(write(g_pipe[1], "x", 1), 1); };
@@ -131,6 +132,18 @@ TEST(Read, GoesOnAfterAnInterruption) {
         char byte = 0;
         EXPECT_EQ(qel_read(g_pipe[0], &byte, 1), 1);
     }
+    fcntl(g_pipe[1], F_SETFL, O_NONBLOCK);
+    const std::string text(200'000, 'x');  // more than a pipe takes
+    std::string read;
+    std::thread reader([&read] {
+        for (char byte = 0; qel_read(g_pipe[0], &byte, 1) == 1;) {
+            read += byte;
+        }
+    });
+    EXPECT_TRUE(qel_write(g_pipe[1], text));
+    close(g_pipe[1]);
+    reader.join();
+    EXPECT_TRUE(read == text) << read.size();
 }
 
 }  // namespace

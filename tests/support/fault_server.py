@@ -6,8 +6,8 @@
 prints their ports. Each line on standard input is answered by one with three numbers for each mode: the connections that
 it accepted, the whole requests that it read, and the different changes in them. It ends when standard input does.
 
-A mode may begin with "tls:" or "tls1.2:": TLS with the certificate and key in the file CERTIFICATE, for the clients of
-CLIENT_CA where that is not empty; "+HEX" before the colon puts bytes before the handshake. Of modes with commas between
+A mode may begin with "tls:" or "tls1.2:": TLS with the certificate and key in the file CERTIFICATE, or for who asks for
+localhost in CERTIFICATE.localhost where there is one, for the clients of CLIENT_CA where that is not empty; "+HEX" before the colon puts bytes before the handshake. Of modes with commas between
 them the first is that of the first connection and so on; the last is that of all further ones.
 
     good               answers every method
@@ -23,8 +23,10 @@ them the first is that of the first connection and so on; the last is that of al
 """
 
 import contextlib
+import functools
 import itertools
 import json
+import os
 import re
 import socket
 import ssl
@@ -99,9 +101,17 @@ class Peer:
         if tls:
             self.tls.maximum_version = ssl.TLSVersion.TLSv1_2 if tls == "tls1.2" else ssl.TLSVersion.TLSv1_3
             self.tls.load_cert_chain(certificate)
+            self.tls.sni_callback = functools.partial(self._show_named, certificate + ".localhost")
         if tls and client_ca:
             self.tls.verify_mode = ssl.CERT_REQUIRED
             self.tls.load_verify_locations(client_ca)
+
+    @staticmethod
+    def _show_named(certificate, connection, name, _):
+        if name == "localhost" and os.path.exists(certificate):
+            named = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+            named.load_cert_chain(certificate)
+            connection.context = named
 
     def serve(self, connection):
         with contextlib.suppress(OSError), contextlib.ExitStack() as stack:

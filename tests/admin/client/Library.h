@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,9 @@ inline constexpr double kLateness = 0.4;  ///< with which a deadline may be met,
 inline constexpr double kLateness = 1.0;  // the sanitizers slow everything down
 #endif
 
-/// Lines that the present library traced, each "LEVEL text\n".
+/// Lines that the present library traced, each "LEVEL text\n", and what is to be done at each.
 inline std::vector<std::string> traced;
+inline std::function<void(const std::string& line)> onTrace;
 
 __attribute__((format(printf, 2, 3))) inline void recordTrace(std::int32_t level, const char* format, ...) {
     std::va_list arguments;
@@ -31,6 +33,9 @@ __attribute__((format(printf, 2, 3))) inline void recordTrace(std::int32_t level
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     traced.push_back(std::to_string(level) + " " + text);
+    if (onTrace) {
+        onTrace(traced.back());
+    }
 }
 
 inline bool wasTraced(const std::string& fragment) {
