@@ -28,6 +28,11 @@ class AtThePassword(Case):
     def at_password(self, **kwargs):
         return self.terminal("-command", "login bob", prompt=PASSWORD, **kwargs)
 
+    def stty(self, terminal):
+        """Changes the settings while the shell has the terminal."""
+        terminal.settings[3] &= ~termios.ECHOK
+        termios.tcsetattr(terminal.master, termios.TCSANOW, terminal.settings)
+
     def check_login(self, terminal):
         terminal.type("sec\x16\rret\n")
         self.assertEqual((terminal.ended(), terminal.restored()), ((0, "\r\n"), True))
@@ -71,8 +76,7 @@ class AtThePassword(Case):
     def test_a_stop_gives_the_terminal_back_until_the_program_has_it_again(self):
         def go_on():
             terminal.stop()
-            terminal.settings[3] &= ~termios.ECHOK
-            termios.tcsetattr(terminal.master, termios.TCSANOW, terminal.settings)
+            self.stty(terminal)
             terminal.foreground()
             terminal.asks(PASSWORD)
 
@@ -115,9 +119,10 @@ class AtThePassword(Case):
             terminal.stop()
             os.kill(terminal.pid, signal.SIGCONT)
             terminal.stop()
+            self.stty(terminal)
             os.kill(terminal.pid, number)
             os.kill(terminal.pid, signal.SIGCONT)
-            self.assertEqual(terminal.ended()[0], -number)
+            self.assertEqual((terminal.ended()[0], terminal.restored()), (-number, True))
 
     def test_what_gives_up_a_line_or_a_password_leaves_the_former_identity(self):
         terminal = self.terminal(TERM="vt100")

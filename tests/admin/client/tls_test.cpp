@@ -200,6 +200,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "world", others},
         {"open.pem", "", others + ", and its private key is not encrypted"},
+        {"open.pem", "stash", others + ", and its private key is not encrypted"},
         {"clear.p12", "stash", others + ", and its private key is not encrypted"},
         {"seen.p12", "empty", others + ", and its private key is not encrypted"},
         {"void.pem", "empty", others + ", and its private key is not encrypted"},
