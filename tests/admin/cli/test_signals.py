@@ -5,6 +5,7 @@ SIGNAL_TURNS is the number of turns at random moments, SIGNAL_SEED what they are
 import fcntl
 import itertools
 import os
+import pathlib
 import random
 import re
 import signal
@@ -222,13 +223,28 @@ class OfACommand(Case):
         self.enterContext(
             unittest.mock.patch.dict(RESULTS, {"session.list": {"total": 50000, "count": 50000, "sessions": sessions}})
         )
-        location = f"127.0.0.1:{FaultServer('good').port}"
-        terminal = self.terminal(config=CONFIG.replace("node1:9080", location), LD_LIBRARY_PATH="")
-        terminal.type("session list -realm e * 0\n")
+        command, location = "session list -realm e * 0", f"127.0.0.1:{FaultServer('good').port}"
+        real = {"config": CONFIG.replace("node1:9080", location), "LD_LIBRARY_PATH": ""}
+        terminal = self.terminal(**real)
+        terminal.type(command + "\n")
         terminal.until(lambda: "UTC" in terminal.shown, "listing")
         os.kill(terminal.pid, signal.SIGINT)
         shown = terminal.asks()
         self.assertTrue(shown.count("UTC") < 50000 and shown.endswith("\n" + INTERRUPTED))
+        # Where nobody reads the listing, it takes Ctrl-C more than once.
+        pipe = {"stdout": subprocess.PIPE, "stderr": subprocess.DEVNULL}
+        process = subprocess.Popen([VEXILADMIN, *commands(command)], env=self.environment(**real), **pipe)
+        self.addCleanup(process.kill)
+        process.stdout.read(1)
+        while pathlib.Path(f"/proc/{process.pid}/stat").read_text().split()[2] != "S":
+            pass  # until the pipe is full
+        deadline = time.monotonic() + PATIENCE
+        while process.poll() is None:
+            self.assertLess(time.monotonic(), deadline)
+            process.send_signal(signal.SIGINT)
+            time.sleep(0.02)
+        self.assertEqual(process.returncode, -signal.SIGINT)
+        process.stdout.close()
 
     def test_ctrl_c_in_the_moment_before_a_password_is_read_is_heard(self):
         terminal = self.terminal(**self.silent)

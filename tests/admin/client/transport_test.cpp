@@ -309,7 +309,7 @@ TEST(Transport, TheFormOfAnAnswerIsTakenAsHttpHasItOrRefusedInWords) {
         {interims, "its head is too long"},
         {ok + "\r\nContent-Length: \r\n\r\n" + json, "its length is no number"},
         {ok + chunked + "Transfer-Encoding: chunked\r\n" + pieces("") + "\r\n", "other than chunked: chunked"},
-        {ok + length + "Content-Length: 5\r\n\r\n" + json, "its length is given twice"},
+        {ok + length + "content-length: 5\r\n\r\n" + json, "its length is given twice"},
         {ok + "\r\nContent-Length: 5, 5\r\n\r\n" + json, "its length is no number"},
         {ok + chunked + "Content-Length: 5\r\n" + pieces("") + "\r\n", "its length is given beside chunks"},
         {"HTTP/1.0" + ok.substr(8) + chunked + pieces("") + "\r\n", "it comes in chunks, which HTTP/1.0 does not have"},
