@@ -239,7 +239,9 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
     }
     if (attempt.status != 0) {
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
-        if (attempt.status != kStatusInterrupted) {
+        // That the time ran out says less than what the location said before.
+        const bool saysLess = attempt.status == kStatusTimedOut && request.failures[index].isBusy;
+        if (attempt.status != kStatusInterrupted && !saysLess) {
             request.failures[index] = attempt;
         }
         request.wasBusy = request.wasBusy || attempt.isBusy;

@@ -115,7 +115,7 @@ void Answer::refuse(std::string_view id, std::string_view clusterId, const Failu
     const Reason reason = failure.reason();
     httpStatus = toldOf(reason).httpStatus;
     lacksStore = reason == Reason::kUnavailable || reason == Reason::kReplaced;
-    outcome = httpStatus == 503 ? "busy" : errorName(reason);
+    outcome = lacksStore ? "store out of reach" : httpStatus == 503 ? "busy" : errorName(reason);
     text = beginAnswer(id, clusterId) + errorText(failure) + '}';
 }
 

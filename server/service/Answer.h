@@ -45,7 +45,7 @@ struct Answer {
     std::unique_ptr<ListingAnswer> rest;
     /// How long it is to be held back.
     std::chrono::milliseconds delay{0};
-    /// For the log: `done`, `done before`, `busy` or the name of an error.
+    /// For the log: `done`, `done before`, `busy`, `store out of reach` or the name of an error.
     const char* outcome = "done";
 
     /// Turns this into the answer for a request that has failed.

@@ -119,7 +119,8 @@ TEST(Transport, SlowServersAreLeftAtTheDeadlineAndAChangeIsCarriedOutOnce) {
 TEST(Transport, OnceALocationWasBusyAllAreAskedAgainUntilTheTimeIsUpOrSomeoneAsksForTheEnd) {
     const std::string busy = "status=503,status=503,status=503,";
     const std::string lacksStore = answerFile("HTTP/1.1 503 No\r\nDSess-Unavailable: store\r\n\r\n");
-    FaultServers servers({"refuse", busy + "reset=accept,good", "answer=" + lacksStore, busy + "good"});
+    FaultServers servers(
+        {"refuse", busy + "reset=accept,good", "answer=" + lacksStore, busy + "good", "status=503,stall=accept"});
     Library library({servers.urls[0], servers.urls[1]}, 30);
     EXPECT_EQ(library.change(), 0U);
     EXPECT_TRUE(wasTraced("1 a pause of ") && library.seconds < 2) << library.seconds;
@@ -127,6 +128,9 @@ TEST(Transport, OnceALocationWasBusyAllAreAskedAgainUntilTheTimeIsUpOrSomeoneAsk
     Library changing({servers.urls[3]}, 30);
     EXPECT_EQ(changing.change(), 0U);
     EXPECT_EQ(servers.counts()[3].changes, 1);
+    Library silent({servers.urls[4]}, 1);
+    EXPECT_EQ(silent.read(), kStatusNoLocation);
+    EXPECT_TRUE(wasTraced("0 " + servers.urls[4] + ": HTTP status 503"));
     Library waiting({servers.urls[0], servers.urls[2]}, 30);
     std::thread thread;
     auto start = std::chrono::steady_clock::now();
