@@ -1,8 +1,14 @@
 """What the end-to-end tests share: how servers are configured, and what is shown of their answers."""
 
+import os
+import pathlib
+import subprocess
 import time
 
-from vexil import line
+from vexil import VEXILADMIN, line
+
+BUILD = pathlib.Path(os.environ.get("VEXIL_BUILD", ""))
+MANIFEST = BUILD / "install_manifest.txt"
 
 ADMINISTRATORS = [("root", "SECRET", "change"), ("reader", "GLANCE", "read")]
 ROOT_LOGIN = "login root SECRET"
@@ -11,11 +17,29 @@ IDENTITY_REFUSED = 0x38C54015
 NOT_PERMITTED, UNKNOWN_REALM, REQUEST_REFUSED, NO_MATCHING_SESSION = 0x38C54016, 0x38C54017, 0x38C54019, 0x38C54021
 
 
+def keep_manifest(case):
+    """Has the test put the list back that the build has of an installation that is not the test's."""
+    if MANIFEST.exists():
+        case.addCleanup(MANIFEST.write_bytes, MANIFEST.read_bytes())
+    case.addCleanup(MANIFEST.unlink, True)
+
+
 def configuration(*servers, **entries):
     """The text of a configuration whose locations are these servers; in names of further entries _ stands for -."""
     location = ",".join(f"127.0.0.1:{server.port}" for server in servers)
     lines = {"location": location, "instances": "blue,green", "timeout": 30, **entries}
     return "[tarn]\n" + "".join(f"{name.replace('_', '-')} = {value}\n" for name, value in lines.items())
+
+
+def start_run(case, name, texts, env):
+    """A run of vexiladmin with these commands, and the file of what it shows."""
+    file = case.dir / name
+    file.write_text("\n".join([ROOT_LOGIN, *texts]))
+    shown = file.with_suffix(".out")
+    with open(shown, "wb") as out:
+        run = subprocess.Popen([VEXILADMIN, "-file", file], env=env, stdout=out, stderr=out)
+    case.addCleanup(run.kill)
+    return run, shown
 
 
 def when(seconds):

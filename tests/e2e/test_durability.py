@@ -12,9 +12,9 @@ import subprocess
 import time
 
 from dsessd import AS_ROOT, DEADLINE, POSTGRES, Dsessd
-from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
+from endtoend import ADMINISTRATORS, configuration, start_run
 from postgres import PROGRAMS
-from vexil import VEXILADMIN, Case
+from vexil import Case
 
 CHANGES, SEED = int(os.environ.get("CHANGES", 2000)), int(os.environ.get("DEATHS_SEED", 1))
 SESSIONS = [f"{worker}-{step:05}" for worker in range(2) for step in range(CHANGES // 4)]
@@ -25,13 +25,7 @@ class Durability(Case):
     def start(self, worker, env):
         """A run of vexiladmin with two changes for each of its sessions, and the file of what it shows."""
         texts = [f"session terminate session {name} -realm east\nkey change" for name in SESSIONS if name[0] == worker]
-        file = self.dir / f"run-{worker}"
-        file.write_text("\n".join([ROOT_LOGIN, *texts]))
-        shown = file.with_suffix(".out")
-        with open(shown, "wb") as out:
-            run = subprocess.Popen([VEXILADMIN, "-file", file], env=env, stdout=out, stderr=out)
-        self.addCleanup(run.kill)
-        return run, shown
+        return start_run(self, f"run-{worker}", texts, env)
 
     def query(self, text):
         """What the store answers first."""

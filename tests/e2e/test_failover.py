@@ -3,15 +3,14 @@
 import concurrent.futures
 import re
 import signal
-import subprocess
 import time
 import unittest
 import unittest.mock
 
 from dsessd import AS_ROOT, Dsessd, request_text
-from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
+from endtoend import ADMINISTRATORS, configuration, start_run
 from postgres import PROGRAMS, Pair
-from vexil import VEXILADMIN, Case
+from vexil import Case
 
 CHANGES = 100_000  # more than there is time for
 
@@ -32,24 +31,13 @@ class Failover(Case):
 
     def changing(self, name, nodes):
         """A run of vexiladmin with key changes, and the file of what it shows."""
-        commands = self.dir / name
-        commands.write_text("\n".join([ROOT_LOGIN, *["key change"] * CHANGES]))
-        shown = commands.with_suffix(".out")
-        env = self.environment(config=configuration(*nodes))
-        with open(shown, "wb") as out:
-            run = subprocess.Popen([VEXILADMIN, "-file", commands], env=env, stdout=out, stderr=out)
-        self.addCleanup(run.kill)
+        run, shown = start_run(self, name, ["key change"] * CHANGES, self.environment(config=configuration(*nodes)))
         # The next one writes the same configuration anew.
         self.within(20, time.monotonic(), lambda: self.labels(shown))
         return run, shown
 
     def labels(self, shown):
         return re.findall(r"^Key: +(\S+)", shown.read_text(), re.M)
-
-    def within(self, seconds, since, condition):
-        while not condition():
-            self.assertLess(time.monotonic() - since, seconds)
-            time.sleep(0.1)
 
     def lose(self, loss):
         """Loses the primary while both nodes are asked for changes."""

@@ -1,14 +1,12 @@
 """cmake --install and the target uninstall."""
 
-import os
 import pathlib
 import re
 import subprocess
 
+from endtoend import BUILD, keep_manifest
 from vexil import Case
 
-BUILD = pathlib.Path(os.environ["VEXIL_BUILD"])
-MANIFEST = BUILD / "install_manifest.txt"
 PROJECT = """cmake_minimum_required(VERSION 3.25)
 project(user C)
 find_package(olmdsess-admin-client 1.0 REQUIRED)
@@ -21,9 +19,7 @@ target_link_libraries(user olmdsess-admin-client::olmdsess-admin-client)
 class Install(Case):
     def setUp(self):
         super().setUp()
-        if MANIFEST.exists():  # of an installation that is not this test's
-            self.addCleanup(MANIFEST.write_bytes, MANIFEST.read_bytes())
-        self.addCleanup(MANIFEST.unlink, True)
+        keep_manifest(self)
         self.root = self.dir / "root"
 
     def shell(self, command):

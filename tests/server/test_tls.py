@@ -1,27 +1,23 @@
 """TLS from outside: what is spoken, whose certificate is asked for, and that no session is resumed."""
 
-import pathlib
 import re
 import shutil
-import signal
 import socket
 import ssl
-import subprocess
 import tempfile
-import time
 import unittest
 
-from dsessd import AS_ROOT, REPOSITORY, ROOT, Dsessd
+from certificates import Authority
+from dsessd import AS_ROOT, ROOT, Dsessd
 
-CA = "-cert", "ca.pem", "-keyfile", "ca.key"
 VERSIONS = ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3
 
 
 class Tls(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.path = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
-        subprocess.run(["sh", REPOSITORY / "tests" / "support" / "make_certificates", cls.path], check=True)
+        cls.authority = Authority(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        cls.path = cls.authority.path
         cls.files = {"tls_cert": cls.path / "node1.pem", "tls_key": cls.path / "node1.key"}
 
     def context(self, version=None, identity=None):
@@ -58,26 +54,11 @@ class Tls(unittest.TestCase):
             self.assertRegex(server.log(), r"audit TLS handshake failed: unsupported protocol, from 127\.0\.0\.1:\d+\n")
             self.assertLess(server.log().count("handshake failed"), 9, "not each of them is worth a line")
 
-    def openssl(self, *arguments):
-        subprocess.run(["openssl", *arguments], check=True, cwd=self.path, stderr=subprocess.DEVNULL)
-
-    def revoke(self, *names):
-        """Makes ca.crl, the list of the CA with the certificates of these clients."""
-        rows = []
-        for name in names:
-            serial = subprocess.check_output(
-                ["openssl", "x509", "-noout", "-serial", "-in", f"{name}.crt"], cwd=self.path
-            )
-            rows.append(f"R\t391231235959Z\t200101000000Z\t{serial.decode().strip()[7:]}\tunknown\t/CN={name}\n")
-        (self.path / "index").write_text("".join(rows))
-        (self.path / "ca.cnf").write_text("[ca]\ndefault_ca=x\n[x]\ndatabase=index\ndefault_md=sha256\n")
-        self.openssl("ca", "-config", "ca.cnf", "-gencrl", "-crldays", "9", *CA, "-out", "ca.crl")
-
     def connects(self, server, *identities):
         return [self.session(server, self.context(identity=identity)) is not None for identity in identities]
 
     def test_who_may_connect_is_said_by_authority_revocation_list_and_name(self):
-        self.revoke("soon")
+        self.authority.revoke("soon")
         listed = "/CN=x,/C=DE/O=Example/CN=alice,/C=DE/O=Example/CN=soon"
         lists = {"client_crl": self.path / "ca.crl", "client_names": listed}
         with Dsessd(administrators=ROOT, client_ca=self.path / "ca.pem", **lists, **self.files) as server:
@@ -103,19 +84,17 @@ class Tls(unittest.TestCase):
     def test_a_reload_takes_what_is_new_and_an_unusable_file_leaves_the_old_in_force(self):
         for name in ("node1.pem", "node1.key"):
             shutil.copy(self.path / name, self.path / f"new-{name}")
-        self.revoke()
+        self.authority.revoke()
         new = {"tls_cert": self.path / "new-node1.pem", "tls_key": self.path / "new-node1.key"}
         with Dsessd(client_ca=self.path / "ca.pem", client_crl=self.path / "ca.crl", **new) as server:
             self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
             early = self.enterContext(socket.create_connection((server.host, server.port)))
-            self.revoke("soon")
+            self.authority.revoke("soon")
             shutil.copy(self.path / "solo.pem", new["tls_cert"])
-            self.hang_up(
-                server, "certificates stay as they were: the private key .* belongs to another certificate than"
-            )
+            server.hang_up("certificates stay as they were: the private key .* belongs to another certificate than")
             self.assertEqual(self.connects(server, "alice", "soon"), [True, True])
             shutil.copy(self.path / "solo.key", new["tls_key"])
-            self.hang_up(server, "the certificates were read anew")
+            server.hang_up("the certificates were read anew")
             with self.context(identity="alice").wrap_socket(early, server_hostname="localhost") as client:
                 client.sendall(b"GET / HTTP/1.1\r\n\r\n")
                 self.assertIn(b" 400 ", client.recv(100), "who came before the reload goes on as it was then")
@@ -127,11 +106,6 @@ class Tls(unittest.TestCase):
             self.assertIsNone(self.session(server, trusting), "the new list")
             self.assertEqual(server.stop(), 0)
 
-    def hang_up(self, server, line):
-        server.process.send_signal(signal.SIGHUP)
-        while not re.search(line, server.log()):
-            time.sleep(0.01)
-
     def test_an_issuing_authority_is_enough_and_what_ends_soon_is_told(self):
         with Dsessd(
             client_ca=self.path / "low-ca.pem", tls_cert=self.path / "ends.pem", tls_key=self.path / "ends.key"
@@ -141,7 +115,7 @@ class Tls(unittest.TestCase):
             self.assertNotIn("low-ca.pem ends on", server.log())
 
     def test_names_the_file_that_cannot_be_used(self):
-        self.openssl("pkey", "-in", "node1.key", "-aes256", "-passout", "pass:x", "-out", "locked.key")
+        self.authority.openssl("pkey -in node1.key -aes256 -passout pass:x -out locked.key")
         for name, mode, text in [("word", 0o600, "x\n"), ("wrong", 0o600, "y"), ("open.key", 0o640, "")]:
             (self.path / name).write_text(text)
             (self.path / name).chmod(mode)

@@ -12,6 +12,7 @@ import signal
 import ssl
 import subprocess
 import tempfile
+import time
 
 from postgres import new_database
 
@@ -93,6 +94,13 @@ class Dsessd:
         with self.process as process:
             process.send_signal(how)
             return process.wait(DEADLINE)
+
+    def hang_up(self, line):
+        """Has it read its certificates anew, and waits for what the log says of that, a regular expression."""
+        before = len(self.log())
+        self.process.send_signal(signal.SIGHUP)
+        while not re.search(line, self.log()[before:]):
+            time.sleep(0.01)
 
     def __enter__(self):
         return self.start()

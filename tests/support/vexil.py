@@ -9,6 +9,7 @@ import re
 import signal
 import subprocess
 import tempfile
+import time
 import unittest
 import urllib.parse
 
@@ -137,6 +138,12 @@ class Case(unittest.TestCase):
         for entry in entries:
             time = datetime.datetime.fromisoformat(entry[1])  # of UTC, whatever the zone
             self.assertLess(abs(time - datetime.datetime.now(datetime.UTC)), datetime.timedelta(minutes=5))
+
+    def within(self, seconds, since, condition):
+        """Waits for a condition."""
+        while not condition():
+            self.assertLess(time.monotonic() - since, seconds)
+            time.sleep(0.1)
 
     def check_table(self, table, run):
         """Runs each row of a table as a subtest."""

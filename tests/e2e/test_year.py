@@ -1,0 +1,168 @@
+"""A year of a cluster in one walk, while administrators change it all the time. In the end each change that was
+acknowledged is there, once.
+
+YEAR_SECONDS is how long they work between the events, all in all."""
+
+import os
+import shutil
+import signal
+import ssl
+import subprocess
+import time
+import unittest
+import unittest.mock
+
+from changes import NO_LOCATION, NOT_SECURE, TIMED_OUT, UNKNOWN
+from dsessd import DEADLINE
+from endtoend import BUILD, IDENTITY_REFUSED, NOT_PERMITTED, keep_manifest
+from office import Office
+from postgres import PROGRAMS, Postgres, new_database
+from vexil import ROOT, Case
+
+SECONDS = float(os.environ.get("YEAR_SECONDS", 15))
+PAUSE = SECONDS / 12  # between two events
+
+
+@unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+class Year(Office, Case):
+    def test_a_year(self):
+        self.install()
+        self.open(["anna", "bert", "eve", "kurt"], int(500 + 10 * SECONDS), PAUSE)
+        self.start_work("anna", "bert")
+        self.add_change_and_remove_users()
+        self.start_work("eve", "kurt")
+
+        self.renew_the_certificate_of_the_nodes()
+        self.revoke_a_certificate()
+        self.let_a_certificate_end()
+
+        self.lose_the_file_and_restore_it()
+        self.raise_it_from_1_0_0()
+        self.move_it_to_a_database()
+        self.add_a_node()
+        self.take_a_node_away()
+        self.kill_the_database()
+
+        self.reckon()
+
+    def install(self):
+        prefix = self.dir / "installed"
+        keep_manifest(self)
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+        self.enterContext(unittest.mock.patch("dsessd.BINARY", f"{prefix}/sbin/dsessd"))
+        self.enterContext(unittest.mock.patch.dict(os.environ, PATH=f"{prefix}/bin:{os.environ['PATH']}"))
+
+    def add_change_and_remove_users(self):
+        anna, bert = self.all["anna"], self.all["bert"]
+        rita = lambda command: anna.vexiladmin(command, "rita", "glance").returncode
+        self.dsessd("admin", "add", "rita", "--role", "read", input="glance")
+        self.assertEqual((rita("realm list"), rita("key change")), (0, NOT_PERMITTED & 0xFF))
+        self.dsessd("admin", "remove", "rita")
+        self.assertEqual(rita("realm list"), IDENTITY_REFUSED & 0xFF)
+        with bert.rest:
+            self.dsessd("admin", "password", "bert", input="another")
+            self.assertEqual(bert.vexiladmin("realm list").returncode, IDENTITY_REFUSED & 0xFF)
+            bert.password = "another"
+        self.work()
+
+    def renew_the_certificate_of_the_nodes(self):
+        self.give_the_nodes("node1")
+        self.hang_up()
+        for node in self.nodes:
+            shown = ssl.get_server_certificate((node.host, node.port))
+            self.assertEqual(shown, (self.authority.path / "node1.crt").read_text())
+        self.work()
+
+    def revoke_a_certificate(self):
+        eve = self.all["eve"]
+        with self.book.trouble("revoked", NOT_SECURE, who=eve):
+            self.authority.revoke("eve")
+            self.hang_up()
+            revoked = time.monotonic()
+            self.work()
+            eve.go()
+        self.assertEqual({change.status for change in eve.since(revoked)}, {NOT_SECURE})
+
+    def let_a_certificate_end(self):
+        kurt = self.all["kurt"]
+        with self.book.trouble("expired", NOT_SECURE, who=kurt):
+            with kurt.rest:
+                self.certify("kurt", 4 + PAUSE)
+            begun = time.monotonic()
+            self.within(DEADLINE + PAUSE, begun, lambda: kurt.changes[-1].status)
+            ended = time.monotonic()
+            self.work()
+            with kurt.rest:
+                self.certify("kurt", 10**7)
+        self.assertEqual(kurt.since(begun)[0].status, 0)
+        self.assertEqual({change.status for change in kurt.since(ended)}, {NOT_SECURE})
+        self.work()
+
+    def lose_the_file_and_restore_it(self):
+        self.asked.ask_for_another(self.nodes[0])
+        data, backup, copy = self.nodes[0].data, self.dir / "backup", self.dir / "copy"
+        begun = time.monotonic()
+        self.dsessd("backup", backup)
+        ended = time.monotonic()
+        self.work()
+        with self.without_nodes(signal.SIGKILL, UNKNOWN):
+            with open(data, "r+b") as file:
+                file.write(bytes(4096))
+            shutil.copy(backup, copy)
+            self.dsessd("restore", backup)
+            restored = self.dsessd("dump", "-")
+            self.assertEqual(restored, self.nodes[0].run("dump", "--data", copy, "-").stdout)
+            wrong, self.lost = self.book.restore(begun, ended, restored)
+            self.assertEqual(wrong, [])
+        self.work()
+
+    def raise_it_from_1_0_0(self):
+        with self.without_nodes():
+            self.put_into_tables((ROOT / "tests/server/store-1.0.0.sql").read_text())
+            self.assertIn("from schema version 1 to", self.dsessd("upgrade"))
+        self.asked.ask_for_another(self.nodes[0])
+        self.work()
+
+    def move_it_to_a_database(self):
+        self.postgres = self.enterContext(Postgres())
+        with self.without_nodes():
+            self.dsessd("dump", self.dir / "dump")
+            data = new_database(self.postgres.directory)
+            for node in self.nodes:
+                node.data = node.options["data"] = data
+            self.dsessd("load", self.dir / "dump")
+        self.work()
+
+    def add_a_node(self):
+        node = self.enterContext(self.nodes[0].another())
+        self.nodes.append(node)
+        self.tell_the_locations()
+        self.work()
+        self.assertIn(" changed: ", node.log())
+
+    def take_a_node_away(self):
+        self.assertEqual(self.nodes.pop(0).stop(), 0)
+        self.work()
+        self.tell_the_locations()
+
+    def kill_the_database(self):
+        words = "the server cannot reach its database now"
+        with self.book.trouble(f"{words}|no answer in time", NO_LOCATION, TIMED_OUT, UNKNOWN):
+            self.tell_the_locations(timeout=3)
+            self.work()
+            self.postgres.stop()
+            self.book.wait(PAUSE, DEADLINE)
+            self.postgres.start()
+            for node in self.nodes:
+                self.within(20, time.monotonic(), lambda: "result" in self.asked.ask(node))
+            self.tell_the_locations()
+        self.assertTrue(any(words in change.shown for change in self.book.changes()))
+        self.work()
+
+    def reckon(self):
+        self.assertEqual(len(self.book.at_work()), 3)
+        for one in self.book.at_work():
+            one.go()
+        wrong, figures = self.book.close(self.dsessd("dump", "-"), {"first"} | self.asked.keys())
+        self.assertEqual(wrong, [])
+        print(f"{figures}; {self.lost} were lost with the file, all of them made after the backup")
