@@ -1,14 +1,18 @@
 /// dsessd load and dsessd dump: a cluster goes from a file to the store, or the other way.
 
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <string>
+#include <vector>
 
 #include "runtime/qel_io.h"
 #include "server/Commands.h"
@@ -22,36 +26,63 @@ namespace dsessd {
 
 namespace {
 
-/// Shows on a terminal how far a load is, a few times a second.
+/// Shows on a terminal how far a load is, in one line that fits and that is gone in the end:
+///
+///     loading: 42%, 16 s left, 4200000 sessions, 371000 a second
 class ProgressLine {
   public:
+    using Clock = std::chrono::steady_clock;
+
+    /// `totalBytes` 0: not known, as of a pipe.
     explicit ProgressLine(std::uint64_t totalBytes) : m_total(totalBytes) {}
     ~ProgressLine() {
-        if (m_shown) {
-            std::cerr << "\r\033[K" << std::flush;
+        if (m_isShown) {
+            std::cerr << kErase << std::flush;
         }
     }
     ProgressLine(const ProgressLine&) = delete;
     ProgressLine& operator=(const ProgressLine&) = delete;
 
-    void show(std::uint64_t bytes, const LoadCounts& counts) {
-        const auto now = std::chrono::steady_clock::now();
-        if (now < m_next) {
+    void show(std::uint64_t bytes, const LoadCounts& counts, bool isRead) {
+        const auto now = Clock::now();
+        if (now < m_next && !(isRead && m_isShown)) {
             return;
         }
         m_next = now + std::chrono::milliseconds(250);
-        m_shown = true;
-        std::cerr << "\r\033[Kloading: ";
-        if (m_total != 0) {
-            std::cerr << bytes * 100 / m_total << "%, ";
+        m_isShown = true;
+        const double seconds = std::chrono::duration<double>(now - m_start).count();
+        std::vector<std::string> parts;
+        if (isRead) {
+            parts.emplace_back("to the disk");
+        } else if (m_total != 0) {
+            const double share = static_cast<double>(bytes) / static_cast<double>(m_total);
+            parts.push_back(rounded(100 * share) + "%");
+            parts.push_back(rounded(seconds / share - seconds) + " s left");
         }
-        std::cerr << counts.sessions << " sessions" << std::flush;
+        parts.push_back(std::to_string(counts.sessions) + " sessions");
+        parts.push_back(rounded(static_cast<double>(counts.sessions) / seconds) + " a second");
+        std::string line = "loading: ";
+        for (const std::string& part : parts) {
+            if (line.size() + part.size() + 2 < columns()) {
+                line += (&part == parts.data() ? "" : ", ") + part;
+            }
+        }
+        std::cerr << kErase << line << std::flush;
     }
 
   private:
-    std::uint64_t m_total;
-    bool m_shown = false;
-    std::chrono::steady_clock::time_point m_next = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    static constexpr char kErase[] = "\r\033[K";
+
+    static std::string rounded(double value) { return std::to_string(std::llround(value)); }
+    static std::size_t columns() {
+        winsize size{};
+        return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+    }
+
+    const std::uint64_t m_total;
+    const Clock::time_point m_start = Clock::now();
+    Clock::time_point m_next = m_start + std::chrono::milliseconds(500);
+    bool m_isShown = false;
 };
 
 std::uint64_t sizeOf(const std::string& path) {
@@ -91,7 +122,9 @@ int load(const DataOptions& options) {
         ProgressLine line(sizeOf(options.file));
         LoadProgress progress;
         if (::isatty(STDERR_FILENO) == 1) {
-            progress = [&](std::uint64_t bytes, const LoadCounts& soFar) { line.show(bytes, soFar); };
+            progress = [&](std::uint64_t bytes, const LoadCounts& soFar, bool isRead) {
+                line.show(bytes, soFar, isRead);
+            };
         }
         counts = loadCluster(input, *store, presentTime(), progress);
     } catch (const Failure& error) {

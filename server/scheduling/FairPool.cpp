@@ -66,6 +66,11 @@ FairPool::Load FairPool::load() {
     return load;
 }
 
+void FairPool::getOn() {
+    const MutexLock lock(m_mutex);
+    m_turned = Clock::now();
+}
+
 bool FairPool::turns(Clock::duration within) {
     const MutexLock lock(m_mutex);
     return m_working < m_threads.size() || m_working == 0 || Clock::now() - m_turned < within;

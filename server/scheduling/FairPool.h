@@ -42,8 +42,10 @@ class FairPool {
     };
     Load load();
 
+    /// For a long task: it does not hang.
+    void getOn();
     /// Whether the pool still works: false when all its threads have been busy for longer than `within` and none has
-    /// begun or ended a task in that time.
+    /// begun or ended a task or got on with one in that time.
     bool turns(Clock::duration within);
 
   private:
@@ -65,7 +67,7 @@ class FairPool {
     Mutex m_mutex;
     std::condition_variable m_changed;
     bool m_stopping GUARDED_BY(m_mutex) = false;
-    /// How many threads are at work, and when the last one has begun or ended a task.
+    /// How many threads are at work, and when one has last begun or ended a task or got on with it.
     std::size_t m_working GUARDED_BY(m_mutex) = 0;
     Clock::time_point m_turned GUARDED_BY(m_mutex);
     /// Who has waited longest for a turn is in front.

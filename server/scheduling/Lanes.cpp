@@ -80,7 +80,7 @@ void Lanes::step(const std::shared_ptr<Job>& job, Lane lane) noexcept {
     try {
         const Lane next = m_service.advance(*job->m_call, lane);
         if (next == Lane::kDone) {
-            deliver(job);
+            deliver(job, lane);
         } else {
             post(job, next);
         }
@@ -106,7 +106,7 @@ void Lanes::finish(Job& job) noexcept {
     }
 }
 
-void Lanes::deliver(const std::shared_ptr<Job>& job) {
+void Lanes::deliver(const std::shared_ptr<Job>& job, Lane lane) {
     const auto deadlines = job->m_call->deadlines;
     job->answer = std::move(job->m_call->answer);
     job->m_call.reset();
@@ -120,6 +120,8 @@ void Lanes::deliver(const std::shared_ptr<Job>& job) {
     finish(*job);
     try {
         for (std::string piece; !(piece = rest->next()).empty();) {
+            deadlines->workLonger(piece.size() * kListingPerByte);
+            m_pools[static_cast<std::size_t>(lane)].getOn();
             spool->append(std::move(piece));
         }
         spool->end(true);

@@ -54,7 +54,7 @@ class Lanes {
   private:
     void post(const std::shared_ptr<Job>& job, Lane lane);
     void step(const std::shared_ptr<Job>& job, Lane lane) noexcept;
-    void deliver(const std::shared_ptr<Job>& job);
+    void deliver(const std::shared_ptr<Job>& job, Lane lane);
     void fail(Job& job, const std::exception& why) noexcept;
     static void finish(Job& job) noexcept;
 

@@ -26,9 +26,12 @@ struct LaneRule {
     unsigned mostForOne;
     /// How long a step may wait for its turn; who comes later is told that the server is busy.
     std::chrono::milliseconds longestWait;
-    /// How long it may take.
+    /// How long it may take. A listing gets more while it gets on: kListingPerByte.
     std::chrono::milliseconds longestWork;
 };
+
+/// A listing of any length is whole in time if each second brings a megabyte of it.
+inline constexpr std::chrono::microseconds kListingPerByte{1};
 
 /// A row for each lane, in the order of the enumeration. A change may be one of a million sessions.
 inline constexpr std::array<LaneRule, 6> kLanes{{

@@ -1,4 +1,4 @@
-/// How long one request may go on working: until two moments that any thread may bring forward.
+/// How long one request may go on working: until the first of three moments. Two of them any thread may bring forward.
 #pragma once
 
 #include <atomic>
@@ -15,8 +15,14 @@ class RequestDeadlines {
     /// Nobody waits for the answer any more: what changes nothing ends by then.
     void leaveBy(Clock::time_point moment) { bringForward(m_leave, moment); }
 
+    /// The step in hand ends by then, unless it gets on. Set by the thread that does the step.
+    void workBy(Clock::time_point moment) { m_work = moment; }
+    /// The step has got on so far that it has earned more time.
+    void workLonger(Clock::duration more) { m_work = m_work.load() + more; }
+
     Clock::time_point stop() const { return m_stop; }
     Clock::time_point leave() const { return m_leave; }
+    Clock::time_point work() const { return m_work; }
 
   private:
     using Moment = std::atomic<Clock::time_point>;
@@ -27,6 +33,7 @@ class RequestDeadlines {
 
     Moment m_stop = Clock::time_point::max();
     Moment m_leave = Clock::time_point::max();
+    Moment m_work = Clock::time_point::max();
 };
 
 }  // namespace dsessd

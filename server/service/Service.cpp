@@ -77,10 +77,10 @@ Lane Service::takeStep(Call& call, Lane lane) {
         call.request.read();
         call.caller.credentials = call.request.credentials();
     }
-    const auto end = Call::Clock::now() + ruleOf(lane).longestWork;
-    StorePool::Lease store = m_stores.take([deadlines = call.deadlines, end, changes = lane == Lane::kChange] {
+    call.deadlines->workBy(Call::Clock::now() + ruleOf(lane).longestWork);
+    StorePool::Lease store = m_stores.take([deadlines = call.deadlines, changes = lane == Lane::kChange] {
         const auto now = Call::Clock::now();
-        return now > end || now > deadlines->stop() || (!changes && now > deadlines->leave());
+        return now > deadlines->work() || now > deadlines->stop() || (!changes && now > deadlines->leave());
     });
     if (!identify(call, *store, lane)) {
         return Lane::kLogin;

@@ -24,14 +24,14 @@ namespace dsessd {
 struct Call {
     using Clock = RequestDeadlines::Clock;
 
-    Call(SecretBuffer text, Peer peer, std::shared_ptr<const RequestDeadlines> until)
+    Call(SecretBuffer text, Peer peer, std::shared_ptr<RequestDeadlines> until)
         : request(std::move(text)), caller{std::move(peer), {}, {}}, deadlines(std::move(until)) {}
 
     Request request;
     Caller caller;
     Answer answer;
 
-    const std::shared_ptr<const RequestDeadlines> deadlines;
+    const std::shared_ptr<RequestDeadlines> deadlines;
     /// When the request came, and when its next step began to wait for a thread.
     const Clock::time_point start = Clock::now();
     Clock::time_point queued = start;

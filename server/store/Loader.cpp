@@ -81,6 +81,9 @@ class ClusterHandler {
         if (!storeSessions()) {
             throw LoadError(m_line, m_problem);
         }
+        if (m_progress) {
+            m_progress(m_place.bytes, m_counts, true);
+        }
         m_replacement->commit();
         return m_counts;
     }
@@ -166,7 +169,7 @@ class ClusterHandler {
             ++*m_open.back().element;
         }
         if (m_progress && ++m_stored % 4096 == 0) {
-            m_progress(m_place.bytes, m_counts);
+            m_progress(m_place.bytes, m_counts, false);
         }
         return true;
     }

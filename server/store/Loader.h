@@ -32,8 +32,9 @@ class LoadError : public std::runtime_error {
     std::size_t m_line;
 };
 
-/// Called now and then with the bytes read and the records stored so far.
-using LoadProgress = std::function<void(std::uint64_t bytes, const LoadCounts& counts)>;
+/// Called now and then with the bytes read and the records stored so far. `isRead`, at last: what is left is the
+/// commit.
+using LoadProgress = std::function<void(std::uint64_t bytes, const LoadCounts& counts, bool isRead)>;
 
 /// Replaces the store's cluster by the one in `input`, in one transaction and in constant memory. Throws LoadError or
 /// Failure; nothing is changed then. Ages are taken from `now`.

@@ -9,6 +9,8 @@ import signal
 import socket
 import sqlite3
 import subprocess
+import tempfile
+import termios
 import time
 import unittest
 
@@ -46,7 +48,10 @@ class Serving(unittest.TestCase):
                     database.execute(change)
             for listen, data, problem in [
                 (f"127.0.0.1:{server.port}", None, "cannot listen on .*: Address already in use"),
-                *((listen, None, "an address to listen on is") for listen in ("127.0.0.1", "::1:80", "[::1]:99999", "[::1]:8x")),
+                *(
+                    (listen, None, "an address to listen on is")
+                    for listen in ("127.0.0.1", "::1:80", "[::1]:99999", "[::1]:8x")
+                ),
                 ("no.such.host.invalid:80", None, "no address for no.such.host.invalid"),
                 *(("127.0.0.1:0", name, "is not a data file of dsessd") for name in ("text", "foreign")),
                 ("127.0.0.1:0", "newer", "has schema version 9"),
@@ -207,6 +212,30 @@ class Loading(unittest.TestCase):
             key = result("cluster.get")["key"]
             self.assertEqual((key["label"][:4], key["previousTime"]), ("key-", 0), "a first key")
             self.assertEqual(result("trace.get"), {"level": 7})
+
+    def test_shows_on_a_terminal_how_far_a_load_is(self):
+        folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        data, file = folder / "cluster.db", folder / "cluster.json"
+        subprocess.run([BINARY, "load", "--data", data, SAMPLE], check=True, capture_output=True)
+        file.write_text(json.dumps(cluster(5000)))
+        begin, rate = r"\r\x1b\[Kloading: ", r"\d+ a second"
+        end = r"\r\x1b\[Kdsessd: loaded realms: 1, [^\r]*\r\n$"
+        for columns, shown in [
+            (80, rf"77%, \d+ s left, 4096 sessions, {rate}{begin}to the disk, 5000 sessions, {rate}"),
+            (33, rf"77%, \d+ s left{begin}to the disk"),
+        ]:
+            with contextlib.closing(sqlite3.connect(data)) as other:
+                other.execute("BEGIN IMMEDIATE")  # what the load waits for
+                terminal = Terminal([BINARY, "load", "--data", str(data), str(file)], os.environ)
+                self.addCleanup(terminal.close)
+                termios.tcsetwinsize(terminal.master, (24, columns))
+                files = pathlib.Path(f"/proc/{terminal.pid}/fd")
+                terminal.until(
+                    lambda: any(path.samefile(data) for path in files.iterdir() if path.exists()), "open file"
+                )
+                time.sleep(1)  # less than half of that is not worth a line
+                other.rollback()
+                self.assertRegex(" ".join(map(str, terminal.ended())), f"^0 {begin}{shown}{end}")
 
 
 class Administrators(unittest.TestCase):
