@@ -69,6 +69,9 @@ class Administrator(threading.Thread):
         """The changes that were begun and ended since."""
         return [change for change in self.changes if change.begun > moment]
 
+    def statuses(self, moment):
+        return [change.status for change in self.since(moment)]
+
     def go(self):
         self.gone.set()
         self.join()

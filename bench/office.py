@@ -81,6 +81,11 @@ class Office:
             self.addCleanup(one.go)
         self.work()
 
+    def end_work(self, *names):
+        for one in map(self.all.get, names):
+            self.assertTrue(one.is_alive())
+            one.go()
+
     def tell_the_locations(self, timeout=20):
         """Writes the configurations anew, with the nodes that there are; each administrator asks them in another order."""
         for at, one in enumerate(self.all.values()):

@@ -18,7 +18,7 @@ NOT_PERMITTED, UNKNOWN_REALM, REQUEST_REFUSED, NO_MATCHING_SESSION = 0x38C54016,
 
 
 def keep_manifest(case):
-    """Has the test put the list back that the build has of an installation that is not the test's."""
+    """Puts the list of an installation that is not the test's back in the end."""
     if MANIFEST.exists():
         case.addCleanup(MANIFEST.write_bytes, MANIFEST.read_bytes())
     case.addCleanup(MANIFEST.unlink, True)

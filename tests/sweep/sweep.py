@@ -126,21 +126,26 @@ class Sweep:
         return self
 
 
+def report(make, names):
+    """Makes sweeps, at once, and shows what came of them. Returns the exit status."""
+    if not os.environ["FAILING_MALLOC"]:
+        print("skipped: a sanitizer's allocator is none that can be made to fail")
+        return 0
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        sweeps = list(pool.map(make, names))
+    for name, sweep in zip(names, sweeps):
+        print(f"{name}: {sum(sweep.outcomes.values())} outcomes:", dict(sweep.outcomes.most_common()))
+        for fault, runs in sweep.faults.items():
+            print(f"  {fault}: {len(runs)} runs, the first of them {runs[0]}")
+    return 1 if any(sweep.faults for sweep in sweeps) else 0
+
+
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("kinds", nargs="*", default=["memory", "calls"])
     parser.add_argument("--step", type=int, default=1)
     options = parser.parse_args()
-    if not os.environ["FAILING_MALLOC"]:
-        print("skipped: a sanitizer's allocator is none that can be made to fail")
-        return 0
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        sweeps = list(pool.map(lambda name: Sweep(name, options.step).sweep(options.kinds), SCENARIOS))
-    for sweep in sweeps:
-        print(f"{sweep.name}: {sum(sweep.outcomes.values())} runs:", dict(sweep.outcomes.most_common()))
-        for fault, numbers in sweep.faults.items():
-            print(f"  {fault}: {len(numbers)} runs, as of number {numbers[0]}")
-    return 1 if any(sweep.faults for sweep in sweeps) else 0
+    return report(lambda name: Sweep(name, options.step).sweep(options.kinds), SCENARIOS)
 
 
 if __name__ == "__main__":

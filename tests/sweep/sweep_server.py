@@ -9,7 +9,6 @@ ends with status 1 if there was any of that. DSESSD and FAILING_MALLOC, a librar
 
 import argparse
 import collections
-import concurrent.futures
 import contextlib
 import errno
 import http.client
@@ -25,6 +24,7 @@ import sys
 import uuid
 
 from dsessd import AS_ROOT, DEADLINE, ROOT, Dsessd, request_text
+from sweep import FOREVER, report
 
 KINDS = {
     "start": {},
@@ -35,7 +35,6 @@ KINDS = {
     "write": {"SWEEP_CALL": "write", "SWEEP_ERROR": str(errno.EIO)},
     "accept": {"SWEEP_CALL": "accept4", "SWEEP_ERROR": str(errno.EMFILE)},
 }
-FOREVER = 2**62
 WRONG = {**AS_ROOT, "password": "GUESS"}
 
 
@@ -167,16 +166,7 @@ def main():
     parser.add_argument("kinds", nargs="*", default=list(KINDS))
     parser.add_argument("--most", type=int, default=FOREVER)
     options = parser.parse_args()
-    if not os.environ["FAILING_MALLOC"]:
-        print("skipped: a sanitizer's allocator is none that can be made to fail")
-        return 0
-    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
-        sweeps = list(pool.map(lambda kind: Sweep(kind, options.most).sweep(), options.kinds))
-    for sweep in sweeps:
-        print(f"{sweep.kind}: {dict(sweep.outcomes)}")
-        for fault, runs in sweep.faults.items():
-            print(f"  {fault}: {len(runs)} runs, such as {runs[0]}")
-    return 1 if any(sweep.faults for sweep in sweeps) else 0
+    return report(lambda kind: Sweep(kind, options.most).sweep(), options.kinds)
 
 
 if __name__ == "__main__":

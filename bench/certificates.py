@@ -3,6 +3,7 @@
 import pathlib
 import subprocess
 
+MAKE = pathlib.Path(__file__).parents[1] / "tests" / "support" / "make_certificates"
 SETTINGS = """[ca]
 default_ca = ca
 [ca]
@@ -20,7 +21,7 @@ CN = supplied
 class Authority:
     def __init__(self, path):
         self.path = pathlib.Path(path)
-        subprocess.run(["sh", pathlib.Path(__file__).parent / "make_certificates", path], check=True)
+        subprocess.run(["sh", MAKE, path], check=True)
         (self.path / "ca.cnf").write_text(SETTINGS)
         self.revoke()
 
