@@ -223,13 +223,16 @@ class Shell(Case):
         self.check(*commands("50% %s\n"), VEXILADMIN_DEBUG="3", **seen)
 
     def test_a_line_that_a_read_error_cut_short_is_not_run(self):
-        ours, theirs = socket.socketpair()
-        theirs.send(b"what is left unread makes a close a reset")
-        ours.send(b"trace get\nkey show")
-        ours.close()
-        with theirs:
-            streams = {"stdin": theirs, "capture_output": True}
-            self.check(streams=streams, out=LEVEL + "\n", err=msg(0x38C54055, error(errno.ECONNRESET)), calls=GET)
+        for text, seen in [
+            (b"trace get\nkey", {"out": LEVEL + "\n", "err": msg(0x38C54055, error(errno.ECONNRESET)), "calls": GET}),
+            (b"login bob\npass", {"out": msg(0x38C52145) + "\n\n", "err": line(0x38C5209D)}),
+        ]:
+            ours, theirs = socket.socketpair()
+            theirs.send(b"what is left unread makes a close a reset")
+            ours.send(text)
+            ours.close()
+            with theirs:
+                self.check(streams={"stdin": theirs, "capture_output": True}, **seen)
         self.check("-file", ".", err=msg(0x38C54054, ".", error(errno.EISDIR)))
         self.check(redirect="</", out="\n", err=msg(0x38C54055, error(errno.EISDIR)))
 

@@ -183,6 +183,7 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
     };
     const std::string wrong = "the stash file's password is not its password";
     const std::string others = "cannot be used: others than its owner have permissions on it";
+    const std::string clear = others + ", and its private key is not encrypted";
     const std::string notUnderstood = "holds something that is not understood";
     std::vector<Case> cases = {
         {"alice.p12", "crlf", ""},
@@ -199,11 +200,11 @@ TEST_F(Tls, KeyFilesAndStashesThatCannotBeUsedAreNamedAtOnce) {
         {"alice.p12", "wrong", "cannot be decrypted: " + wrong},
         {"alice-pem.pem", "wrong", "cannot be read: it is damaged, or " + wrong},
         {"alice.p12", "world", others},
-        {"open.pem", "", others + ", and its private key is not encrypted"},
-        {"open.pem", "stash", others + ", and its private key is not encrypted"},
-        {"clear.p12", "stash", others + ", and its private key is not encrypted"},
-        {"seen.p12", "empty", others + ", and its private key is not encrypted"},
-        {"void.pem", "empty", others + ", and its private key is not encrypted"},
+        {"open.pem", "", clear},
+        {"open.pem", "stash", clear},
+        {"clear.p12", "stash", clear},
+        {"seen.p12", "empty", clear},
+        {"void.pem", "empty", clear},
         {"alice-pem.pem", "long", wrong},
         {"cut.pem", "", "is damaged: the end is missing of what begins (line "},
         {"written.pem", "", others + ", and could put in whom to trust"},

@@ -299,7 +299,7 @@ TEST(Transport, TheFormOfAnAnswerIsTakenAsHttpHasItOrRefusedInWords) {
         std::string answer, cause;  // no cause: it is taken
         int connections = 1;        // that two requests take
     } cases[] = {
-        {ok + " ;charset=utf-8\r\nContent-Encoding: identity " + whole, ""},
+        {"HTTP/1.1 200 OK\r\ncontent-type: Application/JSON ;charset=utf-8\r\nContent-Encoding: identity " + whole, ""},
         {"HTTP/1.0 200 " + ok.substr(15) + whole, "", 2},
         {"HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 103 Early Hints\r\nContent-Type: text/html\r\n\r\n" + ok + whole, ""},
         {ok + chunked + pieces(";a=b;c=\"d\"") + "X-Sum: 1\r\nX-More: 2\r\n\r\n", ""},
