@@ -218,11 +218,11 @@ TEST(Transport, WhenAllLocationsFailTheStatusNamesWhatTheyHaveInCommon) {
     }
     const std::string& refusing = servers.urls[0];
     Library library(
-        {refusing + "blue/services/DSessAdminProxy", servers.urls[1], refusing + "green", servers.urls[5], "ftp://a/"},
+        {servers.urls[1], refusing + "blue/services/DSessAdminProxy", refusing + "green", servers.urls[5], "ftp://a/"},
         1);
     EXPECT_EQ(library.read(), kStatusNoLocation);
-    EXPECT_EQ(traced.end()[-4], "0 " + refusing + "blue, " + refusing + "green: connection refused\n");
-    EXPECT_EQ(traced.end()[-3], "0 " + servers.urls[1] + ": answer not understood: it was cut short\n");
+    EXPECT_EQ(traced.end()[-4], "0 " + servers.urls[1] + ": answer not understood: it was cut short\n");
+    EXPECT_EQ(traced.end()[-3], "0 " + refusing + "blue, " + refusing + "green: connection refused\n");
     EXPECT_EQ(traced.back(), "0 other locations: other causes\n");
 }
 
