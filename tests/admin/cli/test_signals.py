@@ -1,12 +1,10 @@
 """Signals: the terminal is put back, whatever ends or stops the program; Ctrl-C ends a line or a command.
-
-SIGNAL_TURNS is the number of turns at random moments, SIGNAL_SEED what they are drawn from."""
+bench/random_signals.py sends them at random moments."""
 
 import fcntl
 import itertools
 import os
 import pathlib
-import random
 import re
 import signal
 import socket
@@ -20,9 +18,6 @@ from terminal import PATIENCE
 from vexil import ANON, CONFIG, VEXILADMIN, Case, commands, line, msg
 
 PASSWORD, INTERRUPTED = msg(0x38C52145), line(0x38C54023)
-TURNS, SEED = int(os.environ.get("SIGNAL_TURNS", 45)), int(os.environ.get("SIGNAL_SEED", 1))
-GO_ON = {"KILL", "STOP", "CHLD", "URG", "TTIN", "TTOU", "TSTP", "CONT", "WINCH", "PIPE", "XFSZ", "INT"}
-ENDING = sorted(signal.valid_signals() - {signal.Signals[f"SIG{name}"] for name in GO_ON})
 
 
 class AtThePassword(Case):
@@ -171,7 +166,6 @@ class OfARun(Case):
                 seen = [stream.read().decode() for stream in (process.stdout, process.stderr)]
             self.assertEqual((seen, process.returncode), ([shown, told], -number))
 
-
     def test_ctrl_c_ends_the_program_where_the_library_cannot_be_interrupted(self):
         script = "list_sessions " + " ".join(["session=" + "x" * 99 + ",y,0"] * 2000)
         arguments = [VEXILADMIN, *commands("session list -realm e * 0")]
@@ -273,29 +267,3 @@ class OfACommand(Case):
                 terminal.shown = ""
             os.kill(terminal.pid, number)
             self.assertEqual(terminal.ended(), (-number, told.replace("\n", "\r\n")))
-
-    def test_signals_at_random_moments_neither_get_lost_nor_leave_the_terminal_changed(self):
-        chance = random.Random(SEED)
-        # A sanitizer has handlers of its own.
-        faults = ":".join(f"handle_{name}=0" for name in ("segv", "sigbus", "sigfpe", "sigill", "abort", "sigtrap"))
-        began = time.monotonic()
-        self.terminal("-command", "login bob", prompt=PASSWORD)
-        usual = time.monotonic() - began
-        for turn in range(TURNS):
-            at, stops, number = turn % 3, turn % 5 == 0 and turn % 3 < 2, chance.choice(ENDING)
-            arguments = [(), commands("login bob"), commands("realm list")][at]
-            terminal = self.terminal(*arguments, prompt=None, ASAN_OPTIONS=faults, **(self.silent if at == 2 else {}))
-            with self.subTest(turn=turn, at=at, stops=stops, number=number):
-                time.sleep(chance.uniform(0, 1.5 * usual))
-                if stops:
-                    os.kill(terminal.pid, signal.SIGTSTP)
-                    terminal.stop()
-                    self.assertTrue(terminal.restored())
-                    terminal.foreground()
-                    terminal.type("exit\n")
-                else:
-                    os.kill(terminal.pid, number)
-                status, shown = terminal.ended()
-                self.assertTrue(terminal.restored(), shown)
-                status = -(-status & 0x7F)  # with a core dump, where it came before main
-                self.assertEqual(status, 0 if stops else -number, shown)
