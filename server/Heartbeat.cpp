@@ -92,39 +92,45 @@ void Heartbeat::look(bool contacts, bool isLast) {
             write(*store);
         }
     } catch (const Failure& failure) {
-        if (failure.reason() == Reason::kBusy) {  // with a load, which ends
+        const bool isInterrupted = failure.reason() == Reason::kInterrupted;
+        if (failure.reason() == Reason::kBusy || (isInterrupted && m_stopping)) {  // busy with a load, which ends
             health.storeMayRest();
-        } else if (failure.reason() == Reason::kInterrupted && m_stopping) {
-            health.storeMayRest();
-        } else {
-            health.storeIs(Health::State::kNoStore);
-            m_metrics.count(failure);
-            report(failure.reason() == Reason::kInterrupted ? "the store does not answer"
-                                                            : std::string("the store failed: ") + failure.what());
+            return;
         }
+        health.storeIs(Health::State::kNoStore);
+        m_metrics.count(failure);
+        report(isInterrupted ? "the store does not answer" : std::string("the store failed: ") + failure.what());
     }
 }
 
 /// Notes the last contact. A node that is no member, but monitored, only tries whether the store takes changes.
 void Heartbeat::write(Store& store) {
+    Health& health = m_metrics.health;
     const Membership& own = m_membership;
+    bool isKnown = true;
     try {
-        m_metrics.health.storeAsked(kWritesWithin);
+        health.storeAsked(kWritesWithin);
         if (!own.member.empty()) {
-            if (!store.contact(own.replicaSet, {own.member, presentTime()})) {
-                report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
-                return;
-            }
+            isKnown = store.contact(own.replicaSet, {own.member, presentTime()});
         } else if (m_isMonitored) {
             store.tryWriting();
         }
-        m_isReadOnly = false;
-        m_problem.clear();
-        m_metrics.health.storeIs(Health::State::kOk);
     } catch (const Failure& failure) {
-        // Whether it can be read at least, the next look tells.
-        m_isReadOnly = m_isReadOnly || (failure.reason() != Reason::kBusy && failure.reason() != Reason::kInterrupted);
-        throw;
+        if (failure.reason() == Reason::kBusy || failure.reason() == Reason::kInterrupted) {
+            throw;
+        }
+        m_isReadOnly = true;  // it was read a moment ago
+        health.storeIs(Health::State::kReadOnly);
+        m_metrics.count(failure);
+        report(std::string("the store takes no changes: ") + failure.what());
+        return;
+    }
+    m_isReadOnly = false;
+    health.storeIs(Health::State::kOk);
+    if (isKnown) {
+        m_problem.clear();
+    } else {
+        report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
     }
 }
 

@@ -161,7 +161,7 @@ void Monitor::run() noexcept {
         std::transform(peers.begin(), peers.end(), waited.begin() + 2,
                        [](const Peer& peer) { return peer.waitsFor(); });
         const bool mayRest = canTake && peers.empty();
-        ::poll(waited.data(), peers.size() + 2, mayRest ? -1 : static_cast<int>(kTick.count()));
+        static_cast<void>(::poll(waited.data(), peers.size() + 2, mayRest ? -1 : static_cast<int>(kTick.count())));
         if (waited[0].revents != 0) {
             return;
         }

@@ -80,9 +80,10 @@ Metrics::Metrics(const Log& log)
       storeReconnects(
           counter(m_registry, "dsessd_store_reconnects_total", "Connections to the database that were made anew")),
       m_log(log),
-      m_requests(counters(m_registry, "dsessd_requests_total",
-                          "Requests that were answered, by method and outcome: done, done before (a change that was "
-                          "answered from its record), busy (status 503), or the name of an error")),
+      m_requests(
+          counters(m_registry, "dsessd_requests_total",
+                   "Requests that were answered, by method and outcome: done, done before (a change that was "
+                   "answered from its record), busy or store out of reach (status 503), or the name of an error")),
       m_requestTimes(prometheus::BuildHistogram()
                          .Name("dsessd_request_duration_seconds")
                          .Help("Time from a request's last byte to its answer, waiting included and sending not")

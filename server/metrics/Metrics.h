@@ -25,7 +25,7 @@
 
 namespace dsessd {
 
-/// Safe to use from several threads. Counting takes no memory and waits for nobody.
+/// Safe to use from several threads. To count takes no memory, and no lock but a histogram's for a moment.
 class Metrics {
     /// Owns what the members below refer to.
     prometheus::Registry m_registry;
@@ -40,7 +40,7 @@ class Metrics {
 
     Health health;
 
-    /// These make the counter or histogram when it is asked for first, and that takes memory.
+    /// These look a counter, histogram or gauge up, or make it, which takes memory: for the start, or for what is rare.
     prometheus::Counter& requests(const std::string& method, const std::string& outcome);
     prometheus::Histogram& requestTimes(const std::string& method);
     prometheus::Counter& httpRefusals(int status);

@@ -18,8 +18,10 @@ Lanes::Lanes(Service& service, Log& log, Metrics& metrics)
       m_notAtOnceUntil(service.answersAtOnce() ? Clock::time_point::min() : Clock::time_point::max()) {
     for (const LaneRule& rule : kLanes) {
         m_pools.emplace_back(rule.threads, rule.mostForOne);
-        m_gauges.push_back({metrics.waiting(rule.name), metrics.busyThreads(rule.name)});
-        metrics.threads(rule.name).Set(rule.threads);
+        if (rule.threads > 0) {
+            m_gauges.push_back({m_pools.back(), metrics.waiting(rule.name), metrics.busyThreads(rule.name)});
+            metrics.threads(rule.name).Set(rule.threads);
+        }
     }
 }
 
@@ -61,9 +63,11 @@ void Lanes::tick() {
         while (const FairPool::Task late = m_pools[lane].takeBack(before)) {
             late();  // refuses: it has waited too long
         }
-        const FairPool::Load load = m_pools[lane].load();
-        m_gauges[lane].waiting.Set(static_cast<double>(load.waiting));
-        m_gauges[lane].busyThreads.Set(static_cast<double>(load.working));
+    }
+    for (const Gauges& gauges : m_gauges) {
+        const FairPool::Load load = gauges.pool.load();
+        gauges.waiting.Set(static_cast<double>(load.waiting));
+        gauges.busyThreads.Set(static_cast<double>(load.working));
     }
 }
 

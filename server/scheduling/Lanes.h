@@ -64,10 +64,10 @@ class Lanes {
     std::atomic<Clock::time_point> m_notAtOnceUntil;
     std::deque<FairPool> m_pools;
     struct Gauges {
+        FairPool& pool;
         prometheus::Gauge& waiting;
         prometheus::Gauge& busyThreads;
     };
-    /// In the order of the lanes, as the pools.
     std::vector<Gauges> m_gauges;
 };
 

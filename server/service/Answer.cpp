@@ -83,6 +83,15 @@ std::string asText(const char* outcome, const json::object& object) {
 
 }  // namespace
 
+std::span<const char* const> outcomes() {
+    static constexpr const char* kAll[] = {outcome::kDone,       outcome::kDoneBefore,      outcome::kBusy,
+                                           outcome::kNoStore,    error::kIdentityRefused,   error::kNotPermitted,
+                                           error::kUnknownRealm, error::kUnknownReplicaSet, error::kNoMatchingSession,
+                                           error::kInvalidValue, error::kInvalidRequest,    error::kServerFailure,
+                                           error::kOtherCluster, error::kOtherChange};
+    return kAll;
+}
+
 const char* errorName(Reason reason) {
     return toldOf(reason).name;
 }
@@ -115,7 +124,7 @@ void Answer::refuse(std::string_view id, std::string_view clusterId, const Failu
     const Reason reason = failure.reason();
     httpStatus = toldOf(reason).httpStatus;
     lacksStore = reason == Reason::kUnavailable || reason == Reason::kReplaced;
-    outcome = lacksStore ? "store out of reach" : httpStatus == 503 ? "busy" : errorName(reason);
+    outcome = lacksStore ? outcome::kNoStore : httpStatus == 503 ? outcome::kBusy : errorName(reason);
     text = beginAnswer(id, clusterId) + errorText(failure) + '}';
 }
 

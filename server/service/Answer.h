@@ -7,6 +7,7 @@
 #include <boost/json/object.hpp>
 #include <chrono>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -35,6 +36,17 @@ class ListingAnswer {
     bool m_done = false;
 };
 
+/// How a request may end, beside the names of errors (protocol::error).
+namespace outcome {
+inline constexpr char kDone[] = "done";
+inline constexpr char kDoneBefore[] = "done before";  // a change that is answered from its record
+inline constexpr char kBusy[] = "busy";
+inline constexpr char kNoStore[] = "store out of reach";
+}  // namespace outcome
+
+/// All of these, and all names of errors.
+std::span<const char* const> outcomes();
+
 struct Answer {
     int httpStatus = 200;
     /// Whether a status of 503 is the store's doing and not the server's (protocol::kUnavailable).
@@ -45,8 +57,8 @@ struct Answer {
     std::unique_ptr<ListingAnswer> rest;
     /// How long it is to be held back.
     std::chrono::milliseconds delay{0};
-    /// For the log: `done`, `done before`, `busy`, `store out of reach` or the name of an error.
-    const char* outcome = "done";
+    /// For the log and for metrics: one of outcomes().
+    const char* outcome = outcome::kDone;
 
     /// Turns this into the answer for a request that has failed.
     void refuse(std::string_view id, std::string_view clusterId, const Failure& failure);

@@ -3,34 +3,15 @@
 #include <algorithm>
 #include <cassert>
 
-#include "protocol/protocol.h"
+#include "server/service/Answer.h"
 
 namespace dsessd {
 
-const std::array<const char*, RequestCounts::kOutcomes>& RequestCounts::outcomes() {
-    namespace error = protocol::error;
-    static constexpr std::array<const char*, kOutcomes> kNames{
-        "done",
-        "done before",
-        "busy",
-        error::kIdentityRefused,
-        error::kNotPermitted,
-        error::kUnknownRealm,
-        error::kUnknownReplicaSet,
-        error::kNoMatchingSession,
-        error::kInvalidValue,
-        error::kInvalidRequest,
-        error::kServerFailure,
-        error::kOtherCluster,
-        error::kOtherChange,
-    };
-    return kNames;
-}
-
 RequestCounts::OfMethod RequestCounts::make(Metrics& metrics, const char* method) {
     OfMethod made{{}, &metrics.requestTimes(method)};
-    std::transform(outcomes().begin(), outcomes().end(), made.answered.begin(),
-                   [&](const char* outcome) { return &metrics.requests(method, outcome); });
+    for (const char* outcome : outcomes()) {
+        made.answered.push_back(&metrics.requests(method, outcome));
+    }
     return made;
 }
 
@@ -46,7 +27,7 @@ void RequestCounts::add(const Method* method, std::string_view outcome, std::chr
     counts.times->Observe(took.count());
     const auto found = std::find(outcomes().begin(), outcomes().end(), outcome);
     assert(found != outcomes().end());
-    counts.answered[found - outcomes().begin()]->Increment();
+    counts.answered.at(found - outcomes().begin())->Increment();
 }
 
 }  // namespace dsessd

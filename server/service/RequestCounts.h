@@ -1,7 +1,6 @@
 /// Counts requests for the monitoring system.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <string_view>
 #include <vector>
@@ -12,7 +11,7 @@
 namespace dsessd {
 
 /// Counts answered requests by method and outcome, and how long they took. All counters are made at the start, so that
-/// counting takes no memory and no search. Safe to use from several threads.
+/// counting takes no memory. Safe to use from several threads.
 class RequestCounts {
   public:
     /// The metrics must outlive it.
@@ -21,12 +20,11 @@ class RequestCounts {
     void add(const Method* method, std::string_view outcome, std::chrono::duration<double> took);
 
   private:
-    static constexpr std::size_t kOutcomes = 13;
     struct OfMethod {
-        std::array<prometheus::Counter*, kOutcomes> answered;
+        /// In the order of outcomes().
+        std::vector<prometheus::Counter*> answered;
         prometheus::Histogram* times;
     };
-    static const std::array<const char*, kOutcomes>& outcomes();
     static OfMethod make(Metrics& metrics, const char* method);
 
     /// In the order of allMethods(); the last is for what is none of them.

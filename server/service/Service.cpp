@@ -166,10 +166,10 @@ void Service::change(Call& call, Store& store) {
     }
     const std::string digest = request.digest();
     MethodResult result;
-    call.answer.outcome = "done before";
+    call.answer.outcome = outcome::kDoneBefore;
     call.mayHaveChanged = true;
     const std::string said = store.once({request.parameters().changeId, request.parameters().user, digest}, [&] {
-        call.answer.outcome = "done";
+        call.answer.outcome = outcome::kDone;
         try {
             result = request.method()->run(request, store);
             return resultText(result.object);

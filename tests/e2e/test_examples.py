@@ -18,7 +18,15 @@ from vexil import VEXILADMIN
 
 MARK = "\x1e\n"
 CREDENTIALS = "/run/credentials/refresh-mail.service"
-PLACES = ["localhost:9080", "localhost:9443", "/etc/vexiladmin", "/home/bob", CREDENTIALS, "/usr/bin/vexiladmin"]
+PLACES = [
+    "localhost:9080",
+    "localhost:9443",
+    "localhost:9180",
+    "/etc/vexiladmin",
+    "/home/bob",
+    CREDENTIALS,
+    "/usr/bin/vexiladmin",
+]
 
 
 def blocks(document, *places):
@@ -60,14 +68,15 @@ class Examples(unittest.TestCase):
             "PATH": f"{self.dir}/lost:{os.path.dirname(VEXILADMIN)}:{path}",
         }
         self.bash(next(text for language, _, text in blocks("tls.md") if language == "sh"))
-        server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read"))
+        server = self.enterContext(Dsessd(administrators=ROOT, anonymous="read", monitor="127.0.0.1:0"))
         tls = server.another()
         files = {"tls_cert": "node1.pem", "tls_key": "node1.key", "client_ca": "ca.pem"}
         tls.options |= {name: self.dir / file for name, file in files.items()}
         self.enterContext(tls)
         self.write("vexilclicfg.conf", configuration(server))
         self.write("password", "SECRET\n")
-        servers = f"127.0.0.1:{server.port}", f"localhost:{tls.port}"
+        monitor = re.search(r"monitored at http://(.*)/healthz", server.log())[1]
+        servers = f"127.0.0.1:{server.port}", f"localhost:{tls.port}", monitor
         self.places = *servers, self.dir, self.dir, self.dir / "credentials", VEXILADMIN
 
     def follow(self, document):

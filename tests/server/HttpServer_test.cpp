@@ -107,6 +107,19 @@ TEST_F(HttpServing, GoesOnInALaneWithWhatIsNotDoneAtOnce) {
     end();
 }
 
+TEST(HealthOfTheStore, IsLostWhenNoAnswerComesInTime) {
+    using State = Health::State;
+    Health health;
+    EXPECT_EQ(health.state(), State::kNoStore) << "nobody has looked";
+    health.storeIs(State::kOk);
+    health.storeAsked(std::chrono::seconds(60));
+    EXPECT_EQ(health.state(), State::kOk);
+    health.storeAsked(std::chrono::seconds(-1));
+    EXPECT_EQ(health.state(), State::kNoStore);
+    health.storeMayRest();
+    EXPECT_EQ(health.state(), State::kOk);
+}
+
 TEST(Turns, AreTakenByPeersWhoWaitNoLongerThanTheyMay) {
     std::promise<void> busy;
     std::promise<void> begin;

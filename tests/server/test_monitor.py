@@ -104,6 +104,7 @@ class Monitoring(unittest.TestCase):
                 away()
                 self.assertTrue(soon(lambda: server.health() == (503, name), 8), name)
                 self.assertEqual(server.metrics()[f'dsessd_health{{state="{name}"}}'], 1)
+                self.assertFalse(soon(lambda: server.health() != (503, name), 5.5), "it stays so")
                 self.assertEqual("result" in server.call("cluster.get"), name == "read-only")
                 back()
                 self.assertTrue(soon(lambda: server.health() == (200, "ok"), 8), name)
@@ -141,7 +142,7 @@ class Monitoring(unittest.TestCase):
             postgres.freeze(signal.SIGCONT)
             self.assertTrue(soon(lambda: server.health() == (200, "ok"), 9))
             values = server.metrics()
-            self.assertEqual(values['dsessd_requests_total{method="trace.get",outcome="busy"}'], 40)
+            self.assertEqual(values['dsessd_requests_total{method="trace.get",outcome="store out of reach"}'], 40)
             self.assertGreaterEqual(values["dsessd_store_reconnects_total"], 1)
             self.assertGreaterEqual(values['dsessd_store_errors_total{reason="unavailable"}'], 40)
 
@@ -164,11 +165,15 @@ class Monitoring(unittest.TestCase):
                 ("G(T", "/healthz", (400, "This is no request of HTTP.\n")),
             ]:
                 self.assertEqual(server.ask(path, method), expected)
+            with socket.create_connection(own) as head:
+                head.send(b"HEAD /metrics HTTP/1.1\r\n\r\n")
+                self.assertTrue(head.makefile("rb").read().endswith(b"\r\n\r\n"), "no text behind it")
             self.assertLess(time.monotonic() - begun, 1)
             silent[-1].settimeout(9)
             self.assertEqual(silent[-1].recv(1), b"", "it had its time")
             del server.options["monitor"]
             server.stop()
             server.start()
+            self.assertEqual(server.log().count("monitored at"), 1, "nowhere unless asked")
             with self.assertRaises(ConnectionRefusedError):
                 socket.create_connection(own)

@@ -42,7 +42,7 @@ class Sweep(Dsessd):
     patience = DEADLINE  # seconds: less while nobody may ever answer
 
     def __init__(self, kind, most):
-        super().__init__(administrators=ROOT)
+        super().__init__(administrators=ROOT, monitor="127.0.0.1:0")
         self.kind, self.most = kind, most
         self.outcomes, self.faults = collections.Counter(), collections.defaultdict(list)
         self.plan, self.report = self.directory / "plan", self.directory / "report"
