@@ -306,6 +306,7 @@ TEST(Transport, TheFormOfAnAnswerIsTakenAsHttpHasItOrRefusedInWords) {
         {"HTTP/1.1 101 Switching Protocols\r\n\r\n", "HTTP status 101"},
         {"HTTP/2 200\r\n\r\n", "it is not HTTP/1.1"},
         {"HTTP/1.1 20 OK\r\n\r\n", "it is not HTTP/1.1"},
+        {"HTTP/1.1 020 OK\r\n\r\n", "it is not HTTP/1.1"},
         {ok + "\r\nno colon" + whole, "it is not HTTP/1.1"},
         {ok + "\nX: y" + whole, "a line of its head ends without a carriage return"},
         {ok + "\r\nX: y\r\n z" + whole, "a line of its head is folded"},
