@@ -1,5 +1,6 @@
 #include "server/Heartbeat.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -11,6 +12,9 @@ namespace {
 
 constexpr std::chrono::seconds kLookEvery{1};
 constexpr int kLooksForContact = 5;
+/// For how long a look removes sessions, and the least pause after a step of it.
+constexpr std::chrono::milliseconds kRemoveFor{700};
+constexpr std::chrono::milliseconds kRest{20};
 /// Longer than the store waits for another process by itself, which is no failure.
 constexpr std::chrono::seconds kWaitAtMost{15};
 constexpr std::chrono::seconds kWaitAtMostInTheEnd{1};
@@ -91,6 +95,9 @@ void Heartbeat::look(bool contacts, bool isLast) {
         if (contacts) {
             write(*store);
         }
+        if (!m_isReadOnly) {
+            removeEnded(*store);
+        }
     } catch (const Failure& failure) {
         const bool isInterrupted = failure.reason() == Reason::kInterrupted;
         if (failure.reason() == Reason::kBusy || (isInterrupted && m_stopping)) {  // busy with a load, which ends
@@ -108,21 +115,15 @@ void Heartbeat::write(Store& store) {
     Health& health = m_metrics.health;
     const Membership& own = m_membership;
     bool isKnown = true;
-    try {
-        health.storeAsked(kWritesWithin);
+    health.storeAsked(kWritesWithin);
+    const auto note = [&] {
         if (!own.member.empty()) {
             isKnown = store.contact(own.replicaSet, {own.member, presentTime()});
         } else if (m_isMonitored) {
             store.tryWriting();
         }
-    } catch (const Failure& failure) {
-        if (failure.reason() == Reason::kBusy || failure.reason() == Reason::kInterrupted) {
-            throw;
-        }
-        m_isReadOnly = true;  // it was read a moment ago
-        health.storeIs(Health::State::kReadOnly);
-        m_metrics.count(failure);
-        report(std::string("the store takes no changes: ") + failure.what());
+    };
+    if (!succeeds(note)) {
         return;
     }
     m_isReadOnly = false;
@@ -131,6 +132,34 @@ void Heartbeat::write(Store& store) {
         m_problem.clear();
     } else {
         report("there is no replica set " + harmless(own.replicaSet) + " any more to be a member of");
+    }
+}
+
+/// After each step others get their turn for at least as long as it took.
+void Heartbeat::removeEnded(Store& store) {
+    using Clock = std::chrono::steady_clock;
+    succeeds([&] {
+        const auto end = Clock::now() + kRemoveFor;
+        for (auto begun = Clock::now(); !m_stopping && begun < end && store.removeEnded(); begun = Clock::now()) {
+            std::this_thread::sleep_for(std::max<Clock::duration>(kRest, Clock::now() - begun));
+        }
+    });
+}
+
+/// Whether the store takes a change.
+bool Heartbeat::succeeds(const std::function<void()>& change) {
+    try {
+        change();
+        return true;
+    } catch (const Failure& failure) {
+        if (failure.reason() == Reason::kBusy || failure.reason() == Reason::kInterrupted) {
+            throw;
+        }
+        m_isReadOnly = true;  // it was read a moment ago
+        m_metrics.health.storeIs(Health::State::kReadOnly);
+        m_metrics.count(failure);
+        report(std::string("the store takes no changes: ") + failure.what());
+        return false;
     }
 }
 

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -42,6 +43,8 @@ class Heartbeat {
     void tellOfLocalActs(Store& store);
     void tellOfMembers(Store& store);
     void write(Store& store);
+    void removeEnded(Store& store);
+    bool succeeds(const std::function<void()>& change);
     /// Says so once while it lasts.
     void report(const std::string& problem);
 

@@ -24,6 +24,15 @@ CREATE TABLE changes (
     number INTEGER NOT NULL UNIQUE
 ) STRICT, WITHOUT ROWID;
 )";
+// Users whose sessions have ended, and are removed one by one later: all at once they would keep others from changing
+// anything for minutes. Only a load adds sessions, and it empties this table.
+constexpr char kEndedTable[] = R"(
+CREATE TABLE ended (
+    realm INTEGER,
+    user TEXT,
+    PRIMARY KEY (realm, user)
+) STRICT, WITHOUT ROWID;
+)";
 // References are checked when a transaction ends, so that a load may store the parts before the whole. realms.sessions
 // is how many sessions a realm has: to count them takes long where there are millions.
 constexpr char kOtherTables[] = R"(
@@ -77,6 +86,7 @@ void makeCluster(SQLite::Database& database) {
 void createSchema(SQLite::Database& database) {
     makeCluster(database);
     execute(database, kChangesTable);
+    execute(database, kEndedTable);
     execute(database, kOtherTables);
     insertKey(database, presentTime());
     execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
@@ -145,6 +155,7 @@ void raiseSchema(SQLite::Database& database, int from) {
     execute(database,
             "ALTER TABLE realms ADD COLUMN sessions INTEGER NOT NULL DEFAULT 0; "
             "UPDATE realms SET sessions = (SELECT count(*) FROM sessions WHERE realm = number)");
+    execute(database, kEndedTable);
     setVersion(database);
 }
 

@@ -36,6 +36,9 @@ constexpr int kMovePages = 1'000;
 constexpr int kRestartPages = 8'000;
 constexpr std::chrono::seconds kWaitForReaders{1};
 
+// More sessions of a user than these are not removed at once when they end, and then so many at a time.
+constexpr int kRemoveAtOnce = 1'000;
+
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
 /// for every one of its neighbours.
 class LargeCache {
@@ -74,6 +77,17 @@ std::string globOf(std::string_view pattern) {
     return glob;
 }
 
+constexpr char kInOrder[] = " ORDER BY user, time, id LIMIT ?3";
+constexpr std::int32_t kFew = 10'000;
+/// For few. The plus has SQLite look for them by their identifiers: in this order it may come to them after millions.
+constexpr char kSorted[] = " ORDER BY +user, time, id LIMIT ?3";
+
+/// A statement on those of a realm's sessions that meet a condition. Its first parameter is the realm.
+std::string onSessions(const char* what, const char* condition) {
+    return std::string(what) + " WHERE realm = ?1 AND " + condition +
+           " AND (NOT EXISTS (SELECT 1 FROM ended) OR user NOT IN (SELECT user FROM ended WHERE realm = ?1))";
+}
+
 struct Statements {
     explicit Statements(const SQLite::Database& db)
         : version(db, "PRAGMA data_version"),
@@ -84,20 +98,24 @@ struct Statements {
           members(db, "SELECT name, last_contact FROM members WHERE replica_set = ? ORDER BY number"),
           keys(db, "SELECT label, time FROM keys ORDER BY number DESC LIMIT 2"),
           countAll(db, "SELECT sessions FROM realms WHERE number = ?"),
-          addToCount(db, "UPDATE realms SET sessions = sessions + ? WHERE name = ?"),
+          addToCount(db, "UPDATE realms SET sessions = sessions + ? WHERE number = ?"),
           setCount(db, "UPDATE realms SET sessions = ? WHERE number = ?"),
-          countByUser(db, "SELECT count(*) FROM sessions WHERE realm = ? AND user GLOB ?"),
-          countById(db, "SELECT count(*) FROM sessions WHERE realm = ? AND id GLOB ?"),
-          listByUser(db,
-                     "SELECT id, user, time FROM sessions WHERE realm = ? AND user GLOB ? "
-                     "ORDER BY user, time, id LIMIT ?"),
-          listById(db,
-                   "SELECT id, user, time FROM sessions WHERE realm = ? AND id GLOB ? "
-                   "ORDER BY user, time, id LIMIT ?"),
-          terminateByUser(db, "DELETE FROM sessions WHERE realm = ? AND user = ?"),
-          terminateById(db, "DELETE FROM sessions WHERE realm = ? AND id = ?"),
-          refreshByUser(db, "UPDATE sessions SET time = ?3 WHERE realm = ?1 AND user = ?2"),
-          refreshById(db, "UPDATE sessions SET time = ?3 WHERE realm = ?1 AND id = ?2"),
+          countByUser(db, onSessions("SELECT count(*) FROM sessions", "user GLOB ?2")),
+          countById(db, onSessions("SELECT count(*) FROM sessions", "id GLOB ?2")),
+          listByUser(db, onSessions("SELECT id, user, time FROM sessions", "user GLOB ?2") + kInOrder),
+          listById(db, onSessions("SELECT id, user, time FROM sessions", "id GLOB ?2") + kInOrder),
+          listFewById(db, onSessions("SELECT id, user, time FROM sessions", "id GLOB ?2") + kSorted),
+          countOfUser(db, onSessions("SELECT count(*) FROM sessions", "user = ?2")),
+          terminateByUser(db, onSessions("DELETE FROM sessions", "user = ?2")),
+          terminateById(db, onSessions("DELETE FROM sessions", "id = ?2")),
+          refreshByUser(db, onSessions("UPDATE sessions SET time = ?3", "user = ?2")),
+          refreshById(db, onSessions("UPDATE sessions SET time = ?3", "id = ?2")),
+          end(db, "INSERT INTO ended (realm, user) VALUES (?, ?)"),
+          ended(db, "SELECT realm, user FROM ended LIMIT 1"),
+          removeEnded(db,
+                      "DELETE FROM sessions WHERE realm = ?1 AND id IN "
+                      "(SELECT id FROM sessions WHERE realm = ?1 AND user = ?2 LIMIT ?3)"),
+          allRemoved(db, "DELETE FROM ended WHERE realm = ? AND user = ?"),
           clusterId(db, "SELECT id FROM cluster"),
           change(db, "SELECT user, digest, answer FROM changes WHERE id = ?"),
           newestChange(db, "SELECT coalesce(max(number), 0) FROM changes"),
@@ -128,11 +146,12 @@ struct Statements {
           allKeys(db, "SELECT label, time FROM keys ORDER BY number"),
           allChanges(db, "SELECT id, user, digest, answer FROM changes ORDER BY number"),
           allReplicaSets(db, "SELECT number, name FROM replica_sets WHERE realm = ? ORDER BY number"),
-          allSessions(db, "SELECT id, user, time FROM sessions WHERE realm = ? ORDER BY id") {}
+          allSessions(db, onSessions("SELECT id, user, time FROM sessions", "true") + " ORDER BY id") {}
 
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
-    SQLite::Statement countAll, addToCount, setCount, countByUser, countById, listByUser, listById;
-    SQLite::Statement terminateByUser, terminateById, refreshByUser, refreshById;
+    SQLite::Statement countAll, addToCount, setCount, countByUser, countById, listByUser, listById, listFewById;
+    SQLite::Statement countOfUser, terminateByUser, terminateById, end, ended, removeEnded, allRemoved, refreshByUser,
+        refreshById;
     SQLite::Statement clusterId, change, newestChange, localActs, recordChange, forgetChanges, contact, setting,
         putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
@@ -146,6 +165,11 @@ std::string clusterIdOf(Statements& statements) {
         throw Failure("the cluster has no identifier");
     }
     return std::string(query.text(0));
+}
+
+std::int32_t firstOf(Query query) {
+    query.step();
+    return query.integer32(0);
 }
 
 std::int64_t newestChange(Statements& statements) {
@@ -171,10 +195,13 @@ class Listing final : public Store::SessionListing {
     void start(Statements& statements, std::int64_t realm, Selector selector, const std::string& glob,
                std::int32_t max) {
         const bool byUser = selector == Selector::kUser;
-        m_total = glob == "*" ? total(Query(statements.countAll, realm))
-                              : total(Query(byUser ? statements.countByUser : statements.countById, realm, glob));
+        m_total = glob == "*" ? firstOf(Query(statements.countAll, realm))
+                              : firstOf(Query(byUser ? statements.countByUser : statements.countById, realm, glob));
         m_count = max < 0 ? m_total : std::min(m_total, max);
-        m_rows.emplace(byUser ? statements.listByUser : statements.listById, realm, glob, m_count);
+        m_rows.emplace(byUser           ? statements.listByUser
+                       : m_total < kFew ? statements.listFewById
+                                        : statements.listById,
+                       realm, glob, m_count);
     }
     std::int32_t total() const override { return m_total; }
     std::int32_t count() const override { return m_count; }
@@ -187,11 +214,6 @@ class Listing final : public Store::SessionListing {
     }
 
   private:
-    static std::int32_t total(Query counting) {
-        counting.step();
-        return counting.integer32(0);
-    }
-
     Transaction m_transaction;
     std::int32_t m_total = 0;
     std::int32_t m_count = 0;
@@ -205,7 +227,8 @@ class Replacing final : public Store::Replacement {
           m_statements(statements),
           m_transaction(connection, Transaction::Kind::kWrite) {
         execute(m_database,
-                "DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM realms; "
+                "DELETE FROM ended; DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM "
+                "realms; "
                 "DELETE FROM keys");
     }
 
@@ -366,14 +389,32 @@ class SqliteStore final : public Store {
 
     std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) override {
         Transaction transaction(m_connection, Transaction::Kind::kWrite);
-        const auto count = changeSessions(
-            selector, selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, realm,
-            value);
-        if (count.value_or(0) != 0) {
-            Query(m_statements.addToCount, -*count, realm).step();
+        const auto number = realmNumber(realm);
+        if (!number) {
+            return std::nullopt;
+        }
+        const int count = end(*number, selector, value);
+        if (count != 0) {
+            Query(m_statements.addToCount, -count, *number).step();
         }
         transaction.commit();
         return count;
+    }
+
+    bool removeEnded() override {
+        if (!Query(m_statements.ended).step()) {
+            return false;
+        }
+        Transaction transaction(m_connection, Transaction::Kind::kWrite);
+        Query ended(m_statements.ended);
+        if (ended.step()) {
+            Query(m_statements.removeEnded, ended.integer(0), ended.text(1), kRemoveAtOnce).step();
+            if (m_database.getChanges() < kRemoveAtOnce) {
+                Query(m_statements.allRemoved, ended.integer(0), ended.text(1)).step();
+            }
+        }
+        transaction.commit();
+        return true;
     }
 
     std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
@@ -536,6 +577,20 @@ class SqliteStore final : public Store {
             sessions.add(realm, row.text(0), row.text(1), row.integer32(2));
         }
         sessions.flush();
+    }
+
+    /// Gives how many sessions end.
+    int end(std::int64_t realm, Selector selector, std::string_view value) {
+        if (selector == Selector::kUser) {
+            const int count = firstOf(Query(m_statements.countOfUser, realm, value));
+            if (count > kRemoveAtOnce) {
+                Query(m_statements.end, realm, value).step();
+                return count;
+            }
+        }
+        Query(selector == Selector::kUser ? m_statements.terminateByUser : m_statements.terminateById, realm, value)
+            .step();
+        return m_database.getChanges();
     }
 
     /// Runs a statement that takes the realm's number, the value and the rest.

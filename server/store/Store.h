@@ -182,6 +182,9 @@ class Store {
     virtual std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) = 0;
     virtual std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                                Seconds now) = 0;
+    /// Removes some of those that are terminated and still take room, in a transaction of its own, and a short one. To
+    /// be called every now and then. False: there are none.
+    virtual bool removeEnded() { return false; }
     /// Makes a new key the current one.
     virtual Key changeKey(Seconds now) = 0;
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "server/store/ClusterWriter.h"
 #include "tests/catalogue/Support.h"
 #include "tests/server/Faults.h"
 
@@ -52,9 +53,9 @@ struct Stores : testing::TestWithParam<const char*> {
     static std::string terminate(Store& store, std::string_view id) {
         return std::to_string(*store.terminateSessions("east", Selector::kSession, id));
     }
-    /// The users that match a pattern, as they come.
-    std::string users(std::string_view pattern, int max = -1) const {
-        const auto listing = store->listSessions("east", Selector::kUser, pattern, max);
+    /// The users of sessions that match a pattern, as they come.
+    std::string users(std::string_view pattern, int max = -1, Selector selector = Selector::kUser) const {
+        const auto listing = store->listSessions("east", selector, pattern, max);
         std::string found = std::to_string(listing->total());
         for (SessionRow row; listing->next(row);) {
             found += " " + std::string(row.user);
@@ -98,6 +99,39 @@ TEST_P(Stores, CarryOutAChangeOnce) {
     EXPECT_EQ(other->once({"3", "root", "x"}, [&] { return terminate(*other, "1"); }), "1") << "it was undone";
     EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "-a"), 1);
     EXPECT_EQ(users("*"), "3 _ a%_\\[ \xC3\xA9") << "no session is counted for the total";
+}
+
+TEST_P(Stores, EndAnyNumberOfAUsersSessionsAtOnce) {
+    const auto load = [&](const std::string& user) {
+        std::vector<NewSession> sessions{{1, "m0", "zoe", 1}};
+        while (sessions.size() <= 2500) {
+            sessions.push_back({1, "m" + std::to_string(sessions.size()), user, 1});
+        }
+        const auto replacement = store->replace();
+        replacement->addRealm(1, "east");
+        EXPECT_EQ(replacement->addSessions(sessions), std::nullopt);
+        replacement->commit();
+    };
+    load("many");
+    EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 2500);
+    for (bool more = true; more; more = other->removeEnded()) {
+        EXPECT_EQ(users("*"), "1 zoe");
+        EXPECT_EQ(users("?*"), "1 zoe");
+        EXPECT_EQ(users("m?", -1, Selector::kSession), "1 zoe");
+        EXPECT_EQ(terminate(*other, "m2500"), "0");
+        EXPECT_EQ(store->refreshSessions("east", Selector::kSession, "m2500", 2), 0);
+        EXPECT_EQ(store->refreshSessions("east", Selector::kUser, "many", 2), 0);
+        EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 0);
+        std::string text;
+        ClusterWriter writer([&](std::string_view piece) { text += piece; });
+        store->giveTo(writer);
+        EXPECT_EQ(text.find("many"), text.npos);
+    }
+    load("many");
+    EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 2500);
+    load("many");
+    EXPECT_FALSE(other->removeEnded());
+    EXPECT_EQ(users("m*", 1), "2500 many") << "those that were loaded since";
 }
 
 TEST_P(Stores, CarryOutAChangeOnceWhenItIsAskedForAtSeveralNodesAtATime) {
