@@ -28,6 +28,8 @@ def children(pid):
 
 
 class Postgres:
+    fsync = "off"
+
     def __enter__(self):
         self.make_directory()
         # With an order that is not that of bytes, which must not be seen.
@@ -59,7 +61,7 @@ class Postgres:
         return subprocess.Popen([*self.user, f"{PROGRAMS}/{program}", *options], cwd=self.directory, **streams)
 
     def start(self):
-        options = ["-D", "data", "-k", self.directory, "-c", "listen_addresses=", "-c", "fsync=off"]
+        options = ["-D", "data", "-k", self.directory, "-c", "listen_addresses=", "-c", f"fsync={self.fsync}"]
         with open(self.directory / "log", "ab") as log:
             self.process = self.run("postgres", *options, stdout=log, stderr=log)
         while subprocess.run([f"{PROGRAMS}/pg_isready", "-q", "-h", self.directory]).returncode:
