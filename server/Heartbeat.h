@@ -1,6 +1,6 @@
 /// What a node does beside answering: a few times a minute it notes that it is there, and each second it takes over the
-/// trace level that another node was told, and tells the log what `dsessd admin` did. So it is the first to notice when
-/// the store fails, and says so to the monitoring system.
+/// trace level that another node was told, tells the log what `dsessd admin` did, and removes sessions that have ended
+/// from the store. So it is the first to notice when the store fails, and says so to the monitoring system.
 #pragma once
 
 #include <atomic>

@@ -17,10 +17,13 @@ Lanes::Lanes(Service& service, Log& log, Metrics& metrics)
       m_log(log),
       m_notAtOnceUntil(service.answersAtOnce() ? Clock::time_point::min() : Clock::time_point::max()) {
     for (const LaneRule& rule : kLanes) {
-        m_pools.emplace_back(rule.threads, rule.mostForOne);
-        if (rule.threads > 0) {
+        // An SQLite file takes one change at a time, and several would wait for each other by polling.
+        const bool isOne = service.answersAtOnce() && &rule == &ruleOf(Lane::kChange);
+        const unsigned threads = isOne ? 1 : rule.threads;
+        m_pools.emplace_back(threads, isOne ? 1 : rule.mostForOne);
+        if (threads > 0) {
             m_gauges.push_back({m_pools.back(), metrics.waiting(rule.name), metrics.busyThreads(rule.name)});
-            metrics.threads(rule.name).Set(rule.threads);
+            metrics.threads(rule.name).Set(threads);
         }
     }
 }

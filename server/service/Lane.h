@@ -13,7 +13,7 @@ enum class Lane {
     kLogin,             ///< a hash of a password
     kListing,           ///< may read all that there is
     kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
-    kChange,            ///< one at a time: else they would wait for each other by polling
+    kChange,            ///< all that changes something
     kDone,
 };
 
@@ -40,7 +40,7 @@ inline constexpr std::array<LaneRule, 6> kLanes{{
     {"login", 2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {"listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {"anonymous-listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {"change", 1, 1, std::chrono::seconds(10), std::chrono::minutes(15)},
+    {"change", 8, 7, std::chrono::seconds(10), std::chrono::minutes(15)},
 }};
 
 constexpr const LaneRule& ruleOf(Lane lane) {

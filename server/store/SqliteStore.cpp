@@ -37,7 +37,7 @@ constexpr int kRestartPages = 8'000;
 constexpr std::chrono::seconds kWaitForReaders{1};
 
 // More sessions of a user than these are not removed at once when they end, and then so many at a time.
-constexpr int kRemoveAtOnce = 1'000;
+constexpr int kRemoveAtOnce = 250;
 
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
 /// for every one of its neighbours.

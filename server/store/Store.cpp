@@ -19,7 +19,7 @@ namespace dsessd {
 namespace {
 
 // Each holds three descriptors and a cache; more are seldom busy at once.
-constexpr std::size_t kIdleStores = 18;
+constexpr std::size_t kIdleStores = 25;
 constexpr std::chrono::minutes kKeepIdle{1};
 constexpr std::chrono::seconds kWaitAtMost{10};
 constexpr std::chrono::milliseconds kBetweenQuestions{10};

@@ -15,13 +15,15 @@ import unittest.mock
 
 from dsessd import AS_ROOT, BINARY, ROOT, Dsessd
 from postgres import PROGRAMS, Postgres, new_database
+from test_nodes import soon
 
 COUNT = 4000
+USER = 'm\u0007"李'
 ROLES = [*ROOT, ("mary", "xxxxxx", "read")]
 
 
 def cluster():
-    sessions = [{"id": f"{i:08x}", "user": 'm\u0007"李', "time": 1790000000} for i in range(COUNT)]
+    sessions = [{"id": f"{i:08x}", "user": USER, "time": 1790000000} for i in range(COUNT)]
     sets = [{"name": "set", "members": [{"name": name, "time": 1} for name in "ba"]}, {"name": "bare"}]
     keys = [{"label": label, "time": 5} for label in "zy"]
     return {"realms": [{"name": "west"}, {"name": "east", "sessions": sessions, "replicaSets": sets}], "keys": keys}
@@ -255,6 +257,10 @@ class Upgrading(Data):
                     tables.append(database.execute("SELECT * FROM sqlite_schema").fetchall())
                     self.assertEqual(database.execute("SELECT sum(sessions) FROM realms").fetchall(), [(count,)])
             self.assertEqual(*(sorted(re.sub(r"\s", "", f"{row[:3]}{row[4]}") for row in each) for each in tables))
+        self.server.call("session.terminate", **AS_ROOT, realm="east", selector="user", value=USER)
+        with contextlib.closing(sqlite3.connect(self.server.data)) as database:
+            left = "SELECT (SELECT count(*) FROM sessions) + (SELECT count(*) FROM ended)"
+            self.assertTrue(soon(lambda: database.execute(left).fetchone() == (0,), 20), "the node removes them")
         first, second = map(json.loads, texts)
         sets = [{"name": "set", "members": [{"name": "m", "time": 5}]}]
         session = {"id": "s", "user": "u", "time": 6}
