@@ -1,6 +1,6 @@
 /// A file that appears at its path whole or not at all. Until it is whole it has another name beside that path. Only
-/// its owner can read it, from its first byte on. A process has one at a time: SIGINT, SIGTERM and SIGHUP, which end it,
-/// remove the file.
+/// its owner can read it, from its first byte on. A process has one at a time: SIGINT, SIGTERM and SIGHUP, which end
+/// it, remove the file.
 #pragma once
 
 #include <string>

@@ -98,21 +98,21 @@ TEST_P(Stores, CarryOutAChangeOnce) {
     EXPECT_THROW(store->once({"3", "root", "x"}, refused), std::invalid_argument);
     EXPECT_EQ(other->once({"3", "root", "x"}, [&] { return terminate(*other, "1"); }), "1") << "it was undone";
     EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "-a"), 1);
-    EXPECT_EQ(users("*"), "3 _ a%_\\[ \xC3\xA9") << "no session is counted for the total";
+    EXPECT_EQ(users("*"), "3 _ a%_\\[ \xC3\xA9");
 }
 
 TEST_P(Stores, EndAnyNumberOfAUsersSessionsAtOnce) {
-    const auto load = [&](const std::string& user) {
+    const auto load = [&] {
         std::vector<NewSession> sessions{{1, "m0", "zoe", 1}};
         while (sessions.size() <= 2500) {
-            sessions.push_back({1, "m" + std::to_string(sessions.size()), user, 1});
+            sessions.push_back({1, "m" + std::to_string(sessions.size()), "many", 1});
         }
         const auto replacement = store->replace();
         replacement->addRealm(1, "east");
         EXPECT_EQ(replacement->addSessions(sessions), std::nullopt);
         replacement->commit();
     };
-    load("many");
+    load();
     EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 2500);
     for (bool more = true; more; more = other->removeEnded()) {
         EXPECT_EQ(users("*"), "1 zoe");
@@ -127,11 +127,11 @@ TEST_P(Stores, EndAnyNumberOfAUsersSessionsAtOnce) {
         store->giveTo(writer);
         EXPECT_EQ(text.find("many"), text.npos);
     }
-    load("many");
+    load();
     EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 2500);
-    load("many");
+    load();
     EXPECT_FALSE(other->removeEnded());
-    EXPECT_EQ(users("m*", 1), "2500 many") << "those that were loaded since";
+    EXPECT_EQ(users("m*", 1), "2500 many");
 }
 
 TEST_P(Stores, CarryOutAChangeOnceWhenItIsAskedForAtSeveralNodesAtATime) {

@@ -260,7 +260,7 @@ class Upgrading(Data):
         self.server.call("session.terminate", **AS_ROOT, realm="east", selector="user", value=USER)
         with contextlib.closing(sqlite3.connect(self.server.data)) as database:
             left = "SELECT (SELECT count(*) FROM sessions) + (SELECT count(*) FROM ended)"
-            self.assertTrue(soon(lambda: database.execute(left).fetchone() == (0,), 20), "the node removes them")
+            self.assertTrue(soon(lambda: database.execute(left).fetchone() == (0,), 20))
         first, second = map(json.loads, texts)
         sets = [{"name": "set", "members": [{"name": "m", "time": 5}]}]
         session = {"id": "s", "user": "u", "time": 6}
