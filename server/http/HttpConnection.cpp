@@ -209,6 +209,7 @@ HttpConnection::Awaitable<void> HttpConnection::serve() {
     }
     m_close = m_close || !request.keepAlive();
     co_await answer(request);
+    m_deadlines->leaveBy(Clock::now());  // of a listing that was not taken to its end no more is to be made
     m_deadlines.reset();
 }
 
