@@ -13,7 +13,7 @@ import termios
 from terminal import PROMPT
 from vexil import VEXILADMIN, Case
 
-TURNS, SEED = int(os.environ.get("RESIZE_TURNS", 150)), int(os.environ.get("RESIZE_SEED", 2))
+TURNS, SEED = int(os.environ.get("RESIZE_TURNS", 150)), int(os.environ.get("RESIZE_SEED", 1))
 # What the keys do to a line, of which the cursor is before the character number `at`.
 KEYS = {
     "\x01": lambda line, at: (line, 0),
