@@ -106,6 +106,13 @@ class Case(unittest.TestCase):
         path = self.dir / name
         return path.read_bytes().decode(errors="surrogateescape").split("\n")[:-1] if path.exists() else []
 
+    def locale(self, charset):
+        """The settings of a locale of this character set, which is made for the test."""
+        made = subprocess.run(["localedef", "-i", "en_US", "-f", charset, self.dir / "made"], capture_output=True)
+        if made.returncode != 0:
+            self.skipTest(f"no locale can be made: {made.stderr}")
+        return {"LC_ALL": "made", "LOCPATH": str(self.dir)}
+
     def run_utility(self, *arguments, stdin="", encoding="utf-8", redirect="", streams=None, **kwargs):
         """`redirect`: redirections of the shell. `streams`: what subprocess.run() is given for the standard streams."""
         captured = {"input": stdin.encode(encoding, "surrogateescape"), "capture_output": True}

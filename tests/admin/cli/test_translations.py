@@ -50,9 +50,10 @@ class Translations(Case):
     def test_a_locale_gets_its_language_and_one_that_is_not_there_english(self):
         level = MESSAGES[0x38C5213A]
         german, japanese = (dict(row[1:] for row in read(ROOT / f"po/{name}.po"))[level] for name in ("de", "ja"))
+        english = self.locale("UTF-8")  # C.UTF-8 has no languages in glibc 2.41
         for text, environment in [
-            (german, {"LANGUAGE": "de"}),
-            (japanese, {"LANGUAGE": "xx:ja:de"}),
+            (german, {**english, "LANGUAGE": "de"}),
+            (japanese, {**english, "LANGUAGE": "xx:ja:de"}),
             (level, {"LANGUAGE": "de", "LC_ALL": "xx_XX.UTF-8"}),
         ]:
             self.check(*commands("trace get"), calls=[f"get_trace_level {ANON}"], out=text % 0 + "\n", **environment)
