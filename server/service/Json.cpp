@@ -60,7 +60,7 @@ std::optional<json::value> parseStrictly(std::string_view text, JsonMemory& memo
     options.max_depth = kMaxJsonDepth;
     json::parser parser(memory.storage(), options);
     parser.reset(memory.storage());
-    json::error_code error;
+    boost::system::error_code error;
     parser.write(text, error);
     if (error) {
         return std::nullopt;

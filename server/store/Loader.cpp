@@ -18,7 +18,7 @@ namespace dsessd {
 namespace {
 
 namespace json = boost::json;
-using Error = json::error_code;
+using Error = boost::system::error_code;
 
 /// How far the reading is.
 struct Place {

@@ -19,7 +19,7 @@ namespace olmdsess {
 namespace {
 
 namespace field = protocol::field;
-using boost::json::error_code;
+using boost::system::error_code;
 
 /// Deeper than any answer with fields that this client does not know is likely to be.
 constexpr std::size_t kMaxDepth = 64;
