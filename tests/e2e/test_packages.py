@@ -13,7 +13,7 @@ PACKAGES = [
     ("vexiladmin", f"{CLIENT}1 (>= 1.0)", "/etc/vexiladmin/vexilclicfg.conf\n", "bin/vexiladmin"),
     ("dsessd", "libpq5", "/etc/default/dsessd\n", "sbin/dsessd"),
     (f"{CLIENT}1", "libssl3", "", f"{CLIENT}.so.1"),
-    (f"{CLIENT}-dev", f"{CLIENT}1 (= {VERSION})", "", "*client.so"),
+    (f"{CLIENT}-dev", f"{CLIENT}1 (= {VERSION}-", "", "*client.so"),
 ]
 
 
@@ -26,7 +26,7 @@ class Packages(Case):
         done = subprocess.run(ROOT / "scripts/package", stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         self.assertEqual(done.returncode, 0, done.stdout)
         for package, needs, conffiles, owns in PACKAGES:
-            file = next((ROOT / "build/packages").glob(f"{package}_{VERSION}_*.deb"))
+            file = next((ROOT / "build/packages").glob(f"{package}_{VERSION}-*.deb"))
             subprocess.run(["dpkg-deb", "-R", file, self.dir / package], check=True)
             self.assertRegex(self.read(f"{package}/DEBIAN/control"), f"\nDepends: .*{re.escape(needs)}")
             self.assertEqual(self.read(f"{package}/DEBIAN/conffiles") if conffiles else "", conffiles)
