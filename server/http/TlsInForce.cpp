@@ -22,6 +22,7 @@ void TlsInForce::tellMetrics() {
         known->second = std::min(known->second, ending.time);
     }
     std::vector<Metrics::Ending> endings;
+    endings.reserve(first.size());
     for (const auto& [file, time] : first) {
         endings.push_back({harmless(file, 1024), time});
     }

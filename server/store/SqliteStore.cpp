@@ -150,8 +150,8 @@ struct Statements {
 
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countAll, addToCount, setCount, countByUser, countById, listByUser, listById, listFewById;
-    SQLite::Statement countOfUser, terminateByUser, terminateById, end, ended, removeEnded, allRemoved, refreshByUser,
-        refreshById;
+    SQLite::Statement countOfUser, terminateByUser, terminateById, refreshByUser, refreshById;
+    SQLite::Statement end, ended, removeEnded, allRemoved;
     SQLite::Statement clusterId, change, newestChange, localActs, recordChange, forgetChanges, contact, setting,
         putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
