@@ -14,15 +14,15 @@
 
 static bool isMemoryRefused = false;
 
-// Stand in for the C++ library's, also in the client library.
-void* operator new(std::size_t size) {
+// Stand in for the C++ library's, also in the client library. Inlined, one without the other looks like a mistake.
+__attribute__((noinline)) void* operator new(std::size_t size) {
     void* const block = isMemoryRefused ? nullptr : std::malloc(size);
     return block == nullptr ? throw std::bad_alloc() : block;
 }
-void operator delete(void* block) noexcept {
+__attribute__((noinline)) void operator delete(void* block) noexcept {
     std::free(block);
 }
-void operator delete(void* block, std::size_t /*size*/) noexcept {
+__attribute__((noinline)) void operator delete(void* block, std::size_t /*size*/) noexcept {
     std::free(block);
 }
 
