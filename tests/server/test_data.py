@@ -108,7 +108,7 @@ class Dumping(Data):
             for data in (self.path("third"), new_database(postgres.directory)):
                 self.run("load", "--data", data, "-", input=back)
                 self.assertEqual(self.bytes_of(data), back)
-        for length in [*range(0, len(text), len(text) // 20), len(text) - 2]:
+        for length in [*range(0, len(text) - 2, len(text) // 20), len(text) - 2]:
             part = self.run("load", "--data", self.path("part"), "-", input=text[:length], check=False)
             self.assertEqual((part.returncode, part.stdout), (1, ""), length)
 
