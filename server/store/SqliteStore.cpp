@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <utility>
 
@@ -77,7 +78,8 @@ std::string globOf(std::string_view pattern) {
     return glob;
 }
 
-constexpr char kInOrder[] = " ORDER BY user, time, id LIMIT ?3";
+/// From one user to another, who is not among them.
+constexpr char kInOrder[] = " AND user >= ?4 AND user < ?5 ORDER BY user, time, id LIMIT ?3";
 constexpr std::int32_t kFew = 10'000;
 /// For few. The plus has SQLite look for them by their identifiers: in this order it may come to them after millions.
 constexpr char kSorted[] = " ORDER BY +user, time, id LIMIT ?3";
@@ -102,7 +104,7 @@ struct Statements {
           setCount(db, "UPDATE realms SET sessions = ? WHERE number = ?"),
           countByUser(db, onSessions("SELECT count(*) FROM sessions", "user GLOB ?2")),
           countById(db, onSessions("SELECT count(*) FROM sessions", "id GLOB ?2")),
-          listByUser(db, onSessions("SELECT id, user, time FROM sessions", "user GLOB ?2") + kInOrder),
+          listByUser(db, onSessions("SELECT id, user, time FROM sessions", "+user GLOB ?2") + kInOrder),
           listById(db, onSessions("SELECT id, user, time FROM sessions", "id GLOB ?2") + kInOrder),
           listFewById(db, onSessions("SELECT id, user, time FROM sessions", "id GLOB ?2") + kSorted),
           countOfUser(db, onSessions("SELECT count(*) FROM sessions", "user = ?2")),
@@ -112,6 +114,7 @@ struct Statements {
           refreshById(db, onSessions("UPDATE sessions SET time = ?3", "id = ?2")),
           end(db, "INSERT INTO ended (realm, user) VALUES (?, ?)"),
           ended(db, "SELECT realm, user FROM ended LIMIT 1"),
+          endedBetween(db, "SELECT user FROM ended WHERE realm = ? AND user >= ? AND user < ? ORDER BY user"),
           removeEnded(db,
                       "DELETE FROM sessions WHERE realm = ?1 AND id IN "
                       "(SELECT id FROM sessions WHERE realm = ?1 AND user = ?2 LIMIT ?3)"),
@@ -151,7 +154,7 @@ struct Statements {
     SQLite::Statement version, realms, realm, replicaSets, replicaSet, members, keys;
     SQLite::Statement countAll, addToCount, setCount, countByUser, countById, listByUser, listById, listFewById;
     SQLite::Statement countOfUser, terminateByUser, terminateById, refreshByUser, refreshById;
-    SQLite::Statement end, ended, removeEnded, allRemoved;
+    SQLite::Statement end, ended, endedBetween, removeEnded, allRemoved;
     SQLite::Statement clusterId, change, newestChange, localActs, recordChange, forgetChanges, contact, setting,
         putSetting;
     SQLite::Statement administrator, administrators, putAdministrator, removeAdministrator;
@@ -188,6 +191,11 @@ Administrator administratorOf(const Query& row) {
             row.text(2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
 }
 
+/// The text that follows next upon all that begin with this one, in the order of bytes. None of ours has a byte 0xFF.
+std::string endOf(const std::string& prefix) {
+    return prefix + '\xff';
+}
+
 class Listing final : public Store::SessionListing {
   public:
     explicit Listing(Connection& connection) : m_transaction(connection, Transaction::Kind::kRead) {}
@@ -198,17 +206,34 @@ class Listing final : public Store::SessionListing {
         m_total = glob == "*" ? firstOf(Query(statements.countAll, realm))
                               : firstOf(Query(byUser ? statements.countByUser : statements.countById, realm, glob));
         m_count = max < 0 ? m_total : std::min(m_total, max);
-        m_rows.emplace(byUser           ? statements.listByUser
-                       : m_total < kFew ? statements.listFewById
-                                        : statements.listById,
-                       realm, glob, m_count);
+        m_realm = realm;
+        m_glob = glob;
+        if (!byUser && m_total < kFew) {
+            m_rows.emplace(statements.listFewById, realm, glob, m_count);
+            return;
+        }
+        m_inOrder = byUser ? &statements.listByUser : &statements.listById;
+        // Sessions that have ended are passed over, not read one by one: there may be millions.
+        m_from = byUser ? glob.substr(0, glob.find_first_of("*?[")) : "";
+        const std::string end = endOf(m_from);
+        for (Query ended(statements.endedBetween, realm, m_from, end); ended.step();) {
+            m_ends.emplace_back(ended.text(0));
+        }
+        m_ends.push_back(end);
     }
     std::int32_t total() const override { return m_total; }
     std::int32_t count() const override { return m_count; }
     bool next(SessionRow& row) override {
-        if (!m_rows->step()) {
-            return false;
+        while (!m_rows || !m_rows->step()) {
+            if (m_ends.empty()) {
+                return false;
+            }
+            const std::string end = std::move(m_ends.front());
+            m_ends.pop_front();
+            m_rows.reset();
+            m_rows.emplace(*m_inOrder, m_realm, m_glob, m_count - m_given, std::exchange(m_from, end + '\0'), end);
         }
+        ++m_given;
         row = {m_rows->text(0), m_rows->text(1), m_rows->integer32(2)};
         return true;
     }
@@ -217,7 +242,15 @@ class Listing final : public Store::SessionListing {
     Transaction m_transaction;
     std::int32_t m_total = 0;
     std::int32_t m_count = 0;
+    std::int32_t m_given = 0;
     std::optional<Query> m_rows;
+
+    // What is listed in order of users, stretch by stretch: to each of these users, who has ended, and to the last end.
+    SQLite::Statement* m_inOrder = nullptr;
+    std::int64_t m_realm = 0;
+    std::string m_glob;
+    std::string m_from;
+    std::deque<std::string> m_ends;
 };
 
 class Replacing final : public Store::Replacement {
