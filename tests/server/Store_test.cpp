@@ -103,8 +103,8 @@ TEST_P(Stores, CarryOutAChangeOnce) {
 
 TEST_P(Stores, EndAnyNumberOfAUsersSessionsAtOnce) {
     const auto load = [&] {
-        std::vector<NewSession> sessions{{1, "m0", "zoe", 1}};
-        while (sessions.size() <= 2500) {
+        std::vector<NewSession> sessions{{1, "k0", "abe", 1}, {1, "m0", "zoe", 1}};
+        while (sessions.size() < 2502) {
             sessions.push_back({1, "m" + std::to_string(sessions.size()), "many", 1});
         }
         const auto replacement = store->replace();
@@ -115,8 +115,9 @@ TEST_P(Stores, EndAnyNumberOfAUsersSessionsAtOnce) {
     load();
     EXPECT_EQ(store->terminateSessions("east", Selector::kUser, "many"), 2500);
     for (bool more = true; more; more = other->removeEnded()) {
-        EXPECT_EQ(users("*"), "1 zoe");
-        EXPECT_EQ(users("?*"), "1 zoe");
+        EXPECT_EQ(users("*"), "2 abe zoe");
+        EXPECT_EQ(users("*", 1), "2 abe");
+        EXPECT_EQ(users("?*"), "2 abe zoe");
         EXPECT_EQ(users("m?", -1, Selector::kSession), "1 zoe");
         EXPECT_EQ(terminate(*other, "m2500"), "0");
         EXPECT_EQ(store->refreshSessions("east", Selector::kSession, "m2500", 2), 0);
