@@ -3,7 +3,7 @@
 import pathlib
 import subprocess
 
-MAKE = pathlib.Path(__file__).parents[1] / "tests" / "support" / "make_certificates"
+MAKE = pathlib.Path(__file__).parent / "make_certificates"
 SETTINGS = """[ca]
 default_ca = ca
 [ca]
