@@ -2,10 +2,9 @@
 
 import os
 import pathlib
-import subprocess
 import time
 
-from vexil import VEXILADMIN, line
+from vexil import line
 
 BUILD = pathlib.Path(os.environ.get("VEXIL_BUILD", ""))
 MANIFEST = BUILD / "install_manifest.txt"
@@ -29,17 +28,6 @@ def configuration(*servers, **entries):
     location = ",".join(f"127.0.0.1:{server.port}" for server in servers)
     lines = {"location": location, "instances": "blue,green", "timeout": 30, **entries}
     return "[tarn]\n" + "".join(f"{name.replace('_', '-')} = {value}\n" for name, value in lines.items())
-
-
-def start_run(case, name, texts, env):
-    """A run of vexiladmin with these commands, and the file of what it shows."""
-    file = case.dir / name
-    file.write_text("\n".join([ROOT_LOGIN, *texts]))
-    shown = file.with_suffix(".out")
-    with open(shown, "wb") as out:
-        run = subprocess.Popen([VEXILADMIN, "-file", file], env=env, stdout=out, stderr=out)
-    case.addCleanup(run.kill)
-    return run, shown
 
 
 def when(seconds):

@@ -3,14 +3,15 @@
 import concurrent.futures
 import re
 import signal
+import subprocess
 import time
 import unittest
 import unittest.mock
 
 from dsessd import AS_ROOT, Dsessd, request_text
-from endtoend import ADMINISTRATORS, configuration, start_run
+from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
 from postgres import PROGRAMS, Pair
-from vexil import Case
+from vexil import VEXILADMIN, Case
 
 CHANGES = 100_000  # more than there is time for
 
@@ -31,7 +32,11 @@ class Failover(Case):
 
     def changing(self, name, nodes):
         """A run of vexiladmin with key changes, and the file of what it shows."""
-        run, shown = start_run(self, name, ["key change"] * CHANGES, self.environment(config=configuration(*nodes)))
+        file, shown, env = self.dir / "changes", self.dir / name, self.environment(config=configuration(*nodes))
+        file.write_text(f"{ROOT_LOGIN}\n" + "key change\n" * CHANGES)
+        with open(shown, "wb") as out:
+            run = subprocess.Popen([VEXILADMIN, "-file", file], env=env, stdout=out, stderr=out)
+        self.addCleanup(run.kill)
         # The next one writes the same configuration anew.
         self.within(20, time.monotonic(), lambda: self.labels(shown))
         return run, shown
