@@ -107,7 +107,6 @@ class Year(Office, Case):
             self.book.wait(0, DEADLINE)
 
     def lose_the_file_and_restore_it(self):
-        self.asked.ask_for_another(self.nodes[0])
         data, backup, copy = self.nodes[0].data, self.dir / "backup", self.dir / "copy"
         begun = time.monotonic()
         self.dsessd("backup", backup)
@@ -127,7 +126,6 @@ class Year(Office, Case):
         with self.without_nodes():
             self.put_into_tables((ROOT / "tests/server/store-1.0.0.sql").read_text())
             self.assertIn("from schema version 1 to", self.dsessd("upgrade"))
-        self.asked.ask_for_another(self.nodes[0])
         self.work()
 
     def move_it_to_a_database(self):
@@ -153,6 +151,7 @@ class Year(Office, Case):
         self.tell_the_locations()
 
     def kill_the_database(self):
+        anna = {"user": "anna", "password": self.all["anna"].password}
         words = "the server cannot reach its database now"
         with self.book.trouble(f"{words}|no answer in time", NO_LOCATION, TIMED_OUT, UNKNOWN):
             self.tell_the_locations(timeout=3)
@@ -161,13 +160,13 @@ class Year(Office, Case):
             self.book.wait(PAUSE, DEADLINE)
             self.postgres.start()
             for node in self.nodes:
-                self.within(20, time.monotonic(), lambda: "result" in self.asked.ask(node))
+                self.within(20, time.monotonic(), lambda: "result" in node.call("trace.set", level=1, **anna))
             self.tell_the_locations()
         self.assertTrue(any(words in change.shown for change in self.book.changes()))
         self.work()
 
     def reckon(self):
         self.end_work("anna", "bert", "kurt")
-        wrong, figures = self.book.close(self.dsessd("dump", "-"), {"first"} | self.asked.keys())
+        wrong, figures = self.book.close(self.dsessd("dump", "-"), {"first"})
         self.assertEqual(wrong, [])
         print(f"{figures}; {self.lost} that were made after the backup were lost")

@@ -77,32 +77,6 @@ class Administrator(threading.Thread):
         self.join()
 
 
-class Asked:
-    """A change of the key that is asked for again and again, by the same administrator, until another one is."""
-
-    def __init__(self, who, stranger):
-        self.who, self.stranger, self.answers = who, stranger, []
-
-    def ask(self, node, who=None):
-        who = who or self.who
-        security = {"user": who.name, "password": who.password, "login_id": "asked"}
-        return node.call("key.change", changeId=f"change-{len(self.answers)}", **security)
-
-    def ask_for_another(self, node):
-        self.answers.append(None)
-        self.answers[-1] = self.ask(node)
-
-    def ask_again(self, nodes):
-        """Each node knows the change again, if there was one, and gives its answer to nobody else."""
-        for node in nodes if self.answers else ():
-            again, refused = self.ask(node), self.ask(node, self.stranger)
-            if again != self.answers[-1] or refused["error"]["data"]["name"] != "other-change":
-                raise AssertionError(f"first {self.answers[-1]}, then {again}, to another {refused}")
-
-    def keys(self):
-        return {answer["result"]["key"]["label"] for answer in self.answers}
-
-
 class Book:
     """`administrators`: all there were, by their names."""
 

@@ -9,7 +9,7 @@ import sqlite3
 import time
 
 from certificates import Authority
-from changes import NO_LOCATION, NOT_SECURE, Administrator, Asked, Book
+from changes import NO_LOCATION, NOT_SECURE, Administrator, Book
 from dsessd import DEADLINE, Dsessd
 
 FILES = {"tls_cert": "server.pem", "tls_key": "server.key", "client_ca": "ca.pem", "client_crl": "ca.crl"}
@@ -17,7 +17,7 @@ FILES = {"tls_cert": "server.pem", "tls_key": "server.key", "client_ca": "ca.pem
 
 class Office:
     """Part of a test case that has a folder of its own, `dir`. `nodes` are those that run, on one store; `all` are the
-    administrators by their names; `asked` is a change that each node has to know again."""
+    administrators by their names."""
 
     def open(self, names, sessions, pause):
         """Starts two nodes on a file, whose certificate ends in 20 days. Each administrator gets a certificate, a folder
@@ -30,7 +30,6 @@ class Office:
         for name in names:
             self.certify(name, 10**7)
             self.all[name] = Administrator(name, self.dir / name, self.environment(), f"secret-of-{name}")
-        self.asked = Asked(*list(self.all.values())[:2])
         numbered = [f"{name}-{number}" for name in names for number in range(sessions)]
         realm = {"name": "east", "sessions": [{"id": name, "user": "mallory", "time": 1} for name in numbered]}
         tls = {option: self.authority.path / file for option, file in FILES.items()}
@@ -103,7 +102,6 @@ class Office:
 
     def work(self):
         """Lets all of them make changes for a while. The book says in the end whether any failed."""
-        self.asked.ask_again(self.nodes)
         self.book.wait(self.pause, DEADLINE)
 
     @contextlib.contextmanager
