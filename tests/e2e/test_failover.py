@@ -5,25 +5,22 @@ import re
 import signal
 import subprocess
 import time
-import unittest
-import unittest.mock
 
 from dsessd import AS_ROOT, Dsessd, request_text
 from endtoend import ADMINISTRATORS, ROOT_LOGIN, configuration
-from postgres import PROGRAMS, Pair
+from postgres import Pair, with_postgres
 from vexil import VEXILADMIN, Case
 
 CHANGES = 100_000  # more than there is time for
 
 
-@unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+@with_postgres
 class Failover(Case):
     def setUp(self):
         """Two nodes on a primary and a standby."""
         super().setUp()
         self.pair = self.enterContext(Pair())
-        with unittest.mock.patch("dsessd.POSTGRES", self.pair.directory):
-            node = Dsessd(administrators=ADMINISTRATORS, anonymous="read")
+        node = Dsessd(administrators=ADMINISTRATORS, anonymous="read", postgres=self.pair.directory)
         self.name = re.search(r"/(test\d+)", node.data)[1]
         self.nodes = [self.enterContext(node), self.enterContext(node.another())]
 

@@ -6,10 +6,9 @@ import pathlib
 import re
 import signal
 import subprocess
-import unittest
 
 from endtoend import NOT_PERMITTED, NO_MATCHING_SESSION, ROOT_LOGIN, sent_as
-from postgres import PROGRAMS
+from postgres import PROGRAMS, with_postgres
 from vexil import ROOT, Case, commands, line
 
 NODES = ["--nodes", "2"] if PROGRAMS else []
@@ -53,7 +52,7 @@ class Quickstart(Case):
             self.assertEqual(terminal.ended()[0], status)
             self.check_nothing_is_left()
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_the_primary_is_killed_by_the_command_shown(self):
         terminal = self.terminal("--standby", program=QUICKSTART, prompt=None, **self.settings)
         subprocess.check_call(re.search("  (kill .*)", terminal.asks())[1], shell=True, stdout=subprocess.DEVNULL)

@@ -11,10 +11,9 @@ import sqlite3
 import subprocess
 import threading
 import unittest
-import unittest.mock
 
 from dsessd import AS_ROOT, BINARY, ROOT, Dsessd
-from postgres import PROGRAMS, Postgres, new_database
+from postgres import Postgres, new_database, with_postgres
 from test_nodes import soon
 
 COUNT = 4000
@@ -78,14 +77,14 @@ class Data(unittest.TestCase):
 
 
 class Dumping(Data):
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_moves_a_cluster_from_engine_to_engine_whole_while_nodes_run(self):
         first, file = self.server, self.path("dump")
         first.call("trace.set", **AS_ROOT, level=3)
         pathlib.Path(file).write_text("old")
         os.chmod(file, 0o644)
-        with Postgres() as postgres, unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-            second = self.enterContext(Dsessd())
+        with Postgres() as postgres:
+            second = self.enterContext(Dsessd(postgres=postgres.directory))
             old = second.call("trace.get", **AS_ROOT)["clusterId"]
             with changes(first):
                 self.run("dump", "--data", first.data, file)
@@ -271,10 +270,10 @@ class Upgrading(Data):
         self.assertEqual(first["realms"], [{"name": "east", "replicaSets": sets, "sessions": [session]}])
         self.assertEqual((first["traceLevel"], first["administrators"][0]["passwordHash"]), (4, "$y$"))
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_raises_a_database_once_no_node_uses_it(self):
-        with Postgres() as postgres, unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-            server = self.enterContext(Dsessd(administrators=ROOT))
+        with Postgres() as postgres:
+            server = self.enterContext(Dsessd(administrators=ROOT, postgres=postgres.directory))
             database = re.search("/(test[0-9]+)", server.data)[1]
             tables = postgres.sql(TABLES, database=database)
             postgres.sql(FIRST_DATABASE, database=database)

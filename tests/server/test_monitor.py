@@ -10,10 +10,9 @@ import signal
 import socket
 import time
 import unittest
-import unittest.mock
 
 from dsessd import AS_ROOT, DEADLINE, ROOT, Dsessd, request_text
-from postgres import PROGRAMS, Postgres
+from postgres import Postgres, with_postgres
 from test_nodes import soon
 
 SAMPLE = re.compile(r'(dsessd_\w+?)((?:_bucket|_sum|_count)?(?:\{(?:\w+="(?:[^"\\]|\\.)*",?)*\})?) (\S+)')
@@ -120,13 +119,12 @@ class Monitoring(unittest.TestCase):
         """As a disk does that takes no more."""
         resource.prlimit(server.process.pid, resource.RLIMIT_FSIZE, (size, -1))
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_answers_at_once_while_the_database_does_not(self):
         pool = concurrent.futures.ThreadPoolExecutor(40)
         self.addCleanup(pool.shutdown)
         with Postgres() as postgres:
-            with unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-                server = Monitored(anonymous="read")
+            server = Monitored(anonymous="read", postgres=postgres.directory)
             postgres.stop()
             start = pool.submit(server.start)
             self.addCleanup(lambda: server.__exit__())

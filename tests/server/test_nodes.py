@@ -7,10 +7,9 @@ import signal
 import socket
 import time
 import unittest
-import unittest.mock
 
 from dsessd import AS_ROOT, DEADLINE, JSON, ROOT, Dsessd, request_text
-from postgres import PROGRAMS, Postgres
+from postgres import Postgres, with_postgres
 
 
 def soon(holds, seconds):
@@ -52,10 +51,10 @@ class Nodes(unittest.TestCase):
     def test_share_a_file(self):
         self.share_one_cluster(*self.nodes())
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_share_a_database_and_come_through_its_loss(self):
-        with Postgres() as postgres, unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-            one, other = self.nodes()
+        with Postgres() as postgres:
+            one, other = self.nodes(postgres=postgres.directory)
             postgres.stop()
             start = time.monotonic()
             with contextlib.closing(one.connect()) as connection:
@@ -67,12 +66,11 @@ class Nodes(unittest.TestCase):
             postgres.start()
             self.share_one_cluster(one, other)
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_hold_nobody_up_for_long(self):
         change = request_text("key.change", **AS_ROOT)
         with Postgres() as postgres, concurrent.futures.ThreadPoolExecutor(20) as pool:
-            with unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-                one, other = self.nodes(store_connections="2")
+            one, other = self.nodes(store_connections="2", postgres=postgres.directory)
             self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {200})
             ours = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'dsessd'"
             self.assertLessEqual(int(postgres.sql(ours)), 4)
@@ -94,12 +92,11 @@ class Nodes(unittest.TestCase):
             self.assertTrue(soon(lambda: "result" in other.call("key.change", **AS_ROOT), 9))
             one.process.send_signal(signal.SIGCONT)
 
-    @unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
+    @with_postgres
     def test_waits_for_its_database_and_tells_the_service_manager(self):
         with contextlib.ExitStack() as stack:
             postgres = stack.enter_context(Postgres())
-            with unittest.mock.patch("dsessd.POSTGRES", postgres.directory):
-                node = Dsessd(anonymous="read")
+            node = Dsessd(anonymous="read", postgres=postgres.directory)
             serve = ["serve", "--listen", "127.0.0.1:0", "--instance", "blue", "--data"]
             for wrong in node.data.replace("/test", "/no"), node.data + "&target_session_attrs=no":
                 self.assertEqual(node.run(*serve, wrong, check=False).returncode, 1)

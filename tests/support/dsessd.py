@@ -44,11 +44,12 @@ def memory_of(pid):
 class Dsessd:
     environment = None  # of the server, None for the same as here
 
-    def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), **options):
-        """cluster: path of a JSON file, or what to write as one. administrators: (name, password, role). options: those
-        of serve, with _ for -."""
+    def __init__(self, cluster=SAMPLE, administrators=(), instances=("blue",), postgres=None, **options):
+        """cluster: path of a JSON file, or what to write as one. administrators: (name, password, role). postgres:
+        the directory of one that holds the data. options: those of serve, with _ for -."""
         self._make_directory()
-        self.data = new_database(POSTGRES) if POSTGRES else str(self.directory / "cluster.db")
+        postgres = postgres or POSTGRES
+        self.data = new_database(postgres) if postgres else str(self.directory / "cluster.db")
         self.instances = instances
         self.options = {"listen": "127.0.0.1:0", "data": self.data, "anonymous": "none", **options}
         self.context = ssl._create_unverified_context() if "tls_cert" in options else None

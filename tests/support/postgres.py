@@ -12,8 +12,10 @@ import subprocess
 import sys
 import tempfile
 import time
+import unittest
 
 PROGRAMS = max(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda path: int(path.split("/")[4]), default=None)
+with_postgres = unittest.skipIf(PROGRAMS is None, "no PostgreSQL is installed")
 
 
 def new_database(directory):
