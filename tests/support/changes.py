@@ -69,9 +69,6 @@ class Administrator(threading.Thread):
         """The changes that were begun and ended since."""
         return [change for change in self.changes if change.begun > moment]
 
-    def statuses(self, moment):
-        return [change.status for change in self.since(moment)]
-
     def go(self):
         self.gone.set()
         self.join()
@@ -86,13 +83,10 @@ class Book:
     def changes(self):
         return [change for one in self.administrators.values() for change in one.changes]
 
-    def at_work(self):
-        return [one for one in self.administrators.values() if one.is_alive()]
-
     def wait(self, seconds, most):
         """Lets those who work go on for some seconds, and until each has begun and ended a change in that time."""
         begun = time.monotonic()
-        waiting = self.at_work()
+        waiting = [one for one in self.administrators.values() if one.is_alive()]
         while waiting or time.monotonic() < begun + seconds:
             waiting = [one for one in waiting if not one.since(begun)]
             if waiting and time.monotonic() > begun + max(seconds, most):
