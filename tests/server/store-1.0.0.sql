@@ -45,6 +45,6 @@ INSERT INTO realms VALUES (2, 'east');
 INSERT INTO replica_sets VALUES (3, 2, 'set');
 INSERT INTO members VALUES (1, 3, 'm', 5);
 INSERT INTO sessions VALUES (2, 's', 'u', 6);
-INSERT INTO keys VALUES (1, 'spring', 7);
+INSERT INTO keys VALUES (1, 'spring', 7), (2, 'summer', 8);
 INSERT INTO settings VALUES ('trace level', 4);
 INSERT INTO administrators VALUES ('mary', '$y$', 'read');

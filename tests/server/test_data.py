@@ -268,6 +268,7 @@ class Upgrading(Data):
         second.pop("changes")
         self.assertEqual(first, second)
         self.assertEqual(first["realms"], [{"name": "east", "replicaSets": sets, "sessions": [session]}])
+        self.assertEqual([key["label"] for key in first["keys"]], ["spring", "summer"])
         self.assertEqual((first["traceLevel"], first["administrators"][0]["passwordHash"]), (4, "$y$"))
 
     @with_postgres
