@@ -44,7 +44,7 @@ class Administrator(threading.Thread):
     configuration is in the folder, which is made. Who holds `rest` keeps the administrator from the next change."""
 
     def __init__(self, name, folder, environment, password):
-        super().__init__(name=name)
+        super().__init__(name=name, daemon=True)
         folder.mkdir()
         self.folder, self.environment = folder, {**environment, "QEL_CONFIG_DIR": str(folder)}
         self.password, self.changes = password, []
