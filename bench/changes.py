@@ -50,10 +50,8 @@ class Administrator(threading.Thread):
         self.password, self.changes = password, []
         self.rest, self.gone = threading.Lock(), threading.Event()
 
-    def vexiladmin(self, command, user=None, password=None):
-        """Runs a command, as somebody else if so wished."""
-        login = f"login {user or self.name} {password or self.password}"
-        run = ["vexiladmin", "-command", login, "-command", command]
+    def vexiladmin(self, command):
+        run = ["vexiladmin", "-command", f"login {self.name} {self.password}", "-command", command]
         return subprocess.run(run, env=self.environment, stdin=subprocess.DEVNULL, capture_output=True, text=True)
 
     def run(self):
@@ -65,9 +63,9 @@ class Administrator(threading.Thread):
                 self.changes.append(Change(self, f"{self.name}-{turn}" if is_session else None))
             time.sleep(0.01)  # for whoever waits for the lock
 
-    def since(self, moment):
-        """The changes that were begun and ended since."""
-        return [change for change in self.changes if change.begun > moment]
+    def statuses(self, moment):
+        """Of the changes that were begun and ended since."""
+        return [change.status for change in self.changes if change.begun > moment]
 
     def go(self):
         self.gone.set()
@@ -88,7 +86,7 @@ class Book:
         begun = time.monotonic()
         waiting = [one for one in self.administrators.values() if one.is_alive()]
         while waiting or time.monotonic() < begun + seconds:
-            waiting = [one for one in waiting if not one.since(begun)]
+            waiting = [one for one in waiting if not one.statuses(begun)]
             if waiting and time.monotonic() > begun + max(seconds, most):
                 raise AssertionError(f"no change by {[one.name for one in waiting]} in {most} s")
             time.sleep(0.05)

@@ -80,7 +80,7 @@ class Nodes(unittest.TestCase):
             self.assertLess(time.monotonic() - start, 10)
             postgres.freeze(signal.SIGCONT)
             self.assertTrue(soon(lambda: one.post(change)[0] == 200, 9))
-            # One node stands still in the middle of a change: it waits for a lock that is let go once it stands.
+            # One node stands still in a change, which waits for a lock.
             database = one.data.split("/")[3].split("?")[0]
             lock = pool.submit(postgres.sql, "BEGIN", "LOCK TABLE keys", "SELECT pg_sleep(3)", database=database)
             waiting = "SELECT count(*) FROM pg_stat_activity WHERE wait_event = "

@@ -3,7 +3,6 @@
 import pathlib
 import subprocess
 
-MAKE = pathlib.Path(__file__).parent / "make_certificates"
 SETTINGS = """[ca]
 default_ca = ca
 [ca]
@@ -21,7 +20,7 @@ CN = supplied
 class Authority:
     def __init__(self, path):
         self.path = pathlib.Path(path)
-        subprocess.run(["sh", MAKE, path], check=True)
+        subprocess.run(["sh", pathlib.Path(__file__).with_name("make_certificates"), path], check=True)
         (self.path / "ca.cnf").write_text(SETTINGS)
         self.revoke()
 

@@ -14,7 +14,7 @@
 
 static bool isMemoryRefused = false;
 
-// Stand in for the C++ library's, also in the client library. Inlined, one without the other looks like a mistake.
+// Stand in for those of the C++ library, also in the client library; inlined, one alone looks like a mistake.
 __attribute__((noinline)) void* operator new(std::size_t size) {
     void* const block = isMemoryRefused ? nullptr : std::malloc(size);
     return block == nullptr ? throw std::bad_alloc() : block;
