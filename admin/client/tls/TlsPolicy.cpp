@@ -233,7 +233,7 @@ void TlsPolicy::watchExpiry(const char* whose, const X509* certificate) const {
         return;
     }
     const std::string text = "the certificate " + subjectText(certificate) + " " + whose +
-                             (days < 0 || seconds < 0 ? " ended on " : " ends on ") + timeText(end);
+                             (X509_cmp_current_time(end) < 0 ? " ended on " : " ends on ") + timeText(end);
     if (mentioned.insert(text).second) {
         m_trace.line(kTraceFailure, text);
     }
