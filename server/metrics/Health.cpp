@@ -1,12 +1,21 @@
 #include "server/metrics/Health.h"
 
-#include <array>
+#include <cstdlib>
 
 namespace dsessd {
 
 const char* Health::nameOf(State state) {
-    constexpr std::array<const char*, kStates> kNames{"ok", "store", "read-only", "stopping"};
-    return kNames[static_cast<std::size_t>(state)];
+    switch (state) {
+        case State::kOk:
+            return "ok";
+        case State::kNoStore:
+            return "store";
+        case State::kReadOnly:
+            return "read-only";
+        case State::kStopping:
+            return "stopping";
+    }
+    std::abort();
 }
 
 Health::State Health::state() const {

@@ -1,4 +1,4 @@
-/// How the server is, in one word.
+/// The health of the server in one word, as /healthz and the metrics tell it.
 #pragma once
 
 #include <atomic>
@@ -6,8 +6,8 @@
 
 namespace dsessd {
 
-/// Whoever looks at the store says what was found; anybody may ask what follows from it, and never waits. Safe to use
-/// from several threads.
+/// Keeps the state of the store that was seen last, and whether the server is stopping. Heartbeat writes it; the
+/// monitor reads it without waiting. Safe to use from several threads.
 class Health {
   public:
     enum class State {
@@ -16,18 +16,18 @@ class Health {
         kReadOnly,  ///< the store takes no changes
         kStopping,
     };
-    static constexpr int kStates = 4;
+    static constexpr State kStates[] = {State::kOk, State::kNoStore, State::kReadOnly, State::kStopping};
     /// As metrics and /healthz say it: `ok`, `store`, `read-only`, `stopping`.
     static const char* nameOf(State state);
 
-    /// The store was asked something, and should have answered by then.
+    /// The store was asked something. When it has not answered within this time, it counts as silent.
     void storeAsked(std::chrono::steady_clock::duration within) { m_due = std::chrono::steady_clock::now() + within; }
-    /// The store has answered or failed, or will not be waited for: it is in this state.
+    /// The store is in this state, and owes no answer.
     void storeIs(State state) {
         m_store = state;
         storeMayRest();
     }
-    /// Nothing is asked any more, and the state stays.
+    /// The store owes no answer any more. The state stays as it was.
     void storeMayRest() { m_due = std::chrono::steady_clock::time_point::max(); }
     void stop() { m_stopping = true; }
 

@@ -153,8 +153,7 @@ std::string Metrics::text() const {
     std::vector<MetricFamily> families = m_registry.Collect();
 
     MetricFamily states = family("dsessd_health", "1 for the state that /healthz tells, 0 for the others");
-    for (int i = 0; i < Health::kStates; ++i) {
-        const auto state = static_cast<Health::State>(i);
+    for (const Health::State state : Health::kStates) {
         states.metric.push_back(sample({{"state", Health::nameOf(state)}}, state == health.state() ? 1 : 0));
     }
     families.push_back(std::move(states));

@@ -27,7 +27,7 @@ namespace dsessd {
 
 /// Safe to use from several threads. To count takes no memory, and no lock but a histogram's for a moment.
 class Metrics {
-    /// Owns what the members below refer to.
+    /// Owns the counters and gauges that the references below refer to. So it is declared first.
     prometheus::Registry m_registry;
 
   public:
