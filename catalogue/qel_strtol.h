@@ -1,4 +1,4 @@
-/// Reads whole numbers from text.
+/// Reads the whole numbers that users type: a sign, decimal digits, and nothing behind them.
 #pragma once
 
 #include <cstdint>

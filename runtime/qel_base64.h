@@ -1,4 +1,4 @@
-/// Encodes bytes as base64 text.
+/// Encodes bytes as base64 text (RFC 4648), for identifiers and digests that go into messages and into the store.
 #pragma once
 
 #include <cstddef>

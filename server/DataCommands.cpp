@@ -26,7 +26,7 @@ namespace dsessd {
 
 namespace {
 
-/// Shows on a terminal how far a load is, in one line that fits and that is gone in the end:
+/// Shows on a terminal how far a load is. The line is never longer than the terminal is wide, and is erased at the end:
 ///
 ///     loading: 42%, 16 s left, 4200000 sessions, 371000 a second
 class ProgressLine {

@@ -12,16 +12,17 @@ namespace {
 
 constexpr std::chrono::seconds kLookEvery{1};
 constexpr int kLooksForContact = 5;
-/// For how long a look removes sessions, and the least pause after a step of it.
+/// How long one look may remove sessions, and the shortest pause between two removals.
 constexpr std::chrono::milliseconds kRemoveFor{700};
 constexpr std::chrono::milliseconds kRest{20};
 /// Longer than the store waits for another process by itself, which is no failure.
 constexpr std::chrono::seconds kWaitAtMost{15};
 constexpr std::chrono::seconds kWaitAtMostInTheEnd{1};
-/// A store that takes longer to be read does not answer. One that is written to may wait for whoever else writes.
+/// A store that takes longer than this is reported as silent. A change takes longer, since it waits for other changes.
 constexpr std::chrono::seconds kReadsWithin{3};
 constexpr std::chrono::seconds kWritesWithin{20};
-/// More are not shown: a monitoring system keeps a record for each.
+/// The most members whose age is told to a monitoring system, which keeps a time series for each. When there are more,
+/// none is told.
 constexpr std::size_t kMostMembers = 1000;
 
 }  // namespace
@@ -135,7 +136,8 @@ void Heartbeat::write(Store& store) {
     }
 }
 
-/// After each step others get their turn for at least as long as it took.
+/// Removes sessions that have ended, step by step. After each step it pauses for as long as the step took, so that
+/// others get their turn.
 void Heartbeat::removeEnded(Store& store) {
     using Clock = std::chrono::steady_clock;
     succeeds([&] {

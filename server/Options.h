@@ -40,7 +40,7 @@ struct AdminOptions {
     Action action = Action::kList;
     std::string data;
     std::string name;
-    /// Nothing when --role is not given: an existing administrator keeps the role, a new one gets kChange.
+    /// The role that --role names. Without it an existing administrator keeps the role, and a new one gets kChange.
     std::optional<Role> role;
 };
 

@@ -45,7 +45,7 @@ constinit const QelString TarnAdminUtility::m_debugEnvName(QelLiteral("VEXILADMI
 namespace {
 
 constexpr char kConfigFileName[] = "vexilclicfg.conf";
-/// The longest line that a command file may have, in bytes. What is longer is cut, and each piece is run as a line.
+/// The longest line of a command file, in bytes. A longer one is cut into pieces, and each piece is run as a line.
 constexpr std::size_t kLongestFileLine = 4095;
 
 /// Hands a command over to the registry. Throws QelFailure.

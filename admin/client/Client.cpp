@@ -30,7 +30,7 @@ constexpr std::chrono::milliseconds kLeastPause{10};
 // The least time for an attempt to find out about a change, unless less is left.
 constexpr std::chrono::seconds kLeastShare{1};
 
-// Any answer to it, a refusal too, tells whether the server keeps records of changes.
+// Asked to learn whether the server keeps records of changes. A refusal tells that, too.
 constexpr Operation kQuestion{protocol::method::kTraceGet, AnswerShape::kLevel, false};
 
 /// What an error in an answer means.
@@ -239,7 +239,7 @@ Attempt Client::tryLocation(std::size_t index, Request& request, Clock::time_poi
     }
     if (attempt.status != 0) {
         m_trace.line(kTraceFailure, url + ": " + attempt.cause);
-        // That the time ran out says less than what the location said before.
+        // What the location said at an earlier attempt tells more than that this one ran out of time.
         const bool saysLess = attempt.status == kStatusTimedOut && request.failures[index].isBusy;
         if (attempt.status != kStatusInterrupted && !saysLess) {
             request.failures[index] = attempt;

@@ -83,7 +83,7 @@ class Client {
     bool pause(Clock::time_point end, Clock::duration& longest) const;
     /// One attempt at the location of this index, with its answer read.
     Attempt tryLocation(std::size_t index, Request& request, Clock::time_point end, bool leavesTime, Answer& answer);
-    /// What any answer tells about its server.
+    /// Remembers which cluster the server of this answer belongs to. An error tells it as well as a result.
     void learnCluster(const Answer& answer) { m_clusterId = answer.clusterId == nullptr ? "" : answer.clusterId; }
     /// Makes the location of this index the first to ask, and returns the status that its answer means. Traces what the
     /// text of that status does not say: the user's name when the server refused that user, and the server's own words

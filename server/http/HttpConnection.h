@@ -134,7 +134,8 @@ class HttpConnection : public std::enable_shared_from_this<HttpConnection> {
     Socket m_socket;
     /// Says why the client's certificate was refused. Empty when it was not.
     std::string m_certificateProblem;
-    /// The certificates in force when the connection began. Its handshake uses them to the end, even after a reload.
+    /// The certificates that were in force when the connection began. Its handshake uses these, also when others are
+    /// read meanwhile.
     std::shared_ptr<const TlsContext> m_tlsContext;
     std::optional<boost::asio::ssl::stream<Socket&>> m_tls;
     /// Never expires: pause() waits for it until wake() ends that.

@@ -25,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kMostPeers = 32;
 constexpr std::size_t kMaxHeadBytes = 8'192;
-/// From its acceptance on, a connection has so long for everything.
+/// How long a connection may last, from its acceptance on.
 constexpr std::chrono::seconds kPeerHas{5};
 constexpr std::chrono::milliseconds kTick{100};
 constexpr char kText[] = "text/plain; charset=utf-8";
@@ -84,7 +84,7 @@ class Monitor::Peer {
     }
     bool isLate() const { return Clock::now() > m_end; }
 
-    /// Does what can be done without waiting. False: the connection is over.
+    /// Reads or sends what it can without waiting. False: the connection is over.
     bool goOn(const Metrics& metrics) {
         const bool isAnswered = !m_answer.empty();
         if (!isAnswered || m_sent == m_answer.size()) {

@@ -11,12 +11,12 @@
 
 namespace dsessd {
 
-/// Has a listener, a thread and a loop of its own, and never waits for the store or a lane. So it answers when the
-/// server is overloaded and when its store does not answer. Each connection gets one answer and a few seconds; when
-/// there are too many, the oldest goes.
+/// The server for the monitoring system. It has a socket and a thread of its own and asks neither the store nor a lane,
+/// so it answers also when the server is overloaded or its store is silent. A connection gets one answer, within a few
+/// seconds. When there are too many connections, the oldest is closed.
 class Monitor {
   public:
-    /// Answers from now on, until it goes. Keeps references to metrics and log. Throws std::runtime_error.
+    /// Answers until it is destroyed. Keeps references to metrics and log. Throws std::runtime_error.
     Monitor(Listener listener, const Metrics& metrics, Log& log);
     ~Monitor();
     Monitor(const Monitor&) = delete;

@@ -11,7 +11,7 @@
 
 namespace dsessd {
 
-/// The log and the metrics must outlive it.
+/// The log and the metrics that it is given must outlive it.
 class TlsInForce {
   public:
     /// Throws std::runtime_error with one line that names the file at fault.

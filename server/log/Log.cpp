@@ -170,7 +170,7 @@ class Log::Queue {
     std::string m_writing;
     std::uint64_t m_added GUARDED_BY(m_mutex) = 0;
     std::uint64_t m_written GUARDED_BY(m_mutex) = 0;
-    /// Those that no line has told of yet.
+    /// Dropped lines that no line of the log has told of yet.
     std::uint64_t m_dropped GUARDED_BY(m_mutex) = 0;
     std::atomic<std::uint64_t> m_droppedSoFar = 0;
     bool m_flows GUARDED_BY(m_mutex) = true;

@@ -42,7 +42,7 @@ class FairPool {
     };
     Load load();
 
-    /// For a long task: it does not hang.
+    /// Called by a task that takes long, to say that it does not hang.
     void getOn();
     /// Whether the pool still works: false when all its threads have been busy for longer than `within` and none has
     /// begun or ended a task or got on with one in that time.
@@ -67,8 +67,9 @@ class FairPool {
     Mutex m_mutex;
     std::condition_variable m_changed;
     bool m_stopping GUARDED_BY(m_mutex) = false;
-    /// How many threads are at work, and when one has last begun or ended a task or got on with it.
+    /// How many threads are at work.
     std::size_t m_working GUARDED_BY(m_mutex) = 0;
+    /// When a thread last made progress: it began a task, ended one, or said that it got on.
     Clock::time_point m_turned GUARDED_BY(m_mutex);
     /// Who has waited longest for a turn is in front.
     std::list<Line> m_lines GUARDED_BY(m_mutex);

@@ -45,7 +45,7 @@ class Lanes {
     std::shared_ptr<Job> submit(SecretBuffer request, const Peer& peer, std::shared_ptr<RequestDeadlines> deadlines,
                                 std::function<void()> wake);
 
-    /// To be called every now and then: tells those who have waited too long for their turn, and the metrics how many
+    /// To be called now and then: answers those who have waited too long for their turn, and tells the metrics how many
     /// wait.
     void tick();
     /// False: a lane hangs, since all its threads have been at work for twice as long as a step may take.

@@ -36,7 +36,7 @@ class ListingAnswer {
     bool m_done = false;
 };
 
-/// How a request may end, beside the names of errors (protocol::error).
+/// The outcomes of a request that are no error. The others are the names of errors (protocol::error).
 namespace outcome {
 inline constexpr char kDone[] = "done";
 inline constexpr char kDoneBefore[] = "done before";  // a change that is answered from its record
@@ -57,7 +57,7 @@ struct Answer {
     std::unique_ptr<ListingAnswer> rest;
     /// How long it is to be held back.
     std::chrono::milliseconds delay{0};
-    /// For the log and for metrics: one of outcomes().
+    /// What the log and the metrics call this answer: one of outcomes().
     const char* outcome = outcome::kDone;
 
     /// Turns this into the answer for a request that has failed.

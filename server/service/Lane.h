@@ -19,18 +19,18 @@ enum class Lane {
 
 /// A lane has threads of its own, so that no kind of work waits for a slower one.
 struct LaneRule {
-    /// As metrics call it.
+    /// Its name in the metrics.
     const char* name;
     /// How many steps are done at a time, and how many of them for one host. Hosts take turns.
     unsigned threads;
     unsigned mostForOne;
     /// How long a step may wait for its turn; who comes later is told that the server is busy.
     std::chrono::milliseconds longestWait;
-    /// How long it may take. A listing gets more while it gets on: kListingPerByte.
+    /// How long it may take. A listing earns more time with each byte that it gives: kListingPerByte.
     std::chrono::milliseconds longestWork;
 };
 
-/// A listing of any length is whole in time if each second brings a megabyte of it.
+/// A listing that gives a megabyte a second has time enough, however long it is.
 inline constexpr std::chrono::microseconds kListingPerByte{1};
 
 /// A row for each lane, in the order of the enumeration. A change may be one of a million sessions.

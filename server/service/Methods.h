@@ -30,7 +30,7 @@ struct MethodResult {
 struct Method {
     const char* name;
     Lane lane;
-    /// Its parameters. A method that changes something takes a changeId and a clusterId besides.
+    /// The parameters of its own. Every method that changes something also takes changeId and clusterId.
     std::span<const FieldRule> takes;
     /// Carries the method out. Throws a Failure that says why it could not. May be called again afterwards; the store
     /// does so when a transaction has to be repeated.

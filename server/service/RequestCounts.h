@@ -1,4 +1,4 @@
-/// Counts requests for the monitoring system.
+/// What the monitoring system is told of requests: how many were answered, how, and how long they took.
 #pragma once
 
 #include <chrono>
@@ -10,8 +10,8 @@
 
 namespace dsessd {
 
-/// Counts answered requests by method and outcome, and how long they took. All counters are made at the start, so that
-/// counting takes no memory. Safe to use from several threads.
+/// Has a counter for each method and outcome, and a histogram of times for each method. All are made at the start, so
+/// that counting takes no memory. Safe to use from several threads.
 class RequestCounts {
   public:
     /// The metrics must outlive it.

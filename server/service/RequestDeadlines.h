@@ -1,4 +1,4 @@
-/// How long one request may go on working: until the first of three moments. Two of them any thread may bring forward.
+/// How long one request may go on working: until the first of three moments. Any thread may bring two of them forward.
 #pragma once
 
 #include <atomic>
@@ -15,9 +15,9 @@ class RequestDeadlines {
     /// Nobody waits for the answer any more: what changes nothing ends by then.
     void leaveBy(Clock::time_point moment) { bringForward(m_leave, moment); }
 
-    /// The step in hand ends by then, unless it gets on. Set by the thread that does the step.
+    /// The present step ends by then, unless it earns more time. Set by the thread that does the step.
     void workBy(Clock::time_point moment) { m_work = moment; }
-    /// The step has got on so far that it has earned more time.
+    /// Gives the present step more time, for the progress that it has made.
     void workLonger(Clock::duration more) { m_work = m_work.load() + more; }
 
     Clock::time_point stop() const { return m_stop; }

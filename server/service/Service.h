@@ -32,8 +32,9 @@ struct Call {
     Answer answer;
 
     const std::shared_ptr<RequestDeadlines> deadlines;
-    /// When the request came, and when its next step began to wait for a thread.
+    /// When the request came.
     const Clock::time_point start = Clock::now();
+    /// When its next step began to wait for a thread.
     Clock::time_point queued = start;
     /// Whether a change may have been made.
     bool mayHaveChanged = false;

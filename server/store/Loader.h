@@ -32,8 +32,8 @@ class LoadError : public std::runtime_error {
     std::size_t m_line;
 };
 
-/// Called now and then with the bytes read and the records stored so far. `isRead`, at last: what is left is the
-/// commit.
+/// Called now and then with the bytes read and the records stored so far. `isRead`: all is read, and only the commit is
+/// left.
 using LoadProgress = std::function<void(std::uint64_t bytes, const LoadCounts& counts, bool isRead)>;
 
 /// Replaces the store's cluster by the one in `input`, in one transaction and in constant memory. Throws LoadError or

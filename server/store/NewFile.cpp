@@ -17,7 +17,8 @@ namespace dsessd {
 
 namespace {
 
-/// The path of a file that is not whole yet. A signal that ends the process removes it: it may be large and is secret.
+/// The path of the file that is being written; null: there is none. A signal that ends the process removes that file,
+/// which may be large and holds secrets.
 const char* volatile unfinished = nullptr;
 
 extern "C" void removeUnfinished(int signal) {

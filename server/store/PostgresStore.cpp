@@ -775,7 +775,7 @@ class PostgresStore final : public Store {
         return m_inChange ? m_connection.run(sql, values) : retrying([&] { return m_connection.run(sql, values); });
     }
 
-    /// `ends`: whether those that it changes are no more.
+    /// `ends`: whether the statement removes the sessions, so that there are fewer.
     std::optional<int> changeSessions(const char* sql, std::string_view realm, std::string_view value, bool ends) {
         return transaction(kBeginChange, [&]() -> std::optional<int> {
             const auto number = realmNumber(m_connection, realm);

@@ -27,7 +27,7 @@ bool exists(const std::string& path) {
     return ::stat(path.c_str(), &found) == 0;
 }
 
-/// Works on damaged files too, which SQLite itself would not open far enough to take its locks.
+/// Whether another process has the file open. Looks at SQLite's locks itself: SQLite does not open a damaged file.
 bool isOpenElsewhere(const std::string& path) {
     const QelFileDescriptor file(::open(path.c_str(), O_RDWR | O_CLOEXEC));
     struct flock lock {};

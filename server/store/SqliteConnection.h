@@ -115,7 +115,7 @@ class Transaction {
     enum class Kind {
         kRead,
         kWrite,
-        kTrial,  ///< writes what is there already
+        kTrial,  ///< tries whether a change succeeds, by writing what is there already
     };
     Transaction(Connection& connection, Kind kind) : m_connection(connection), m_kind(kind), m_open(!isInside()) {
         if (m_open && kind != Kind::kRead) {

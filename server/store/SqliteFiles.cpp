@@ -41,9 +41,8 @@ std::int64_t leastDataBytes(sqlite3* connection) {
     return number(kPageCountAt, 4) * (pageSize == 1 ? 65'536 : pageSize);
 }
 
-/// Whether the 32-bit number at this offset of the write-ahead log is 0, as nothing that SQLite writes there is.
-/// Somebody has then cut the file short while it was in use, and SQLite has written behind the old end: between lies a
-/// hole.
+/// Whether the 32-bit number at this offset of the write-ahead log is 0. SQLite writes no 0 there, so it is a hole: it
+/// comes about when somebody cuts the file short while it is in use, and SQLite then writes behind the old end.
 bool isHoleAt(std::int64_t offset, sqlite3* connection) {
     sqlite3_file* file = nullptr;
     std::array<char, 4> number{};

@@ -24,8 +24,9 @@ CREATE TABLE changes (
     number INTEGER NOT NULL UNIQUE
 ) STRICT, WITHOUT ROWID;
 )";
-// Users whose sessions have ended, and are removed one by one later: all at once they would keep others from changing
-// anything for minutes. Only a load adds sessions, and it empties this table.
+// Users whose sessions have ended while their rows are still there. The rows are removed later, in small steps: to
+// remove a million at once would keep others from changing anything for minutes. Only a load adds sessions, and it
+// empties this table.
 constexpr char kEndedTable[] = R"(
 CREATE TABLE ended (
     realm INTEGER,

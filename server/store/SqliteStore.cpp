@@ -37,7 +37,7 @@ constexpr int kMovePages = 1'000;
 constexpr int kRestartPages = 8'000;
 constexpr std::chrono::seconds kWaitForReaders{1};
 
-// More sessions of a user than these are not removed at once when they end, and then so many at a time.
+// The most sessions of a user that are removed at once when they end. Of more, so many are removed at a time, later.
 constexpr int kRemoveAtOnce = 250;
 
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
@@ -78,13 +78,14 @@ std::string globOf(std::string_view pattern) {
     return glob;
 }
 
-/// From one user to another, who is not among them.
+/// In the order of users, from user ?4 up to user ?5, who is not included.
 constexpr char kInOrder[] = " AND user >= ?4 AND user < ?5 ORDER BY user, time, id LIMIT ?3";
 constexpr std::int32_t kFew = 10'000;
-/// For few. The plus has SQLite look for them by their identifiers: in this order it may come to them after millions.
+/// For a few sessions. The plus makes SQLite find them by their identifiers and sort them. Otherwise it would read the
+/// realm in the order of users, and might pass millions of others first.
 constexpr char kSorted[] = " ORDER BY +user, time, id LIMIT ?3";
 
-/// A statement on those of a realm's sessions that meet a condition. Its first parameter is the realm.
+/// The text of a statement on those sessions of a realm that meet a condition and have not ended. ?1 is the realm.
 std::string onSessions(const char* what, const char* condition) {
     return std::string(what) + " WHERE realm = ?1 AND " + condition +
            " AND (NOT EXISTS (SELECT 1 FROM ended) OR user NOT IN (SELECT user FROM ended WHERE realm = ?1))";
@@ -191,7 +192,7 @@ Administrator administratorOf(const Query& row) {
             row.text(2) == nameOf(Role::kChange) ? Role::kChange : Role::kRead};
 }
 
-/// The text that follows next upon all that begin with this one, in the order of bytes. None of ours has a byte 0xFF.
+/// A text that is greater than all texts with this prefix, in the order of bytes. UTF-8 has no byte 0xFF.
 std::string endOf(const std::string& prefix) {
     return prefix + '\xff';
 }
@@ -245,7 +246,8 @@ class Listing final : public Store::SessionListing {
     std::int32_t m_given = 0;
     std::optional<Query> m_rows;
 
-    // What is listed in order of users, stretch by stretch: to each of these users, who has ended, and to the last end.
+    // A listing in the order of users goes from m_from to the first of m_ends, then from there to the next. All but the
+    // last are users whose sessions have ended, so that these are left out.
     SQLite::Statement* m_inOrder = nullptr;
     std::int64_t m_realm = 0;
     std::string m_glob;
@@ -612,7 +614,7 @@ class SqliteStore final : public Store {
         sessions.flush();
     }
 
-    /// Gives how many sessions end.
+    /// Ends the sessions that are meant, and gives their number.
     int end(std::int64_t realm, Selector selector, std::string_view value) {
         if (selector == Selector::kUser) {
             const int count = firstOf(Query(m_statements.countOfUser, realm, value));

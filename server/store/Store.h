@@ -119,7 +119,7 @@ class Store {
   public:
     /// What open() does when there is no such file, or no cluster in the database.
     enum class IfMissing { kFail, kCreate };
-    /// What happens to a connection.
+    /// What has happened to a connection of the store.
     enum class Event { kLost, kMadeAnew, kNotice };
     /// Takes such an event with one line for people about it. Called by the thread that uses the store.
     using Say = std::function<void(Event event, const std::string& line)>;
@@ -182,8 +182,8 @@ class Store {
     virtual std::optional<int> terminateSessions(std::string_view realm, Selector selector, std::string_view value) = 0;
     virtual std::optional<int> refreshSessions(std::string_view realm, Selector selector, std::string_view value,
                                                Seconds now) = 0;
-    /// Removes some of those that are terminated and still take room, in a transaction of its own, and a short one. To
-    /// be called every now and then. False: there are none.
+    /// Removes the rows of some sessions that have ended, in one short transaction. Terminating many sessions leaves
+    /// their rows to this, so it has to be called now and then. False: there were none.
     virtual bool removeEnded() { return false; }
     /// Makes a new key the current one.
     virtual Key changeKey(Seconds now) = 0;

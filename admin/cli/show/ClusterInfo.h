@@ -47,8 +47,8 @@ class ClusterInfo {
     static void keepNamesIn(ClusterNames* names) { m_names = names; }
 
   private:
-    /// Fetches the records without checking them. When it returns they have to be released; when it throws there are
-    /// none.
+    /// Fetches the records, and does not check them. The destructor releases them. A constructor that throws has
+    /// fetched none.
     ClusterInfo(void* handle, const olm_dsess_admin_sec_info_t& secInfo);
     /// Whether every array that has a count is there.
     bool isWhole() const;

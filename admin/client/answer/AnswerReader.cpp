@@ -25,8 +25,8 @@ using boost::system::error_code;
 constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxClusterIdBytes = 64;
 constexpr std::size_t kMostKeptBytes = std::size_t{2} << 30;
-/// What of an answer may be passed over, beside so many times what is kept of it. A session takes less even where each
-/// character of its texts is escaped.
+// An answer may have bytes that are not kept: 256 MiB, and eight times as many as are kept. A session takes less than
+// that, even where each character of its texts is escaped.
 constexpr std::uint64_t kPassedOver = std::uint64_t{256} << 20;
 constexpr std::uint64_t kPassedOverPerKept = 8;
 
@@ -264,7 +264,7 @@ class AnswerHandler {
         return true;
     }
 
-    /// Of a list of sessions that begins; the count may stand behind it.
+    /// Refuses a list of sessions, when it begins, whose count is too large. A count that comes later is not known yet.
     void limitCount() const {
         const auto count = static_cast<std::size_t>(std::max(m_values.count, 0));
         if (count > m_mostKept / AnswerReader::kSessionBytes) {

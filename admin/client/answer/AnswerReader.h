@@ -54,8 +54,8 @@ class AnswerReader {
     static constexpr std::size_t kShownBytes = 2048;
     static constexpr std::size_t kHeadBytes = kShownBytes + protocol::kMaxRequestBytes;
 
-    /// What is expected of a session, with an identifier of 32 bytes and a short name: 24 bytes of the record and the
-    /// texts. So many times the count of a listing have to fit into `mostKept`, or it is refused before it comes.
+    /// The estimate for one session: a record of 24 bytes, an identifier of 32, and a short name. A listing whose count
+    /// times this does not fit into `mostKept` is refused before its sessions come.
     static constexpr std::size_t kSessionBytes = 64;
 
     /// Throws std::bad_alloc.
@@ -67,7 +67,7 @@ class AnswerReader {
     /// Takes the next bytes, cut anywhere. Nesting and memory are bounded whatever the bytes. Throws Failure when they
     /// belong to no answer, or to a listing that is too long, and std::bad_alloc; the reader then takes nothing more.
     void read(std::string_view bytes);
-    /// No answer is longer than this, whatever it has.
+    /// The most bytes that any answer may have, counting those that the reader passes over.
     std::uint64_t mostBytes() const;
     /// There are no more bytes. Throws Failure when what came is no answer, and std::bad_alloc.
     void finish();

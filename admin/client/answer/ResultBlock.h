@@ -43,7 +43,7 @@ class TextArena {
 
     /// The blocks, for whoever owns the texts from now on. The arena may only be destroyed or assigned to then.
     std::vector<MallocPtr> release() { return std::move(m_blocks); }
-    /// Of all blocks.
+    /// The size of all blocks together.
     std::size_t bytes() const { return m_bytes; }
 
   private:
@@ -73,7 +73,7 @@ class ReallocArray {
     }
 
     std::size_t size() const { return m_size; }
-    /// Of the elements; what growing takes in advance is not touched, and so takes no memory.
+    /// The size of the elements. Room for further ones is not counted: no page of it is touched yet.
     std::size_t bytes() const { return m_size * sizeof(Element); }
     Element* begin() { return m_size == 0 ? nullptr : data(); }
     Element* end() { return begin() + m_size; }

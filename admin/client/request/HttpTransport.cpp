@@ -254,8 +254,8 @@ class Exchange {
         m_bodyStart = m_windowStart = m_lastByte = Clock::now();
     }
 
-    /// A piece of the body. Throws as the reader does, and Failure at an interrupt: while the pieces come faster than
-    /// they are read, nobody else gets to look.
+    /// Takes a piece of the body. Throws as the reader does, and Failure at an interrupt: while pieces come faster than
+    /// they are read, the loop that looks for an interrupt has no turn.
     void onBody(std::string_view piece) {
         if (interruption::isOn()) {
             throw interrupted();

@@ -56,7 +56,7 @@ class TlsPolicy {
     void makeContext();
     /// Gives the context our certificate, its chain and its key. Returns the certificate that OpenSSL does not take.
     const X509* offerIdentity() const;
-    /// Writes a trace line when a certificate ends soon or has ended. Each certificate is mentioned only once.
+    /// Warns in the trace of a certificate that ends soon or has ended, once for each certificate.
     void watchExpiry(const char* whose, const X509* certificate) const;
 
     const Trace m_trace;
