@@ -14,6 +14,7 @@ namespace http = boost::beast::http;
 /// The end of a chunk and the line that gives the size of the next one.
 constexpr std::size_t kMaxChunkLineBytes = 64;
 constexpr std::size_t kLastChunkBytes = std::string_view("0\r\n\r\n").size();
+constexpr std::string_view kLineEnd = "\r\n";
 
 std::string_view viewOf(boost::beast::string_view text) {
     return {text.data(), text.size()};
@@ -30,17 +31,19 @@ bool hasBareLineFeed(std::string_view text) {
 
 }  // namespace
 
-void HttpRequest::RefuseExtension::operator()(std::uint64_t, boost::beast::string_view extension,
-                                              boost::beast::error_code& error) const {
+void HttpRequest::ChunkCheck::operator()(std::uint64_t size, boost::beast::string_view extension,
+                                         boost::beast::error_code& error) const {
     if (!extension.empty()) {
         error = http::error::bad_chunk_extension;
+    } else if (size == 0) {
+        error = http::error::end_of_chunk;
     }
 }
 
 HttpRequest::HttpRequest(const std::vector<std::string>& paths) : m_paths(paths) {
     m_parser.header_limit(HeadCheck::kMaxHeadBytes);
     m_parser.body_limit(boost::none);  // the limit comes later: other refusals go first
-    m_parser.on_chunk_header(m_refuseExtension);
+    m_parser.on_chunk_header(m_chunkCheck);
 }
 
 std::size_t HttpRequest::take(std::string_view bytes) {
@@ -61,7 +64,6 @@ std::size_t HttpRequest::takeHead(std::string_view bytes) {
         m_refusal = refusalOfHead();
         m_parser.body_limit(protocol::kMaxRequestBytes);
         m_parser.eager(true);
-        m_fields = std::distance(m_parser.get().begin(), m_parser.get().end());
     }
     return length;
 }
@@ -93,24 +95,35 @@ bool HttpRequest::expectsContinue() const {
 std::size_t HttpRequest::takeBody(std::string_view bytes) {
     // Beast has an assertion that fails when the last chunk of an empty body arrives in pieces. So wait for all of it.
     const bool isTooLittle = m_parser.chunked() && m_parser.get().body().empty() && bytes.size() < kLastChunkBytes;
-    const std::size_t used = isTooLittle ? 0 : parse(bytes);
+    std::size_t used = isTooLittle ? 0 : parse(bytes);
+    if (m_isAtLastChunk) {
+        used += takeLastChunk(bytes.substr(used));
+    }
     const std::string_view line = done() ? std::string_view() : bytes.substr(used);
-    const bool hasTrailers = done() && std::distance(m_parser.get().begin(), m_parser.get().end()) != m_fields;
-    if (m_refusal == 0 && (hasTrailers || line.size() > kMaxChunkLineBytes || hasBareLineFeed(line))) {
+    if (m_refusal == 0 && (line.size() > kMaxChunkLineBytes || hasBareLineFeed(line))) {
         m_refusal = 400;
     }
     return used;
 }
 
+std::size_t HttpRequest::takeLastChunk(std::string_view bytes) {
+    const std::size_t end = bytes.find('\n', bytes.find('0')) + 1;
+    const std::string_view after = bytes.substr(end, kLineEnd.size());
+    m_isLastChunkTaken = after == kLineEnd;
+    if (!kLineEnd.starts_with(after)) {
+        m_refusal = 400;
+    }
+    return m_isLastChunkTaken ? end + kLineEnd.size() : 0;
+}
+
 std::size_t HttpRequest::parse(std::string_view bytes) {
     boost::beast::error_code error;
     const std::size_t used = m_parser.put(boost::asio::buffer(bytes), error);
-    // In the head, Beast complains of a length only when it is a number that is too large. (A trailer may give one
-    // too.)
-    const bool isTooLong = error == http::error::bad_content_length && !m_parser.is_header_done();
-    if (error == http::error::body_limit || isTooLong) {
+    m_isAtLastChunk = error == http::error::end_of_chunk;
+    // Beast complains of a length only when it is a number that is too large.
+    if (error == http::error::body_limit || error == http::error::bad_content_length) {
         m_refusal = 413;
-    } else if (error && error != http::error::need_more) {
+    } else if (error && error != http::error::need_more && !m_isAtLastChunk) {
         m_refusal = 400;
     }
     return used;

@@ -29,7 +29,7 @@ class HttpRequest {
     /// has to come again, with more behind it if nothing was used; when this request is done it belongs to the next.
     std::size_t take(std::string_view bytes);
 
-    bool done() const { return m_parser.is_done(); }
+    bool done() const { return m_isLastChunkTaken || m_parser.is_done(); }
     /// The status of HTTP that it is refused with; 0: it is not.
     int refusal() const { return m_refusal; }
     /// Whether the client waits to be told to send the body.
@@ -52,20 +52,24 @@ class HttpRequest {
     std::size_t takeHead(std::string_view bytes);
     std::size_t takeBody(std::string_view bytes);
     int refusalOfHead() const;
+    /// `bytes`: from the end of the chunk before it on, with the whole line of its size. Gives how much of it was used,
+    /// as take() does.
+    std::size_t takeLastChunk(std::string_view bytes);
     std::size_t parse(std::string_view bytes);
 
-    struct RefuseExtension {
+    /// Has Beast stop at the last chunk: releases of Beast differ in what they do with trailers.
+    struct ChunkCheck {
         void operator()(std::uint64_t size, boost::beast::string_view extension, boost::beast::error_code& error) const;
     };
 
     const std::vector<std::string>& m_paths;
     HeadCheck m_check;
-    RefuseExtension m_refuseExtension;
+    ChunkCheck m_chunkCheck;
     Parser m_parser;
     int m_refusal = 0;
     bool m_isContinued = false;
-    /// Of the head. There are more when trailers have come.
-    std::ptrdiff_t m_fields = 0;
+    bool m_isAtLastChunk = false;
+    bool m_isLastChunkTaken = false;
 };
 
 }  // namespace dsessd
