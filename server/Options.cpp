@@ -4,6 +4,7 @@
 #include <map>
 
 #include "runtime/qel_utf8.h"
+#include "server/service/Lane.h"
 
 namespace dsessd {
 
@@ -41,9 +42,10 @@ void describeServe(CLI::App& serve, ServeOptions& options) {
         ->check(CLI::Validator(checkInstanceName, ""));
     serve
         .add_option("--store-connections", options.storeConnections,
-                    "How many connections to the store there may be; 18 unless given")
+                    "How many connections to the store there may be; " + std::to_string(mostStoreConnections()) +
+                        " unless given")
         ->type_name("NUMBER")
-        ->check(CLI::Range(std::size_t{1}, std::size_t{18}));
+        ->check(CLI::Range(std::size_t{1}, mostStoreConnections()));
     serve.add_option("--anonymous", options.anonymous, "What may be done without a login; none unless given")
         ->transform(CLI::Transformer(kAnonymous).description(""))
         ->type_name("none|read");

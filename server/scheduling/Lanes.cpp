@@ -1,5 +1,6 @@
 #include "server/scheduling/Lanes.h"
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -9,6 +10,9 @@ namespace {
 
 /// After a step on a loop's thread was too slow, none is tried there for so long: the loop has connections to serve.
 constexpr std::chrono::milliseconds kPauseAtOnce{200};
+
+/// A step may take longer than its time while the store does not answer at all.
+constexpr std::chrono::milliseconds kHangsAtLeast{60'000};
 
 }  // namespace
 
@@ -76,7 +80,7 @@ void Lanes::tick() {
 
 bool Lanes::turn() {
     for (std::size_t lane = 0; lane < kLanes.size(); ++lane) {
-        if (!m_pools[lane].turns(2 * kLanes[lane].longestWork)) {
+        if (!m_pools[lane].turns(std::max(kHangsAtLeast, 2 * kLanes[lane].longestWork))) {
             return false;
         }
     }

@@ -48,7 +48,7 @@ class Lanes {
     /// To be called now and then: answers those who have waited too long for their turn, and tells the metrics how many
     /// wait.
     void tick();
-    /// False: a lane hangs, since all its threads have been at work for twice as long as a step may take.
+    /// False: a lane hangs. All its threads have been at work for a minute, and for twice as long as a step may take.
     bool turn();
 
   private:

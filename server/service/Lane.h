@@ -11,9 +11,11 @@ enum class Lane {
     kAtOnce,            ///< whatever takes little, on the thread that has read the request
     kQuick,             ///< the same, where it did take longer or another machine is asked
     kLogin,             ///< a hash of a password
-    kListing,           ///< may read all that there is
+    kListing,           ///< one that is not known to be long
     kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
-    kChange,            ///< all that changes something
+    kLongListing,       ///< may read or give all that there is
+    kAnonymousLongListing,
+    kChange,  ///< all that changes something
     kDone,
 };
 
@@ -28,23 +30,37 @@ struct LaneRule {
     std::chrono::milliseconds longestWait;
     /// How long it may take. A listing earns more time with each byte that it gives: kListingPerByte.
     std::chrono::milliseconds longestWork;
+    /// Where a step that takes longer, or gives more than a piece, is begun anew; Lane::kDone: it is refused.
+    Lane longer = Lane::kDone;
 };
 
 /// A listing that gives a megabyte a second has time enough, however long it is.
 inline constexpr std::chrono::microseconds kListingPerByte{1};
 
 /// A row for each lane, in the order of the enumeration. A change may be one of a million sessions.
-inline constexpr std::array<LaneRule, 6> kLanes{{
-    {"at-once", 0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20)},
+inline constexpr std::array<LaneRule, 8> kLanes{{
+    {"at-once", 0, 0, std::chrono::seconds(10), std::chrono::milliseconds(20), Lane::kQuick},
     {"quick", 8, 8, std::chrono::seconds(10), std::chrono::seconds(30)},
     {"login", 2, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {"listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
-    {"anonymous-listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"listing", 2, 2, std::chrono::seconds(10), std::chrono::milliseconds(500), Lane::kLongListing},
+    {"anonymous-listing", 2, 2, std::chrono::seconds(10), std::chrono::milliseconds(500), Lane::kAnonymousLongListing},
+    {"long-listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
+    {"anonymous-long-listing", 3, 2, std::chrono::seconds(10), std::chrono::seconds(30)},
     {"change", 8, 7, std::chrono::seconds(10), std::chrono::minutes(15)},
 }};
 
 constexpr const LaneRule& ruleOf(Lane lane) {
     return kLanes[static_cast<std::size_t>(lane)];
+}
+
+/// The most connections that a server has use for where the store is a database: one for each thread of a lane, and
+/// one for the heartbeat.
+constexpr std::size_t mostStoreConnections() {
+    std::size_t most = 1;
+    for (const LaneRule& rule : kLanes) {
+        most += rule.threads;
+    }
+    return most;
 }
 
 }  // namespace dsessd

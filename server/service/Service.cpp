@@ -13,10 +13,17 @@ namespace {
 
 constexpr char kForOtherCluster[] = "The change is meant for another cluster.";
 
-/// The lane in which a request is carried out.
+/// The lane in which a request is carried out, or begun at least.
 Lane laneOf(const Call& call) {
     const Lane lane = call.request.method()->lane;
-    return lane == Lane::kListing && !call.caller.role ? Lane::kAnonymousListing : lane;
+    if (lane != Lane::kListing) {
+        return lane;
+    }
+    const Lane listing = call.caller.role ? Lane::kListing : Lane::kAnonymousListing;
+    const std::string_view pattern = call.request.parameters().value;
+    // No index helps to find what may begin with anything. How many there are in all is known.
+    const bool readsAll = pattern.find_first_of("*?") == 0 && pattern.find_first_not_of('*') != pattern.npos;
+    return readsAll ? ruleOf(listing).longer : listing;
 }
 
 /// Whether the refusal of a change is recorded under the change's identifier, so that the change is refused again when
@@ -46,16 +53,18 @@ Service::Service(StorePool& stores, Authenticator& authenticator, Log& log, Metr
 Lane Service::advance(Call& call, Lane lane) {
     assert(lane != Lane::kDone);
     Lane next = Lane::kDone;
+    const bool isInTime = Call::Clock::now() - call.queued <= ruleOf(lane).longestWait;
     try {
-        if (Call::Clock::now() - call.queued > ruleOf(lane).longestWait) {
+        if (!isInTime) {
             throw Failure(Reason::kBusy, "the step had no turn in time");
         }
         next = takeStep(call, lane);
     } catch (const Failure& failure) {
         const bool takesTime = failure.reason() == Reason::kBusy || failure.reason() == Reason::kInterrupted;
-        if (lane == Lane::kAtOnce && takesTime) {
-            next = Lane::kQuick;
-        } else {
+        if (takesTime && isInTime) {
+            next = ruleOf(lane).longer;
+        }
+        if (next == Lane::kDone) {
             refuse(call, failure);
         }
     } catch (const std::exception& failure) {
@@ -88,14 +97,13 @@ Lane Service::takeStep(Call& call, Lane lane) {
     checkPermission(call);
     call.request.checkValues();
     const Lane own = laneOf(call);
-    if (own != lane && !(own == Lane::kQuick && lane == Lane::kAtOnce)) {
+    if (own != lane && ruleOf(own).longer != lane && ruleOf(lane).longer != own) {
         return own;
     }
-    if (call.request.method()->changes()) {
-        change(call, *store);
-    } else {
-        read(call, std::move(store));
+    if (!call.request.method()->changes()) {
+        return read(call, std::move(store), lane);
     }
+    change(call, *store);
     return Lane::kDone;
 }
 
@@ -144,18 +152,24 @@ void Service::checkPermission(const Call& call) const {
     }
 }
 
-void Service::read(Call& call, StorePool::Lease store) {
+/// Gives what takeStep() does.
+Lane Service::read(Call& call, StorePool::Lease store, Lane lane) {
     MethodResult result = call.request.method()->run(call.request, *store);
     std::string begun = beginAnswer(call.request.id(), m_clusterId);
     if (result.listing == nullptr) {
         call.answer.text = begun + resultText(result.object) + '}';
-        return;
+        return Lane::kDone;
     }
     auto listing = std::make_unique<ListingAnswer>(std::move(store), std::move(result.listing), std::move(begun));
-    call.answer.text = listing->next();
+    std::string text = listing->next();
     if (!listing->done()) {
+        if (const Lane longer = ruleOf(lane).longer; longer != Lane::kDone) {
+            return longer;
+        }
         call.answer.rest = std::move(listing);
     }
+    call.answer.text = std::move(text);
+    return Lane::kDone;
 }
 
 /// Makes a change once: its answer is its result, the refusal that is kept, or either as it was recorded before.

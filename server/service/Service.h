@@ -58,7 +58,7 @@ class Service {
     bool identify(Call& call, Store& store, Lane lane);
     [[noreturn]] void refuseIdentity(Call& call);
     void checkPermission(const Call& call) const;
-    void read(Call& call, StorePool::Lease store);
+    Lane read(Call& call, StorePool::Lease store, Lane lane);
     void change(Call& call, Store& store);
     void refuse(Call& call, const Failure& failure);
     void logRequest(const Call& call);

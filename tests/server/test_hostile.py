@@ -134,6 +134,21 @@ class Hostile(unittest.TestCase):
             self.enterContext(client).sendall(guess)
         self.assertEqual([self.server.post(GOOD)[0] for _ in range(101)], [200] * 101)
 
+    def test_searches_through_everything_keep_no_short_listing_waiting(self):
+        users = ["mallory", *(f"{'a' * 1000}{number}" for number in range(6000))]
+        sessions = [{"id": user, "user": user, "time": 1} for user in users]
+        with Dsessd({"realms": [{"name": "east", "sessions": sessions}]}, ROOT) as server:
+            query = {**AS_ROOT, "realm": "east", "selector": "user", "max": 9}
+            for begin in ("", "a"):  # with a beginning it may be short, and only time tells
+                search = request(request_text("session.list", **query, value=f"{begin}*{'a' * 500}b*").encode())
+                clients = [self.enterContext(contextlib.closing(server.connect())) for _ in range(3)]
+                for client in clients:
+                    client.connect()
+                    client.sock.sendall(search)
+                self.assertEqual(server.call("session.list", **query, value="mallory")["result"]["total"], 1)
+                found = select.select([client.sock for client in clients], [], [], 0)[0]
+                self.assertEqual(found, [], "it came after a search")
+
     def test_bad_logins_by_the_hundred_do_not_lock_out_who_is_logged_in(self):
         def guess(number):
             return self.server.post(request_text("cluster.get", ("root", "nobody")[number % 2], "guess"))[0]
