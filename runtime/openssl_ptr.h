@@ -25,5 +25,7 @@ using ContextPtr = std::unique_ptr<SSL_CTX, OpensslDeleter<SSL_CTX_free>>;
 using ConnectionPtr = std::unique_ptr<SSL, OpensslDeleter<SSL_free>>;
 using Octets = std::unique_ptr<ASN1_OCTET_STRING, OpensslDeleter<ASN1_OCTET_STRING_free>>;
 using StorePtr = std::unique_ptr<X509_STORE, OpensslDeleter<X509_STORE_free>>;
+using MacPtr = std::unique_ptr<EVP_MAC, OpensslDeleter<EVP_MAC_free>>;
+using MacContextPtr = std::unique_ptr<EVP_MAC_CTX, OpensslDeleter<EVP_MAC_CTX_free>>;
 using DigestPtr = std::unique_ptr<EVP_MD, OpensslDeleter<EVP_MD_free>>;
 using ObjectPtr = std::unique_ptr<ASN1_OBJECT, OpensslDeleter<ASN1_OBJECT_free>>;

@@ -1,13 +1,12 @@
 #include "server/service/Authenticator.h"
 
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
+#include <openssl/core_names.h>
+#include <openssl/params.h>
 
 #include <cstring>
 #include <new>
 #include <stdexcept>
 
-#include "runtime/SecretBuffer.h"
 #include "runtime/qel_random.h"
 #include "server/service/Password.h"
 
@@ -16,11 +15,25 @@ namespace dsessd {
 Authenticator::Authenticator() : Authenticator(Limits{}) {}
 
 Authenticator::Authenticator(const Limits& limits) : m_limits(limits), m_dummyHash(hashPassword("")) {
-    if (!qel_get_random_bytes(m_key.data(), m_key.size()) || m_dummyHash.empty()) {
-        throw std::runtime_error("no random bytes, or no yescrypt in the system's crypt library");
+    if (m_dummyHash.empty()) {
+        throw std::runtime_error("no yescrypt in the system's crypt library");
     }
-    // OpenSSL sets itself up at its first use. Where memory lacks then it fails ever after: better now, at the start.
-    static_cast<void>(digestOf({"", "", ""}, ""));
+}
+
+MacContextPtr Authenticator::newMac() {
+    Digest key{};
+    if (!qel_get_random_bytes(key.data(), key.size())) {
+        throw std::runtime_error("no random bytes");
+    }
+    const MacPtr hmac(EVP_MAC_fetch(nullptr, "HMAC", nullptr));
+    MacContextPtr mac(EVP_MAC_CTX_new(hmac.get()));
+    std::string digest = "SHA256";
+    const std::array<OSSL_PARAM, 2> parameters{
+        OSSL_PARAM_construct_utf8_string(OSSL_MAC_PARAM_DIGEST, digest.data(), 0), OSSL_PARAM_construct_end()};
+    if (mac == nullptr || EVP_MAC_init(mac.get(), key.data(), key.size(), parameters.data()) != 1) {
+        throw std::bad_alloc();
+    }
+    return mac;
 }
 
 bool Authenticator::isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials) {
@@ -57,15 +70,17 @@ Authenticator::Verdict Authenticator::verify(Store& store, const Credentials& cr
 Authenticator::Digest Authenticator::digestOf(const Credentials& credentials, std::string_view passwordHash) const {
     const std::array<std::string_view, 4> parts{credentials.user, credentials.loginId, credentials.password,
                                                 passwordHash};
-    SecretBuffer joined;
+    const MacContextPtr mac(EVP_MAC_CTX_dup(m_mac.get()));
+    bool works = mac != nullptr;
     for (const std::string_view part : parts) {
-        joined.insert(joined.end(), part.begin(), part.end());
-        joined.push_back('\0');
+        const unsigned char end = '\0';
+        works = works &&
+                EVP_MAC_update(mac.get(), reinterpret_cast<const unsigned char*>(part.data()), part.size()) == 1 &&
+                EVP_MAC_update(mac.get(), &end, 1) == 1;
     }
     Digest digest{};
-    unsigned length = 0;
-    if (HMAC(EVP_sha256(), m_key.data(), static_cast<int>(m_key.size()),
-             reinterpret_cast<const unsigned char*>(joined.data()), joined.size(), digest.data(), &length) == nullptr) {
+    std::size_t length = 0;
+    if (!works || EVP_MAC_final(mac.get(), digest.data(), &length, digest.size()) != 1) {
         throw std::bad_alloc();
     }
     return digest;

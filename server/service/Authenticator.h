@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "runtime/ThreadAnnotations.h"
+#include "runtime/openssl_ptr.h"
 #include "server/service/Caller.h"
 #include "server/store/Store.h"
 
@@ -58,11 +59,13 @@ class Authenticator {
 
     static bool isPossible(const std::optional<Administrator>& administrator, const Credentials& credentials);
     Digest digestOf(const Credentials& credentials, std::string_view passwordHash) const;
+    static MacContextPtr newMac();
     bool remembers(const Digest& digest);
     void remember(const Digest& digest);
 
     const Limits m_limits;
-    std::array<unsigned char, 32> m_key{};
+    /// Has its random key already, which takes as long as a digest: each begins with a copy of it.
+    const MacContextPtr m_mac = newMac();
     /// What the password given for an unknown name is compared with.
     std::string m_dummyHash;
 
