@@ -25,6 +25,8 @@ constexpr std::chrono::seconds kRollBackAtMost{2};
 // take. The connection itself does not tell: a machine that stands still keeps its connections.
 constexpr std::chrono::seconds kDoubtAfter{2};
 constexpr char kDoubtAtMost[] = "2";
+// How often in a row that may come to nothing while a load runs, for which nobody waits: a minute.
+constexpr int kSilencesOfLoad = 15;
 constexpr int kBetweenQuestions = 50;  // milliseconds
 
 // Seconds and, for the last, milliseconds. Whatever the URI says counts instead.
@@ -193,6 +195,7 @@ void PostgresConnection::send(const char* sql, std::initializer_list<Value> valu
     m_isWarned = false;
     m_warning.clear();
     m_nextDoubt = Clock::now() + kDoubtAfter;
+    m_silences = 0;
     std::vector<const char*> bytes;
     std::vector<int> lengths;
     std::vector<int> formats;
@@ -231,7 +234,8 @@ void PostgresConnection::await() {
             drop("does not answer in time");
         }
         if (Clock::now() > m_nextDoubt) {
-            if (!answersOthers() && ::poll(&socket, 1, 0) == 0) {
+            m_silences = answersOthers() ? 0 : m_silences + 1;
+            if (m_silences > (m_anyTime ? kSilencesOfLoad : 0) && ::poll(&socket, 1, 0) == 0) {
                 drop("does not answer, and takes no connections");
             }
             m_nextDoubt = Clock::now() + kDoubtAfter;

@@ -5,10 +5,11 @@ import contextlib
 import os
 import signal
 import socket
+import subprocess
 import time
 import unittest
 
-from dsessd import AS_ROOT, DEADLINE, JSON, ROOT, Dsessd, request_text
+from dsessd import AS_ROOT, BINARY, DEADLINE, JSON, ROOT, Dsessd, request_text
 from postgres import Postgres, with_postgres
 
 
@@ -74,11 +75,19 @@ class Nodes(unittest.TestCase):
             self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {200})
             ours = "SELECT count(*) FROM pg_stat_activity WHERE application_name = 'dsessd'"
             self.assertLessEqual(int(postgres.sql(ours)), 4)
+            to_load = ["load", "--data", Dsessd(postgres=postgres.directory).data, "-"]
+            load = self.enterContext(subprocess.Popen([BINARY, *to_load], stdin=subprocess.PIPE))
+            load.stdin.write(b'{"realms":[{"name":"east","sessions":[' + b" " * 99999)
+            self.assertTrue(soon(lambda: postgres.sql(f"{ours} AND state = 'idle in transaction'") == "1", 9))
             postgres.freeze()
             start = time.monotonic()
+            load.stdin.write(b",".join(b'{"id":"%d","user":"a","time":1}' % number for number in range(2000)) + b"]}]}")
+            load.stdin.close()
             self.assertEqual({status for status, _ in pool.map(one.post, [change] * 20)}, {503})
             self.assertLess(time.monotonic() - start, 10)
+            time.sleep(max(0, start + 6 - time.monotonic()))
             postgres.freeze(signal.SIGCONT)
+            self.assertEqual(load.wait(DEADLINE), 0, "nobody waits for a load, so that it has more patience")
             self.assertTrue(soon(lambda: one.post(change)[0] == 200, 9))
             # One node stands still in a change, which waits for a lock.
             database = one.data.split("/")[3].split("?")[0]
