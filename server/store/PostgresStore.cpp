@@ -208,8 +208,12 @@ class Listing final : public Store::SessionListing {
                                : m_connection.run(("SELECT count(*)" + where).c_str(), {realm, like}))
                       .integer32(0, 0);
         m_count = max < 0 ? m_total : std::min(m_total, max);
-        m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR SELECT id, user_name, time" + where +
-                          " ORDER BY user_name, time, id LIMIT " + std::to_string(m_count))
+        std::string rows = "SELECT id, user_name, time" + where;
+        if (selector == Selector::kSession && m_total < kFewSessions) {
+            rows = "WITH few AS MATERIALIZED (" + rows + ") SELECT * FROM few";
+        }
+        m_connection.run(("DECLARE listing NO SCROLL CURSOR FOR " + rows + " ORDER BY user_name, time, id LIMIT " +
+                          std::to_string(m_count))
                              .c_str(),
                          {realm, like});
     }

@@ -80,9 +80,7 @@ std::string globOf(std::string_view pattern) {
 
 /// In the order of users, from user ?4 up to user ?5, who is not included.
 constexpr char kInOrder[] = " AND user >= ?4 AND user < ?5 ORDER BY user, time, id LIMIT ?3";
-constexpr std::int32_t kFew = 10'000;
-/// For a few sessions. The plus makes SQLite find them by their identifiers and sort them. Otherwise it would read the
-/// realm in the order of users, and might pass millions of others first.
+/// For kFewSessions. The plus makes SQLite find them by their identifiers.
 constexpr char kSorted[] = " ORDER BY +user, time, id LIMIT ?3";
 
 /// The text of a statement on those sessions of a realm that meet a condition and have not ended. ?1 is the realm.
@@ -209,7 +207,7 @@ class Listing final : public Store::SessionListing {
         m_count = max < 0 ? m_total : std::min(m_total, max);
         m_realm = realm;
         m_glob = glob;
-        if (!byUser && m_total < kFew) {
+        if (!byUser && m_total < kFewSessions) {
             m_rows.emplace(statements.listFewById, realm, glob, m_count);
             return;
         }

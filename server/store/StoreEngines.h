@@ -33,6 +33,9 @@ inline constexpr int kDefaultTraceLevel = 1;
 inline constexpr std::chrono::minutes kKeepChanges{70};
 /// How many old records of changes each change removes at most.
 inline constexpr int kForgetAtOnce = 100;
+/// Of fewer sessions that are listed by their identifiers all are found and sorted. To look for them in the order of
+/// users may mean to pass millions of others first.
+inline constexpr std::int32_t kFewSessions = 10'000;
 
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);
 /// See Store::backUp(), restore() and upgrade().
