@@ -214,8 +214,8 @@ class Service(unittest.TestCase):
         sqlite3.connect(self.server.data).execute("DROP TABLE keys")
         for method in ("key.change", "cluster.get"):
             self.assertEqual(self.outcome(method, **AS_ROOT), "server-failure")
-        self.assertIn("failure the store failed: no such table", self.server.log())
+        self.server.await_log("failure the store failed: no such table")
         os.remove(self.server.data)  # nobody would find a change again
         self.assertEqual(self.server.post(request_text("key.change", **AS_ROOT))[0], 503)
         for line in ("cluster.db was removed while it was in use", "store out of reach"):
-            self.assertIn(line, self.server.log())
+            self.server.await_log(line)

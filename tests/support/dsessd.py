@@ -100,7 +100,14 @@ class Dsessd:
         """Has it read its certificates anew, and waits for what the log says of that, a regular expression."""
         before = len(self.log())
         self.process.send_signal(signal.SIGHUP)
-        while not re.search(line, self.log()[before:]):
+        self.await_log(line, before)
+
+    def await_log(self, line, after=0):
+        """Waits for what the log says, a regular expression. On a busy machine an answer comes before its line."""
+        deadline = time.monotonic() + DEADLINE
+        while not re.search(line, said := self.log()[after:]):
+            if time.monotonic() > deadline:
+                raise AssertionError(f"no {line} in {said}")
             time.sleep(0.01)
 
     def __enter__(self):
