@@ -2,7 +2,7 @@
 
 #include <crypt.h>
 #include <dlfcn.h>
-#include <openssl/hmac.h>
+#include <openssl/evp.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -26,10 +26,9 @@ STANDS_IN int clock_gettime(clockid_t clock, timespec* time) {
     return static_cast<int>(result);
 }
 
-STANDS_IN unsigned char* HMAC(const EVP_MD* kind, const void* key, int keyLength, const unsigned char* bytes,
-                              std::size_t length, unsigned char* digest, unsigned* digestLength) {
-    static const auto real = reinterpret_cast<decltype(&HMAC)>(dlsym(RTLD_NEXT, "HMAC"));
-    return g_faults.noDigest ? nullptr : real(kind, key, keyLength, bytes, length, digest, digestLength);
+STANDS_IN int EVP_MAC_final(EVP_MAC_CTX* mac, unsigned char* digest, std::size_t* length, std::size_t room) {
+    static const auto real = reinterpret_cast<decltype(&EVP_MAC_final)>(dlsym(RTLD_NEXT, "EVP_MAC_final"));
+    return g_faults.noDigest ? 0 : real(mac, digest, length, room);
 }
 
 STANDS_IN char* crypt_r(const char* phrase, const char* setting, crypt_data* data) {
