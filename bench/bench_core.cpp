@@ -5,6 +5,7 @@
 #include "admin/cli/commands/StatelessCommands.h"
 #include "admin/cli/language/TarnAdminCmdRegistry.h"
 #include "admin/cli/show/RecordText.h"
+#include "catalogue/QelFailure.h"
 #include "catalogue/qel_messages.h"
 #include "catalogue/qel_msg.h"
 
@@ -12,14 +13,14 @@ namespace {
 
 void findCommand(benchmark::State& state) {
     TarnAdminCmdRegistry registry;
-    registry.registerCmd(createCommand<TarnAdminReplicaSetList>().release());
-    registry.registerCmd(createCommand<TarnAdminRealmList>().release());
-    registry.registerCmd(createCommand<TarnAdminRealmShow>().release());
-    registry.registerCmd(createCommand<TarnAdminSessList>().release());
-    registry.registerCmd(createCommand<TarnAdminSessTerminate>().release());
+    qel_require(registry.registerCmd(createCommand<TarnAdminReplicaSetList>().release()));
+    qel_require(registry.registerCmd(createCommand<TarnAdminRealmList>().release()));
+    qel_require(registry.registerCmd(createCommand<TarnAdminRealmShow>().release()));
+    qel_require(registry.registerCmd(createCommand<TarnAdminSessList>().release()));
+    qel_require(registry.registerCmd(createCommand<TarnAdminSessTerminate>().release()));
     TarnAdminCmdTokens words;
     for (auto _ : state) {
-        words.set("session terminate session 0123456789abcdef -realm east");
+        qel_require(words.set("session terminate session 0123456789abcdef -realm east"));
         benchmark::DoNotOptimize(registry.locateCmd(words));
     }
 }
