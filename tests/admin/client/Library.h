@@ -1,6 +1,7 @@
 /// The library under test, through its C interface, and the servers (tests/support/fault_server.py) to try it on.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -147,15 +148,18 @@ class FaultServers {
         }
         mkfifo(pipe.c_str(), 0600);
         m_input = popen((command + " >" + pipe).c_str(), "we");
-        m_output.open(pipe);
+        m_output = std::fopen(pipe.c_str(), "re");  // a stream of libc++ would wait for the pipe's end
         std::remove(pipe.c_str());
         for (const std::string& mode : modes) {
-            std::string port;
-            m_output >> port;
-            urls.push_back((mode.starts_with("tls") ? "https://127.0.0.1:" : "http://127.0.0.1:") + port + "/");
+            char port[8];
+            EXPECT_EQ(std::fscanf(m_output, "%7s", port), 1);
+            urls.push_back(std::string(mode.starts_with("tls") ? "https" : "http") + "://127.0.0.1:" + port + "/");
         }
     }
-    ~FaultServers() { pclose(m_input); }
+    ~FaultServers() {
+        pclose(m_input);
+        std::fclose(m_output);
+    }
     FaultServers(const FaultServers&) = delete;
 
     std::vector<std::string> urls;  ///< one a mode
@@ -165,12 +169,12 @@ class FaultServers {
         std::fflush(m_input);
         std::vector<Counts> all(urls.size());
         for (auto& [connections, requests, changes] : all) {
-            m_output >> connections >> requests >> changes;
+            EXPECT_EQ(std::fscanf(m_output, "%ld%ld%ld", &connections, &requests, &changes), 3);
         }
         return all;
     }
 
   private:
     std::FILE* m_input;
-    std::ifstream m_output;
+    std::FILE* m_output;
 };
