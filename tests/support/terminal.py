@@ -2,11 +2,13 @@
 it stops."""
 
 import codecs
+import fcntl
 import os
 import resource
 import select
 import signal
 import subprocess
+import sys
 import termios
 import time
 
@@ -97,6 +99,15 @@ class Terminal:
             return False
         self.shown += self.decode(os.read(self.master, 65536))
         return True
+
+    def rests(self):
+        """Whether the program waits for keys. What it has shown is read then."""
+        keys = int.from_bytes(fcntl.ioctl(self.slave, termios.FIONREAD, bytes(4)), sys.byteorder)
+        with open(f"/proc/{self.pid}/stat") as stat:
+            rests = keys == 0 and stat.read().rpartition(")")[2].split()[0] == "S"
+        while self._read(0):
+            pass
+        return rests
 
     def asks(self, prompt=PROMPT):
         """Waits for a prompt, at which the terminal's own echo is off. Returns what was shown before it."""
