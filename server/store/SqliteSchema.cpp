@@ -62,7 +62,6 @@ CREATE TABLE sessions (
     time INTEGER NOT NULL,
     PRIMARY KEY (realm, id)
 ) STRICT, WITHOUT ROWID;
-CREATE INDEX sessions_by_user ON sessions (realm, user, time, id);
 CREATE TABLE keys (
     number INTEGER PRIMARY KEY,
     label TEXT NOT NULL UNIQUE,
@@ -89,12 +88,17 @@ void createSchema(SQLite::Database& database) {
     execute(database, kChangesTable);
     execute(database, kEndedTable);
     execute(database, kOtherTables);
+    makeSessionIndex(database);
     insertKey(database, presentTime());
     execute(database, ("PRAGMA application_id=" + std::to_string(kApplicationId)).c_str());
     setVersion(database);
 }
 
 }  // namespace
+
+void makeSessionIndex(SQLite::Database& database) {
+    execute(database, "CREATE INDEX sessions_by_user ON sessions (realm, user, time, id)");
+}
 
 void setVersion(SQLite::Database& database) {
     execute(database, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str());

@@ -12,6 +12,8 @@ namespace dsessd::embedded {
 
 inline constexpr int kSchemaVersion = 4;
 
+/// By which sessions are found by their users.
+void makeSessionIndex(SQLite::Database& database);
 /// Writes the schema's version into the file, unless it stands there already.
 void setVersion(SQLite::Database& database);
 void insertKey(SQLite::Database& database, Seconds now);

@@ -259,10 +259,12 @@ class Replacing final : public Store::Replacement {
         : m_database(connection.database),
           m_statements(statements),
           m_transaction(connection, Transaction::Kind::kWrite) {
-        execute(m_database,
-                "DELETE FROM ended; DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM "
-                "realms; "
-                "DELETE FROM keys");
+        // The index is made anew in the end, of users in their order. To put each user into its place as it comes takes
+        // three times as long when they come in none.
+        execute(
+            m_database,
+            "DROP INDEX sessions_by_user; DELETE FROM ended; DELETE FROM sessions; DELETE FROM members; DELETE FROM "
+            "replica_sets; DELETE FROM realms; DELETE FROM keys");
     }
 
     void setCluster(std::string_view id, std::optional<int> traceLevel) override {
@@ -310,6 +312,7 @@ class Replacing final : public Store::Replacement {
         if (queryInteger(m_database, "SELECT count(*) FROM keys") == 0) {
             insertKey(m_database, presentTime());
         }
+        makeSessionIndex(m_database);
         for (const auto& [realm, count] : m_counts) {
             Query(m_statements.setCount, count, realm).step();
         }
