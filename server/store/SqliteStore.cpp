@@ -40,6 +40,10 @@ constexpr std::chrono::seconds kWaitForReaders{1};
 // The most sessions of a user that are removed at once when they end. Of more, so many are removed at a time, later.
 constexpr int kRemoveAtOnce = 250;
 
+// When so many users of a load have come in no order, they are sorted in the end. To put each into its place as it
+// comes takes three times as long.
+constexpr int kSortFrom = 1'000;
+
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
 /// for every one of its neighbours.
 class LargeCache {
@@ -259,12 +263,9 @@ class Replacing final : public Store::Replacement {
         : m_database(connection.database),
           m_statements(statements),
           m_transaction(connection, Transaction::Kind::kWrite) {
-        // The index is made anew in the end, of users in their order. To put each user into its place as it comes takes
-        // three times as long when they come in none.
-        execute(
-            m_database,
-            "DROP INDEX sessions_by_user; DELETE FROM ended; DELETE FROM sessions; DELETE FROM members; DELETE FROM "
-            "replica_sets; DELETE FROM realms; DELETE FROM keys");
+        execute(m_database,
+                "DELETE FROM ended; DELETE FROM sessions; DELETE FROM members; DELETE FROM replica_sets; DELETE FROM "
+                "realms; DELETE FROM keys");
     }
 
     void setCluster(std::string_view id, std::optional<int> traceLevel) override {
@@ -298,6 +299,10 @@ class Replacing final : public Store::Replacement {
     }
     std::optional<std::size_t> addSessions(const std::vector<NewSession>& sessions) override {
         for (const NewSession& session : sessions) {
+            if (session.user < m_lastUser && ++m_disorder == kSortFrom) {
+                execute(m_database, "DROP INDEX sessions_by_user");
+            }
+            m_lastUser = session.user;
             if (!Query(m_statements.addSession, session.realm, session.id, session.user, session.time).insert()) {
                 return &session - sessions.data();
             }
@@ -312,7 +317,9 @@ class Replacing final : public Store::Replacement {
         if (queryInteger(m_database, "SELECT count(*) FROM keys") == 0) {
             insertKey(m_database, presentTime());
         }
-        makeSessionIndex(m_database);
+        if (m_disorder >= kSortFrom) {
+            makeSessionIndex(m_database);
+        }
         for (const auto& [realm, count] : m_counts) {
             Query(m_statements.setCount, count, realm).step();
         }
@@ -323,6 +330,9 @@ class Replacing final : public Store::Replacement {
     SQLite::Database& m_database;
     Statements& m_statements;
     Transaction m_transaction;
+    std::string m_lastUser;
+    /// How many sessions came behind one of a greater user.
+    int m_disorder = 0;
     /// How many sessions each realm has got.
     std::map<std::int64_t, std::int64_t> m_counts;
 };
