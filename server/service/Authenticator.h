@@ -64,7 +64,7 @@ class Authenticator {
     void remember(const Digest& digest);
 
     const Limits m_limits;
-    /// Has its random key already, which takes as long as a digest: each begins with a copy of it.
+    /// HMAC-SHA-256 with a random key. Each digest begins with a copy, since setting the key takes as long again.
     const MacContextPtr m_mac = newMac();
     /// What the password given for an unknown name is compared with.
     std::string m_dummyHash;

@@ -11,9 +11,9 @@ enum class Lane {
     kAtOnce,            ///< whatever takes little, on the thread that has read the request
     kQuick,             ///< the same, where it did take longer or another machine is asked
     kLogin,             ///< a hash of a password
-    kListing,           ///< one that is not known to be long
+    kListing,           ///< a listing that is not known to be long
     kAnonymousListing,  ///< the same without a login: it does not keep those who are logged in waiting
-    kLongListing,       ///< may read or give all that there is
+    kLongListing,       ///< a listing that may read or give all that there is
     kAnonymousLongListing,
     kChange,  ///< all that changes something
     kDone,

@@ -722,10 +722,13 @@ class PostgresStore final : public Store {
                 if (!m_connection.isOpen()) {
                     reconnected = true;
                     connect(IfMissing::kFail);
-                    m_say(Event::kMadeAnew, "connected to the database at " + m_connection.place() + " again");
+                    if (std::exchange(m_isLost, false)) {
+                        m_say(Event::kMadeAnew, "connected to the database at " + m_connection.place() + " again");
+                    }
                 }
                 return action();
             } catch (const PostgresLost& lost) {
+                m_isLost = true;
                 const bool isLate = std::chrono::steady_clock::now() - start > kAnewWithin;
                 if (isLate) {
                     m_outage->begin(Outage::kAnything, lost.what());
@@ -842,6 +845,8 @@ class PostgresStore final : public Store {
     ChangeAges m_ages;
     std::string m_clusterId;
     bool m_inChange = false;
+    /// Whether the connection was lost, and not closed, since there was one last.
+    bool m_isLost = false;
 };
 
 }  // namespace
