@@ -25,7 +25,7 @@ PAUSE = float(os.environ.get("YEAR_SECONDS", 15)) / 12  # between two events
 class Year(Office, Case):
     def test_a_year(self):
         self.install()
-        self.open(["anna", "bert", "eve", "kurt"], 500 + int(120 * PAUSE), PAUSE)
+        self.open(["anna", "bert", "eve", "kurt"], 1000 + int(240 * PAUSE), PAUSE)
         self.start_work("anna", "bert")
         self.change_a_password()
         self.start_work("eve", "kurt")
