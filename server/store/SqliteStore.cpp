@@ -527,9 +527,18 @@ class SqliteStore final : public Store {
         transaction.commit();
     }
 
+    /// Read anew only when somebody has changed the file: a client asks again and again.
     std::optional<Administrator> administrator(std::string_view name) override {
-        Query query(m_statements.administrator, name);
-        return query.step() ? std::optional(administratorOf(query)) : std::nullopt;
+        if (version() != m_administratorVersion || m_administrator.name != name) {
+            const auto now = version();
+            Query query(m_statements.administrator, name);
+            if (!query.step()) {
+                return std::nullopt;
+            }
+            m_administrator = administratorOf(query);
+            m_administratorVersion = now;
+        }
+        return m_administrator;
     }
 
     std::vector<Administrator> administrators() override {
@@ -696,6 +705,8 @@ class SqliteStore final : public Store {
     std::function<bool()> m_impatient;
     ClusterState m_cluster;
     std::pair<std::int64_t, int> m_clusterVersion{-1, -1};
+    Administrator m_administrator;
+    std::pair<std::int64_t, int> m_administratorVersion{-1, -1};
 };
 
 std::unique_ptr<Store> connect(const std::shared_ptr<SqliteFiles>& files, std::string clusterId) {
