@@ -1,5 +1,4 @@
-/**
- * The admin client library of the session server: records, operations, release requests, trace callback.
+/** The admin client library of the session server: records, operations, release requests, trace callback.
  *
  * The utility is linked to the name libolmdsess-admin-client.so.1 and uses nothing else of the library than what this
  * header declares, so that another library with the same functions may stand in its place; all that such a library has

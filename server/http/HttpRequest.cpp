@@ -120,7 +120,7 @@ std::size_t HttpRequest::parse(std::string_view bytes) {
     boost::beast::error_code error;
     const std::size_t used = m_parser.put(boost::asio::buffer(bytes), error);
     m_isAtLastChunk = error == http::error::end_of_chunk;
-    // Beast complains of a length only when it is a number that is too large.
+    // HeadCheck lets only digits through, so a length that Beast complains of is a number that is too large.
     if (error == http::error::body_limit || error == http::error::bad_content_length) {
         m_refusal = 413;
     } else if (error && error != http::error::need_more && !m_isAtLastChunk) {

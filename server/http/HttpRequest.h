@@ -57,7 +57,7 @@ class HttpRequest {
     std::size_t takeLastChunk(std::string_view bytes);
     std::size_t parse(std::string_view bytes);
 
-    /// Has Beast stop at the last chunk: releases of Beast differ in what they do with trailers.
+    /// Refuses extensions of chunks, and stops Beast before the trailers, which its releases treat differently.
     struct ChunkCheck {
         void operator()(std::uint64_t size, boost::beast::string_view extension, boost::beast::error_code& error) const;
     };

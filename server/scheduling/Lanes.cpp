@@ -11,7 +11,7 @@ namespace {
 /// After a step on a loop's thread was too slow, none is tried there for so long: the loop has connections to serve.
 constexpr std::chrono::milliseconds kPauseAtOnce{200};
 
-/// A step may take longer than its time while the store does not answer at all.
+/// Before this a lane does not count as hanging: a store that does not answer holds a step beyond its time.
 constexpr std::chrono::milliseconds kHangsAtLeast{60'000};
 
 }  // namespace

@@ -48,7 +48,8 @@ class Lanes {
     /// To be called now and then: answers those who have waited too long for their turn, and tells the metrics how many
     /// wait.
     void tick();
-    /// False: a lane hangs. All its threads have been at work for a minute, and for twice as long as a step may take.
+    /// False: a lane hangs. All its threads are at work, and none has got on for a minute, or for twice the time that a
+    /// step of the lane may take where that is longer.
     bool turn();
 
   private:

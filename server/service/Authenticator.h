@@ -64,7 +64,8 @@ class Authenticator {
     void remember(const Digest& digest);
 
     const Limits m_limits;
-    /// HMAC-SHA-256 with a random key. Each digest begins with a copy, since setting the key takes as long again.
+    /// HMAC-SHA-256 that has its random key already. Each digest is made by a copy of it, since to set the key anew
+    /// would take as long as the digest itself.
     const MacContextPtr m_mac = newMac();
     /// What the password given for an unknown name is compared with.
     std::string m_dummyHash;

@@ -30,7 +30,8 @@ struct LaneRule {
     std::chrono::milliseconds longestWait;
     /// How long it may take. A listing earns more time with each byte that it gives: kListingPerByte.
     std::chrono::milliseconds longestWork;
-    /// Where a step that takes longer, or gives more than a piece, is begun anew; Lane::kDone: it is refused.
+    /// The lane that begins a step anew when its time here is up, or when a listing has more than one piece.
+    /// Lane::kDone: there is none, so a step whose time is up is refused.
     Lane longer = Lane::kDone;
 };
 
@@ -53,8 +54,8 @@ constexpr const LaneRule& ruleOf(Lane lane) {
     return kLanes[static_cast<std::size_t>(lane)];
 }
 
-/// The most connections that a server has use for where the store is a database: one for each thread of a lane, and
-/// one for the heartbeat.
+/// How many connections to a database a server can use at a time: one for each thread of a lane, and one for the
+/// heartbeat.
 constexpr std::size_t mostStoreConnections() {
     std::size_t most = 1;
     for (const LaneRule& rule : kLanes) {

@@ -13,7 +13,7 @@ namespace {
 
 constexpr char kForOtherCluster[] = "The change is meant for another cluster.";
 
-/// The lane in which a request is carried out, or begun at least.
+/// The lane in which a request is carried out first. A listing that is too long for it goes on to LaneRule::longer.
 Lane laneOf(const Call& call) {
     const Lane lane = call.request.method()->lane;
     if (lane != Lane::kListing) {
@@ -21,7 +21,7 @@ Lane laneOf(const Call& call) {
     }
     const Lane listing = call.caller.role ? Lane::kListing : Lane::kAnonymousListing;
     const std::string_view pattern = call.request.parameters().value;
-    // No index helps to find what may begin with anything. How many there are in all is known.
+    // What begins with a wildcard is compared with every session of the realm. `*` alone is not: it takes them all.
     const bool readsAll = pattern.find_first_of("*?") == 0 && pattern.find_first_not_of('*') != pattern.npos;
     return readsAll ? ruleOf(listing).longer : listing;
 }
@@ -152,7 +152,7 @@ void Service::checkPermission(const Call& call) const {
     }
 }
 
-/// Gives what takeStep() does.
+/// Gives the lane of the next step; Lane::kDone: the answer is there.
 Lane Service::read(Call& call, StorePool::Lease store, Lane lane) {
     MethodResult result = call.request.method()->run(call.request, *store);
     std::string begun = beginAnswer(call.request.id(), m_clusterId);

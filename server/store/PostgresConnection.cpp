@@ -25,7 +25,7 @@ constexpr std::chrono::seconds kRollBackAtMost{2};
 // take. The connection itself does not tell: a machine that stands still keeps its connections.
 constexpr std::chrono::seconds kDoubtAfter{2};
 constexpr char kDoubtAtMost[] = "2";
-// How often in a row that may come to nothing while a load runs, for which nobody waits: a minute.
+// A load asks so many times before it gives the database up, which takes a minute: nobody waits for its answer.
 constexpr int kSilencesOfLoad = 15;
 constexpr int kBetweenQuestions = 50;  // milliseconds
 

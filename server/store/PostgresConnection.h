@@ -151,7 +151,7 @@ class PostgresConnection {
     Clock::time_point m_end;
     /// When to ask the database on another connection whether it still answers, if this one stays silent.
     Clock::time_point m_nextDoubt;
-    /// How often in a row it did not.
+    /// How many of these questions in a row had no answer.
     int m_silences = 0;
     bool m_anyTime = false;
     bool m_isEnding = false;

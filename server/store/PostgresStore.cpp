@@ -845,7 +845,7 @@ class PostgresStore final : public Store {
     ChangeAges m_ages;
     std::string m_clusterId;
     bool m_inChange = false;
-    /// Whether the connection was lost, and not closed, since there was one last.
+    /// Whether the last connection broke. One that was closed on purpose did not.
     bool m_isLost = false;
 };
 

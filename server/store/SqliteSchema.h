@@ -12,7 +12,7 @@ namespace dsessd::embedded {
 
 inline constexpr int kSchemaVersion = 4;
 
-/// By which sessions are found by their users.
+/// Makes the index that finds the sessions of a user, and gives them in the order of users.
 void makeSessionIndex(SQLite::Database& database);
 /// Writes the schema's version into the file, unless it stands there already.
 void setVersion(SQLite::Database& database);

@@ -40,8 +40,8 @@ constexpr std::chrono::seconds kWaitForReaders{1};
 // The most sessions of a user that are removed at once when they end. Of more, so many are removed at a time, later.
 constexpr int kRemoveAtOnce = 250;
 
-// When so many users of a load have come in no order, they are sorted in the end. To put each into its place as it
-// comes takes three times as long.
+// When so many sessions of a load were not in the order of their users, the index of users is made after the load, all
+// at once. To put them into it one by one would take three times as long.
 constexpr int kSortFrom = 1'000;
 
 /// Room in memory for a change of as many sessions as there may be; without it, each would be read and written anew
@@ -84,7 +84,7 @@ std::string globOf(std::string_view pattern) {
 
 /// In the order of users, from user ?4 up to user ?5, who is not included.
 constexpr char kInOrder[] = " AND user >= ?4 AND user < ?5 ORDER BY user, time, id LIMIT ?3";
-/// For kFewSessions. The plus makes SQLite find them by their identifiers.
+/// For fewer than kFewSessions: the plus hides the order of users from SQLite, so that it finds them by identifiers.
 constexpr char kSorted[] = " ORDER BY +user, time, id LIMIT ?3";
 
 /// The text of a statement on those sessions of a realm that meet a condition and have not ended. ?1 is the realm.
@@ -331,7 +331,7 @@ class Replacing final : public Store::Replacement {
     Statements& m_statements;
     Transaction m_transaction;
     std::string m_lastUser;
-    /// How many sessions came behind one of a greater user.
+    /// How many sessions had a user that is less than the one before.
     int m_disorder = 0;
     /// How many sessions each realm has got.
     std::map<std::int64_t, std::int64_t> m_counts;
@@ -527,10 +527,9 @@ class SqliteStore final : public Store {
         transaction.commit();
     }
 
-    /// Read anew only when somebody has changed the file: a client asks again and again.
+    /// Read anew only when somebody has changed the file: each request of a client asks for its administrator.
     std::optional<Administrator> administrator(std::string_view name) override {
-        if (version() != m_administratorVersion || m_administrator.name != name) {
-            const auto now = version();
+        if (const auto now = version(); now != m_administratorVersion || m_administrator.name != name) {
             Query query(m_statements.administrator, name);
             if (!query.step()) {
                 return std::nullopt;

@@ -33,8 +33,8 @@ inline constexpr int kDefaultTraceLevel = 1;
 inline constexpr std::chrono::minutes kKeepChanges{70};
 /// How many old records of changes each change removes at most.
 inline constexpr int kForgetAtOnce = 100;
-/// Of fewer sessions that are listed by their identifiers all are found and sorted. To look for them in the order of
-/// users may mean to pass millions of others first.
+/// Where fewer sessions than this match an identifier, a listing finds all of them and sorts them by user. To read the
+/// realm in the order of users instead may mean passing millions that do not match.
 inline constexpr std::int32_t kFewSessions = 10'000;
 
 std::unique_ptr<Store> openSqliteStore(const std::string& path, Store::IfMissing ifMissing);

@@ -36,7 +36,7 @@ extern "C" char* strerror_r(int error, char* /*buffer*/, std::size_t /*size*/) n
 extern "C" int connect(int /*socket*/, const sockaddr* /*address*/, socklen_t /*length*/) {
     return g_isSyslogThere ? 0 : -1;
 }
-// What clang makes of syslog in a build with checked calls. NOLINTNEXTLINE(bugprone-reserved-identifier)
+// With _FORTIFY_SOURCE, clang calls this in place of syslog. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" void __vsyslog_chk(int priority, int /*flag*/, const char* format, std::va_list arguments) {
     EXPECT_STREQ(format, "%s");
     g_syslog += std::to_string(priority) + " " + va_arg(arguments, const char*) + "\n";
@@ -47,7 +47,7 @@ extern "C" void syslog(int priority, const char* format, ...) {
     __vsyslog_chk(priority, 0, format, arguments);
     va_end(arguments);
 }
-// And GCC. NOLINTNEXTLINE(bugprone-reserved-identifier)
+// And GCC calls this. NOLINTNEXTLINE(bugprone-reserved-identifier)
 extern "C" void __syslog_chk(int priority, int flag, const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);

@@ -17,7 +17,7 @@ from postgres import Postgres, new_database, with_postgres
 from test_nodes import soon
 
 COUNT = 4000
-IN_NO_ORDER = 2002  # half of them come behind a greater user
+IN_NO_ORDER = 2002  # sessions, every second with a user that is less than the one before
 USER = 'm\u0007"李'
 ROLES = [*ROOT, ("mary", "xxxxxx", "read")]
 

@@ -29,7 +29,7 @@ TEXTS = ["x", "東", "é", "e" + MARK, "b" * 20, "set ", "\u202e"]
 
 
 def plain(text):
-    """Without the blank in the last column that a wide character has no room in, and without those at the end."""
+    """Without blanks at the end, and before wide characters: one stands where such a character has no room."""
     return re.sub(r" *(\|?) *東", r"\1東", text).rstrip()
 
 
